@@ -1,0 +1,43 @@
+#include "app/failure.h"
+
+#include <atomic>
+
+#include "app/log.h"
+
+namespace tarnlift {
+namespace {
+
+std::atomic<FatalPresenter> gPresenter{nullptr};
+
+}  // namespace
+
+void setFatalPresenter(FatalPresenter presenter) { gPresenter = presenter; }
+
+void reportFailure(std::string& message, uint32_t code, bool fatal) {
+  if (code == 0) code = lastSystemError();
+  message += ": ";
+  message += systemErrorText(code);
+  message += " (";
+  message += std::to_string(code);
+  message += ")";
+  logLine() << message;
+  if (!fatal) return;
+  FatalPresenter presenter = gPresenter.load();
+  if (presenter != nullptr) {
+    presenter(message);
+  } else {
+    showFatalBox(message);
+  }
+  exitProcessNow(1);
+}
+
+void reportSocketFailure(std::string& message, bool fatal) {
+  reportFailure(message, lastSocketError(), fatal);
+}
+
+void fatalFailure(std::string message, uint32_t code) {
+  reportFailure(message, code, true);
+  exitProcessNow(1);  // not reached: reportFailure ends the process
+}
+
+}  // namespace tarnlift

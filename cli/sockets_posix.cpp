@@ -1,0 +1,7 @@
+#include "cli/command.h"
+
+namespace tarnlift::cli {
+
+void startSockets() {}
+
+}  // namespace tarnlift::cli
