@@ -171,9 +171,13 @@ class SettingsFileStore : public SettingsTreeStore {
   void load() {
     std::error_code error;
     if (!std::filesystem::exists(path_, error)) return;
-    std::ifstream in(path_, std::ios::binary);
     auto fresh = std::make_unique<SettingsNode>();
-    bool ok = static_cast<bool>(in) && parse(in, *fresh);
+    bool ok = false;
+    {
+      // Closed before it may be moved aside: Windows renames no open file.
+      std::ifstream in(path_, std::ios::binary);
+      ok = static_cast<bool>(in) && parse(in, *fresh);
+    }
     if (ok) {
       root_ = std::move(fresh);
       return;
