@@ -2,6 +2,7 @@
 // process, so that the window behaviour can be checked under Wine.
 //   guiprobe box TITLE TIMEOUT_MS    prints the text of a message box, presses OK
 //   guiprobe close TITLE TIMEOUT_MS  asks a top-level window to close
+//   guiprobe keyup|keydown TITLE ID  posts an Enter release/press to control ID
 #include <windows.h>
 
 #include <cstdio>
@@ -23,7 +24,7 @@ HWND waitForWindow(const char* className, const char* title, DWORD timeoutMs) {
 
 int main(int argc, char** argv) {
   if (argc != 4) {
-    std::fprintf(stderr, "usage: guiprobe box|close TITLE TIMEOUT_MS\n");
+    std::fprintf(stderr, "usage: guiprobe box|close|keyup|keydown TITLE TIMEOUT_MS|ID\n");
     return 2;
   }
   DWORD timeoutMs = static_cast<DWORD>(std::strtoul(argv[3], nullptr, 10));
@@ -47,6 +48,18 @@ int main(int argc, char** argv) {
       return 1;
     }
     PostMessageA(window, WM_CLOSE, 0, 0);
+    return 0;
+  }
+  if (std::strcmp(argv[1], "keyup") == 0 || std::strcmp(argv[1], "keydown") == 0) {
+    HWND window = waitForWindow(nullptr, argv[2], 10000);
+    HWND control = window != nullptr ? GetDlgItem(window, std::atoi(argv[3])) : nullptr;
+    if (control == nullptr) {
+      std::fprintf(stderr, "no control %s in '%s'\n", argv[3], argv[2]);
+      return 1;
+    }
+    UINT message = std::strcmp(argv[1], "keyup") == 0 ? WM_KEYUP : WM_KEYDOWN;
+    LPARAM flags = message == WM_KEYUP ? static_cast<LPARAM>(0xC0000001) : 1;
+    PostMessageA(control, message, VK_RETURN, flags);
     return 0;
   }
   return 2;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Starts tarnlift.exe under Wine, starts a second copy, and checks that the
 # second copy shows the "already running" box and exits with 0 while the first
-# keeps running; then closes the first and checks its exit code 0.
+# keeps running; checks the Enter-release re-post; then closes the first and
+# checks its exit code 0.
 set -u
 gui=$1
 probe=$2
@@ -39,6 +40,20 @@ box_text=$(tr -d '\r' < "$work/box.txt")
 [ "$second_rc" -eq 0 ] || fail "second copy exited with $second_rc"
 grep -q "^cmd: " "$work/second.log" && fail "second copy went on past the guard"
 kill -0 "$first_pid" 2>/dev/null || fail "the first copy did not survive the second"
+
+# Pressing Enter in a field does nothing extra; releasing it makes the
+# package directory final (the window re-reads the folder).
+finals() { grep -c "^package directory final" "$work/first.log"; }
+before=$(finals)
+wine "$probe" keydown Tarnlift 1003 || fail "cannot press Enter"
+sleep 1
+[ "$(finals)" -eq "$before" ] || fail "Enter press re-read the directory"
+wine "$probe" keyup Tarnlift 1003 || fail "cannot release Enter"
+for _ in $(seq 1 100); do
+  [ "$(finals)" -gt "$before" ] && break
+  sleep 0.1
+done
+[ "$(finals)" -eq $((before + 1)) ] || fail "Enter release did not re-read the directory once"
 
 wine "$probe" close Tarnlift 30000 || fail "cannot find the main window"
 timeout 60 tail --pid="$first_pid" -f /dev/null
