@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what building and testing Tarnlift needs on Debian 12 (run as
+# root). Safe to run again: it installs only what is missing.
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+mapfile -t wanted < <(sed -e 's/#.*//' -e '/^[[:space:]]*$/d' "$here/.ci/apt-packages")
+missing=()
+for package in "${wanted[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all ${#wanted[@]} packages present"
+  exit 0
+fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+if ! apt-get install -y --no-install-recommends "${missing[@]}"; then
+  apt-get update
+  apt-get install -y --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Builds every configuration and runs every test: native, with AddressSanitizer
+# and UndefinedBehaviorSanitizer, the Windows build under Wine (with Xvfb for
+# windows), and the fuzz targets for a bounded time. Network tests make
+# their own namespaces, so run it as root for full coverage.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+jobs=${JOBS:-$(nproc)}
+fuzz_seconds=${FUZZ_SECONDS:-15}
+status=0
+summary=()
+started=$(date +%s)
+
+step() {
+  local name=$1
+  shift
+  local begin
+  begin=$(date +%s)
+  echo "=== $name"
+  if "$@"; then
+    summary+=("ok      $name ($(($(date +%s) - begin)) s)")
+  else
+    summary+=("FAILED  $name ($(($(date +%s) - begin)) s)")
+    status=1
+  fi
+}
+
+build() { cmake --preset "$1" >/dev/null && cmake --build "build/$1" -j "$jobs"; }
+
+native_tests() { ctest --test-dir build/linux --output-on-failure -j "$jobs" --timeout 900; }
+
+# The sanitizer run covers the unit tests; the namespace end-to-end tests
+# already ran natively and would only be slower here.
+sanitizer_tests() { ctest --test-dir build/linux-asan --output-on-failure -j "$jobs" -LE slow --timeout 900; }
+
+windows_tests() {
+  export WINEPREFIX
+  WINEPREFIX=$(mktemp -d /tmp/tarnlift-wine.XXXXXX)
+  export WINEDEBUG=-all
+  wineboot -i >/dev/null 2>&1 || true
+  local result=0
+  xvfb-run -a ctest --test-dir build/windows --output-on-failure --timeout 900 || result=1
+  wineserver -k >/dev/null 2>&1 || true
+  rm -rf "$WINEPREFIX"
+  return $result
+}
+
+fuzz_all() {
+  local result=0
+  for runner in fuzz/*/run.sh; do
+    [ -f "$runner" ] || continue
+    bash "$runner" "$fuzz_seconds" || result=1
+  done
+  return $result
+}
+
+step "build linux" build linux
+step "tests linux" native_tests
+step "build linux-asan" build linux-asan
+step "tests linux-asan" sanitizer_tests
+step "build windows" build windows
+step "tests windows (Wine)" windows_tests
+step "fuzz (${fuzz_seconds} s per target)" fuzz_all
+
+echo
+echo "=== Summary ($(($(date +%s) - started)) s)"
+printf '%s\n' "${summary[@]}"
+exit $status
