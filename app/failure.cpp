@@ -31,9 +31,7 @@ void reportFailure(std::string& message, uint32_t code, bool fatal) {
   exitProcessNow(1);
 }
 
-void reportSocketFailure(std::string& message, bool fatal) {
-  reportFailure(message, lastSocketError(), fatal);
-}
+void reportSocketFailure(std::string& message, bool fatal) { reportFailure(message, lastSocketError(), fatal); }
 
 void fatalFailure(std::string message, uint32_t code) {
   reportFailure(message, code, true);

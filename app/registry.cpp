@@ -96,8 +96,8 @@ ValueType Registry::valueType(const std::string& name) {
 }
 
 void Registry::writeInt(const std::string& name, uint32_t value) {
-  uint8_t bytes[4] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
-                      static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
+  uint8_t bytes[4] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value >> 16),
+                      static_cast<uint8_t>(value >> 24)};
   uint32_t error = key_ != nullptr ? key_->set(name, ValueType::Integer, bytes, sizeof bytes) : 6;
   if (error != 0) fatalFailure("int RegSetValueEx", error);
 }
@@ -120,8 +120,7 @@ void Registry::writeMultiString(const std::string& name, const std::list<std::st
 }
 
 void Registry::writeBinary(const std::string& name, const void* data, size_t size) {
-  uint32_t error =
-      key_ != nullptr ? key_->set(name, ValueType::Binary, static_cast<const uint8_t*>(data), size) : 6;
+  uint32_t error = key_ != nullptr ? key_->set(name, ValueType::Binary, static_cast<const uint8_t*>(data), size) : 6;
   if (error != 0) fatalFailure("bin RegSetValueEx", error);
 }
 

@@ -29,8 +29,7 @@ class Registry {
 
   // Opens (creating if missing) path under the current user's root of store,
   // or of the default store when none is given.
-  void openRoot(const std::string& path, uint32_t access = kFullAccess,
-                std::shared_ptr<SettingsStore> store = nullptr);
+  void openRoot(const std::string& path, uint32_t access = kFullAccess, std::shared_ptr<SettingsStore> store = nullptr);
   // Opens (creating if missing) a sub-key of parent; access 0 takes the parent's.
   void openSubKey(Registry& parent, const std::string& name, uint32_t access = 0);
   void close();

@@ -86,7 +86,8 @@ void writeNode(std::ostringstream& out, const SettingsNode& node, const std::str
   for (const SettingsNode::Value& value : node.values) {
     out << quote(value.name) << '=';
     if (value.type == ValueType::Integer && value.data.size() == 4) {
-      uint32_t number = value.data[0] | value.data[1] << 8 | value.data[2] << 16 | static_cast<uint32_t>(value.data[3]) << 24;
+      uint32_t number =
+          value.data[0] | value.data[1] << 8 | value.data[2] << 16 | static_cast<uint32_t>(value.data[3]) << 24;
       char hex[16];
       std::snprintf(hex, sizeof hex, "dword:%08x", number);
       out << hex;

@@ -31,7 +31,8 @@ class RegistryKey : public SettingsKey {
     DWORD size = 0;
     if (RegQueryValueExA(handle_, name.c_str(), nullptr, &storedType, nullptr, &size) != ERROR_SUCCESS) return false;
     data.assign(size, 0);
-    if (RegQueryValueExA(handle_, name.c_str(), nullptr, &storedType, data.data(), &size) != ERROR_SUCCESS) return false;
+    if (RegQueryValueExA(handle_, name.c_str(), nullptr, &storedType, data.data(), &size) != ERROR_SUCCESS)
+      return false;
     data.resize(size);
     type = static_cast<ValueType>(storedType);
     return true;

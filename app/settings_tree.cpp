@@ -116,7 +116,8 @@ bool CaseInsensitiveLess::operator()(const std::string& a, const std::string& b)
 }
 
 bool equalsIgnoringCase(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
+  return a.size() == b.size() &&
+         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
 }
 
 SettingsNode::Value* SettingsNode::findValue(const std::string& valueName) {

@@ -2,9 +2,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <algorithm>
 #include <cstring>
 
 #include "app/failure.h"

@@ -7,9 +7,7 @@
 namespace tarnlift {
 
 struct Thread::Impl {
-  static DWORD WINAPI procedure(LPVOID argument) {
-    return static_cast<Thread*>(argument)->enterBody();
-  }
+  static DWORD WINAPI procedure(LPVOID argument) { return static_cast<Thread*>(argument)->enterBody(); }
   HANDLE handle = nullptr;
 };
 

@@ -1,8 +1,8 @@
 // The Windows program's entry point: version line, single-instance guard,
 // Winsock, the main window and the message loop.
-#include <winsock2.h>
-#include <windows.h>
 #include <commctrl.h>
+#include <windows.h>
+#include <winsock2.h>
 
 #include <string>
 

@@ -24,7 +24,8 @@ void printHelp(std::ostream& out) {
       << "usage: tarnlift COMMAND [ARGUMENTS]\n\n"
       << "commands:\n";
   std::vector<CliCommand> sorted = commandTable();
-  std::sort(sorted.begin(), sorted.end(), [](const CliCommand& a, const CliCommand& b) { return std::string(a.name) < b.name; });
+  std::sort(sorted.begin(), sorted.end(),
+            [](const CliCommand& a, const CliCommand& b) { return std::string(a.name) < b.name; });
   for (const CliCommand& command : sorted) {
     out << "  " << command.name;
     if (command.usage[0] != 0) out << ' ' << command.usage;

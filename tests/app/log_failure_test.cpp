@@ -15,7 +15,8 @@ using testing::CapturedLog;
 TEST(LogLine, WritesOneFlushedLineWithStreamBooleans) {
   CapturedLog log;
   logLine() << "cd: " << true;
-  logLine() << "start thread: " << 42u << " name=" << "x";
+  logLine() << "start thread: " << 42u << " name="
+            << "x";
   EXPECT_EQ(log.text(), "cd: 1\nstart thread: 42 name=x\n");
 }
 

@@ -15,9 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string uniqueSuffix() {
-  return std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
-}
+std::string uniqueSuffix() { return std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()); }
 
 fs::path freshDirectory() {
   fs::path dir = fs::temp_directory_path() / ("tarnlift-registry-" + uniqueSuffix());
@@ -190,9 +188,12 @@ INSTANTIATE_TEST_SUITE_P(Stores, RegistryContract,
                          ::testing::Values(StoreKind::Memory, StoreKind::File, StoreKind::Platform),
                          [](const ::testing::TestParamInfo<StoreKind>& param) {
                            switch (param.param) {
-                             case StoreKind::Memory: return std::string("Memory");
-                             case StoreKind::File: return std::string("File");
-                             default: return std::string("Platform");
+                             case StoreKind::Memory:
+                               return std::string("Memory");
+                             case StoreKind::File:
+                               return std::string("File");
+                             default:
+                               return std::string("Platform");
                            }
                          });
 

@@ -37,7 +37,8 @@ TEST(StartupCommandLine, LogsTheThreeLines) {
 }
 
 TEST(SingleInstance, SecondAcquireOfTheSameNameFindsItRunning) {
-  const std::string name = "TarnliftTestGuard" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "x";
+  const std::string name =
+      "TarnliftTestGuard" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "x";
   EXPECT_EQ(acquireSingleInstance(name), InstanceGuard::Acquired);
   EXPECT_EQ(acquireSingleInstance(name), InstanceGuard::AlreadyRunning);
   EXPECT_EQ(acquireSingleInstance(name + "other"), InstanceGuard::Acquired);
