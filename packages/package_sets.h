@@ -1,0 +1,108 @@
+// Named package sets: a saved choice of a package folder and package files,
+// given to router after router. Kept in memory as a map from set name to
+// strings (the folder first, then the file names in selection order) and
+// persisted under the settings key, sub-key "Package Sets", one multi-string
+// value per set. The set "Previous Install" holds the last installed choice.
+//
+// The combo box, the "Save set" dialog and message boxes sit behind
+// PackageSetPrompts, so that the Win32 window and tests drive the same code.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarnlift {
+class Registry;
+}
+
+namespace tarnlift::packages {
+
+class PackageCatalogue;
+
+inline constexpr const char* kPackageSetsKey = "Package Sets";
+inline constexpr const char* kPreviousInstallSet = "Previous Install";
+inline constexpr const char* kDefaultSetName = "Router x";
+inline constexpr const char* kEmptySetMessage = "Cannot create empty package set";
+inline constexpr const char* kDuplicateSetMessage = "Package set with this name already exists";
+
+// What a router (or local drive) carries: the set it came from (empty for
+// none), its package folder and its chosen files in selection order.
+struct PackageChoice {
+  std::string setName;
+  std::string folder;
+  std::vector<std::string> files;
+};
+
+// The user's side of saving a set.
+class PackageSetPrompts {
+ public:
+  virtual ~PackageSetPrompts() = default;
+  // A message box titled "Error".
+  virtual void showError(const std::string& text) = 0;
+  // The "Save set" dialog ("Save package set as:"), its edit box starting
+  // with name. True with the typed name on OK; false on Cancel or close.
+  virtual bool askSetName(std::string& name) = 0;
+};
+
+class PackageSets {
+ public:
+  using SetMap = std::map<std::string, std::vector<std::string>>;
+
+  // Reads every multi-string value of "Package Sets" under settingsKey (the
+  // opened settings key); values of other types, and values that read back
+  // empty, are skipped. Replaces the map.
+  void loadSets(Registry& settingsKey);
+  // Writes every set of the map as a multi-string value.
+  void saveSets(Registry& settingsKey);
+
+  // The user picked setName in the combo box. A known set moves the choice
+  // to the set's folder and files and names the set; an unknown name only
+  // moves the folder to the process's current directory. Returns whether the
+  // set was known (the front end then shows the choice with applySelection).
+  bool chooseSet(PackageChoice& choice, const std::string& setName);
+
+  // The "Save set" button: refuses an empty selection, asks for a name until
+  // it is new (an empty name asks again), stores folder + files under it and
+  // makes it the current set. Returns whether a set was saved.
+  bool saveSet(PackageChoice& choice, PackageSetPrompts& prompts);
+
+  // The "Delete set" button: removes the current set (if any) from the map
+  // and from "Package Sets" under settingsKey (nullptr: memory only).
+  // Returns whether a set was deleted.
+  bool deleteSet(Registry* settingsKey);
+
+  // One package of the choice changed by hand: adds (if missing) or removes
+  // the row's file; the choice no longer comes from a set.
+  void editSelection(PackageChoice& choice, const PackageCatalogue& catalogue, size_t index, bool add);
+
+  // "Select all": toggles every row in state 2 in row order. "Select none":
+  // every row in state 1. Nothing without a router (choice == nullptr).
+  // Return the number of selected packages, for "Selected %d package(s)".
+  static size_t selectAll(PackageCatalogue& catalogue, PackageChoice* choice);
+  static size_t selectNone(PackageCatalogue& catalogue, PackageChoice* choice);
+
+  // Remembers the choice of an installation as "Previous Install".
+  void rememberPreviousInstall(const PackageChoice& choice);
+  // Gives a newly found router or drive the last installed choice.
+  bool applyPreviousInstall(PackageChoice& choice) { return chooseSet(choice, kPreviousInstallSet); }
+
+  // The combo box: set names in sorted order, and the current one (empty for
+  // none). "Save set" is enabled when no set is current, "Delete set" when
+  // one is.
+  std::vector<std::string> names() const;
+  const std::string& currentSet() const { return current_; }
+  void setCurrentSet(const std::string& name) { current_ = name; }
+  bool saveEnabled() const { return current_.empty(); }
+  bool deleteEnabled() const { return !current_.empty(); }
+
+  const SetMap& sets() const { return sets_; }
+  bool contains(const std::string& name) const { return sets_.count(name) != 0; }
+
+ private:
+  SetMap sets_;
+  std::string current_;
+};
+
+}  // namespace tarnlift::packages
