@@ -1,0 +1,74 @@
+// A UDP socket of the boot services, usable by any subsystem: creation,
+// options, binding on the served interface, send, receive and waiting.
+// Calls report failure by their result; the caller decides whether that is
+// fatal (it usually is: reportSocketFailure(message, true)).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace tarnlift::netboot {
+
+// The limited broadcast address, network order.
+inline constexpr uint32_t kBroadcastAddress = 0xFFFFFFFFu;
+
+// Starts the platform's socket library once per process (Winsock); nothing
+// to do on Linux. Front ends start it themselves; tests call this.
+void startSocketLibrary();
+
+class UdpSocket {
+ public:
+  UdpSocket() = default;
+  ~UdpSocket() { close(); }
+  UdpSocket(const UdpSocket&) = delete;
+  UdpSocket& operator=(const UdpSocket&) = delete;
+  UdpSocket(UdpSocket&& other) noexcept : handle_(other.handle_) { other.handle_ = kNoHandle; }
+  UdpSocket& operator=(UdpSocket&& other) noexcept;
+
+  bool open();
+  bool isOpen() const { return handle_ != kNoHandle; }
+  void close();
+
+  bool setReuseAddress();
+  bool setBroadcast();
+  // Windows reports an ICMP port-unreachable as an error of the next
+  // receive; this switches that off (result ignored). Nothing to do on Linux.
+  void ignoreConnectionResets();
+  bool setNonBlocking();
+
+  // Plain bind to (address, port); address 0 is any, port 0 lets the system pick.
+  bool bind(uint32_t address, uint16_t port);
+  // Binds so that the socket hears datagrams arriving on the interface that
+  // holds address, broadcasts to 255.255.255.255 included, and sends its
+  // broadcasts out of that interface. Linux ties the socket to device (by
+  // SO_BINDTODEVICE, which needs root or CAP_NET_RAW) and binds the wildcard
+  // address; where that is not permitted or device is empty it logs and
+  // falls back to bind(address, port). Windows binds (address, port), which
+  // hears that interface's broadcasts already.
+  bool bindOnInterface(uint32_t address, uint16_t port, const std::string& device);
+  // bindOnInterface with the served interface of interfaces.h.
+  bool bindOnServedInterface(uint16_t port);
+
+  // Bytes sent, or -1.
+  int sendTo(const void* data, size_t size, uint32_t address, uint16_t port);
+  // Bytes received, or -1 (wouldBlock() tells a non-blocking socket's "nothing now").
+  int receiveFrom(void* buffer, size_t size, uint32_t* address = nullptr, uint16_t* port = nullptr);
+  static bool wouldBlock();
+
+  // Network-order address and host-order port the socket is bound to.
+  uint16_t localPort() const;
+
+  // Waits up to milliseconds until one of the sockets is readable. Returns -1
+  // on error, 0 on time-out, else the number readable; readable[i] tells which.
+  static int waitReadable(UdpSocket* const* sockets, size_t count, uint32_t milliseconds, bool* readable);
+  bool waitReadable(uint32_t milliseconds);
+
+  intptr_t nativeHandle() const { return handle_; }
+
+ private:
+  static constexpr intptr_t kNoHandle = -1;
+  intptr_t handle_ = kNoHandle;
+};
+
+}  // namespace tarnlift::netboot

@@ -1,0 +1,148 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "app/log.h"
+#include "netboot/interfaces.h"
+#include "netboot/udp_socket.h"
+
+namespace tarnlift::netboot {
+
+void startSocketLibrary() {}
+
+UdpSocket& UdpSocket::operator=(UdpSocket&& other) noexcept {
+  if (this != &other) {
+    close();
+    handle_ = other.handle_;
+    other.handle_ = kNoHandle;
+  }
+  return *this;
+}
+
+bool UdpSocket::open() {
+  close();
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  handle_ = fd;
+  return true;
+}
+
+void UdpSocket::close() {
+  if (handle_ != kNoHandle) {
+    ::close(static_cast<int>(handle_));
+    handle_ = kNoHandle;
+  }
+}
+
+bool UdpSocket::setReuseAddress() {
+  int on = 1;
+  return setsockopt(static_cast<int>(handle_), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0;
+}
+
+bool UdpSocket::setBroadcast() {
+  int on = 1;
+  return setsockopt(static_cast<int>(handle_), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == 0;
+}
+
+void UdpSocket::ignoreConnectionResets() {}
+
+bool UdpSocket::setNonBlocking() {
+  int fd = static_cast<int>(handle_);
+  int flags = fcntl(fd, F_GETFL, 0);
+  return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+}
+
+bool UdpSocket::bind(uint32_t address, uint16_t port) {
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = address;
+  local.sin_port = htons(port);
+  return ::bind(static_cast<int>(handle_), reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+}
+
+bool UdpSocket::bindOnInterface(uint32_t address, uint16_t port, const std::string& device) {
+  // A socket bound to a unicast address never sees datagrams sent to
+  // 255.255.255.255 on Linux, so the socket is tied to the device instead
+  // and takes every address arriving there.
+  if (!device.empty()) {
+    if (setsockopt(static_cast<int>(handle_), SOL_SOCKET, SO_BINDTODEVICE, device.c_str(),
+                   static_cast<socklen_t>(device.size())) == 0) {
+      return bind(0, port);
+    }
+    logLine() << "bind to device " << device << " failed (errno " << errno << "), binding " << formatIpv4(address)
+              << " only: broadcasts will not be heard";
+  }
+  return bind(address, port);
+}
+
+bool UdpSocket::bindOnServedInterface(uint16_t port) {
+  ServedInterface served = servedInterface();
+  return bindOnInterface(served.address, port, served.name);
+}
+
+int UdpSocket::sendTo(const void* data, size_t size, uint32_t address, uint16_t port) {
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_addr.s_addr = address;
+  peer.sin_port = htons(port);
+  ssize_t sent =
+      ::sendto(static_cast<int>(handle_), data, size, MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&peer), sizeof peer);
+  return sent < 0 ? -1 : static_cast<int>(sent);
+}
+
+int UdpSocket::receiveFrom(void* buffer, size_t size, uint32_t* address, uint16_t* port) {
+  sockaddr_in peer{};
+  socklen_t length = sizeof peer;
+  ssize_t received;
+  do {
+    received = ::recvfrom(static_cast<int>(handle_), buffer, size, 0, reinterpret_cast<sockaddr*>(&peer), &length);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0) return -1;
+  if (address != nullptr) *address = peer.sin_addr.s_addr;
+  if (port != nullptr) *port = ntohs(peer.sin_port);
+  return static_cast<int>(received);
+}
+
+bool UdpSocket::wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
+
+uint16_t UdpSocket::localPort() const {
+  sockaddr_in local{};
+  socklen_t length = sizeof local;
+  if (getsockname(static_cast<int>(handle_), reinterpret_cast<sockaddr*>(&local), &length) != 0) return 0;
+  return ntohs(local.sin_port);
+}
+
+int UdpSocket::waitReadable(UdpSocket* const* sockets, size_t count, uint32_t milliseconds, bool* readable) {
+  std::vector<pollfd> fds(count);
+  for (size_t i = 0; i < count; ++i) {
+    fds[i].fd = static_cast<int>(sockets[i]->handle_);
+    fds[i].events = POLLIN;
+    readable[i] = false;
+  }
+  int result;
+  do {
+    result = poll(fds.data(), fds.size(), static_cast<int>(milliseconds));
+  } while (result < 0 && errno == EINTR);
+  if (result <= 0) return result;
+  int ready = 0;
+  for (size_t i = 0; i < count; ++i) {
+    readable[i] = (fds[i].revents & (POLLIN | POLLERR)) != 0;
+    if (readable[i]) ++ready;
+  }
+  return ready;
+}
+
+bool UdpSocket::waitReadable(uint32_t milliseconds) {
+  UdpSocket* self = this;
+  bool readable = false;
+  return waitReadable(&self, 1, milliseconds, &readable) > 0;
+}
+
+}  // namespace tarnlift::netboot
