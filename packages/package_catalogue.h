@@ -35,7 +35,7 @@ namespace tarnlift::packages {
 
 // Check-box states of a row.
 enum RowState : int {
-  kRowNoBox = 0,          // no router is selected
+  kRowNoBox = 0,  // no router is selected
   kRowChecked = 1,
   kRowUnchecked = 2,
   kRowMissing = 3,        // missing dependencies: cannot be ticked
@@ -164,7 +164,6 @@ class PackageCatalogue {
  private:
   uint32_t internName(const std::string& name);
   void addConstraint(size_t index, const PackageDependency& entry);
-  bool isCandidate(const PackageDependency& d, size_t c) const;
   bool isExcluded(size_t r, size_t c) const;
   std::vector<size_t> candidates(const PackageDependency& d) const;
   void visit(size_t index, std::vector<std::string>& order);
