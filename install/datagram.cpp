@@ -1,0 +1,70 @@
+#include "install/datagram.h"
+
+#include <cstdio>
+
+namespace tarnlift {
+
+bool isZeroMac(const uint8_t* mac) {
+  static const uint8_t zero[6] = {0, 0, 0, 0, 0, 0};
+  return std::memcmp(mac, zero, 6) == 0;
+}
+
+std::string macText(const uint8_t* mac) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+  return text;
+}
+
+namespace {
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+}  // namespace
+
+bool parseMac(const std::string& text, MacAddress& mac) {
+  if (text.size() != 17) return false;
+  for (size_t i = 0; i < 6; ++i) {
+    int high = hexValue(text[i * 3]);
+    int low = hexValue(text[i * 3 + 1]);
+    if (high < 0 || low < 0) return false;
+    if (i < 5 && text[i * 3 + 2] != ':' && text[i * 3 + 2] != '-') return false;
+    mac[i] = static_cast<uint8_t>(high * 16 + low);
+  }
+  return true;
+}
+
+std::string dottedAddress(uint32_t networkOrder) {
+  const uint8_t* b = reinterpret_cast<const uint8_t*>(&networkOrder);
+  char text[20];
+  std::snprintf(text, sizeof text, "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
+  return text;
+}
+
+uint32_t parseDottedAddress(const std::string& text) {
+  uint8_t bytes[4];
+  size_t position = 0;
+  for (int part = 0; part < 4; ++part) {
+    if (position >= text.size() || text[position] < '0' || text[position] > '9') return 0xFFFFFFFFu;
+    uint32_t value = 0;
+    size_t digits = 0;
+    while (position < text.size() && text[position] >= '0' && text[position] <= '9') {
+      value = value * 10 + static_cast<uint32_t>(text[position] - '0');
+      if (++digits > 3 || value > 255) return 0xFFFFFFFFu;
+      ++position;
+    }
+    bytes[part] = static_cast<uint8_t>(value);
+    if (part < 3) {
+      if (position >= text.size() || text[position] != '.') return 0xFFFFFFFFu;
+      ++position;
+    }
+  }
+  if (position != text.size()) return 0xFFFFFFFFu;
+  uint32_t result;
+  std::memcpy(&result, bytes, 4);
+  return result;
+}
+
+}  // namespace tarnlift

@@ -1,0 +1,100 @@
+// The Install command: turns the selected router row, the chosen packages
+// and the option controls into an install request, checks it, remembers the
+// choices for the next router and starts the session. The questions and
+// message boxes go through InstallPrompter: the window shows them, the
+// headless front end answers from its options and prints the texts.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "install/router_record.h"
+#include "packages/package_catalogue.h"
+#include "packages/package_sets.h"
+
+namespace tarnlift {
+
+class Registry;
+
+inline constexpr const char* kAddressQuestion =
+    "No address will be set unless both address and netmask is specified. Proceed?";
+inline constexpr const char* kGatewayQuestion = "No gateway will be set if address is invalid. Proceed?";
+inline constexpr const char* kNoPackagesText = "No packages selected";
+inline constexpr const char* kNoSpaceText = "Not enough space on device";
+inline constexpr const char* kNoScriptText = "Could not read configuration script";
+
+class InstallPrompter {
+ public:
+  virtual ~InstallPrompter() = default;
+  // A message box with only an OK button. errorIcon: the error icon
+  // (otherwise the warning icon).
+  virtual void showMessage(const std::string& text, const std::string& title, bool errorIcon) = 0;
+  // A Yes/No question titled "Warning"; true for Yes.
+  virtual bool askYesNo(const std::string& text) = 0;
+};
+
+// The option controls as the front end reads them.
+struct InstallOptions {
+  bool keepConfig = false;
+  std::string addressText;
+  std::string netmaskBitsText;
+  std::string gatewayText;
+  bool defaultConfig = false;
+  bool keepBranding = true;
+  bool scriptEnabled = false;
+  std::string scriptPath;
+  bool modeScriptEnabled = false;
+  std::string modeScriptPath;
+  std::string baudText;  // "don't set" or empty: 0
+};
+
+// The address controls' rule: dotted IPv4; anything unparsable gives 0.
+uint32_t addressFromText(const std::string& text);
+// The netmask-bits rule: decimal, above 32 gives 32, unparsable 0.
+uint32_t netmaskBitsFromText(const std::string& text);
+// The baud list: the selected text read as an unsigned decimal, 0 for "don't set".
+uint32_t baudFromText(const std::string& text);
+
+// The choices of the last Install command, applied to every router found
+// afterwards, and persisted as the "Previous ..." settings.
+struct RememberedChoices {
+  bool keepConfig = false;
+  uint32_t address = 0;
+  uint32_t netmaskBits = 0;
+  uint32_t gateway = 0;
+  uint32_t baudRate = 0;
+  bool defaultConfig = false;
+  bool scriptEnabled = false;
+  std::string scriptPath;
+  bool modeScriptEnabled = false;
+  std::string modeScriptPath;
+
+  void load(Registry& settings);
+  void save(Registry& settings) const;
+  // A newly discovered router starts from these. Apply default config is the
+  // remembered choice, or on for a router whose branding is protected.
+  void applyTo(RouterRecord& record) const;
+};
+
+enum class InstallOutcome {
+  NoSelection,  // nothing selected: nothing happens
+  Refused,      // a message was shown (or a question answered No)
+  Started,      // the request went to startSession
+};
+
+struct InstallContext {
+  packages::PackageCatalogue& catalogue;
+  packages::PackageChoice& choice;  // the row's set name, folder and files
+  packages::PackageSets& sets;
+  RememberedChoices& remembered;
+  InstallPrompter& prompter;
+  // Starts the session (network) or the local installation (drive).
+  std::function<void(const RouterRecord& request)> startSession;
+};
+
+// Runs the Install command for record (the selected row, or null). The
+// record is filled with the options, the order of files and the total size.
+InstallOutcome runInstallCommand(RouterRecord* record, const InstallOptions& options, InstallContext& context);
+
+}  // namespace tarnlift

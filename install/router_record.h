@@ -1,0 +1,66 @@
+// One row of the "Routers/Drives" list and, once filled with the install
+// options, one install request. Records are copied whole between holders.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "install/datagram.h"
+
+namespace tarnlift {
+
+enum RouterStatus : uint32_t {
+  kStatusNone = 0,
+  kStatusReady = 1,
+  kStatusDone = 2,
+  kStatusFailed = 3,
+  kStatusInstalling = 4,
+  kStatusWaitingReboot = 5,
+};
+
+enum RecordKind : uint8_t { kKindDrive = 0, kKindRouter = 1 };
+
+struct RouterRecord {
+  uint8_t kind = kKindRouter;
+  uint32_t architecture = 0;
+  std::string label;
+  MacAddress mac{};
+  uint32_t minVersion = 0;
+  uint32_t version = 0;
+  bool keepConfig = false;
+  uint32_t address = 0;  // network order, 0 none
+  uint32_t netmaskBits = 0;
+  uint32_t gateway = 0;
+  bool keepBranding = true;
+  bool hasBranding = false;
+  bool unprotected = true;
+  uint32_t storageSize = 0;
+  bool spaceWarned = false;
+  uint32_t driveType = 0;
+  uint32_t baudRate = 0;
+  bool defaultConfig = false;
+  bool scriptEnabled = false;
+  std::string scriptPath;
+  bool modeScriptEnabled = false;
+  std::string modeScriptPath;
+  std::string setName;
+  std::string packageDir;
+  std::vector<std::string> files;
+  int64_t lastSeen = 0;  // µs of the monotonic clock
+  uint32_t status = kStatusReady;
+  uint32_t totalSize = 0;
+  uint32_t progress = 0;
+  std::string statusText;
+};
+
+// Architecture code for the announced text (exact match); 0 when unknown.
+uint32_t architectureFromText(const std::string& text);
+// The announced text for a code ("" outside 1..9).
+const char* architectureText(uint32_t code);
+// The "Architecture" column text: blank for i386 on purpose.
+const char* architectureColumnText(uint32_t code);
+// The row text of a status value ("" for 0 and unknown values).
+const char* statusRowText(uint32_t status);
+
+}  // namespace tarnlift

@@ -1,0 +1,408 @@
+#include "install/session.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "app/failure.h"
+#include "app/log.h"
+#include "install/autorun_script.h"
+
+namespace tarnlift {
+
+// ---- PackageSender ----------------------------------------------------------
+
+PackageSender::PackageSender(const std::string& path, const std::string& remoteName, DatagramTransport& transport,
+                             InstallConnection& connection, uint8_t* datagram)
+    : transport_(transport), connection_(connection), datagram_(datagram) {
+  file_ = std::fopen(path.c_str(), "rb");
+  if (file_ == nullptr) fatalFailure("_open() package failed");
+  size_t slash = remoteName.find_last_of('\\');
+  remoteName_ = slash == std::string::npos ? remoteName : remoteName.substr(slash + 1);
+  std::fseek(file_, 0, SEEK_END);
+  length_ = static_cast<int32_t>(std::ftell(file_));
+  std::fseek(file_, 0, SEEK_SET);
+  bytesRead_ = 0;
+  int written = std::snprintf(reinterpret_cast<char*>(datagram_ + kHeaderSize), kMaxPayload, "FILE\n%s\n%d\n",
+                              remoteName_.c_str(), static_cast<int>(length_));
+  size_t payload = std::min(static_cast<size_t>(std::max(written, 0)), kMaxPayload - 1);
+  connection_.buildHeader(datagram_, static_cast<uint16_t>(payload));
+  transport_.send(datagram_, kHeaderSize + payload);
+  logLine() << "sending " << remoteName_ << ", size: " << length_;
+}
+
+PackageSender::~PackageSender() {
+  if (file_ != nullptr) std::fclose(file_);
+}
+
+size_t PackageSender::sendNextChunk() {
+  size_t count = 0;
+  if (bytesRead_ < length_) {
+    count = std::fread(datagram_ + kHeaderSize, 1, kChunkSize, file_);
+    if (count == 0 && std::ferror(file_)) fatalFailure("_read() package failed");
+    bytesRead_ += static_cast<int32_t>(count);
+  }
+  connection_.buildHeader(datagram_, static_cast<uint16_t>(count));
+  transport_.send(datagram_, kHeaderSize + count);
+  return count;
+}
+
+// ---- Installator ------------------------------------------------------------
+
+namespace {
+bool endsWith(const std::string& text, const char* tail) {
+  size_t n = std::strlen(tail);
+  return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
+}
+
+// A path is taken as given when it names a drive ("C:...") or starts at a
+// root; anything else is relative to the package folder.
+bool isAbsolutePath(const std::string& path) {
+  return (path.size() > 1 && path[1] == ':') || (!path.empty() && (path[0] == '/' || path[0] == '\\'));
+}
+
+std::string lastComponent(const std::string& path) {
+  size_t slash = path.find_last_of("\\/");
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string joinPackagePath(const std::string& folder, const std::string& name) {
+  if (folder.empty()) return name;
+  char last = folder.back();
+  if (last == '/' || last == '\\') return folder + name;
+  char separator = folder.find('\\') != std::string::npos && folder.find('/') == std::string::npos ? '\\' : '/';
+#ifdef _WIN32
+  separator = '\\';
+#endif
+  return folder + separator + name;
+}
+}  // namespace
+
+Installator::Installator(const RouterRecord& request, bool install, DatagramTransport& transport, const Clock& clock,
+                         const AutorunScriptMaker& makeScript)
+    : request_(request), transport_(transport), clock_(clock) {
+  connection_.reset();
+  std::memset(datagram_, 0, sizeof datagram_);
+  connection_.localMac = transport_.localMac();
+  connection_.peerMac = request_.mac;
+  if (!install) {
+    state_ = InstallState::Finished;
+    request_.status = kStatusDone;
+    return;
+  }
+  state_ = InstallState::AwaitAccept;
+  if (request_.modeScriptEnabled && !request_.modeScriptPath.empty()) {
+    logLine() << "mode script: " << request_.modeScriptPath;
+    request_.files.push_back(request_.modeScriptPath);
+  }
+  logLine() << "script: " << request_.scriptPath;
+  std::string failure;
+  std::string path = makeScript ? makeScript(request_, failure) : makeAutorunScript(request_, failure);
+  if (!failure.empty()) {
+    fail(failure);
+    return;
+  }
+  if (!path.empty()) {
+    autorunPath_ = path;
+    request_.files.push_back(path);
+  }
+  request_.status = kStatusInstalling;
+  request_.progress = 0;
+  request_.statusText = "Sending offer...";
+  std::string offer = "OFFR\n";
+  if (request_.keepConfig) offer += "keep\n";
+  if (request_.hasBranding && !request_.keepBranding) offer += "removeBranding\n";
+  timeout_ = kOfferTimeoutUs;
+  sendText(offer);
+  deadline_ = clock_.nowMicros() + timeout_;
+}
+
+Installator::~Installator() {
+  sender_.reset();
+  if (!autorunPath_.empty()) std::remove(autorunPath_.c_str());
+  logLine() << "~Installator()";
+}
+
+void Installator::sendPayload(size_t payloadLength) {
+  connection_.buildHeader(datagram_, static_cast<uint16_t>(payloadLength));
+  transport_.send(datagram_, kHeaderSize + payloadLength);
+}
+
+void Installator::sendText(const std::string& payload) {
+  size_t length = std::min(payload.size(), kMaxPayload);
+  std::memcpy(datagram_ + kHeaderSize, payload.data(), length);
+  sendPayload(length);
+}
+
+void Installator::onDatagram(const uint8_t* datagram, size_t length) {
+  int result = connection_.accept(datagram, length);
+  if (result < 0) {
+    logLine() << "bad packet received: ";
+    if (length < kHeaderSize) return;
+    uint16_t payload = payloadLengthOf(datagram);
+    logLine() << "Src: " << macText(sourceMacOf(datagram)) << "\tDst: " << macText(destinationMacOf(datagram));
+    logLine() << "Payload: " << payload;
+    logLine() << "SeqNum: " << sequenceOf(datagram) << "\tAckNum: " << acknowledgementOf(datagram);
+    if (payload != 0 && length == kHeaderSize + payload) {
+      logLine() << "Data: " << std::string(reinterpret_cast<const char*>(datagram + kHeaderSize), payload);
+    }
+    return;
+  }
+  if (result == 0) {
+    // The router repeats itself when our answer got lost: send it again.
+    if (acknowledgementOf(datagram) < connection_.seq) {
+      transport_.send(datagram_, kHeaderSize + payloadLengthOf(datagram_));
+    }
+  } else {
+    const uint8_t* payload = datagram + kHeaderSize;
+    size_t payloadLength = length - kHeaderSize;
+    switch (state_) {
+      case InstallState::AwaitAccept:
+        if (payloadHasTag(payload, payloadLength, "YACK")) {
+          state_ = InstallState::AwaitStart;
+          request_.statusText = "Formatting harddrive...";
+          timeout_ = kFormatTimeoutUs;
+          sendPayload(0);
+          logLine() << "prepare ok";
+        } else if (payloadHasTag(payload, payloadLength, "NACK")) {
+          fail("router refused installation");
+        } else {
+          fail("bad router response");
+        }
+        break;
+      case InstallState::AwaitStart:
+        if (payloadHasTag(payload, payloadLength, "STRT")) {
+          logLine() << "format ok";
+          state_ = InstallState::Transfer;
+          timeout_ = kTransferTimeoutUs;
+          sendPayload(0);
+        } else {
+          fail("bad router response");
+        }
+        break;
+      case InstallState::Transfer:
+        if (payloadHasTag(payload, payloadLength, "RETR")) {
+          handleTransfer();
+        } else {
+          sender_.reset();
+          fail("bad router response");
+        }
+        break;
+      case InstallState::AwaitTerminate:
+        if (payloadHasTag(payload, payloadLength, "WTRM")) {
+          timeout_ = kAfterTerminateUs;
+        } else {
+          fail("bad router response");
+        }
+        break;
+      case InstallState::Finished:
+        logLine() << "finished";
+        break;
+    }
+  }
+  deadline_ = timeout_ != 0 ? clock_.nowMicros() + timeout_ : 0;
+}
+
+void Installator::handleTransfer() {
+  if (sender_) {
+    size_t count = sender_->sendNextChunk();
+    if (count > 0) {
+      request_.progress += static_cast<uint32_t>(count);
+    } else {
+      sender_.reset();
+    }
+    return;
+  }
+  if (request_.files.empty()) {
+    sendText("FILE\n");
+    request_.status = kStatusWaitingReboot;
+    request_.statusText = "Done";
+    state_ = InstallState::AwaitTerminate;
+    timeout_ = kTransferTimeoutUs;
+    return;
+  }
+  startNextFile();
+}
+
+void Installator::startNextFile() {
+  std::string path = request_.files.front();
+  std::string remoteName;
+  std::string openPath = path;
+  request_.statusText = "Transferring: ";
+  if (path == request_.modeScriptPath) {
+    remoteName = "mode.scr";
+    request_.statusText += "mode script";
+  } else if (request_.files.size() == 1 && endsWith(path, "scr")) {
+    remoteName = "autorun.scr";
+    request_.statusText += "configuration";
+  } else {
+    if (!isAbsolutePath(path)) openPath = joinPackagePath(request_.packageDir, path);
+    remoteName = lastComponent(path);
+    request_.statusText += path;
+  }
+  sender_ = std::make_unique<PackageSender>(openPath, remoteName, transport_, connection_, datagram_);
+  request_.files.erase(request_.files.begin());
+}
+
+void Installator::onTimeout() {
+  if (state_ == InstallState::AwaitTerminate) {
+    // Also when "WTRM" never came: the wait after the last file simply ends
+    // in success. Routers that finish quietly rely on it.
+    request_.status = kStatusDone;
+    request_.statusText = "Installation finished successfully";
+    state_ = InstallState::Finished;
+    timeout_ = 0;
+    deadline_ = 0;
+    return;
+  }
+  fail("No response from router, timeout");
+}
+
+void Installator::fail(const std::string& reason) {
+  logLine() << "fail: " << reason;
+  request_.status = kStatusFailed;
+  request_.progress = 0;
+  request_.statusText = "Installation failed: " + reason;
+  state_ = InstallState::Finished;
+  timeout_ = 0;
+  deadline_ = 0;
+}
+
+void Installator::reboot() {
+  request_.statusText = "Sending reboot command...";
+  logLine() << "rebooting";
+  std::string payload = "TERM\nInstallation successful\n";
+  logLine() << "sending: " << payload;
+  sendText(payload);
+}
+
+void Installator::shutdown() {
+  request_.statusText = "Sending shutdown command...";
+  logLine() << "shutting down";
+  std::string payload = "TERM\nshutdown\n";
+  logLine() << "sending: " << payload;
+  sendText(payload);
+}
+
+// ---- InstallServer ----------------------------------------------------------
+
+InstallServer::InstallServer(DatagramTransport& transport, const Clock& clock, AutorunScriptMaker makeScript)
+    : Thread("Router installer"),
+      transport_(transport),
+      clock_(clock),
+      makeScript_(std::move(makeScript)),
+      stopEvent_(true) {
+  std::memset(receiveBuffer_, 0, sizeof receiveBuffer_);
+  setStopSignal(&stopEvent_);
+}
+
+InstallServer::~InstallServer() {
+  if (running()) destroy();
+  MutexLock hold(sessionLock_, 10000);
+  sessions_.clear();
+}
+
+void InstallServer::start(const RouterRecord& request, bool install) {
+  MutexLock hold(sessionLock_, 10000);
+  sessions_.erase(request.mac);
+  sessions_[request.mac] = std::make_unique<Installator>(request, install, transport_, clock_, makeScript_);
+}
+
+SessionStatus InstallServer::status(const MacAddress& mac) {
+  MutexLock hold(sessionLock_, 10000);
+  auto it = sessions_.find(mac);
+  if (it == sessions_.end()) return {};
+  return it->second->status();
+}
+
+void InstallServer::reboot(const MacAddress& mac) {
+  MutexLock hold(sessionLock_, 10000);
+  auto it = sessions_.find(mac);
+  if (it != sessions_.end()) it->second->reboot();
+}
+
+void InstallServer::shutdown(const MacAddress& mac) {
+  MutexLock hold(sessionLock_, 10000);
+  auto it = sessions_.find(mac);
+  if (it != sessions_.end()) it->second->shutdown();
+}
+
+void InstallServer::remove(const MacAddress& mac) {
+  MutexLock hold(sessionLock_, 10000);
+  sessions_.erase(mac);
+}
+
+Installator* InstallServer::session(const MacAddress& mac) {
+  auto it = sessions_.find(mac);
+  return it == sessions_.end() ? nullptr : it->second.get();
+}
+
+size_t InstallServer::sessionCount() {
+  MutexLock hold(sessionLock_, 10000);
+  return sessions_.size();
+}
+
+void InstallServer::pollOnce() {
+  uint64_t wait = maxWaitUs_;
+  {
+    MutexLock hold(sessionLock_, 10000);
+    for (auto it = sessions_.begin(); it != sessions_.end();) {
+      Installator& session = *it->second;
+      if (session.removalRequested) {
+        it = sessions_.erase(it);
+        continue;
+      }
+      if (session.deadline() != 0) {
+        int64_t remaining = static_cast<int64_t>(session.deadline()) - static_cast<int64_t>(clock_.nowMicros());
+        if (remaining < 1) {
+          session.onTimeout();
+          remaining = session.deadline() != 0
+                          ? static_cast<int64_t>(session.deadline()) - static_cast<int64_t>(clock_.nowMicros())
+                          : static_cast<int64_t>(wait);
+        }
+        wait = std::min<uint64_t>(wait, static_cast<uint64_t>(std::max<int64_t>(remaining, 1)));
+      }
+      ++it;
+    }
+  }
+  int length = transport_.waitReceive(receiveBuffer_, std::max<uint64_t>(wait, 1));
+  if (length < static_cast<int>(kHeaderSize)) return;
+  if (static_cast<size_t>(length) - kHeaderSize != payloadLengthOf(receiveBuffer_)) return;
+  if (isZeroMac(sourceMacOf(receiveBuffer_))) return;
+  MacAddress source = toMac(sourceMacOf(receiveBuffer_));
+  if (!isZeroMac(destinationMacOf(receiveBuffer_))) {
+    MutexLock hold(sessionLock_, 10000);
+    auto it = sessions_.find(source);
+    if (it != sessions_.end()) it->second->onDatagram(receiveBuffer_, static_cast<size_t>(length));
+    return;
+  }
+  onAnnouncement(source, receiveBuffer_ + kHeaderSize, static_cast<size_t>(length) - kHeaderSize);
+}
+
+void InstallServer::onAnnouncement(const MacAddress& source, const uint8_t* payload, size_t length) {
+  RouterRecord record;
+  int64_t now = static_cast<int64_t>(clock_.nowMicros());
+  AnnouncementKind kind = parseAnnouncement(source, payload, length, now, record);
+  if (kind == AnnouncementKind::Dropped) return;
+  MutexLock hold(sessionLock_, 10000);
+  auto it = sessions_.find(source);
+  if (kind == AnnouncementKind::Discover) {
+    if (it != sessions_.end()) {
+      Installator& session = *it->second;
+      // Still answering our offer: its announcements cross ours for a while.
+      if (session.state() != InstallState::Finished && now <= session.request().lastSeen + kRediscoveryGraceUs) return;
+      // Otherwise it was started into installation mode again.
+      sessions_.erase(it);
+      return;
+    }
+    queue_.push(record);
+    return;
+  }
+  if (it != sessions_.end()) sessions_.erase(it);
+}
+
+uint32_t InstallServer::run() {
+  while (!stopEvent_.waitFor(0)) pollOnce();
+  return 0;
+}
+
+}  // namespace tarnlift

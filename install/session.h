@@ -1,0 +1,158 @@
+// The installation session of one router (Installator), the sender of one
+// file (PackageSender) and the server that owns the transport, runs the
+// receiving loop and holds every session (InstallServer).
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "app/clock.h"
+#include "app/sync.h"
+#include "app/thread.h"
+#include "install/connection.h"
+#include "install/discovery.h"
+#include "install/router_record.h"
+#include "install/transport.h"
+
+namespace tarnlift {
+
+enum class InstallState : uint32_t {
+  AwaitAccept = 0,
+  AwaitStart = 1,
+  Transfer = 2,
+  AwaitTerminate = 3,
+  Finished = 4,
+};
+
+inline constexpr uint64_t kOfferTimeoutUs = 60'000'000;
+inline constexpr uint64_t kFormatTimeoutUs = 86'400'000'000;
+inline constexpr uint64_t kTransferTimeoutUs = 30'000'000;
+inline constexpr uint64_t kAfterTerminateUs = 3'000'000;
+inline constexpr int64_t kRediscoveryGraceUs = 5'000'000;
+
+// Makes the autorun script for a request: its path, or empty with failure
+// set (or empty without failure when no script is wanted).
+using AutorunScriptMaker = std::function<std::string(const RouterRecord& request, std::string& failure)>;
+
+// Sends one file: its header, then a chunk of up to 1452 bytes per request,
+// then an empty chunk.
+class PackageSender {
+ public:
+  PackageSender(const std::string& path, const std::string& remoteName, DatagramTransport& transport,
+                InstallConnection& connection, uint8_t* datagram);
+  ~PackageSender();
+  PackageSender(const PackageSender&) = delete;
+  PackageSender& operator=(const PackageSender&) = delete;
+
+  // Sends the next chunk; returns its payload size (0: the end of the file).
+  size_t sendNextChunk();
+  const std::string& remoteName() const { return remoteName_; }
+  int32_t length() const { return length_; }
+  int32_t bytesRead() const { return bytesRead_; }
+
+ private:
+  std::FILE* file_ = nullptr;
+  int32_t length_ = 0;
+  int32_t bytesRead_ = 0;
+  std::string remoteName_;
+  DatagramTransport& transport_;
+  InstallConnection& connection_;
+  uint8_t* datagram_;
+};
+
+struct SessionStatus {
+  uint32_t status = kStatusNone;
+  uint32_t total = 0;
+  uint32_t progress = 0;
+  std::string statusText;
+};
+
+class Installator {
+ public:
+  Installator(const RouterRecord& request, bool install, DatagramTransport& transport, const Clock& clock,
+              const AutorunScriptMaker& makeScript);
+  ~Installator();
+  Installator(const Installator&) = delete;
+  Installator& operator=(const Installator&) = delete;
+
+  void onDatagram(const uint8_t* datagram, size_t length);
+  void onTimeout();
+  void reboot();
+  void shutdown();
+  void fail(const std::string& reason);
+
+  SessionStatus status() const { return {request_.status, request_.totalSize, request_.progress, request_.statusText}; }
+  InstallState state() const { return state_; }
+  uint64_t deadline() const { return deadline_; }
+  uint64_t timeout() const { return timeout_; }
+  const RouterRecord& request() const { return request_; }
+  const InstallConnection& connection() const { return connection_; }
+  const std::string& autorunPath() const { return autorunPath_; }
+  bool removalRequested = false;
+
+ private:
+  void sendPayload(size_t payloadLength);
+  void sendText(const std::string& payload);
+  void handleTransfer();
+  void startNextFile();
+
+  RouterRecord request_;
+  InstallConnection connection_;
+  DatagramTransport& transport_;
+  const Clock& clock_;
+  uint8_t datagram_[kDatagramBufferSize];
+  std::unique_ptr<PackageSender> sender_;
+  InstallState state_ = InstallState::Finished;
+  uint64_t timeout_ = 0;
+  uint64_t deadline_ = 0;
+  std::string autorunPath_;
+};
+
+// The "Router installer": owns the sessions and runs the receiving loop on
+// its own thread. Every call from another thread takes the session lock.
+class InstallServer : public Thread {
+ public:
+  InstallServer(DatagramTransport& transport, const Clock& clock, AutorunScriptMaker makeScript = nullptr);
+  ~InstallServer() override;
+
+  using Thread::start;
+  void start(const RouterRecord& request, bool install);
+  SessionStatus status(const MacAddress& mac);
+  void reboot(const MacAddress& mac);
+  void shutdown(const MacAddress& mac);
+  void remove(const MacAddress& mac);
+
+  // One pass of the receiving loop: time-out scan, one wait and the
+  // dispatch of what arrived. The thread repeats it; tests call it directly.
+  void pollOnce();
+  // The discovery hook, on the receiving thread.
+  void onAnnouncement(const MacAddress& source, const uint8_t* payload, size_t length);
+
+  DiscoveredRouterQueue& discovered() { return queue_; }
+  Mutex& sessionLock() { return sessionLock_; }
+  // For tests and diagnosis; call with the session lock held.
+  Installator* session(const MacAddress& mac);
+  size_t sessionCount();
+  // The longest wait of one pass, µs (1 s; tests shorten it).
+  void setMaxWaitUs(uint64_t us) { maxWaitUs_ = us; }
+
+ protected:
+  uint32_t run() override;
+
+ private:
+  DatagramTransport& transport_;
+  const Clock& clock_;
+  AutorunScriptMaker makeScript_;
+  Event stopEvent_;
+  DiscoveredRouterQueue queue_;
+  uint8_t receiveBuffer_[kDatagramBufferSize];
+  Mutex sessionLock_;
+  std::map<MacAddress, std::unique_ptr<Installator>> sessions_;
+  uint64_t maxWaitUs_ = 1'000'000;
+};
+
+}  // namespace tarnlift

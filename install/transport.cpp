@@ -1,0 +1,165 @@
+#include "install/transport.h"
+
+#include <cstdio>
+
+#include "app/failure.h"
+#include "app/log.h"
+#include "app/registry.h"
+#include "app/sync.h"
+
+namespace tarnlift {
+
+InstallTransport::InstallTransport() : InstallTransport(Options{}) {}
+
+InstallTransport::InstallTransport(Options options) : options_(std::move(options)) {
+  if (!options_.resolver) options_.resolver = defaultInstallInterfaceResolver();
+  if (!options_.sleep) options_.sleep = [](uint32_t ms) { sleepMilliseconds(ms); };
+}
+
+InstallTransport::~InstallTransport() { close(); }
+
+void InstallTransport::init(const MacAddress& localMac, std::optional<std::string> label, uint16_t port) {
+  localMac_ = localMac;
+  label_ = std::move(label);
+  port_ = port;
+  socket_ = installsock::kNoSocket;
+  open();
+}
+
+void InstallTransport::open() {
+  if (socket_ > 0) {
+    installsock::closeSocket(socket_);
+    socket_ = installsock::kNoSocket;
+  }
+  {
+    Registry settings;
+    settings.openRoot(kSettingsKeyPath, kFullAccess, options_.store);
+    clientAddress_ = settings.readInt("PXE Client Address", 0);
+  }
+  served_ = options_.resolver(clientAddress_);
+  if (served_.address == 0) return;
+  // Our datagrams carry the MAC of the interface they leave from.
+  if (!isZeroMac(served_.mac)) localMac_ = served_.mac;
+  if (label_) logLine() << "socket(): " << *label_;
+
+  installsock::Handle handle = installsock::createUdp();
+  if (handle == installsock::kNoSocket) {
+    std::string message = "socket() failed";
+    reportSocketFailure(message, true);
+  }
+  socket_ = handle;
+  if (!installsock::setBroadcast(socket_)) {
+    std::string message = "setsockopt() SO_BROADCAST failed";
+    reportSocketFailure(message, true);
+  }
+  if (!installsock::setReuseAddress(socket_)) {
+    std::string message = "setsockopt() SO_REUSEADDR failed";
+    reportSocketFailure(message, true);
+  }
+  installsock::ignoreConnectionResets(socket_);
+  if (!installsock::bindOnInterface(socket_, served_.address, served_.name, port_)) {
+    if (installsock::bindOnInterface(socket_, served_.address, served_.name, options_.backupPort)) {
+      logLine() << "bound to backup port";
+      port_ = options_.backupPort;
+    } else {
+      // Deliberately quiet: the socket stays open and unbound and the
+      // program goes on; the text is only kept for a debugger.
+      char text[64];
+      std::snprintf(text, sizeof text, "bind() failed(port=%d,%d)", static_cast<int16_t>(port_),
+                    static_cast<int>(options_.backupPort));
+      (void)text;
+    }
+  }
+}
+
+int InstallTransport::send(const uint8_t* buffer, size_t length) {
+  if (socket_ == installsock::kNoSocket) open();
+  if (socket_ == installsock::kNoSocket) return -1;
+  return installsock::sendTo(socket_, buffer, length, options_.broadcastAddress, port_);
+}
+
+int InstallTransport::receive(uint8_t* buffer) {
+  int count = installsock::receiveFrom(socket_, buffer, kDatagramBufferSize, sourceAddress_, sourcePort_);
+  if (count < 0) {
+    std::string message = "recvfrom() failed";
+    reportSocketFailure(message, true);
+  }
+  if (sourcePort_ != port_) return -1;
+  return count;
+}
+
+int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
+  if (socket_ < 0) {
+    options_.sleep(1000);
+    open();
+    return -1;
+  }
+  int ready = installsock::waitReadable(socket_, timeoutUs);
+  if (ready > 0) return receive(buffer);
+  // Nothing came: check that the interface is still there by sending one
+  // byte to our own address; a failure means it went away, so start again.
+  uint8_t probe = 0;
+  if (installsock::sendTo(socket_, &probe, 1, served_.address, kProbePort) < 0) open();
+  return -1;
+}
+
+void InstallTransport::close() {
+  if (socket_ >= 1) installsock::closeSocket(socket_);
+  socket_ = installsock::kNoSocket;
+}
+
+bool InstallBeacon::create() {
+  installsock::Handle handle = installsock::createUdp();
+  if (handle == installsock::kNoSocket) {
+    logLine() << "UDP: socket: " << installsock::lastError();
+    return false;
+  }
+  if (!installsock::setBroadcast(handle)) {
+    logLine() << "UDP: setsockopt() SO_BROADCAST: " << installsock::lastError();
+    installsock::closeSocket(handle);
+    return false;
+  }
+  if (!installsock::setReuseAddress(handle)) {
+    logLine() << "UDP: setsockopt() SO_REUSEADDR: " << installsock::lastError();
+    installsock::closeSocket(handle);
+    return false;
+  }
+  socket_ = handle;
+  return true;
+}
+
+void InstallBeacon::send(uint32_t address, uint16_t port) {
+  if (socket_ == installsock::kNoSocket) return;
+  static const char kText[] = "you have to etherboot";
+  int sent = installsock::sendTo(socket_, kText, 21, address, port);
+  if (sent < 21) logLine() << "UDP: sendto: " << installsock::lastError();
+}
+
+void InstallBeacon::destroy() {
+  if (socket_ != installsock::kNoSocket) installsock::closeSocket(socket_);
+  socket_ = installsock::kNoSocket;
+}
+
+namespace {
+std::unique_ptr<InstallBeacon>& beaconSlot() {
+  static std::unique_ptr<InstallBeacon> beacon;
+  return beacon;
+}
+}  // namespace
+
+void setBeacon(bool on) {
+  logLine() << "beacon: " << (on ? 1 : 0);
+  auto& slot = beaconSlot();
+  if (on) {
+    if (!slot) {
+      slot = std::make_unique<InstallBeacon>();
+      slot->create();
+    }
+  } else {
+    slot.reset();
+  }
+}
+
+InstallBeacon* processBeacon() { return beaconSlot().get(); }
+
+}  // namespace tarnlift

@@ -1,0 +1,81 @@
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "install/udp_socket.h"
+
+namespace tarnlift::installsock {
+
+Handle createUdp() { return ::socket(AF_INET, SOCK_DGRAM, 0); }
+
+bool setBroadcast(Handle socket) {
+  int on = 1;
+  return ::setsockopt(static_cast<int>(socket), SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == 0;
+}
+
+bool setReuseAddress(Handle socket) {
+  int on = 1;
+  return ::setsockopt(static_cast<int>(socket), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0;
+}
+
+// Linux never turns ICMP port-unreachable into a receive error on an
+// unconnected UDP socket: nothing to switch off.
+void ignoreConnectionResets(Handle) {}
+
+bool bindOnInterface(Handle socket, uint32_t address, const std::string& interfaceName, uint16_t port) {
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(port);
+  local.sin_addr.s_addr = address;
+  // A socket bound to the interface's unicast address does not hear
+  // 255.255.255.255 on Linux. Bound to any address and tied to the device it
+  // hears the broadcasts arriving there, and its own broadcasts leave through
+  // that device without needing a route.
+  if (!interfaceName.empty() &&
+      ::setsockopt(static_cast<int>(socket), SOL_SOCKET, SO_BINDTODEVICE, interfaceName.c_str(),
+                   static_cast<socklen_t>(interfaceName.size())) == 0) {
+    local.sin_addr.s_addr = htonl(INADDR_ANY);
+  }
+  return ::bind(static_cast<int>(socket), reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+}
+
+int sendTo(Handle socket, const void* data, size_t length, uint32_t address, uint16_t port) {
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(port);
+  to.sin_addr.s_addr = address;
+  return static_cast<int>(
+      ::sendto(static_cast<int>(socket), data, length, 0, reinterpret_cast<sockaddr*>(&to), sizeof to));
+}
+
+int receiveFrom(Handle socket, void* buffer, size_t size, uint32_t& sourceAddress, uint16_t& sourcePort) {
+  sockaddr_in from{};
+  socklen_t fromLength = sizeof from;
+  ssize_t count;
+  do {
+    count = ::recvfrom(static_cast<int>(socket), buffer, size, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+  } while (count < 0 && errno == EINTR);
+  sourceAddress = from.sin_addr.s_addr;
+  sourcePort = ntohs(from.sin_port);
+  return static_cast<int>(count);
+}
+
+int waitReadable(Handle socket, uint64_t timeoutUs) {
+  pollfd entry{static_cast<int>(socket), POLLIN, 0};
+  int timeoutMs = timeoutUs == 0 ? -1 : static_cast<int>((timeoutUs + 999) / 1000);
+  int result = ::poll(&entry, 1, timeoutMs);
+  if (result < 0) return errno == EINTR ? 0 : -1;
+  return result > 0 ? 1 : 0;
+}
+
+void closeSocket(Handle socket) { ::close(static_cast<int>(socket)); }
+
+uint32_t lastError() { return static_cast<uint32_t>(errno); }
+
+}  // namespace tarnlift::installsock

@@ -1,0 +1,215 @@
+#include "install/install_command.h"
+
+#include <gtest/gtest.h>
+
+#include "app/registry.h"
+#include "fake_transport.h"
+#include "install/session.h"
+#include "packages/version.h"
+#include "temp_dir.h"
+#include "tools/mkpkg/package_writer.h"
+
+namespace tarnlift {
+namespace {
+
+class RecordingPrompter : public InstallPrompter {
+ public:
+  std::vector<std::string> messages;
+  std::vector<std::string> questions;
+  bool answer = true;
+  void showMessage(const std::string& text, const std::string& title, bool errorIcon) override {
+    messages.push_back(title + (errorIcon ? "!" : "") + ":" + text);
+  }
+  bool askYesNo(const std::string& text) override {
+    questions.push_back(text);
+    return answer;
+  }
+};
+
+class InstallCommandTest : public ::testing::Test {
+ protected:
+  testing::TempDir dir;
+  packages::PackageCatalogue catalogue;
+  packages::PackageChoice choice;
+  packages::PackageSets sets;
+  RememberedChoices remembered;
+  RecordingPrompter prompter;
+  std::vector<RouterRecord> started;
+  InstallContext context{catalogue,  choice,   sets,
+                         remembered, prompter, [this](const RouterRecord& r) { started.push_back(r); }};
+  RouterRecord router;
+  InstallOptions options;
+
+  void SetUp() override {
+    mkpkg::PackageWriter()
+        .package("system", packages::parseVersion("6.41"))
+        .architecture("arm")
+        .data(3000)
+        .writeFile(dir.file("system-6.41.npk"));
+    mkpkg::PackageWriter()
+        .package("extra", packages::parseVersion("6.41"))
+        .architecture("arm")
+        .dependencies({{"system", packages::parseVersion("6.41"), 0}})
+        .data(100)
+        .writeFile(dir.file("extra-6.41.npk"));
+    catalogue.setFolder(dir.path(), 6);
+    choice.folder = dir.path();
+    choice.files = {"extra-6.41.npk", "system-6.41.npk"};
+    router.mac = testing::kRouterMac;
+    router.architecture = 6;
+    router.minVersion = packages::parseVersion("6.40");
+    router.version = packages::parseVersion("6.41");
+  }
+};
+
+TEST_F(InstallCommandTest, NoSelectionDoesNothing) {
+  EXPECT_EQ(runInstallCommand(nullptr, options, context), InstallOutcome::NoSelection);
+  EXPECT_TRUE(prompter.messages.empty());
+}
+
+TEST_F(InstallCommandTest, StartsWithFilesInInstallOrderAndTotalSize) {
+  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  ASSERT_EQ(started.size(), 1u);
+  EXPECT_EQ(started[0].files, (std::vector<std::string>{"system-6.41.npk", "extra-6.41.npk"}));
+  EXPECT_EQ(started[0].packageDir, dir.path());
+  EXPECT_EQ(started[0].totalSize, catalogue.fileSizeOf("system-6.41.npk") + catalogue.fileSizeOf("extra-6.41.npk"));
+  EXPECT_TRUE(sets.contains(packages::kPreviousInstallSet));
+}
+
+TEST_F(InstallCommandTest, TooOldInstallerVersionRefused) {
+  router.version = packages::parseVersion("6.30");
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  ASSERT_EQ(prompter.messages.size(), 1u);
+  EXPECT_EQ(prompter.messages[0], "Error!:tarnlift version 6.30 is too old\nboard supports versions from 6.40");
+}
+
+TEST_F(InstallCommandTest, BoardMinimumAbovePackageRefused) {
+  router.minVersion = packages::parseVersion("6.45");
+  router.version = 0;
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  ASSERT_EQ(prompter.messages.size(), 1u);
+  EXPECT_EQ(prompter.messages[0], "Error!:board supports versions from 6.45");
+  EXPECT_TRUE(started.empty());
+}
+
+TEST_F(InstallCommandTest, NoPackagesRefused) {
+  choice.files.clear();
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(prompter.messages.at(0), "Cannot install!:No packages selected");
+}
+
+TEST_F(InstallCommandTest, AddressWithoutNetmaskAsksAndNoStops) {
+  options.addressText = "10.0.0.1";
+  prompter.answer = false;
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(prompter.questions, std::vector<std::string>{kAddressQuestion});
+  EXPECT_TRUE(started.empty());
+  prompter.answer = true;
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+}
+
+TEST_F(InstallCommandTest, GatewayWithoutAddressAsks) {
+  options.gatewayText = "10.0.0.254";
+  prompter.answer = false;
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(prompter.questions, std::vector<std::string>{kGatewayQuestion});
+}
+
+TEST_F(InstallCommandTest, NetmaskAboveThirtyTwoIsThirtyTwo) {
+  EXPECT_EQ(netmaskBitsFromText("40"), 32u);
+  EXPECT_EQ(netmaskBitsFromText("24"), 24u);
+  EXPECT_EQ(netmaskBitsFromText(""), 0u);
+  options.addressText = "10.0.0.1";
+  options.netmaskBitsText = "40";
+  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_EQ(started[0].netmaskBits, 32u);
+  EXPECT_TRUE(prompter.questions.empty());
+}
+
+TEST_F(InstallCommandTest, UnparsableAddressIsZero) {
+  EXPECT_EQ(addressFromText("not an address"), 0u);
+  EXPECT_EQ(addressFromText(""), 0u);
+  EXPECT_EQ(baudFromText("don't set"), 0u);
+  EXPECT_EQ(baudFromText("115200"), 115200u);
+}
+
+TEST_F(InstallCommandTest, SpaceWarningOnlyOnce) {
+  router.storageSize = 10;
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(prompter.messages.at(0), "Warning:Not enough space on device");
+  EXPECT_TRUE(router.spaceWarned);
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_EQ(prompter.messages.size(), 1u);
+}
+
+TEST_F(InstallCommandTest, MissingConfigurationScriptRefused) {
+  options.scriptEnabled = true;
+  options.scriptPath = dir.file("nope.rsc");
+  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(prompter.messages.at(0), "Error!:Could not read configuration script");
+}
+
+TEST_F(InstallCommandTest, ChoicesAreRememberedAndApplied) {
+  options.keepConfig = true;
+  options.addressText = "10.0.0.1";
+  options.netmaskBitsText = "8";
+  options.gatewayText = "10.0.0.254";
+  options.baudText = "9600";
+  options.defaultConfig = true;
+  options.modeScriptEnabled = true;
+  options.modeScriptPath = "m.rsc";
+  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_TRUE(remembered.keepConfig);
+  EXPECT_EQ(remembered.address, addressFromText("10.0.0.1"));
+  EXPECT_EQ(remembered.netmaskBits, 8u);
+  EXPECT_EQ(remembered.baudRate, 9600u);
+  EXPECT_TRUE(remembered.defaultConfig);
+  EXPECT_EQ(remembered.modeScriptPath, "m.rsc");
+
+  Registry settings;
+  settings.openRoot(kSettingsKeyPath, kFullAccess, makeMemorySettingsStore());
+  remembered.save(settings);
+  RememberedChoices loaded;
+  loaded.load(settings);
+  EXPECT_EQ(loaded.netmaskBits, 8u);
+  EXPECT_EQ(loaded.gateway, addressFromText("10.0.0.254"));
+  EXPECT_EQ(loaded.modeScriptPath, "m.rsc");
+
+  RouterRecord fresh;
+  fresh.unprotected = true;
+  loaded.defaultConfig = false;
+  loaded.applyTo(fresh);
+  EXPECT_FALSE(fresh.defaultConfig);
+  EXPECT_EQ(fresh.baudRate, 9600u);
+  RouterRecord locked;
+  locked.unprotected = false;
+  loaded.applyTo(locked);
+  EXPECT_TRUE(locked.defaultConfig);
+}
+
+TEST_F(InstallCommandTest, DefaultConfigNotRememberedForProtectedRouter) {
+  router.unprotected = false;
+  options.defaultConfig = true;
+  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_FALSE(remembered.defaultConfig);
+}
+
+// The request goes on into a session: "keep" in the offer, an empty autorun.
+TEST_F(InstallCommandTest, KeepConfigSendsKeepAndEmptyAutorun) {
+  testing::FakeTransport transport;
+  ManualClock clock;
+  InstallServer server(transport, clock);
+  context.startSession = [&](const RouterRecord& r) { server.start(r, true); };
+  options.keepConfig = true;
+  options.addressText = "10.0.0.1";
+  options.netmaskBitsText = "24";
+  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_EQ(transport.lastPayload(), "OFFR\nkeep\n");
+  MutexLock hold(server.sessionLock());
+  std::string autorun = server.session(testing::kRouterMac)->autorunPath();
+  ASSERT_FALSE(autorun.empty());
+  EXPECT_EQ(testing::readFile(autorun), "");
+}
+
+}  // namespace
+}  // namespace tarnlift

@@ -1,0 +1,152 @@
+#include "install/transport.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "app/registry.h"
+#include "port_holder.h"
+#include "tests/app/capture_log.h"
+
+namespace tarnlift {
+namespace {
+
+uint32_t loopback() { return parseDottedAddress("127.0.0.1"); }
+
+uint16_t randomPort() {
+  std::random_device random;
+  return static_cast<uint16_t>(30000 + random() % 20000);
+}
+
+struct TransportRig {
+  std::shared_ptr<SettingsStore> store = makeMemorySettingsStore();
+  std::vector<uint32_t> resolved;
+  std::vector<uint32_t> sleeps;
+  InstallInterface served;
+
+  InstallTransport::Options options(uint16_t backup) {
+    InstallTransport::Options o;
+    o.store = store;
+    o.resolver = [this](uint32_t client) {
+      resolved.push_back(client);
+      return served;
+    };
+    o.backupPort = backup;
+    o.broadcastAddress = loopback();
+    o.sleep = [this](uint32_t ms) { sleeps.push_back(ms); };
+    return o;
+  }
+  void setClient(uint32_t address) {
+    Registry settings;
+    settings.openRoot(kSettingsKeyPath, kFullAccess, store);
+    settings.writeInt("PXE Client Address", address);
+  }
+};
+
+TEST(InstallTransportTest, NoInterfaceMeansNoSocketAndSlowRetries) {
+  TransportRig rig;
+  rig.setClient(parseDottedAddress("192.168.88.1"));
+  InstallTransport transport(rig.options(randomPort()));
+  transport.init(MacAddress{1, 2, 3, 4, 5, 6}, std::nullopt, randomPort());
+  EXPECT_FALSE(transport.isOpen());
+  EXPECT_EQ(transport.clientAddress(), parseDottedAddress("192.168.88.1"));
+  ASSERT_EQ(rig.resolved.size(), 1u);
+  uint8_t buffer[kDatagramBufferSize] = {};
+  EXPECT_LT(transport.send(buffer, 20), 0);
+  EXPECT_EQ(rig.resolved.size(), 2u);  // sending reopened, still nothing
+  EXPECT_EQ(transport.waitReceive(buffer, 1000), -1);
+  EXPECT_EQ(rig.sleeps, std::vector<uint32_t>{1000});
+  EXPECT_EQ(rig.resolved.size(), 3u);
+  EXPECT_FALSE(transport.isOpen());
+}
+
+TEST(InstallTransportTest, LabelLoggedAtEachOpen) {
+  testing::CapturedLog log;
+  TransportRig rig;
+  rig.served = {loopback(), {2, 0, 0, 0, 0, 7}, "lo"};
+  InstallTransport transport(rig.options(randomPort()));
+  transport.init(MacAddress{}, std::string("install"), randomPort());
+  EXPECT_TRUE(transport.isOpen());
+  EXPECT_TRUE(log.contains("socket(): install\n"));
+  EXPECT_EQ(transport.localMac(), (MacAddress{2, 0, 0, 0, 0, 7}));
+}
+
+TEST(InstallTransportTest, SendsAndHearsItselfAndFiltersSourcePort) {
+  TransportRig rig;
+  rig.served = {loopback(), {2, 0, 0, 0, 0, 7}, "lo"};
+  uint16_t port = randomPort();
+  InstallTransport transport(rig.options(randomPort()));
+  transport.init(MacAddress{}, std::nullopt, port);
+  ASSERT_TRUE(transport.isOpen());
+  uint8_t datagram[24] = {1, 2, 3, 4, 5, 6};
+  ASSERT_EQ(transport.send(datagram, sizeof datagram), 24);
+  uint8_t buffer[kDatagramBufferSize] = {};
+  int length = transport.waitReceive(buffer, 2'000'000);
+  EXPECT_EQ(length, 24);
+  EXPECT_EQ(buffer[5], 6);
+  // From another source port: dropped.
+  ASSERT_TRUE(testing::sendFromOtherPort(transport.port(), datagram, sizeof datagram));
+  EXPECT_EQ(transport.waitReceive(buffer, 2'000'000), -1);
+  // Nothing at all: a time-out, answered by the probe, and -1.
+  EXPECT_EQ(transport.waitReceive(buffer, 20'000), -1);
+  EXPECT_TRUE(transport.isOpen());
+}
+
+TEST(InstallTransportTest, TakenPortFallsBackToBackupPort) {
+  testing::CapturedLog log;
+  TransportRig rig;
+  rig.served = {loopback(), {2, 0, 0, 0, 0, 7}, "lo"};
+  uint16_t port = randomPort();
+  uint16_t backup = static_cast<uint16_t>(port + 1);
+  testing::PortHolder holder(port);
+  ASSERT_TRUE(holder.holding());
+  InstallTransport transport(rig.options(backup));
+  transport.init(MacAddress{}, std::nullopt, port);
+  EXPECT_TRUE(log.contains("bound to backup port\n"));
+  EXPECT_EQ(transport.port(), backup);
+  // It now sends to the backup port and listens there.
+  uint8_t datagram[20] = {9};
+  ASSERT_EQ(transport.send(datagram, sizeof datagram), 20);
+  uint8_t buffer[kDatagramBufferSize] = {};
+  EXPECT_EQ(transport.waitReceive(buffer, 2'000'000), 20);
+}
+
+TEST(InstallTransportTest, BothPortsTakenLeavesSocketOpenQuietly) {
+  testing::CapturedLog log;
+  TransportRig rig;
+  rig.served = {loopback(), {}, "lo"};
+  uint16_t port = randomPort();
+  testing::PortHolder first(port);
+  testing::PortHolder second(static_cast<uint16_t>(port + 1));
+  InstallTransport transport(rig.options(static_cast<uint16_t>(port + 1)));
+  transport.init(MacAddress{}, std::nullopt, port);
+  EXPECT_TRUE(transport.isOpen());
+  EXPECT_EQ(transport.port(), port);
+  EXPECT_FALSE(log.contains("bound to backup port"));
+  EXPECT_FALSE(log.contains("bind() failed"));
+}
+
+TEST(InstallBeaconTest, CreateSendDestroy) {
+  testing::CapturedLog log;
+  InstallBeacon beacon;
+  ASSERT_TRUE(beacon.create());
+  EXPECT_TRUE(beacon.exists());
+  beacon.send(loopback(), randomPort());
+  EXPECT_FALSE(log.contains("UDP: sendto"));
+  beacon.destroy();
+  EXPECT_FALSE(beacon.exists());
+  beacon.send();  // no socket: nothing happens
+}
+
+TEST(InstallBeaconTest, ProcessSwitch) {
+  testing::CapturedLog log;
+  setBeacon(true);
+  EXPECT_NE(processBeacon(), nullptr);
+  setBeacon(false);
+  EXPECT_EQ(processBeacon(), nullptr);
+  EXPECT_TRUE(log.contains("beacon: 1\n"));
+  EXPECT_TRUE(log.contains("beacon: 0\n"));
+}
+
+}  // namespace
+}  // namespace tarnlift
