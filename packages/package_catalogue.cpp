@@ -90,10 +90,11 @@ void PackageCatalogue::reload() {
 
     PackageRecord& record = records_[i];
     std::string missing;
+    std::vector<int8_t> memo;
     for (const PackageDependency& d : record.dependencies) {
       bool satisfied = false;
       for (size_t c : candidates(d)) {
-        if (!isExcluded(i, c)) {
+        if (!isExcludedMemo(i, c, memo)) {
           satisfied = true;
           break;
         }
@@ -184,6 +185,12 @@ bool PackageCatalogue::isExcluded(size_t r, size_t c) const {
   return false;
 }
 
+bool PackageCatalogue::isExcludedMemo(size_t r, size_t c, std::vector<int8_t>& memo) const {
+  if (memo.size() != records_.size()) memo.assign(records_.size(), -1);
+  if (memo[c] < 0) memo[c] = isExcluded(r, c) ? 1 : 0;
+  return memo[c] != 0;
+}
+
 bool PackageCatalogue::canToggle(size_t index) const {
   if (index >= rows_.size()) return false;
   const int state = rows_[index].state;
@@ -223,7 +230,7 @@ void PackageCatalogue::select(size_t index, bool on) {
       if (needed == nullptr) continue;
       bool stillProvided = false;
       for (size_t c : candidates(*needed)) {
-        if (!isExcluded(j, c) && records_[c].selected) {
+        if (records_[c].selected && !isExcluded(j, c)) {
           stillProvided = true;
           break;
         }
@@ -235,12 +242,14 @@ void PackageCatalogue::select(size_t index, bool on) {
 
   setRowState(index, kRowChecked);
   // Each unmet dependency pulls in its provider latest in sorted order.
+  // (The memo stays valid: selecting changes no constraint list.)
+  std::vector<int8_t> memo;
   for (size_t k = 0; k < records_[index].dependencies.size(); ++k) {
     const PackageDependency d = records_[index].dependencies[k];
     bool satisfied = false;
     size_t last = SIZE_MAX;
     for (size_t c : candidates(d)) {
-      if (isExcluded(index, c)) continue;
+      if (isExcludedMemo(index, c, memo)) continue;
       if (records_[c].selected) {
         satisfied = true;
         break;
@@ -300,10 +309,11 @@ std::string PackageCatalogue::describeDependencies(size_t index) const {
   if (index >= records_.size()) return "";
   const PackageRecord& record = records_[index];
   std::string list;
+  std::vector<int8_t> memo;
   for (const PackageDependency& d : record.dependencies) {
     bool available = false;
     for (size_t c : candidates(d)) {
-      if (!isExcluded(index, c)) {
+      if (!isExcludedMemo(index, c, memo)) {
         available = true;
         break;
       }

@@ -165,6 +165,9 @@ class PackageCatalogue {
   uint32_t internName(const std::string& name);
   void addConstraint(size_t index, const PackageDependency& entry);
   bool isExcluded(size_t r, size_t c) const;
+  // isExcluded with answers remembered in memo (one slot per record), for
+  // loops that ask about the same record many times.
+  bool isExcludedMemo(size_t r, size_t c, std::vector<int8_t>& memo) const;
   std::vector<size_t> candidates(const PackageDependency& d) const;
   void visit(size_t index, std::vector<std::string>& order);
   void notifyChanged(size_t index);
