@@ -1,0 +1,315 @@
+#include "tools/routersim/sim_router.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+namespace tarnlift::routersim {
+
+namespace {
+constexpr uint64_t kFnvOffset = 1469598103934665603ull;
+constexpr uint64_t kFnvPrime = 1099511628211ull;
+
+uint64_t fnv(uint64_t hash, const uint8_t* data, size_t length) {
+  for (size_t i = 0; i < length; ++i) hash = (hash ^ data[i]) * kFnvPrime;
+  return hash;
+}
+
+std::vector<uint8_t> makeDatagram(const MacAddress& source, const MacAddress& destination, uint16_t seq, uint16_t ack,
+                                  const std::string& payload) {
+  uint8_t header[kHeaderSize] = {};
+  std::memcpy(header, source.data(), 6);
+  std::memcpy(header + 6, destination.data(), 6);
+  writeLe16(header + kPayloadLengthOffset, static_cast<uint16_t>(payload.size()));
+  writeLe16(header + kSequenceOffset, seq);
+  writeLe16(header + kAcknowledgementOffset, ack);
+  std::string bytes(reinterpret_cast<const char*>(header), kHeaderSize);
+  bytes += payload;
+  return std::vector<uint8_t>(bytes.begin(), bytes.end());
+}
+
+std::string dashedMac(const MacAddress& mac) {
+  std::string text = macText(mac);
+  std::replace(text.begin(), text.end(), ':', '-');
+  return text;
+}
+}  // namespace
+
+SimRouter::SimRouter(SimRouterConfig config, Sender send) : config_(std::move(config)), send_(std::move(send)) {}
+
+SimRouter::~SimRouter() { closeFile(); }
+
+void SimRouter::send(const std::string& payload, int64_t nowMs) {
+  ++seq_;
+  last_ = makeDatagram(config_.mac, server_, static_cast<uint16_t>(seq_), static_cast<uint16_t>(ack_), payload);
+  lastSentMs_ = nowMs;
+  send_(last_.data(), last_.size());
+}
+
+void SimRouter::resend(int64_t nowMs) {
+  if (last_.empty()) return;
+  lastSentMs_ = nowMs;
+  send_(last_.data(), last_.size());
+}
+
+void SimRouter::announce(int64_t nowMs) {
+  std::string payload = "DSCV\n" + macText(config_.mac) + "\nsim\n" + config_.label + "\n" + config_.architecture +
+                        "\n" + config_.minVersion + "\n" + config_.version + "\n" + config_.branding + "\n" +
+                        std::to_string(config_.storage) + "\n";
+  std::vector<uint8_t> d = makeDatagram(config_.mac, MacAddress{}, 0, 0, payload);
+  send_(d.data(), d.size());
+  (void)nowMs;
+}
+
+void SimRouter::finish(const std::string& outcome) {
+  closeFile();
+  outcome_ = outcome;
+  state_ = SimState::Finished;
+}
+
+void SimRouter::error(const std::string& what) { errors_.push_back(what); }
+
+void SimRouter::closeFile() {
+  if (out_ != nullptr) std::fclose(out_);
+  out_ = nullptr;
+  inFile_ = false;
+}
+
+void SimRouter::onDatagram(const uint8_t* datagram, size_t length, int64_t nowMs) {
+  if (state_ == SimState::Finished || silent_) return;
+  if (length < kHeaderSize) return;
+  if (std::memcmp(destinationMacOf(datagram), config_.mac.data(), 6) != 0) return;
+  if (std::memcmp(sourceMacOf(datagram), config_.mac.data(), 6) == 0) return;
+  if (payloadLengthOf(datagram) != length - kHeaderSize) {
+    error("bad header: size " + std::to_string(length) + ", payload " + std::to_string(payloadLengthOf(datagram)));
+    return;
+  }
+  const uint8_t* payload = datagram + kHeaderSize;
+  size_t payloadLength = length - kHeaderSize;
+  if (state_ == SimState::Announcing) {
+    if (!payloadHasTag(payload, payloadLength, "OFFR")) return;
+    server_ = toMac(sourceMacOf(datagram));
+    seq_ = 0;
+    ack_ = sequenceOf(datagram);
+    lastHeardMs_ = nowMs;
+    ++offers_;
+    offerText_.assign(reinterpret_cast<const char*>(payload), payloadLength);
+    if (config_.reannounceMs >= 0 && offers_ == 1) {
+      reannounceAtMs_ = nowMs + config_.reannounceMs;
+      state_ = SimState::AwaitOfferAck;
+      return;
+    }
+    reannounceAtMs_ = -1;
+    send(config_.answer, nowMs);
+    if (config_.answer == "YACK") {
+      state_ = SimState::AwaitOfferAck;
+    } else if (config_.answer == "NACK") {
+      finish("refused");
+    } else {
+      finish("answered " + config_.answer);
+    }
+    return;
+  }
+  if (std::memcmp(sourceMacOf(datagram), server_.data(), 6) != 0) return;
+  uint16_t ahead = static_cast<uint16_t>(sequenceOf(datagram) - ack_);
+  if (ahead != 1) {
+    // A repeat or a duplicate, except a final command that overtook the end
+    // of the file list: the installer sends "TERM" as soon as it sent
+    // "FILE\n", and from then on resends "TERM" only. A router obeys it.
+    if (ahead < 0x8000 && ahead != 0 && payloadHasTag(payload, payloadLength, "TERM") && !inFile_ &&
+        (state_ == SimState::Requesting || state_ == SimState::AwaitTerm)) {
+      termText_.assign(reinterpret_cast<const char*>(payload), payloadLength);
+      finish("installed");
+    }
+    return;
+  }
+  ack_ = sequenceOf(datagram);
+  lastHeardMs_ = nowMs;
+  handle(payload, payloadLength, nowMs);
+}
+
+void SimRouter::handle(const uint8_t* payload, size_t length, int64_t nowMs) {
+  switch (state_) {
+    case SimState::AwaitOfferAck:
+      if (length != 0) {
+        error("expected an acknowledgement of the offer answer");
+        return;
+      }
+      state_ = SimState::Formatting;
+      formatDoneMs_ = nowMs + config_.formatMs;
+      return;
+    case SimState::AwaitStartAck:
+      if (length != 0) {
+        error("expected an acknowledgement of STRT");
+        return;
+      }
+      state_ = SimState::Requesting;
+      send("RETR", nowMs);
+      ++retrCount_;
+      return;
+    case SimState::Requesting:
+      handleTransferAnswer(payload, length, nowMs);
+      return;
+    case SimState::AwaitTerm:
+      if (payloadHasTag(payload, length, "TERM")) {
+        termText_.assign(reinterpret_cast<const char*>(payload), length);
+        finish("installed");
+      } else {
+        error("unexpected message while waiting for TERM");
+      }
+      return;
+    default:
+      error("unexpected message in state " + std::to_string(static_cast<int>(state_)));
+      return;
+  }
+}
+
+void SimRouter::handleTransferAnswer(const uint8_t* payload, size_t length, int64_t nowMs) {
+  if (!inFile_) {
+    std::string text(reinterpret_cast<const char*>(payload), length);
+    if (text == "FILE\n") {
+      state_ = SimState::AwaitTerm;
+      termDeadlineMs_ = nowMs + config_.termWaitMs;
+      send("WTRM", nowMs);
+      wtrmSends_ = 1;
+      return;
+    }
+    size_t nameEnd = text.find('\n', 5);
+    if (text.compare(0, 5, "FILE\n") != 0 || nameEnd == std::string::npos || text.back() != '\n') {
+      error("bad file header: " + text);
+      finish("failed");
+      return;
+    }
+    current_ = ReceivedFile{};
+    current_.name = text.substr(5, nameEnd - 5);
+    std::string sizeText = text.substr(nameEnd + 1, text.size() - nameEnd - 2);
+    char* end = nullptr;
+    current_.size = std::strtoull(sizeText.c_str(), &end, 10);
+    if (sizeText.empty() || *end != 0) {
+      error("bad file size: " + sizeText);
+      finish("failed");
+      return;
+    }
+    current_.checksum = kFnvOffset;
+    currentBytes_ = 0;
+    inFile_ = true;
+    if (!config_.outputDir.empty()) {
+      std::filesystem::path folder = std::filesystem::path(config_.outputDir) / dashedMac(config_.mac);
+      std::error_code ignored;
+      std::filesystem::create_directories(folder, ignored);
+      out_ = std::fopen((folder / current_.name).string().c_str(), "wb");
+      if (out_ == nullptr) error("cannot store " + current_.name);
+    }
+  } else if (length == 0) {
+    if (currentBytes_ != current_.size) {
+      error("file " + current_.name + " shorter than announced: " + std::to_string(currentBytes_) + " of " +
+            std::to_string(current_.size));
+    }
+    files_.push_back(current_);
+    closeFile();
+  } else {
+    if (length > kChunkSize) error("chunk of " + std::to_string(length) + " bytes");
+    if (currentBytes_ + length > current_.size) error("file " + current_.name + " longer than announced");
+    currentBytes_ += length;
+    bytes_ += length;
+    current_.checksum = fnv(current_.checksum, payload, length);
+    if (out_ != nullptr && std::fwrite(payload, 1, length, out_) != length) error("cannot write " + current_.name);
+  }
+  if (config_.stopAfterRetr >= 0 && retrCount_ >= config_.stopAfterRetr) {
+    silent_ = true;
+    finish("silent");
+    return;
+  }
+  send("RETR", nowMs);
+  ++retrCount_;
+}
+
+void SimRouter::tick(int64_t nowMs) {
+  int64_t wake = nowMs + 1000;
+  switch (state_) {
+    case SimState::Announcing:
+      if (nowMs >= wakeMs_) {
+        announce(nowMs);
+        wakeMs_ = nowMs + config_.announceMs;
+      }
+      return;
+    case SimState::AwaitOfferAck:
+      if (reannounceAtMs_ >= 0) {
+        if (nowMs < reannounceAtMs_) {
+          wakeMs_ = reannounceAtMs_;
+          return;
+        }
+        // Announce once more while the offer is pending, then answer it.
+        reannounceAtMs_ = -1;
+        announce(nowMs);
+        lastHeardMs_ = nowMs;
+        send(config_.answer, nowMs);
+        wakeMs_ = nowMs + config_.repeatMs;
+        return;
+      }
+      [[fallthrough]];
+    case SimState::AwaitStartAck:
+    case SimState::Requesting:
+      if (nowMs - lastHeardMs_ >= config_.giveUpMs) {
+        // Nobody answers: start over as a freshly booted router would.
+        closeFile();
+        state_ = SimState::Announcing;
+        server_.fill(0);
+        seq_ = 0;
+        ack_ = 0;
+        last_.clear();
+        wakeMs_ = nowMs;
+        return;
+      }
+      if (nowMs - lastSentMs_ >= config_.repeatMs) resend(nowMs);
+      wake = std::min(lastSentMs_ + config_.repeatMs, lastHeardMs_ + config_.giveUpMs);
+      break;
+    case SimState::Formatting:
+      if (nowMs >= formatDoneMs_) {
+        state_ = SimState::AwaitStartAck;
+        lastHeardMs_ = nowMs;
+        send("STRT", nowMs);
+        wake = nowMs + config_.repeatMs;
+      } else {
+        wake = formatDoneMs_;
+      }
+      break;
+    case SimState::AwaitTerm:
+      if (nowMs >= termDeadlineMs_) {
+        finish("installed");
+        return;
+      }
+      // A lost "WTRM" would only cost the installer its 30 s wait, but a
+      // repeated one renews its 3 s wait: send it at most three times.
+      if (wtrmSends_ < 3 && nowMs - lastSentMs_ >= config_.repeatMs) {
+        resend(nowMs);
+        ++wtrmSends_;
+      }
+      wake = std::min(termDeadlineMs_, lastSentMs_ + config_.repeatMs);
+      break;
+    case SimState::Finished:
+      return;
+  }
+  wakeMs_ = wake;
+}
+
+std::string SimRouter::reportLine() const {
+  std::string offerLines;
+  size_t start = offerText_.find('\n');
+  while (start != std::string::npos && start + 1 < offerText_.size()) {
+    size_t end = offerText_.find('\n', start + 1);
+    std::string line = offerText_.substr(start + 1, end == std::string::npos ? std::string::npos : end - start - 1);
+    if (!line.empty()) offerLines += (offerLines.empty() ? "" : ",") + line;
+    start = end;
+  }
+  std::string term = "none";
+  if (termText_.find("Installation successful") != std::string::npos) term = "reboot";
+  if (termText_.find("shutdown") != std::string::npos) term = "shutdown";
+  uint64_t fileBytes = 0;
+  for (const ReceivedFile& f : files_) fileBytes += f.size;
+  return macText(config_.mac) + "\t" + outcome_ + "\tfiles=" + std::to_string(files_.size()) +
+         "\tbytes=" + std::to_string(fileBytes) + "\toffers=" + std::to_string(offers_) + "\toffer=" + offerLines +
+         "\tterm=" + term + "\terrors=" + std::to_string(errors_.size());
+}
+
+}  // namespace tarnlift::routersim
