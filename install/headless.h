@@ -1,0 +1,76 @@
+// The headless front end's engine: what the main window's 250 ms timer does
+// with discovered routers, driven without a window. Every discovered router
+// (or only the named ones) is installed with the same Install command and
+// the same rules as in the window; the choice of packages goes through the
+// catalogue's selection logic, as ticking boxes does.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "install/install_command.h"
+#include "install/session.h"
+#include "packages/package_catalogue.h"
+#include "packages/package_sets.h"
+
+namespace tarnlift {
+
+enum class AfterInstall { Reboot, Shutdown, None };
+
+struct HeadlessOptions {
+  std::string packageDir;
+  std::vector<std::string> select;  // file names to tick, in order
+  std::string setName;              // a saved package set, or empty
+  InstallOptions install;
+  AfterInstall after = AfterInstall::Reboot;
+  std::set<MacAddress> macs;  // empty: every router
+  bool liveProgress = false;  // a terminal: redraw one line per router
+};
+
+class HeadlessInstaller : public InstallPrompter {
+ public:
+  HeadlessInstaller(InstallServer& server, const Clock& clock, HeadlessOptions options, packages::PackageSets& sets,
+                    RememberedChoices& remembered, std::ostream& out, std::ostream& err);
+
+  // One round of the window's timer: drain discovered routers and install
+  // them, expire silent ones, poll the sessions and act on their news.
+  void tick();
+
+  size_t finished() const { return succeeded_ + failed_; }
+  size_t succeeded() const { return succeeded_; }
+  size_t failed() const { return failed_; }
+  RouterTable& table() { return table_; }
+
+  void showMessage(const std::string& text, const std::string& title, bool errorIcon) override;
+  bool askYesNo(const std::string& text) override;
+
+ private:
+  void install(RouterRow& row);
+  void finish(const RouterRecord& record, bool success, const std::string& text);
+  void progress(const RouterRow& row);
+  void redraw();
+
+  InstallServer& server_;
+  const Clock& clock_;
+  HeadlessOptions options_;
+  packages::PackageSets& sets_;
+  RememberedChoices& remembered_;
+  std::ostream& out_;
+  std::ostream& err_;
+  RouterTable table_;
+  packages::PackageCatalogue catalogue_;
+  std::set<MacAddress> actedOn_;
+  std::vector<MacAddress> shown_;  // rows of the live display, in order
+  size_t drawnLines_ = 0;
+  size_t succeeded_ = 0;
+  size_t failed_ = 0;
+  std::string refusal_;
+};
+
+// Whether standard output is a terminal (then progress is drawn live).
+bool standardOutputIsTerminal();
+
+}  // namespace tarnlift
