@@ -83,8 +83,12 @@ endif()
 run_cli(out rc err "${WORK}/no-such-folder")
 expect_equal("missing folder exit code" "${rc}" "2")
 expect_equal("missing folder output" "${out}" "")
-if(NOT err MATCHES "^tarnlift: cannot read package folder '[^\n]*no-such-folder'\n$")
+if(NOT err MATCHES "(^|\n)tarnlift: cannot read package folder '[^\n]*no-such-folder'\n")
   message(FATAL_ERROR "missing folder message: [${err}]")
+endif()
+# Natively the message is the only output (Wine may add its own lines).
+if(NOT EMULATOR AND NOT err MATCHES "^tarnlift: [^\n]*\n$")
+  message(FATAL_ERROR "more than one line on standard error: [${err}]")
 endif()
 
 # Usage errors.

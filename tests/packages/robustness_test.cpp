@@ -116,12 +116,11 @@ TEST(Robustness, NamesWithoutNulAreCutAtSixteenBytes) {
   tarnlift::testing::CapturedLog log;
   ScratchFolder folder;
   std::vector<uint8_t> entry(32, 'z');
-  entry[16] = 1;  // version 0.0 with a build byte of 1, then garbage
-  folder.write("a.npk", PackageWriter().part(1, entry).part(18, entry).part(3, [] {
-    std::vector<uint8_t> list = {1, 0};
-    list.resize(2 + 32, 'q');
-    return list;
-  }()));
+  entry[16] = 1;                           // version 0.0 with a build byte of 1, then garbage
+  std::vector<uint8_t> list(2 + 32, 'q');  // one dependency entry, all 'q'
+  list[0] = 1;
+  list[1] = 0;
+  folder.write("a.npk", PackageWriter().part(1, entry).part(18, entry).part(3, list));
   PackageCatalogue catalogue;
   catalogue.setFolder(folder.path(), 0);
   ASSERT_EQ(catalogue.size(), 1u);
