@@ -1,10 +1,12 @@
 // Windows half of interface discovery: the IP Helper adapter lists and the
 // NetBIOS adapter status for hardware addresses.
+// The socket headers must come before the IP Helper ones.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
 #include <iphlpapi.h>
 #include <nb30.h>
 #include <windows.h>
-#include <winsock2.h>
-#include <ws2tcpip.h>
 
 #include <cstdlib>
 #include <cstring>

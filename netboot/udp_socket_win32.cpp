@@ -1,6 +1,7 @@
-#include <mswsock.h>
 #include <winsock2.h>
 #include <ws2tcpip.h>
+
+#include <mswsock.h>
 
 #include "netboot/interfaces.h"
 #include "netboot/udp_socket.h"

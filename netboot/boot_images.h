@@ -1,0 +1,88 @@
+// The boot image store: numbered, length-prefixed records carried by the
+// program. Windows carries them as RCDATA resources of the executable; Linux
+// maps them from a directory of files named "<number>.bin". Either way a
+// record is a 32-bit little-endian length L, L content bytes and up to a few
+// bytes of padding that are ignored.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tarnlift::netboot {
+
+// Numbers of the records (the client classes of the BOOTP responder for the
+// network ones).
+inline constexpr int kImageBiosPxe = 125;
+inline constexpr int kImagePxelinuxConfig = 126;
+inline constexpr int kImageLdlinux = 142;
+inline constexpr int kImageEfiX64 = 143;
+
+// A view of a record's content. It does not own the memory: records stay
+// mapped for the life of the process.
+struct BootImage {
+  const uint8_t* data = nullptr;
+  uint32_t length = 0;
+};
+
+// Splits a stored record into its content; false when the record is shorter
+// than its length field says.
+bool parseBootImageRecord(const uint8_t* record, size_t storedSize, BootImage& image);
+// Builds a record from content bytes (no padding).
+std::vector<uint8_t> makeBootImageRecord(const uint8_t* content, size_t length);
+
+// Where records come from.
+class BootImageStore {
+ public:
+  virtual ~BootImageStore() = default;
+  // The stored record (length field included) and its stored size; false
+  // when the store has no entry with this number.
+  virtual bool findRecord(int number, const uint8_t*& record, size_t& storedSize) = 0;
+};
+
+// A directory of "<number>.bin" files, each mapped on first use and kept.
+std::unique_ptr<BootImageStore> makeDirectoryBootImageStore(const std::string& directory);
+
+// The store lookups use. By default: on Windows the executable's resources
+// (or the directory given with setBootImageDirectory); on Linux the directory
+// given, else the installed data directory, else "bootimages" beside the
+// executable. Tests install their own store (the caller keeps it alive).
+void setBootImageDirectory(const std::string& directory);
+std::string bootImageDirectory();
+void setBootImageStore(BootImageStore* store);
+BootImageStore& currentBootImageStore();
+
+// Looks the record up. A missing entry is fatal: "ResourceID=<n>" is printed
+// on standard output and the failure "FindResource" is reported; a record
+// that cannot be mapped or is cut short is fatal as "LoadResource".
+BootImage loadBootImage(int number);
+
+// Writes the content of record number to a new file at path (never over an
+// existing one). A file that cannot be created logs "Cannot create file" on
+// standard error and answers false; true when every byte was written.
+bool writeBootImage(const std::string& path, int number);
+
+// ---- Platform halves --------------------------------------------------------
+// A read-only mapping of a whole file, kept until the object goes away.
+class MappedFile {
+ public:
+  virtual ~MappedFile() = default;
+  virtual const uint8_t* data() const = 0;
+  virtual size_t size() const = 0;
+};
+// Null when the file cannot be opened or mapped. An empty file maps to a
+// valid object of size 0.
+std::unique_ptr<MappedFile> mapFileReadOnly(const std::string& path);
+// Creates path only if it does not exist yet and writes the bytes. Returns
+// -1 when the file could not be created, else the number of bytes written.
+long long writeNewFile(const std::string& path, const uint8_t* data, size_t size);
+// The platform's own store (Windows: the executable's resources), or null
+// when the platform keeps its records in a directory.
+BootImageStore* platformBootImageStore();
+bool directoryExists(const std::string& path);
+// The directories searched when none was given, in order.
+std::vector<std::string> defaultBootImageDirectories();
+
+}  // namespace tarnlift::netboot

@@ -1,0 +1,100 @@
+// Linux half of the boot image store: records are files, mapped read-only
+// so that transfers send straight from the page cache.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "netboot/boot_images.h"
+
+#ifndef TARNLIFT_BOOT_IMAGE_DATA_DIR
+#define TARNLIFT_BOOT_IMAGE_DATA_DIR "/usr/local/share/tarnlift/bootimages"
+#endif
+
+namespace tarnlift::netboot {
+namespace {
+
+class PosixMappedFile : public MappedFile {
+ public:
+  PosixMappedFile(void* address, size_t size) : address_(address), size_(size) {}
+  ~PosixMappedFile() override {
+    if (address_ != nullptr) munmap(address_, size_);
+  }
+  const uint8_t* data() const override {
+    static const uint8_t kEmpty[1] = {0};
+    return address_ != nullptr ? static_cast<const uint8_t*>(address_) : kEmpty;
+  }
+  size_t size() const override { return size_; }
+
+ private:
+  void* address_;
+  size_t size_;
+};
+
+std::string executableDirectory() {
+  char path[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (length <= 0) return {};
+  std::string text(path, static_cast<size_t>(length));
+  size_t slash = text.rfind('/');
+  return slash == std::string::npos ? std::string() : text.substr(0, slash);
+}
+
+}  // namespace
+
+std::unique_ptr<MappedFile> mapFileReadOnly(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat info {};
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    ::close(fd);
+    return nullptr;
+  }
+  size_t size = static_cast<size_t>(info.st_size);
+  void* address = nullptr;
+  if (size != 0) {
+    address = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    if (address == MAP_FAILED) {
+      ::close(fd);
+      return nullptr;
+    }
+  }
+  ::close(fd);
+  return std::make_unique<PosixMappedFile>(address, size);
+}
+
+long long writeNewFile(const std::string& path, const uint8_t* data, size_t size) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  size_t done = 0;
+  while (done < size) {
+    ssize_t written = ::write(fd, data + done, size - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) break;
+    done += static_cast<size_t>(written);
+  }
+  ::close(fd);
+  return static_cast<long long>(done);
+}
+
+BootImageStore* platformBootImageStore() { return nullptr; }
+
+bool directoryExists(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+std::vector<std::string> defaultBootImageDirectories() {
+  std::vector<std::string> directories{TARNLIFT_BOOT_IMAGE_DATA_DIR};
+  std::string beside = executableDirectory();
+  if (!beside.empty()) {
+    directories.push_back(beside + "/bootimages");
+    directories.push_back(beside + "/../share/tarnlift/bootimages");
+  }
+  return directories;
+}
+
+}  // namespace tarnlift::netboot

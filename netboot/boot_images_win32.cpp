@@ -1,0 +1,98 @@
+// Windows half of the boot image store: records are RCDATA resources of the
+// executable, which stay mapped for the life of the process.
+#include <windows.h>
+
+#include "netboot/boot_images.h"
+
+namespace tarnlift::netboot {
+namespace {
+
+class ResourceStore : public BootImageStore {
+ public:
+  bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
+    HMODULE module = GetModuleHandleA(nullptr);
+    HRSRC found = FindResourceA(module, MAKEINTRESOURCEA(number), MAKEINTRESOURCEA(10));
+    if (found == nullptr) return false;
+    HGLOBAL loaded = LoadResource(module, found);
+    if (loaded == nullptr) return false;
+    void* locked = LockResource(loaded);
+    if (locked == nullptr) return false;
+    record = static_cast<const uint8_t*>(locked);
+    storedSize = SizeofResource(module, found);
+    return true;
+  }
+};
+
+class Win32MappedFile : public MappedFile {
+ public:
+  Win32MappedFile(HANDLE mapping, const void* view, size_t size) : mapping_(mapping), view_(view), size_(size) {}
+  ~Win32MappedFile() override {
+    if (view_ != nullptr) UnmapViewOfFile(view_);
+    if (mapping_ != nullptr) CloseHandle(mapping_);
+  }
+  const uint8_t* data() const override {
+    static const uint8_t kEmpty[1] = {0};
+    return view_ != nullptr ? static_cast<const uint8_t*>(view_) : kEmpty;
+  }
+  size_t size() const override { return size_; }
+
+ private:
+  HANDLE mapping_;
+  const void* view_;
+  size_t size_;
+};
+
+}  // namespace
+
+std::unique_ptr<MappedFile> mapFileReadOnly(const std::string& path) {
+  HANDLE file =
+      CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return nullptr;
+  LARGE_INTEGER size{};
+  if (!GetFileSizeEx(file, &size)) {
+    CloseHandle(file);
+    return nullptr;
+  }
+  if (size.QuadPart == 0) {
+    CloseHandle(file);
+    return std::make_unique<Win32MappedFile>(nullptr, nullptr, 0);
+  }
+  HANDLE mapping = CreateFileMappingA(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
+  CloseHandle(file);
+  if (mapping == nullptr) return nullptr;
+  const void* view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+  if (view == nullptr) {
+    CloseHandle(mapping);
+    return nullptr;
+  }
+  return std::make_unique<Win32MappedFile>(mapping, view, static_cast<size_t>(size.QuadPart));
+}
+
+long long writeNewFile(const std::string& path, const uint8_t* data, size_t size) {
+  HANDLE file = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW,
+                            FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return -1;
+  size_t done = 0;
+  while (done < size) {
+    DWORD chunk = static_cast<DWORD>(size - done > 0x10000000 ? 0x10000000 : size - done);
+    DWORD written = 0;
+    if (!WriteFile(file, data + done, chunk, &written, nullptr) || written == 0) break;
+    done += written;
+  }
+  CloseHandle(file);
+  return static_cast<long long>(done);
+}
+
+BootImageStore* platformBootImageStore() {
+  static ResourceStore store;
+  return &store;
+}
+
+bool directoryExists(const std::string& path) {
+  DWORD attributes = GetFileAttributesA(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+std::vector<std::string> defaultBootImageDirectories() { return {}; }
+
+}  // namespace tarnlift::netboot

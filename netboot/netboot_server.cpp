@@ -1,0 +1,214 @@
+#include "netboot/netboot_server.h"
+
+#include <cstdio>
+#include <fstream>
+#include <vector>
+
+#include "app/failure.h"
+#include "app/log.h"
+#include "app/registry.h"
+#include "netboot/boot_images.h"
+
+namespace tarnlift::netboot {
+
+NetbootEnvironment NetbootEnvironment::system() {
+  NetbootEnvironment environment;
+  environment.network = &systemDatagramNetwork();
+  environment.interfaces = &platformInterfaceSource();
+  environment.sleep = [](uint32_t milliseconds) { sleepMilliseconds(milliseconds); };
+  return environment;
+}
+
+NetbootServer::NetbootServer(std::string kernelOverridePath, NetbootEnvironment environment)
+    : environment_(std::move(environment)),
+      kernelOverridePath_(std::move(kernelOverridePath)),
+      responder_(*environment_.network) {
+  Registry registry;
+  registry.openRoot(kSettingsKeyPath);
+  enabled_ = registry.readInt(kPxeEnabledValue, 0) != 0;
+  clientAddress_ = registry.readInt(kPxeClientAddressValue, 0);
+}
+
+NetbootServer::~NetbootServer() { closeSockets(); }
+
+void NetbootServer::run() {
+  while (cycle() == CycleResult::Restart) {
+  }
+}
+
+void NetbootServer::queueSettings(bool enabled, uint32_t clientAddress) {
+  MutexLock lock(queueMutex_);
+  if (settingsQueue_.empty()) queueEvent_.set();
+  settingsQueue_.emplace_back(enabled, clientAddress);
+}
+
+size_t NetbootServer::queuedSettings() {
+  MutexLock lock(queueMutex_);
+  return settingsQueue_.size();
+}
+
+void NetbootServer::closeSockets() {
+  tftpSocket_.reset();
+  responder_.close();
+}
+
+NetbootServer::CycleResult NetbootServer::cycle() {
+  // Settings are taken here only, one change per cycle.
+  if (queueEvent_.waitFor(0)) {
+    std::pair<bool, uint32_t> change;
+    {
+      MutexLock lock(queueMutex_);
+      if (settingsQueue_.size() == 1) queueEvent_.reset();
+      change = settingsQueue_.front();
+      settingsQueue_.pop_front();
+    }
+    enabled_ = change.first;
+    clientAddress_ = change.second;
+  }
+
+  findInterface(clientAddress_, *environment_.interfaces);
+  if (serverAddress() == 0) {
+    environment_.sleep(1000);
+    return stopEvent_.waitFor(0) ? CycleResult::Stop : CycleResult::Restart;
+  }
+
+  responder_.open(kBootFileName);
+  tftpSocket_.reset();
+  tftpSocket_ = environment_.network->openTftp(serverAddress());
+
+  while (true) {
+    if (stopEvent_.waitFor(0)) {
+      closeSockets();
+      return CycleResult::Stop;
+    }
+    if (!enabled_) {
+      environment_.sleep(1000);
+      continue;
+    }
+    // The interface is still there while a datagram to our own address on
+    // it can be sent.
+    uint8_t probe = 0;
+    if (responder_.socket()->sendTo(&probe, 1, serverAddress(), kTestPort) < 0) {
+      environment_.sleep(1000);
+      closeSockets();
+      return CycleResult::Restart;
+    }
+    DatagramSocket* sockets[2] = {responder_.socket(), tftpSocket_.get()};
+    bool readable[2] = {false, false};
+    int ready = environment_.network->waitReadable(sockets, 2, 1000, readable);
+    if (ready < 0) {
+      std::string message = "select failed";
+      reportSocketFailure(message, true);
+    }
+    if (ready == 0) continue;
+    if (readable[0]) {
+      if (handleBootp()) continue;
+    }
+    if (readable[1] && currentClass_ != kClassNone) handleReadRequest();
+  }
+}
+
+bool NetbootServer::handleBootp() {
+  uint8_t buffer[kBootpBufferSize] = {};
+  int received = responder_.socket()->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
+  if (received < 0) {
+    std::string message = "recv failed";
+    reportSocketFailure(message, true);
+  }
+  logLine() << "bootp recv bytes: " << received << " mac=" << formatMac(buffer + 28);
+  if (!responder_.classify(buffer, static_cast<size_t>(received))) {
+    logLine() << "\tinvalid request";
+    return false;
+  }
+  logLine() << "bootp req received";
+  if (responder_.reply(buffer, clientAddress_)) {
+    currentClass_ = responder_.clientClass();
+  } else {
+    logLine() << "FAILED TO REPLY";
+  }
+  return true;
+}
+
+void NetbootServer::handleReadRequest() {
+  uint16_t port = 0;
+  int received = tftpSocket_->receiveFrom(request_, sizeof request_, nullptr, &port);
+  if (received < 0) return;
+  requestLength_ = static_cast<size_t>(received);
+  if (!isTftpReadRequest(request_, requestLength_)) return;
+  clientPort_ = port;
+  std::string fileName = tftpFileName(request_, requestLength_);
+  logLine() << "onTftp " << currentClass_ << " " << fileName;
+
+  if (!kernelOverridePath_.empty()) {
+    logLine() << "send kernel override";
+    std::ifstream file(kernelOverridePath_, std::ios::binary | std::ios::ate);
+    if (!file) return;
+    std::streamoff size = file.tellg();
+    if (size < 0) return;
+    logLine() << "override len: " << size;
+    std::vector<uint8_t> content(static_cast<size_t>(size));
+    file.seekg(0);
+    file.read(reinterpret_cast<char*>(content.data()), size);
+    sendContent(content.data(), static_cast<uint32_t>(content.size()), clientPort_);
+    return;
+  }
+
+  int number;
+  if (currentClass_ == 0) {
+    return;
+  } else if (currentClass_ == kClassPxe) {
+    if (fileName.find("image") != std::string::npos) {
+      number = kImageBiosPxe;
+    } else if (fileName.find("ldlinux") != std::string::npos) {
+      number = kImageLdlinux;
+    } else if (fileName.find("pxelinux.cfg") != std::string::npos) {
+      number = kImagePxelinuxConfig;
+    } else {
+      logLine() << "unknown file name=" << fileName;
+      return;
+    }
+  } else {
+    number = currentClass_;
+  }
+  BootImage image = loadBootImage(number);
+  logLine() << "sendRes=" << number;
+  sendContent(image.data, image.length, clientPort_);
+}
+
+void NetbootServer::sendContent(const uint8_t* content, uint32_t length, uint16_t clientPort) {
+  TftpTransfer transfer(*environment_.network, serverAddress(), clientAddress_, clientPort);
+  transfer.send(request_, requestLength_, content, length, tftpSocket_.get());
+}
+
+NetbootThread::NetbootThread(std::string kernelOverridePath, NetbootEnvironment environment)
+    : Thread("PXE Booter"), kernelOverridePath_(std::move(kernelOverridePath)), environment_(std::move(environment)) {}
+
+NetbootThread::~NetbootThread() { destroy(); }
+
+uint32_t NetbootThread::run() {
+  auto* server = new NetbootServer(kernelOverridePath_, environment_);
+  server_ = server;
+  started_.set();
+  server->run();
+  bool locked = ownMutex().waitFor(10000);
+  server_ = nullptr;
+  delete server;
+  if (locked) ownMutex().unlock();
+  return 0;
+}
+
+void NetbootThread::changeSettings(bool enabled, uint32_t clientAddress) {
+  started_.waitFor(5000);
+  NetbootServer* server = server_.load();
+  if (server == nullptr) fatalFailure("no code!!!");
+  server->queueSettings(enabled, clientAddress);
+}
+
+void NetbootThread::stopServer() {
+  if (!running()) return;
+  started_.waitFor(5000);
+  if (NetbootServer* server = server_.load()) server->stopEvent().set();
+  waitFor(kWaitInfinite);
+}
+
+}  // namespace tarnlift::netboot

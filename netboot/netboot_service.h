@@ -1,0 +1,59 @@
+// The network boot server for front ends without a window (the headless
+// `serve` command): its command-line options and a start/stop wrapper around
+// the "PXE Booter" thread.
+//
+//   NetbootServeOptions options;
+//   std::string error;
+//   if (!extractNetbootOptions(arguments, options, error)) -> usage error
+//   ... once the client address is known:
+//   NetbootService service;
+//   if (options.netboot && !service.start(clientAddress, options, error)) -> fail
+//   ... serve until told to stop ...
+//   service.stop();
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tarnlift::netboot {
+
+class NetbootThread;
+
+struct NetbootServeOptions {
+  bool netboot = false;      // --netboot
+  std::string bootImageDir;  // --boot-images DIR
+  std::string kernelFile;    // --kernel FILE: served in place of every boot image
+};
+
+// Usage text for the options, one per line, for the command's help.
+extern const char* const kNetbootOptionsUsage;
+
+// Takes --netboot, --boot-images DIR and --kernel FILE (also written
+// --boot-images=DIR, --kernel=FILE) out of arguments and leaves the rest in
+// order. False with a message when an option lacks its value or is given
+// without --netboot.
+bool extractNetbootOptions(std::vector<std::string>& arguments, NetbootServeOptions& options, std::string& error);
+
+class NetbootService {
+ public:
+  NetbootService();
+  ~NetbootService();
+  NetbootService(const NetbootService&) = delete;
+  NetbootService& operator=(const NetbootService&) = delete;
+
+  // Chooses the boot image directory, saves "PXE Enabled" = 1 and "PXE Client
+  // Address" in the settings store (the server reads them when it starts),
+  // and starts the server thread. False with a message when the boot image
+  // directory or the kernel file cannot be read.
+  bool start(uint32_t clientAddress, const NetbootServeOptions& options, std::string& error);
+  bool running() const;
+  // Stops the server thread and waits for it (about a second).
+  void stop();
+
+ private:
+  std::unique_ptr<NetbootThread> thread_;
+};
+
+}  // namespace tarnlift::netboot

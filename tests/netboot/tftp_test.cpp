@@ -1,0 +1,319 @@
+#include "netboot/tftp.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "netboot/interfaces.h"
+#include "tests/app/capture_log.h"
+#include "tests/netboot/fake_network.h"
+
+namespace tarnlift::netboot {
+namespace {
+
+using tarnlift::testing::CapturedLog;
+using testing::FakeNetwork;
+using testing::FakeSocket;
+using testing::SentDatagram;
+
+std::vector<uint8_t> rrq(const std::string& file, const std::vector<std::pair<std::string, std::string>>& options = {},
+                         const std::string& mode = "octet") {
+  std::vector<uint8_t> bytes{0, 1};
+  auto add = [&bytes](const std::string& text) {
+    bytes.insert(bytes.end(), text.begin(), text.end());
+    bytes.push_back(0);
+  };
+  add(file);
+  add(mode);
+  for (const auto& [name, value] : options) {
+    add(name);
+    add(value);
+  }
+  return bytes;
+}
+
+std::vector<uint8_t> ack(uint16_t block) {
+  return {0, 4, static_cast<uint8_t>(block >> 8), static_cast<uint8_t>(block)};
+}
+
+uint16_t opcode(const SentDatagram& d) { return static_cast<uint16_t>(d.bytes[0] << 8 | d.bytes[1]); }
+uint16_t blockOf(const SentDatagram& d) { return static_cast<uint16_t>(d.bytes[2] << 8 | d.bytes[3]); }
+
+std::vector<uint8_t> content(size_t length) {
+  std::vector<uint8_t> bytes(length);
+  for (size_t i = 0; i < length; ++i) bytes[i] = static_cast<uint8_t>(i * 31 + 7);
+  return bytes;
+}
+
+// A client that acknowledges whatever the transfer sends and keeps the data.
+struct Client {
+  explicit Client(FakeNetwork& network) {
+    network.onSend = [this](FakeSocket& socket, const SentDatagram& d) {
+      if (socket.role != "transfer") return;
+      ++packets;
+      if (opcode(d) == kTftpOpOack) {
+        oack = d.bytes;
+        socket.deliver(ack(0));
+      } else if (opcode(d) == kTftpOpData) {
+        if (blockOf(d) == static_cast<uint16_t>(expected)) {
+          received.insert(received.end(), d.bytes.begin() + 4, d.bytes.end());
+          ++expected;
+          blockSizes.push_back(d.bytes.size() - 4);
+        }
+        if (acknowledge) socket.deliver(ack(blockOf(d)));
+      }
+    };
+  }
+  std::vector<uint8_t> received;
+  std::vector<uint8_t> oack;
+  std::vector<size_t> blockSizes;
+  uint32_t expected = 1;
+  int packets = 0;
+  bool acknowledge = true;
+};
+
+class TftpTest : public ::testing::Test {
+ protected:
+  bool transfer(const std::vector<uint8_t>& request, const std::vector<uint8_t>& bytes,
+                DatagramSocket* tftpSocket = nullptr) {
+    TftpTransfer t(network, kServer, kClient, 2000);
+    bool done = t.send(request.data(), request.size(), bytes.data(), static_cast<uint32_t>(bytes.size()), tftpSocket);
+    options = t.options();
+    port = t.localPort();
+    return done;
+  }
+  const uint32_t kServer = parseIpv4("192.168.88.2");
+  const uint32_t kClient = parseIpv4("192.168.88.1");
+  FakeNetwork network;
+  CapturedLog log;
+  TftpOptions options;
+  uint16_t port = 0;
+};
+
+TEST(TftpParse, BlockSizeNegotiation) {
+  CapturedLog log;
+  auto parse = [](const std::vector<uint8_t>& r) { return parseTftpOptions(r.data(), r.size()); };
+  TftpOptions o = parse(rrq("f", {{"BLKSIZE", "8192"}}));
+  EXPECT_EQ(o.blockSize, 1468u);
+  EXPECT_TRUE(o.wantsBlksize);
+  EXPECT_TRUE(o.needsOack);
+  EXPECT_FALSE(o.wantsTsize);
+  EXPECT_EQ(parse(rrq("f", {{"blksize", "1024"}})).blockSize, 1024u);
+  EXPECT_EQ(parse(rrq("f", {{"blksize", "0"}})).blockSize, 0u);
+  EXPECT_EQ(parse(rrq("f", {{"blksize", "-5"}})).blockSize, 1468u);
+  EXPECT_EQ(parse(rrq("f", {{"blksize", "99999999999"}})).blockSize, 1468u);
+  EXPECT_EQ(parse(rrq("f", {{"blksize", "abc"}})).blockSize, 0u);
+  EXPECT_EQ(parse(rrq("f", {{"blksize", "8"}})).blockSize, 8u);
+  EXPECT_TRUE(log.contains("blksize 8192\n"));
+  EXPECT_TRUE(log.contains("blksize 1024\n"));
+}
+
+TEST(TftpParse, TsizeAndOtherOptions) {
+  auto parse = [](const std::vector<uint8_t>& r) { return parseTftpOptions(r.data(), r.size()); };
+  TftpOptions o = parse(rrq("f", {{"TSize", "0"}, {"timeout", "3"}}));
+  EXPECT_TRUE(o.wantsTsize);
+  EXPECT_TRUE(o.needsOack);
+  EXPECT_FALSE(o.wantsBlksize);
+  EXPECT_EQ(o.blockSize, 512u);
+  TftpOptions none = parse(rrq("f", {{"timeout", "3"}}));
+  EXPECT_FALSE(none.needsOack);
+  TftpReadRequest request;
+  std::vector<uint8_t> bytes = rrq("/image", {}, "netascii");
+  ASSERT_TRUE(parseTftpReadRequest(bytes.data(), bytes.size(), request));
+  EXPECT_EQ(request.fileName, "/image");
+  EXPECT_EQ(request.mode, "netascii");
+  std::vector<uint8_t> write = bytes;
+  write[1] = 2;
+  EXPECT_FALSE(parseTftpReadRequest(write.data(), write.size(), request));
+  const uint8_t tiny[3] = {0, 1, 0};
+  EXPECT_FALSE(isTftpReadRequest(tiny, 3));
+  // No NUL at all: the name runs to the end of the datagram.
+  const uint8_t open[6] = {0, 1, 'a', 'b', 'c', 'd'};
+  EXPECT_EQ(tftpFileName(open, 6), "abcd");
+  TftpOptions cut = parseTftpOptions(open, 6);
+  EXPECT_FALSE(cut.needsOack);
+}
+
+TEST(TftpOack, TsizeOnlyForNonEmptyContent) {
+  TftpOptions o;
+  o.wantsTsize = o.wantsBlksize = o.needsOack = true;
+  o.blockSize = 1468;
+  std::vector<uint8_t> oack = makeTftpOack(o, 4096);
+  const char expected[] =
+      "\0\6tsize\0"
+      "4096\0blksize\0"
+      "1468";
+  EXPECT_EQ(oack, std::vector<uint8_t>(expected, expected + sizeof expected));
+  std::vector<uint8_t> empty = makeTftpOack(o, 0);
+  const char expectedEmpty[] =
+      "\0\6blksize\0"
+      "1468";
+  EXPECT_EQ(empty, std::vector<uint8_t>(expectedEmpty, expectedEmpty + sizeof expectedEmpty));
+}
+
+TEST_F(TftpTest, ContentArrivesWholeToTheConfiguredAddress) {
+  Client client(network);
+  std::vector<uint8_t> bytes = content(5000);
+  EXPECT_TRUE(transfer(rrq("x", {{"tsize", "0"}, {"blksize", "1400"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(client.blockSizes, (std::vector<size_t>{1400, 1400, 1400, 800}));
+  for (const SentDatagram& d : network.sent) {
+    EXPECT_EQ(d.address, kClient);
+    EXPECT_EQ(d.port, 2000);
+  }
+  const char oack[] =
+      "\0\6tsize\0"
+      "5000\0blksize\0"
+      "1400";
+  EXPECT_EQ(client.oack, std::vector<uint8_t>(oack, oack + sizeof oack));
+  EXPECT_GE(port, 32768);
+  EXPECT_TRUE(log.contains("sendFile 5000\n"));
+}
+
+TEST_F(TftpTest, ExactMultipleEndsWithoutAnEmptyBlock) {
+  Client client(network);
+  std::vector<uint8_t> bytes = content(1468);
+  EXPECT_TRUE(transfer(rrq("x", {{"blksize", "1468"}}), bytes));
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(opcode(sent[0]), kTftpOpOack);
+  EXPECT_EQ(opcode(sent[1]), kTftpOpData);
+  EXPECT_EQ(sent[1].bytes.size(), 4u + 1468u);
+  EXPECT_EQ(client.received, bytes);
+  // Two full default blocks: two DATA packets, no third.
+  network.sent.clear();
+  Client second(network);
+  EXPECT_TRUE(transfer(rrq("x", {{"tsize", "0"}}), content(1024)));
+  EXPECT_EQ(network.sentBy("transfer").size(), 3u);
+}
+
+TEST_F(TftpTest, WithoutOptionsTheFirstTimeOutSendsBlockOne) {
+  Client client(network);
+  std::vector<uint8_t> bytes = content(700);
+  EXPECT_TRUE(transfer(rrq("x"), bytes));
+  EXPECT_EQ(network.timeouts, 1);
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(opcode(sent[0]), kTftpOpData);
+  EXPECT_EQ(blockOf(sent[0]), 1);
+  EXPECT_EQ(client.received, bytes);
+}
+
+TEST_F(TftpTest, FiftyTimeOutsBeforeTheFirstAnswer) {
+  EXPECT_FALSE(transfer(rrq("x", {{"tsize", "0"}}), content(100)));
+  EXPECT_EQ(network.timeouts, 50);
+  // The OACK and 49 repetitions of it.
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  EXPECT_EQ(sent.size(), 50u);
+  for (const SentDatagram& d : sent) EXPECT_EQ(opcode(d), kTftpOpOack);
+  EXPECT_TRUE(log.contains("TFTP timeout\n"));
+  EXPECT_EQ(network.transfer, nullptr) << "the transfer socket is closed";
+}
+
+TEST_F(TftpTest, TenTimeOutsAfterAnyDatagram) {
+  Client client(network);
+  client.acknowledge = false;
+  // The client acknowledges the OACK only, then falls silent.
+  EXPECT_FALSE(transfer(rrq("x", {{"tsize", "0"}}), content(2000)));
+  EXPECT_EQ(network.timeouts, 10);
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  ASSERT_EQ(sent.size(), 11u);  // OACK, block 1, 9 repetitions of block 1
+  for (size_t i = 1; i < sent.size(); ++i) EXPECT_EQ(blockOf(sent[i]), 1);
+}
+
+TEST_F(TftpTest, ErrorPacketResetsTheBudgetAndDoesNotEndTheTransfer) {
+  int errors = 0;
+  network.onSend = [&](FakeSocket& socket, const SentDatagram& d) {
+    if (socket.role != "transfer") return;
+    if (opcode(d) == kTftpOpOack) socket.deliver(ack(0));
+    // After 5 silent repetitions of block 1 the client sends an ERROR.
+    if (opcode(d) == kTftpOpData && network.timeouts == 5 && errors == 0) {
+      ++errors;
+      socket.deliver({0, 5, 0, 0, 'n', 'o', 0});
+    }
+  };
+  EXPECT_FALSE(transfer(rrq("x", {{"tsize", "0"}}), content(2000)));
+  EXPECT_EQ(errors, 1);
+  // 5 before the error, then a fresh budget of 10.
+  EXPECT_EQ(network.timeouts, 15);
+}
+
+TEST_F(TftpTest, DuplicateAckResendsTheLastPacket) {
+  int duplicates = 0;
+  network.onSend = [&](FakeSocket& socket, const SentDatagram& d) {
+    if (socket.role != "transfer") return;
+    if (opcode(d) == kTftpOpOack) socket.deliver(ack(0));
+    if (opcode(d) == kTftpOpData && blockOf(d) == 2 && duplicates == 0) {
+      ++duplicates;
+      socket.deliver(ack(1));  // the previous block again
+      return;
+    }
+    if (opcode(d) == kTftpOpData) socket.deliver(ack(blockOf(d)));
+  };
+  EXPECT_TRUE(transfer(rrq("x", {{"blksize", "100"}}), content(250)));
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  ASSERT_EQ(sent.size(), 5u);  // OACK, 1, 2, 2 again, 3
+  EXPECT_EQ(blockOf(sent[2]), 2);
+  EXPECT_EQ(blockOf(sent[3]), 2);
+  EXPECT_EQ(sent[2].bytes, sent[3].bytes);
+  EXPECT_EQ(blockOf(sent[4]), 3);
+}
+
+TEST_F(TftpTest, StrayDatagramsAreIgnored) {
+  network.onSend = [&](FakeSocket& socket, const SentDatagram& d) {
+    if (socket.role != "transfer") return;
+    if (opcode(d) == kTftpOpOack) {
+      socket.deliver({0, 4, 0});        // too short
+      socket.deliver({0, 4, 0, 0, 0});  // too long
+      socket.deliver({0, 3, 0, 0});     // not an ACK
+      socket.deliver(ack(7));           // another block
+      socket.deliver(ack(0));
+    } else {
+      socket.deliver(ack(blockOf(d)));
+    }
+  };
+  EXPECT_TRUE(transfer(rrq("x", {{"tsize", "0"}}), content(10)));
+  EXPECT_EQ(network.sentBy("transfer").size(), 2u);
+}
+
+TEST_F(TftpTest, RepeatedRequestIsDrainedAfterTheTransfer) {
+  Client client(network);
+  FakeSocket tftpSocket(network, "tftp", kServer, 69);
+  std::vector<uint8_t> first = rrq("x", {{"tsize", "0"}});
+  std::vector<uint8_t> second = rrq("x", {{"tsize", "0"}, {"blksize", "1024"}});
+  tftpSocket.deliver(first);
+  tftpSocket.deliver(second);
+  EXPECT_TRUE(transfer(first, content(100), &tftpSocket));
+  EXPECT_TRUE(tftpSocket.inbox.empty());
+  EXPECT_TRUE(log.contains("flush tftpSk: " + std::to_string(first.size()) + "\n"));
+  EXPECT_TRUE(log.contains("flush tftpSk: " + std::to_string(second.size()) + "\n"));
+}
+
+TEST_F(TftpTest, BlockNumbersWrapAt16Bits) {
+  Client client(network);
+  std::vector<uint8_t> bytes = content(70000);
+  EXPECT_TRUE(transfer(rrq("x", {{"blksize", "1"}}), bytes));
+  EXPECT_EQ(client.received.size(), bytes.size());
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  EXPECT_EQ(blockOf(sent[65535]), 65535);
+  EXPECT_EQ(blockOf(sent[65536]), 0);
+}
+
+TEST_F(TftpTest, SelectErrorIsFatal) {
+  EXPECT_EXIT(
+      {
+        tarnlift::testing::fatalToStderr();
+        network.failWait = true;
+        transfer(rrq("x"), content(10));
+      },
+      ::testing::ExitedWithCode(1), "BOX\\[select failed");
+}
+
+TEST(TftpPort, AlwaysInTheUpperHalf) {
+  std::srand(3);
+  for (int i = 0; i < 1000; ++i) EXPECT_GE(TftpTransfer::randomTransferPort(), 32768);
+}
+
+}  // namespace
+}  // namespace tarnlift::netboot
