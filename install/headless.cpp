@@ -73,7 +73,8 @@ void HeadlessInstaller::tick() {
         s.statusText != row->record.statusText) {
       bool textChanged = s.statusText != row->record.statusText || s.status != row->record.status;
       table_.setStatus(mac, s.status, s.total != 0 ? s.total : row->record.totalSize, s.progress, s.statusText);
-      if (textChanged && !options_.liveProgress) progress(*row);
+      bool final = s.status == kStatusDone || s.status == kStatusFailed;
+      if (textChanged && !final && !options_.liveProgress) progress(*row);
       changed = true;
     }
     if (s.status == kStatusWaitingReboot && actedOn_.insert(mac).second) {

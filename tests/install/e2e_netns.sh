@@ -1,0 +1,200 @@
+#!/bin/bash
+# End-to-end installations in two network namespaces joined by a veth pair:
+# `tarnlift serve` in one, the router simulator in the other. Nothing leaves
+# the namespaces; they are removed on every exit path.
+#
+# usage: e2e_netns.sh CASE SERVE_COMMAND ROUTERSIM MKPKG
+#   SERVE_COMMAND may be several words (e.g. "wine /path/tarnlift-cli.exe").
+# Exit 77 (skipped) when not root, without `ip`, or without a needed program.
+set -u
+case_name=$1
+serve_cmd=$2
+routersim=$3
+mkpkg=$4
+
+skip() { echo "SKIP: $*"; exit 77; }
+[ "$(id -u)" = 0 ] || skip "needs root for network namespaces"
+command -v ip > /dev/null || skip "needs iproute2"
+[ -x "$routersim" ] || skip "no router simulator at $routersim"
+[ -x "$mkpkg" ] || skip "no package writer at $mkpkg"
+for word in $serve_cmd; do
+  command -v "$word" > /dev/null 2>&1 || [ -x "$word" ] || skip "no $word"
+  break
+done
+
+id=$$$RANDOM
+srv=tlsrv$id
+rtr=tlrtr$id
+veth_a=tla$id
+veth_b=tlb$id
+veth_a=${veth_a:0:15}
+veth_b=${veth_b:0:15}
+work=$(mktemp -d /tmp/tl-e2e-XXXXXX)
+serve_pid=
+cleanup() {
+  [ -n "$serve_pid" ] && kill "$serve_pid" 2> /dev/null
+  ip netns del "$srv" 2> /dev/null
+  ip netns del "$rtr" 2> /dev/null
+  [ -n "${WINEPREFIX:-}" ] && WINEPREFIX=$WINEPREFIX wineserver -k 2> /dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 1' INT TERM
+
+fail() {
+  echo "FAIL ($case_name): $*"
+  echo "--- serve stdout"; cat "$work/serve.out" 2> /dev/null
+  echo "--- serve stderr (tail)"; tail -40 "$work/serve.err" 2> /dev/null
+  echo "--- routersim stdout"; cat "$work/sim.out" 2> /dev/null
+  echo "--- routersim stderr (tail)"; tail -20 "$work/sim.err" 2> /dev/null
+  exit 1
+}
+
+ip netns add "$srv" || skip "cannot create network namespaces"
+ip netns add "$rtr" || fail "netns"
+ip link add "$veth_a" type veth peer name "$veth_b" || fail "veth"
+ip link set "$veth_a" netns "$srv"
+ip link set "$veth_b" netns "$rtr"
+ip -n "$srv" addr add 192.168.88.2/24 dev "$veth_a"
+ip -n "$srv" link set "$veth_a" up
+ip -n "$srv" link set lo up
+ip -n "$rtr" link set "$veth_b" up
+ip -n "$rtr" link set lo up
+
+export HOME=$work/home
+unset XDG_CONFIG_HOME
+mkdir -p "$HOME" "$work/pk" "$work/out"
+if [[ "$serve_cmd" == wine* ]]; then
+  export WINEPREFIX=$work/wine WINEDEBUG=-all
+fi
+
+hexof() { head -c "$1" /dev/urandom | od -An -v -tx1 | tr -d ' \n'; }
+"$mkpkg" "$work/pk/system-6.41.npk" --package system 6.41 --arch arm --part 4 "$(hexof 30000)" --data 200000 > /dev/null ||
+  fail "mkpkg"
+"$mkpkg" "$work/pk/extra-6.41.npk" --package extra 6.41 --arch arm --depends system:6.41 --part 4 "$(hexof 7000)" \
+  > /dev/null || fail "mkpkg"
+"$mkpkg" "$work/pk/empty-6.41.npk" --package empty 6.41 --arch arm > /dev/null || fail "mkpkg"
+printf '/system identity set name=test\n' > "$work/user.rsc"
+printf '/system routerboard mode set x\n' > "$work/mode.rsc"
+
+# Runs serve in the server namespace (in the background) with extra arguments.
+start_serve() {
+  (cd "$work" && exec ip netns exec "$srv" timeout "${SERVE_TIMEOUT:-120}" $serve_cmd serve \
+    --client-address 192.168.88.1 --packages "$(serve_path "$work/pk")" "$@" > "$work/serve.out" 2> "$work/serve.err") &
+  serve_pid=$!
+}
+serve_path() {
+  if [[ "$serve_cmd" == wine* ]]; then winepath -w "$1" 2> /dev/null || echo "Z:${1//\//\\}"; else echo "$1"; fi
+}
+run_sim() {
+  ip netns exec "$rtr" timeout "${SIM_TIMEOUT:-150}" "$routersim" --interface "$veth_b" --output "$work/out" \
+    --repeat-ms 300 "$@" > "$work/sim.out" 2> "$work/sim.err"
+}
+wait_serve() {
+  wait "$serve_pid"
+  serve_rc=$?
+  serve_pid=
+}
+router_dir=$work/out/02-00-00-00-00-01
+expect_same() { cmp -s "$1" "$2" || fail "$(basename "$2") differs from $(basename "$1")"; }
+expect_line() { grep -qF -- "$2" "$1" || fail "no line with '$2' in $(basename "$1")"; }
+
+case $case_name in
+  basic)
+    start_serve --select extra-6.41.npk --select empty-6.41.npk --address 10.0.0.5/24 --gateway 10.0.0.1 \
+      --baud 115200 --script "$(serve_path "$work/user.rsc")" --mode-script "$(serve_path "$work/mode.rsc")" \
+      --remove-branding --count 1
+    run_sim --branding yes || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    expect_line "$work/serve.out" $'02:00:00:00:00:01\tInstallation finished successfully'
+    expect_line "$work/sim.out" $'installed\tfiles=5\t'
+    expect_line "$work/sim.out" $'\toffer=removeBranding\t'
+    expect_line "$work/sim.out" $'\tterm=reboot\t'
+    expect_same "$work/pk/system-6.41.npk" "$router_dir/system-6.41.npk"
+    expect_same "$work/pk/extra-6.41.npk" "$router_dir/extra-6.41.npk"
+    expect_same "$work/pk/empty-6.41.npk" "$router_dir/empty-6.41.npk"
+    expect_same "$work/mode.rsc" "$router_dir/mode.scr"
+    {
+      cat "$work/user.rsc"
+      printf '\n:local eth [/interface ethernet get [/interface ethernet find mac-address="02:00:00:00:00:01"] name]\n'
+      printf '/interface enable $eth\n/ip address add address=10.0.0.5/24 interface=$eth\n'
+      printf '/ip route add gateway=10.0.0.1\n/port set [/port find] baud-rate=115200\n'
+    } > "$work/expected.scr"
+    expect_same "$work/expected.scr" "$router_dir/autorun.scr"
+    # The order: dependencies first, then the mode script, then the autorun script.
+    order=$(grep -o 'received [^ ]*' "$work/sim.err" | cut -d' ' -f2 | tr '\n' ' ')
+    [ "$order" = "empty-6.41.npk system-6.41.npk extra-6.41.npk mode.scr autorun.scr " ] || fail "order: $order"
+    ;;
+  keep)
+    start_serve --select system-6.41.npk --keep-config --address 10.0.0.5/24 --count 1
+    run_sim --branding yes || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    expect_line "$work/sim.out" $'\toffer=keep\t'
+    [ -f "$router_dir/autorun.scr" ] && [ ! -s "$router_dir/autorun.scr" ] || fail "autorun.scr not empty"
+    ;;
+  nack)
+    start_serve --select system-6.41.npk --count 1
+    run_sim --answer NACK
+    wait_serve
+    [ "$serve_rc" = 1 ] || fail "serve exit $serve_rc, expected 1"
+    expect_line "$work/serve.out" $'02:00:00:00:00:01\tInstallation failed: router refused installation'
+    expect_line "$work/sim.out" $'\trefused\t'
+    ;;
+  wrong)
+    start_serve --select system-6.41.npk --count 1
+    run_sim --answer HELO
+    wait_serve
+    [ "$serve_rc" = 1 ] || fail "serve exit $serve_rc, expected 1"
+    expect_line "$work/serve.out" $'02:00:00:00:00:01\tInstallation failed: bad router response'
+    ;;
+  silent)
+    start_serve --select system-6.41.npk --count 1
+    run_sim --stop-after-retr 5
+    wait_serve
+    [ "$serve_rc" = 1 ] || fail "serve exit $serve_rc, expected 1"
+    expect_line "$work/serve.out" $'02:00:00:00:00:01\tInstallation failed: No response from router, timeout'
+    ;;
+  reannounce3)
+    start_serve --select system-6.41.npk --count 1
+    run_sim --reannounce-ms 3000 || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    expect_line "$work/sim.out" $'\toffers=1\t'
+    expect_same "$work/pk/system-6.41.npk" "$router_dir/system-6.41.npk"
+    ;;
+  reannounce6)
+    start_serve --select system-6.41.npk --count 1
+    run_sim --reannounce-ms 6000 --give-up-ms 3000 || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    expect_line "$work/sim.out" $'\toffers=2\t'
+    expect_same "$work/pk/system-6.41.npk" "$router_dir/system-6.41.npk"
+    ;;
+  shutdown)
+    start_serve --select system-6.41.npk --after shutdown --count 1
+    run_sim || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    expect_line "$work/sim.out" $'\tterm=shutdown\t'
+    ;;
+  lossy20)
+    SERVE_TIMEOUT=400 start_serve --select extra-6.41.npk --count 20
+    SIM_TIMEOUT=400 run_sim --count 20 --loss 0.10 --dup 0.05 --seed 42 --timeout-s 380 || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    [ "$(grep -cE $'^([0-9A-F]{2}:){5}[0-9A-F]{2}\tInstallation finished successfully$' "$work/serve.out")" = 20 ] || fail "not 20 successes"
+    for dir in "$work"/out/*; do
+      expect_same "$work/pk/system-6.41.npk" "$dir/system-6.41.npk"
+      expect_same "$work/pk/extra-6.41.npk" "$dir/extra-6.41.npk"
+    done
+    [ "$(ls "$work/out" | wc -l)" = 20 ] || fail "not 20 routers stored files"
+    ;;
+  *)
+    echo "unknown case $case_name"
+    exit 2
+    ;;
+esac
+echo "PASS ($case_name)"
+exit 0
