@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "app/log.h"
 #include "cli/command.h"
 #include "packages/package_catalogue.h"
 #include "packages/package_folder.h"
@@ -59,8 +60,10 @@ int runPackages(const std::vector<std::string>& arguments) {
     const int index = catalogue.findByFileName(file);
     if (index < 0) return usageError("no package file '" + file + "' listed in '" + folder + "'");
     // A click on a row that cannot change is ignored, as in the window.
-    if (!catalogue.canToggle(static_cast<size_t>(index))) continue;
-    catalogue.toggle(static_cast<size_t>(index), selection);
+    if (!catalogue.toggleFile(file, selection)) {
+      logLine() << "cannot tick " << file << ": " << catalogue.row(static_cast<size_t>(index)).description;
+      continue;
+    }
     std::cerr << "Selected " << selection.size() << " package(s)\n";
   }
 

@@ -197,6 +197,13 @@ bool PackageCatalogue::canToggle(size_t index) const {
   return state == kRowChecked || state == kRowUnchecked;
 }
 
+bool PackageCatalogue::toggleFile(const std::string& fileName, std::vector<std::string>& selection) {
+  const int index = findByFileName(fileName);
+  if (index < 0 || !canToggle(static_cast<size_t>(index))) return false;
+  toggle(static_cast<size_t>(index), selection);
+  return true;
+}
+
 void PackageCatalogue::toggle(size_t index, std::vector<std::string>& selection) {
   if (index >= records_.size()) return;
   logLine() << "change state " << index;
@@ -370,6 +377,12 @@ int PackageCatalogue::findByFileName(const std::string& fileName) const {
 uint32_t PackageCatalogue::fileSizeOf(const std::string& fileName) const {
   const int index = findByFileName(fileName);
   return index < 0 ? 0 : records_[static_cast<size_t>(index)].fileSize;
+}
+
+uint64_t PackageCatalogue::totalSizeOf(const std::vector<std::string>& files) const {
+  uint64_t total = 0;
+  for (const std::string& file : files) total += fileSizeOf(file);
+  return total;
 }
 
 std::string PackageCatalogue::filePath(const std::string& fileName) const { return joinFolderPath(folder_, fileName); }

@@ -119,6 +119,9 @@ class PackageCatalogue {
   // states 0, 3, 4 and 5 (see canToggle).
   void toggle(size_t index, std::vector<std::string>& selection);
   bool canToggle(size_t index) const;
+  // toggle() by file name, for front ends without a list: false (nothing
+  // changes) when the file is not listed or its row cannot be clicked.
+  bool toggleFile(const std::string& fileName, std::vector<std::string>& selection);
   // Selects (on) or clears one record with all consequences.
   void select(size_t index, bool on);
 
@@ -142,6 +145,8 @@ class PackageCatalogue {
   int findByFileName(const std::string& fileName) const;
   // The size of fileName in bytes; 0 when unknown.
   uint32_t fileSizeOf(const std::string& fileName) const;
+  // The sum of the sizes of files (unknown names count 0).
+  uint64_t totalSizeOf(const std::vector<std::string>& files) const;
   // The full path of a file of the folder.
   std::string filePath(const std::string& fileName) const;
   // Whether the package in fileName is at least version. Only the system

@@ -343,6 +343,23 @@ TEST_F(CatalogueTest, FileSizesAndPaths) {
   EXPECT_EQ(catalogue.findByFileName("absent.npk"), -1);
 }
 
+TEST_F(CatalogueTest, ToggleFileAndTotalSize) {
+  folder.write("a.npk", PackageWriter().package("a", v("1.0")).dependencies({{"b", 0, 0}}).data(1000));
+  folder.write("b.npk", PackageWriter().package("b", v("1.0")).data(2000));
+  folder.plain("m.npk", "m", "1.0", {{"gone", 0, 0}});
+  scan();
+  EXPECT_FALSE(catalogue.toggleFile("absent.npk", selection));
+  EXPECT_FALSE(catalogue.toggleFile("m.npk", selection));  // state 3
+  EXPECT_TRUE(selection.empty());
+  EXPECT_TRUE(catalogue.toggleFile("a.npk", selection));
+  EXPECT_EQ(selection, (Names{"a.npk", "b.npk"}));
+  EXPECT_EQ(catalogue.totalSizeOf(selection), catalogue.fileSizeOf("a.npk") + catalogue.fileSizeOf("b.npk"));
+  EXPECT_EQ(catalogue.totalSizeOf({"a.npk", "absent.npk"}), catalogue.fileSizeOf("a.npk"));
+  EXPECT_GT(catalogue.fileSizeOf("b.npk"), 2000u);
+  catalogue.clearSelectionView();
+  EXPECT_FALSE(catalogue.toggleFile("b.npk", selection));  // no router: no check boxes
+}
+
 TEST_F(CatalogueTest, FolderAndArchitectureAreKept) {
   folder.write("m.npk", PackageWriter().package("m", v("1.0")).architecture("mips"));
   catalogue.setFolder(folder.path(), 4);

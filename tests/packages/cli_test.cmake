@@ -79,6 +79,16 @@ if(NOT out MATCHES "selected${t}new-7.0.dpk\norder${t}new-7.0.dpk\n")
   message(FATAL_ERROR "selection with --arch 6:\n${out}")
 endif()
 
+# A tick on a row with missing dependencies is ignored, as a click would be;
+# a second tick on the same file clears it again (what it pulled in stays).
+run_cli(out rc err --tick lost-1.0.dpk --tick wlan2-6.41.npk --tick wlan2-6.41.npk "${pk}")
+expect_equal("exit code" "${rc}" "0")
+string(REPLACE "Main package${t}2" "Main package${t}1" expected "${rows}")
+expect_equal("ignored tick" "${out}" "${expected}selected${t}system-6.41.npk\norder${t}system-6.41.npk\n")
+if(NOT err MATCHES "cannot tick lost-1.0.dpk: Missing: gone, missing2")
+  message(FATAL_ERROR "ignored tick not logged:\n${err}")
+endif()
+
 # A folder that does not exist: one line on standard error, exit code 2.
 run_cli(out rc err "${WORK}/no-such-folder")
 expect_equal("missing folder exit code" "${rc}" "2")
