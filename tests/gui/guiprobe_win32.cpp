@@ -20,6 +20,15 @@ HWND waitForWindow(const char* className, const char* title, DWORD timeoutMs) {
   return nullptr;
 }
 
+BOOL CALLBACK printWindow(HWND window, LPARAM) {
+  char className[256] = {};
+  char title[256] = {};
+  GetClassNameA(window, className, sizeof className);
+  GetWindowTextA(window, title, sizeof title);
+  std::fprintf(stderr, "window class='%s' title='%s' visible=%d\n", className, title, IsWindowVisible(window) ? 1 : 0);
+  return TRUE;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -31,7 +40,8 @@ int main(int argc, char** argv) {
   if (std::strcmp(argv[1], "box") == 0) {
     HWND box = waitForWindow("#32770", argv[2], timeoutMs);
     if (box == nullptr) {
-      std::fprintf(stderr, "no message box titled '%s'\n", argv[2]);
+      std::fprintf(stderr, "no message box titled '%s'; the top-level windows are:\n", argv[2]);
+      EnumWindows(&printWindow, 0);
       return 1;
     }
     char text[1024] = {};

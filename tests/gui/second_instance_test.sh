@@ -18,7 +18,14 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-fail() { echo "FAIL: $*"; echo "--- first copy's log:"; cat "$work/first.log"; exit 1; }
+fail() {
+  echo "FAIL: $*"
+  for f in first.log second.log probe.err; do
+    echo "--- $f:"
+    cat "$work/$f" 2>/dev/null
+  done
+  exit 1
+}
 
 wine "$gui" > "$work/first.log" 2>&1 &
 first_pid=$!
