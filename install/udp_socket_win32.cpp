@@ -1,6 +1,4 @@
-#include <mstcpip.h>
 #include <winsock2.h>
-#include <ws2tcpip.h>
 
 #include "install/udp_socket.h"
 

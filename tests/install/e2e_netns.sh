@@ -84,7 +84,9 @@ start_serve() {
   serve_pid=$!
 }
 serve_path() {
-  if [[ "$serve_cmd" == wine* ]]; then winepath -w "$1" 2> /dev/null || echo "Z:${1//\//\\}"; else echo "$1"; fi
+  # Wine's own Z: drive maps the Linux root. (winepath is not used: it would
+  # start Wine's server outside the namespace, where it sees other interfaces.)
+  if [[ "$serve_cmd" == wine* ]]; then echo "Z:${1//\//\\}"; else echo "$1"; fi
 }
 run_sim() {
   ip netns exec "$rtr" timeout "${SIM_TIMEOUT:-150}" "$routersim" --interface "$veth_b" --output "$work/out" \
