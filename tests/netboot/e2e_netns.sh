@@ -5,7 +5,7 @@
 # on every exit path.
 #
 # usage: e2e_netns.sh CASE TARNLIFT_COMMAND BOOTP_CLIENT
-#   CASE: classes | clients | concurrent | wine
+#   CASE: classes | clients | concurrent | restart | wine
 #   TARNLIFT_COMMAND may be several words (e.g. "wine /path/tarnlift-cli.exe").
 #   BOOTP_CLIENT: tools/bootpclient, or tests/netboot/bootp_peer.py.
 # Exit 77 (skipped) when not root, without `ip`, or without a needed program.
@@ -199,6 +199,27 @@ EOF
     same "$work/got/one" 136
     same "$work/got/two" 136
     [ "$(grep -c "sendRes=136" "$work/server.err")" -ge 2 ] || fail "expected two transfers"
+    ;;
+  restart)
+    # The interface goes away: the liveness probe fails and the server looks
+    # for it again; it serves once the interface is back.
+    out=$(bootp 02:00:5E:00:05:01 Powerboot $check) || fail "BOOTP: $out"
+    before=$(grep -c "found: true" "$work/server.err")
+    ip -n "$srv" link del "$veth_a" || fail "link del"
+    sleep 3
+    kill -0 "$server_pid" 2> /dev/null || fail "server ended when its interface went away"
+    ip link add "$veth_a" type veth peer name "$veth_b" || fail "veth again"
+    ip link set "$veth_a" netns "$srv"
+    ip link set "$veth_b" netns "$rtr"
+    ip -n "$srv" addr add 192.168.88.2/24 dev "$veth_a"
+    ip -n "$srv" link set "$veth_a" up
+    ip -n "$rtr" addr add 192.168.88.1/24 dev "$veth_b"
+    ip -n "$rtr" link set "$veth_b" up
+    # A new cycle has forgotten the client: it must name its class again.
+    out=$(bootp 02:00:5E:00:05:01 Powerboot $check) || fail "BOOTP after restart: $out"
+    [ "$(grep -c "found: true" "$work/server.err")" -gt "$before" ] || fail "no new interface search"
+    in_rtr curl -s -m 20 --tftp-blksize 1468 -o "$work/got/again" "tftp://192.168.88.2/image" || fail "download"
+    same "$work/got/again" 129
     ;;
   wine)
     out=$(bootp 02:00:5E:00:04:01 Powerboot $check) || fail "BOOTP: $out"
