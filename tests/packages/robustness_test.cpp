@@ -61,6 +61,36 @@ TEST(Robustness, TruncatedAtEveryOffsetInMemory) {
   }
 }
 
+// The exact verdict for every cut: a file cut inside the payload of a group
+// or package header, the description or the exclusions is rejected; a cut
+// inside a part header, the architecture, the (ignored) dependency list of a
+// group, an unknown part or the data keeps the file with what came before.
+TEST(Robustness, TruncationVerdictAtEveryOffset) {
+  tarnlift::testing::CapturedLog log;
+  struct Part {
+    size_t size;
+    bool rejectsWhenCut;
+  };
+  // The parts of fullPackage() in order, with their sizes (header + payload).
+  const Part parts[] = {{6 + 32, true},     {6 + 32, true}, {6 + 6, false}, {6 + 25, true}, {6 + 2 + 64, false},
+                        {6 + 2 + 32, true}, {6 + 4, false}, {6 + 32, true}, {6 + 64, false}};
+  const std::vector<uint8_t> bytes = fullPackage().bytes();
+  size_t total = 8;
+  for (const Part& part : parts) total += part.size;
+  ASSERT_EQ(bytes.size(), total);
+  for (size_t cut = 0; cut <= bytes.size(); ++cut) {
+    bool expected = true;
+    size_t start = 8;
+    for (const Part& part : parts) {
+      if (part.rejectsWhenCut && cut >= start + 6 && cut < start + part.size) expected = false;
+      start += part.size;
+    }
+    MemoryByteSource source(bytes.data(), cut);
+    PackageFileContents contents;
+    EXPECT_EQ(readPackageContents(source, "cut.npk", 0, contents), expected) << "cut after " << cut << " bytes";
+  }
+}
+
 TEST(Robustness, TruncatedAtEveryOffsetOnDisk) {
   tarnlift::testing::CapturedLog log;
   ScratchFolder folder;
@@ -84,6 +114,26 @@ TEST(Robustness, TruncatedAtEveryOffsetOnDisk) {
   ASSERT_GE(full, 0);
   EXPECT_EQ(catalogue.record(static_cast<size_t>(full)).fileSize, bytes.size());
   EXPECT_TRUE(log.contains("Loaded " + std::to_string(catalogue.size()) + " package(s)"));
+}
+
+// Only the parts are read: a package of 64 MiB with its dependency list
+// behind the data costs a few hundred bytes.
+TEST(Robustness, ReadsOnlyThePartsOfALargeFile) {
+  tarnlift::testing::CapturedLog log;
+  ScratchFolder folder;
+  folder.write("big.npk", PackageWriter()
+                              .package("big", v("6.41"))
+                              .architecture("mipsel")
+                              .description("large")
+                              .data(64u << 20)
+                              .dependencies({{"system", v("6.0"), 0}}));
+  std::unique_ptr<PackageFileSource> source = openPackageFile(folder.file("big.npk"));
+  ASSERT_NE(source, nullptr);
+  PackageFileContents contents;
+  ASSERT_TRUE(readPackageContents(*source, "big.npk", 0, contents));
+  ASSERT_EQ(contents.record.dependencies.size(), 1u);  // found behind the data
+  EXPECT_GT(source->length(), int64_t{64} << 20);
+  EXPECT_LT(source->bytesRead(), 300u);
 }
 
 TEST(Robustness, CountsOf65535WithoutTheEntries) {
