@@ -128,7 +128,8 @@ class InstallServer : public Thread {
 
   // One pass of the receiving loop: time-out scan, one wait and the
   // dispatch of what arrived. The thread repeats it; tests call it directly.
-  void pollOnce();
+  // Returns whether a datagram arrived.
+  bool pollOnce();
   // The discovery hook, on the receiving thread.
   void onAnnouncement(const MacAddress& source, const uint8_t* payload, size_t length);
 

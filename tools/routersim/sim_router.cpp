@@ -144,6 +144,7 @@ void SimRouter::handle(const uint8_t* payload, size_t length, int64_t nowMs) {
         return;
       }
       state_ = SimState::Requesting;
+      transferStartMs_ = nowMs;
       send("RETR", nowMs);
       ++retrCount_;
       return;
@@ -168,6 +169,7 @@ void SimRouter::handleTransferAnswer(const uint8_t* payload, size_t length, int6
   if (!inFile_) {
     std::string text(reinterpret_cast<const char*>(payload), length);
     if (text == "FILE\n") {
+      transferEndMs_ = nowMs;
       state_ = SimState::AwaitTerm;
       termDeadlineMs_ = nowMs + config_.termWaitMs;
       send("WTRM", nowMs);
@@ -309,7 +311,8 @@ std::string SimRouter::reportLine() const {
   for (const ReceivedFile& f : files_) fileBytes += f.size;
   return macText(config_.mac) + "\t" + outcome_ + "\tfiles=" + std::to_string(files_.size()) +
          "\tbytes=" + std::to_string(fileBytes) + "\toffers=" + std::to_string(offers_) + "\toffer=" + offerLines +
-         "\tterm=" + term + "\terrors=" + std::to_string(errors_.size());
+         "\tterm=" + term + "\terrors=" + std::to_string(errors_.size()) +
+         "\ttransfer_ms=" + std::to_string(transferMs());
 }
 
 }  // namespace tarnlift::routersim

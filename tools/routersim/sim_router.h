@@ -84,6 +84,8 @@ class SimRouter {
   const std::string& term() const { return termText_; }
   int offers() const { return offers_; }
   uint64_t bytesReceived() const { return bytes_; }
+  // From the first request to the end of the file list, ms (-1: not yet).
+  int64_t transferMs() const { return transferEndMs_ < 0 ? -1 : transferEndMs_ - transferStartMs_; }
 
  private:
   void send(const std::string& payload, int64_t nowMs);
@@ -109,6 +111,8 @@ class SimRouter {
   int64_t reannounceAtMs_ = -1;
   int64_t termDeadlineMs_ = 0;
   int retrCount_ = 0;
+  int64_t transferStartMs_ = -1;
+  int64_t transferEndMs_ = -1;
   int offers_ = 0;
   int wtrmSends_ = 0;
   bool silent_ = false;

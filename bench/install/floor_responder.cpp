@@ -1,0 +1,117 @@
+// The floor for the throughput comparison: the least a server can do. It
+// answers each router with the protocol's replies straight from memory (one
+// file of the given size made of one 1452-byte block), with no sessions,
+// locks, files or time-outs. The router simulator against this responder
+// shows what the network and the simulator cost; the difference to the real
+// server is the server's own cost.
+//
+//   install_floor_responder IFACE SIZE_BYTES [PORT]
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "install/connection.h"
+
+using namespace tarnlift;
+
+namespace {
+struct Peer {
+  InstallConnection connection;
+  std::vector<uint8_t> last;
+  int64_t sent = -1;  // file bytes sent; -1 before the file header
+  bool listDone = false;
+};
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) {
+    std::fprintf(stderr, "usage: install_floor_responder IFACE SIZE_BYTES [PORT]\n");
+    return 2;
+  }
+  std::string device = argv[1];
+  int64_t size = std::atoll(argv[2]);
+  uint16_t port = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 5000);
+  int s = ::socket(AF_INET, SOCK_DGRAM, 0);
+  int on = 1;
+  ::setsockopt(s, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+  ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  ::setsockopt(s, SOL_SOCKET, SO_BINDTODEVICE, device.c_str(), static_cast<socklen_t>(device.size()));
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(port);
+  if (::bind(s, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+    std::perror("bind");
+    return 2;
+  }
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(port);
+  to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+  const MacAddress self = {0x02, 0xF1, 0x00, 0x00, 0x00, 0x01};
+  std::vector<uint8_t> block(kChunkSize, 0xA5);
+  std::map<MacAddress, Peer> peers;
+  uint8_t in[kDatagramBufferSize];
+  std::fprintf(stderr, "floor: ready\n");
+
+  auto send = [&](Peer& peer, const void* payload, size_t length) {
+    peer.last.assign(kHeaderSize + length, 0);
+    std::memcpy(peer.last.data() + kHeaderSize, payload, length);
+    peer.connection.buildHeader(peer.last.data(), static_cast<uint16_t>(length));
+    ::sendto(s, peer.last.data(), peer.last.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+  };
+
+  while (true) {
+    ssize_t n = ::recv(s, in, sizeof in, 0);
+    if (n < static_cast<ssize_t>(kHeaderSize) || payloadLengthOf(in) != n - static_cast<ssize_t>(kHeaderSize)) continue;
+    MacAddress source = toMac(sourceMacOf(in));
+    if (source == self) continue;
+    const uint8_t* payload = in + kHeaderSize;
+    size_t length = static_cast<size_t>(n) - kHeaderSize;
+    if (isZeroMac(destinationMacOf(in))) {
+      if (!payloadHasTag(payload, length, "DSCV") || peers.count(source) != 0) continue;
+      Peer& peer = peers[source];
+      peer.connection.localMac = self;
+      peer.connection.peerMac = source;
+      send(peer, "OFFR\n", 5);
+      continue;
+    }
+    auto it = peers.find(source);
+    if (it == peers.end()) continue;
+    Peer& peer = it->second;
+    int result = peer.connection.accept(in, static_cast<size_t>(n));
+    if (result == 0 && acknowledgementOf(in) < peer.connection.seq) {
+      ::sendto(s, peer.last.data(), peer.last.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    }
+    if (result != 1) continue;
+    if (payloadHasTag(payload, length, "YACK") || payloadHasTag(payload, length, "STRT")) {
+      send(peer, "", 0);
+    } else if (payloadHasTag(payload, length, "RETR")) {
+      if (peer.listDone) continue;
+      if (peer.sent < 0) {
+        std::string header = "FILE\nfloor.npk\n" + std::to_string(size) + "\n";
+        send(peer, header.data(), header.size());
+        peer.sent = 0;
+      } else if (peer.sent < size) {
+        size_t chunk = static_cast<size_t>(std::min<int64_t>(size - peer.sent, static_cast<int64_t>(kChunkSize)));
+        send(peer, block.data(), chunk);
+        peer.sent += static_cast<int64_t>(chunk);
+      } else if (peer.sent == size) {
+        send(peer, "", 0);
+        peer.sent = size + 1;
+      } else {
+        send(peer, "FILE\n", 5);
+        peer.listDone = true;
+      }
+    } else if (payloadHasTag(payload, length, "WTRM")) {
+      send(peer, "TERM\nInstallation successful\n", 29);
+    }
+  }
+}
