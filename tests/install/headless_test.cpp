@@ -1,0 +1,236 @@
+// The headless front end's engine with simulated routers in memory: what
+// `tarnlift serve` prints and does, in milliseconds of test time.
+#include "install/headless.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "app/registry.h"
+#include "packages/version.h"
+#include "temp_dir.h"
+#include "tests/app/capture_log.h"
+#include "tools/mkpkg/package_writer.h"
+#include "tools/routersim/sim_router.h"
+
+namespace tarnlift {
+namespace {
+
+using routersim::SimRouter;
+using routersim::SimRouterConfig;
+
+class Segment : public DatagramTransport {
+ public:
+  int send(const uint8_t* b, size_t n) override {
+    toRouters.emplace_back(b, b + n);
+    return static_cast<int>(n);
+  }
+  int waitReceive(uint8_t* b, uint64_t) override {
+    if (toServer.empty()) return -1;
+    std::vector<uint8_t> next = toServer.front();
+    toServer.pop_front();
+    std::memcpy(b, next.data(), next.size());
+    return static_cast<int>(next.size());
+  }
+  MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
+  std::deque<std::vector<uint8_t>> toServer, toRouters;
+};
+
+class HeadlessTest : public ::testing::Test {
+ protected:
+  testing::CapturedLog log;
+  testing::TempDir dir;
+  Segment segment;
+  ManualClock clock{1'000'000};
+  InstallServer server{segment, clock};
+  packages::PackageSets sets;
+  RememberedChoices remembered;
+  std::ostringstream out, err;
+  std::vector<std::unique_ptr<SimRouter>> sims;
+  std::unique_ptr<HeadlessInstaller> installer;
+
+  void SetUp() override {
+    mkpkg::PackageWriter()
+        .package("system", packages::parseVersion("6.41"))
+        .architecture("arm")
+        .data(5000)
+        .writeFile(dir.file("system-6.41.npk"));
+    mkpkg::PackageWriter()
+        .package("extra", packages::parseVersion("6.41"))
+        .architecture("arm")
+        .dependencies({{"system", packages::parseVersion("6.41"), 0}})
+        .data(100)
+        .writeFile(dir.file("extra-6.41.npk"));
+  }
+  void addRouter(SimRouterConfig config) {
+    config.repeatMs = 100;
+    sims.push_back(std::make_unique<SimRouter>(
+        config, [this](const uint8_t* d, size_t n) { segment.toServer.emplace_back(d, d + n); }));
+  }
+  void make(HeadlessOptions options) {
+    options.packageDir = dir.path();
+    installer = std::make_unique<HeadlessInstaller>(server, clock, options, sets, remembered, out, err);
+  }
+  // Runs the server loop, the routers and the 250 ms timer in test time.
+  void run(int64_t ms, size_t untilFinished = 0) {
+    for (int64_t t = 0; t < ms; ++t) {
+      int64_t now = static_cast<int64_t>(clock.nowMicros() / 1000);
+      for (auto& sim : sims) sim->tick(now);
+      while (!segment.toServer.empty()) server.pollOnce();
+      server.pollOnce();
+      while (!segment.toRouters.empty()) {
+        auto d = segment.toRouters.front();
+        segment.toRouters.pop_front();
+        for (auto& sim : sims) sim->onDatagram(d.data(), d.size(), now);
+      }
+      if (now % 250 == 0) installer->tick();
+      if (untilFinished != 0 && installer->finished() >= untilFinished) return;
+      clock.advanceMillis(1);
+    }
+  }
+  static SimRouterConfig router(uint8_t last) {
+    SimRouterConfig c;
+    c.mac = {0x02, 0, 0, 0, 0, last};
+    return c;
+  }
+};
+
+TEST_F(HeadlessTest, InstallsEveryAnnouncingRouterAndPrintsFinalLines) {
+  addRouter(router(1));
+  addRouter(router(2));
+  HeadlessOptions options;
+  options.select = {"extra-6.41.npk"};
+  make(options);
+  run(60'000, 2);
+  EXPECT_EQ(installer->succeeded(), 2u);
+  EXPECT_NE(out.str().find("02:00:00:00:00:01\tInstallation finished successfully\n"), std::string::npos) << out.str();
+  EXPECT_NE(out.str().find("02:00:00:00:00:02\tInstallation finished successfully\n"), std::string::npos);
+  // Ticking extra pulled in system, which is sent first.
+  ASSERT_EQ(sims[0]->files().size(), 3u);
+  EXPECT_EQ(sims[0]->files()[0].name, "system-6.41.npk");
+  EXPECT_EQ(sims[0]->files()[1].name, "extra-6.41.npk");
+  EXPECT_EQ(sims[0]->files()[2].name, "autorun.scr");
+  EXPECT_EQ(sims[0]->term(), "TERM\nInstallation successful\n");
+  EXPECT_TRUE(sets.contains(packages::kPreviousInstallSet));
+}
+
+TEST_F(HeadlessTest, OnlyNamedRoutersAreInstalled) {
+  addRouter(router(1));
+  addRouter(router(2));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.macs = {router(2).mac};
+  make(options);
+  run(20'000, 1);
+  run(3'000);
+  EXPECT_EQ(installer->finished(), 1u);
+  EXPECT_EQ(sims[0]->offers(), 0);
+  EXPECT_EQ(sims[1]->outcome(), "installed");
+  ASSERT_NE(installer->table().find(router(1).mac), nullptr);
+  EXPECT_EQ(installer->table().find(router(1).mac)->statusCell, "Ready");
+}
+
+TEST_F(HeadlessTest, RefusalIsPrintedWithTheSystemsText) {
+  SimRouterConfig old = router(1);
+  old.minVersion = "6.45";
+  old.version = "6.30";
+  addRouter(old);
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  make(options);
+  run(5'000, 1);
+  EXPECT_EQ(installer->failed(), 1u);
+  EXPECT_NE(out.str().find("02:00:00:00:00:01\ttarnlift version 6.30 is too old board supports versions from 6.45\n"),
+            std::string::npos)
+      << out.str();
+  EXPECT_EQ(sims[0]->offers(), 0);
+}
+
+TEST_F(HeadlessTest, NothingSelectedIsRefused) {
+  addRouter(router(1));
+  make(HeadlessOptions{});
+  run(3'000, 1);
+  EXPECT_NE(out.str().find("02:00:00:00:00:01\tNo packages selected\n"), std::string::npos) << out.str();
+}
+
+TEST_F(HeadlessTest, ShutdownAfterInstallAndFailureLine) {
+  addRouter(router(1));
+  SimRouterConfig nack = router(2);
+  nack.answer = "NACK";
+  addRouter(nack);
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.after = AfterInstall::Shutdown;
+  make(options);
+  run(60'000, 2);
+  EXPECT_EQ(sims[0]->term(), "TERM\nshutdown\n");
+  EXPECT_EQ(installer->failed(), 1u);
+  EXPECT_NE(out.str().find("02:00:00:00:00:02\tInstallation failed: router refused installation\n"), std::string::npos);
+}
+
+TEST_F(HeadlessTest, NoCommandWithAfterNone) {
+  SimRouterConfig config = router(1);
+  config.termWaitMs = 10'000;
+  addRouter(config);
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.after = AfterInstall::None;
+  make(options);
+  run(60'000, 1);
+  EXPECT_EQ(installer->succeeded(), 1u);
+  EXPECT_EQ(sims[0]->term(), "");
+}
+
+TEST_F(HeadlessTest, AddressQuestionIsAnsweredYesAndSaid) {
+  addRouter(router(1));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.install.addressText = "10.0.0.1";
+  make(options);
+  run(30'000, 1);
+  EXPECT_NE(err.str().find(kAddressQuestion), std::string::npos);
+  EXPECT_EQ(installer->succeeded(), 1u);
+}
+
+TEST_F(HeadlessTest, SavedPackageSetIsUsed) {
+  addRouter(router(1));
+  Registry settings;
+  settings.openRoot(kSettingsKeyPath, kFullAccess, makeMemorySettingsStore());
+  Registry setsKey;
+  setsKey.openSubKey(settings, packages::kPackageSetsKey);
+  setsKey.writeMultiString("Lab", {dir.path(), "system-6.41.npk"});
+  sets.loadSets(settings);
+  ASSERT_TRUE(sets.contains("Lab"));
+  HeadlessOptions options;
+  options.setName = "Lab";
+  make(options);
+  run(30'000, 1);
+  EXPECT_EQ(installer->succeeded(), 1u);
+  ASSERT_GE(sims[0]->files().size(), 1u);
+  EXPECT_EQ(sims[0]->files()[0].name, "system-6.41.npk");
+}
+
+TEST_F(HeadlessTest, ProgressLinesWhilePlain) {
+  addRouter(router(1));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  make(options);
+  run(30'000, 1);
+  EXPECT_NE(out.str().find("02:00:00:00:00:01\tSimRouter\tInstalling\tSending offer...\t0%\t0\n"), std::string::npos)
+      << out.str();
+  EXPECT_EQ(out.str().find("\x1b["), std::string::npos);
+}
+
+TEST_F(HeadlessTest, LiveProgressRedrawsOnATerminal) {
+  addRouter(router(1));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.liveProgress = true;
+  make(options);
+  run(30'000, 1);
+  EXPECT_NE(out.str().find("\x1b["), std::string::npos);
+  EXPECT_NE(out.str().find("02:00:00:00:00:01\tInstallation finished successfully\n"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tarnlift
