@@ -1,8 +1,10 @@
 // The Windows program's entry point: version line, single-instance guard,
 // Winsock, the main window and the message loop.
-#include <commctrl.h>
 #include <windows.h>
 #include <winsock2.h>
+
+// After windows.h, which it needs.
+#include <commctrl.h>
 
 #include <string>
 
