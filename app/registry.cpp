@@ -129,6 +129,11 @@ uint32_t Registry::deleteSubKey(const std::string& name) {
   return key_->deleteSubKey(name);
 }
 
+uint32_t Registry::deleteValue(const std::string& name) {
+  if (key_ == nullptr) return 6;
+  return key_->deleteValue(name);
+}
+
 bool Registry::enumSubKey(uint32_t index, std::string& name) {
   if (key_ == nullptr) return false;
   uint32_t error = key_->enumSubKey(index, name);

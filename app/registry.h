@@ -53,6 +53,8 @@ class Registry {
   void writeBinary(const std::string& name, const void* data, size_t size);
 
   uint32_t deleteSubKey(const std::string& name);
+  // Removes one value; returns the system result (not found is not fatal).
+  uint32_t deleteValue(const std::string& name);
   bool enumSubKey(uint32_t index, std::string& name);
   bool enumValue(uint32_t index, ValueType& type, std::string& name);
 

@@ -29,6 +29,7 @@ class SettingsKey {
   virtual bool query(const std::string& name, ValueType& type, std::vector<uint8_t>& data) = 0;
   virtual uint32_t set(const std::string& name, ValueType type, const uint8_t* data, size_t size) = 0;
   virtual uint32_t deleteSubKey(const std::string& name) = 0;
+  virtual uint32_t deleteValue(const std::string& name) = 0;
   // 0 with the name, kEndOfList past the last sub-key, any other code on failure.
   virtual uint32_t enumSubKey(uint32_t index, std::string& name) = 0;
   virtual bool enumValue(uint32_t index, ValueType& type, std::string& name) = 0;

@@ -47,6 +47,10 @@ class RegistryKey : public SettingsKey {
     return static_cast<uint32_t>(RegDeleteKeyA(handle_, name.c_str()));
   }
 
+  uint32_t deleteValue(const std::string& name) override {
+    return static_cast<uint32_t>(RegDeleteValueA(handle_, name.c_str()));
+  }
+
   uint32_t enumSubKey(uint32_t index, std::string& name) override {
     char buffer[4096] = {};
     LONG result = RegEnumKeyA(handle_, index, buffer, sizeof buffer);

@@ -77,6 +77,19 @@ class TreeKey : public SettingsKey {
     return store_->persist();
   }
 
+  uint32_t deleteValue(const std::string& name) override {
+    std::lock_guard<std::recursive_mutex> lock(store_->mutex());
+    SettingsNode* node = store_->find(names_);
+    if (node == nullptr) return kKeyDeleted;
+    for (auto it = node->values.begin(); it != node->values.end(); ++it) {
+      if (equalsIgnoringCase(it->name, name)) {
+        node->values.erase(it);
+        return store_->persist();
+      }
+    }
+    return kNotFound;
+  }
+
   uint32_t enumSubKey(uint32_t index, std::string& name) override {
     std::lock_guard<std::recursive_mutex> lock(store_->mutex());
     SettingsNode* node = store_->find(names_);

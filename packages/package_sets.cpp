@@ -90,10 +90,10 @@ bool PackageSets::deleteSet(Registry* settingsKey) {
   sets_.erase(name);
   current_.clear();
   if (settingsKey != nullptr) {
-    // The store offers no removal of a single value, so the sub-key is
-    // dropped and the remaining sets written again.
-    settingsKey->deleteSubKey(kPackageSetsKey);
-    saveSets(*settingsKey);
+    // A failure here is not reported: the set is already gone from the list.
+    Registry key;
+    key.openSubKey(*settingsKey, kPackageSetsKey);
+    key.deleteValue(name);
   }
   return true;
 }

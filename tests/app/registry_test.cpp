@@ -174,6 +174,15 @@ TEST_P(RegistryContract, SubKeysEnumerateAndEndWithFalse) {
   EXPECT_EQ(count, 2u);
 }
 
+TEST_P(RegistryContract, DeletingAValueLeavesTheOthers) {
+  key_.writeInt("One", 1);
+  key_.writeString("Two", "2");
+  EXPECT_EQ(key_.deleteValue("ONE"), 0u);
+  EXPECT_EQ(key_.readInt("One", 77), 77u);
+  EXPECT_EQ(key_.readString("Two", ""), "2");
+  EXPECT_NE(key_.deleteValue("One"), 0u);  // gone: reported, not fatal
+}
+
 TEST_P(RegistryContract, OpeningAgainSeesWhatWasWritten) {
   key_.writeString("PXE Client Address", "kept");
   key_.close();

@@ -140,8 +140,19 @@ TEST_F(PackageSetsTest, DeleteRemovesTheCurrentSetFromMapAndStore) {
   prompts.answers = {"lab"};
   ASSERT_TRUE(sets.saveSet(router, prompts));
   sets.saveSets(settings);
+  {
+    // Other values of the sub-key are not touched by a deletion.
+    Registry sub;
+    sub.openSubKey(settings, "Package Sets");
+    sub.writeInt("Unrelated", 5);
+  }
   sets.setCurrentSet("office");
   EXPECT_TRUE(sets.deleteSet(&settings));
+  {
+    Registry sub;
+    sub.openSubKey(settings, "Package Sets");
+    EXPECT_EQ(sub.readInt("Unrelated", 0), 5u);
+  }
   EXPECT_EQ(sets.currentSet(), "");
   EXPECT_TRUE(sets.saveEnabled());
   EXPECT_FALSE(sets.deleteEnabled());
