@@ -57,6 +57,7 @@ void InstallTransport::open() {
     reportSocketFailure(message, true);
   }
   installsock::ignoreConnectionResets(socket_);
+  if (!isZeroMac(localMac_)) installsock::dropDatagramsFrom(socket_, localMac_.data());
   if (!installsock::bindOnInterface(socket_, served_.address, served_.name, port_)) {
     if (installsock::bindOnInterface(socket_, served_.address, served_.name, options_.backupPort)) {
       logLine() << "bound to backup port";

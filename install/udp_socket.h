@@ -23,6 +23,11 @@ void ignoreConnectionResets(Handle socket);
 // out of that interface. interfaceName is the system's name for it (may be
 // empty where the platform does not need it).
 bool bindOnInterface(Handle socket, uint32_t address, const std::string& interfaceName, uint16_t port);
+// Asks the system to discard, before they wake anybody, arriving datagrams
+// whose payload starts with mac: the copies of our own broadcasts that the
+// system hands back to us. Does nothing where the platform has no such filter;
+// the caller drops them anyway.
+void dropDatagramsFrom(Handle socket, const uint8_t* mac);
 // Destination address in network order, port in host order.
 int sendTo(Handle socket, const void* data, size_t length, uint32_t address, uint16_t port);
 // Returns the byte count or -1; the source port is in host order.

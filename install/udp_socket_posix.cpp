@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
+#include <linux/filter.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/select.h>
@@ -43,6 +44,22 @@ bool bindOnInterface(Handle socket, uint32_t address, const std::string& interfa
     local.sin_addr.s_addr = htonl(INADDR_ANY);
   }
   return ::bind(static_cast<int>(socket), reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+}
+
+void dropDatagramsFrom(Handle socket, const uint8_t* mac) {
+  // The filter sees the datagram from its UDP header on: the payload, and so
+  // the header's source MAC, starts at offset 8.
+  uint32_t high = static_cast<uint32_t>(mac[0]) << 24 | static_cast<uint32_t>(mac[1]) << 16 |
+                  static_cast<uint32_t>(mac[2]) << 8 | mac[3];
+  uint32_t low = static_cast<uint32_t>(mac[4]) << 8 | mac[5];
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 8),  // first four bytes of the source MAC
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, high, 0, 3), BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12),  // last two bytes
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, low, 0, 1),  BPF_STMT(BPF_RET | BPF_K, 0),            // ours: drop
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),  // anything else: keep whole
+  };
+  sock_fprog program{static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+  ::setsockopt(static_cast<int>(socket), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
 }
 
 int sendTo(Handle socket, const void* data, size_t length, uint32_t address, uint16_t port) {

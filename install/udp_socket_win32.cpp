@@ -42,6 +42,8 @@ bool bindOnInterface(Handle socket, uint32_t address, const std::string&, uint16
   return ::bind(static_cast<SOCKET>(socket), reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
 }
 
+void dropDatagramsFrom(Handle, const uint8_t*) {}
+
 int sendTo(Handle socket, const void* data, size_t length, uint32_t address, uint16_t port) {
   sockaddr_in to{};
   to.sin_family = AF_INET;

@@ -61,25 +61,31 @@ sample_rss() {
   done
 }
 
-echo "== one router, 64 MiB"
-run_serve "$work/pk64" big-6.41.npk 1
-ip netns exec $rtr "$bin/routersim" --interface $b --repeat-ms 200 > "$work/sim.out" 2> /dev/null
-wait $serve_job
-serve_ms=$(field transfer_ms < "$work/sim.out")
-bytes=$(field bytes < "$work/sim.out")
-echo "serve:  $bytes bytes in $serve_ms ms = $(mbps "$bytes" "$serve_ms") MiB/s   (server cpu: $(cat "$work/time.txt"))"
-(ip netns exec $srv "$floor" $a $((64 << 20)) 2> /dev/null) &
-floor_job=$!
-sleep 0.3
-ip netns exec $rtr "$bin/routersim" --interface $b --repeat-ms 200 --term-wait-ms 100 > "$work/floor.out" 2> /dev/null
-kill $floor_job 2> /dev/null
-floor_ms=$(field transfer_ms < "$work/floor.out")
-fbytes=$(field bytes < "$work/floor.out")
-echo "floor:  $fbytes bytes in $floor_ms ms = $(mbps "$fbytes" "$floor_ms") MiB/s"
+echo "== one router, 64 MiB (three runs each, interleaved; the machine may be shared, so the best counts)"
+best_serve=999999999 best_floor=999999999
+for run in 1 2 3; do
+  run_serve "$work/pk64" big-6.41.npk 1
+  ip netns exec $rtr "$bin/routersim" --interface $b --repeat-ms 200 > "$work/sim.out" 2> /dev/null
+  wait $serve_job
+  serve_ms=$(field transfer_ms < "$work/sim.out")
+  bytes=$(field bytes < "$work/sim.out")
+  echo "serve:  $bytes bytes in $serve_ms ms = $(mbps "$bytes" "$serve_ms") MiB/s   (server user/sys s, max RSS KiB: $(cat "$work/time.txt"))"
+  [ "$serve_ms" -lt "$best_serve" ] && best_serve=$serve_ms
+  (ip netns exec $srv "$floor" $a $((64 << 20)) 2> /dev/null) &
+  floor_job=$!
+  sleep 0.3
+  ip netns exec $rtr "$bin/routersim" --interface $b --repeat-ms 200 --term-wait-ms 100 > "$work/floor.out" 2> /dev/null
+  kill $floor_job 2> /dev/null
+  wait $floor_job 2> /dev/null
+  floor_ms=$(field transfer_ms < "$work/floor.out")
+  fbytes=$(field bytes < "$work/floor.out")
+  echo "floor:  $fbytes bytes in $floor_ms ms = $(mbps "$fbytes" "$floor_ms") MiB/s"
+  [ "$floor_ms" -lt "$best_floor" ] && best_floor=$floor_ms
+done
 chunks=$(( (64 << 20) / 1452 + 3 ))
-awk -v s="$serve_ms" -v f="$floor_ms" -v c="$chunks" 'BEGIN {
-  printf "round trip: serve %.1f us, floor %.1f us; server share %.1f%% of each round trip\n",
-         s * 1000 / c, f * 1000 / c, (s - f) * 100 / s }'
+awk -v s="$best_serve" -v f="$best_floor" -v c="$chunks" 'BEGIN {
+  printf "best: serve %.1f MiB/s, floor %.1f MiB/s; round trip: serve %.1f us, floor %.1f us; server share %.1f%%\n",
+         64000 / s, 64000 / f, s * 1000 / c, f * 1000 / c, (s - f) * 100 / s }'
 
 for size in 1 8; do
   echo "== 100 routers at once, ${size} MiB each"
