@@ -16,6 +16,9 @@ PackageSender::PackageSender(const std::string& path, const std::string& remoteN
     : transport_(transport), connection_(connection), datagram_(datagram) {
   file_ = std::fopen(path.c_str(), "rb");
   if (file_ == nullptr) fatalFailure("_open() package failed");
+  // Chunks are small; read the file in larger pieces.
+  readBuffer_.resize(64 * 1024);
+  std::setvbuf(file_, readBuffer_.data(), _IOFBF, readBuffer_.size());
   size_t slash = remoteName.find_last_of('\\');
   remoteName_ = slash == std::string::npos ? remoteName : remoteName.substr(slash + 1);
   std::fseek(file_, 0, SEEK_END);
@@ -296,7 +299,7 @@ InstallServer::InstallServer(DatagramTransport& transport, const Clock& clock, A
 }
 
 InstallServer::~InstallServer() {
-  if (running()) destroy();
+  destroy();
   MutexLock hold(sessionLock_, 10000);
   sessions_.clear();
 }

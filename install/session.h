@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/clock.h"
 #include "app/sync.h"
@@ -55,6 +56,7 @@ class PackageSender {
   int32_t bytesRead() const { return bytesRead_; }
 
  private:
+  std::vector<char> readBuffer_;  // declared before file_: outlives it
   std::FILE* file_ = nullptr;
   int32_t length_ = 0;
   int32_t bytesRead_ = 0;

@@ -48,6 +48,7 @@ void InstallTransport::open() {
     reportSocketFailure(message, true);
   }
   socket_ = handle;
+  armedTimeoutUs_ = 0;
   if (!installsock::setBroadcast(socket_)) {
     std::string message = "setsockopt() SO_BROADCAST failed";
     reportSocketFailure(message, true);
@@ -95,8 +96,13 @@ int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
     open();
     return -1;
   }
-  int ready = installsock::waitReadable(socket_, timeoutUs);
-  if (ready > 0) return receive(buffer);
+  int count = installsock::receiveWithin(socket_, buffer, kDatagramBufferSize, timeoutUs, armedTimeoutUs_,
+                                         sourceAddress_, sourcePort_);
+  if (count >= 0) return sourcePort_ == port_ ? count : -1;
+  if (count != installsock::kTimedOut) {
+    std::string message = "recvfrom() failed";
+    reportSocketFailure(message, true);
+  }
   // Nothing came: check that the interface is still there by sending one
   // byte to our own address; a failure means it went away, so start again.
   uint8_t probe = 0;

@@ -83,6 +83,7 @@ class InstallTransport : public DatagramTransport {
   InstallInterface served_;
   uint32_t sourceAddress_ = 0;
   uint16_t sourcePort_ = 0;
+  uint64_t armedTimeoutUs_ = 0;
 };
 
 // The "you have to etherboot" broadcast that asks routers on the segment to

@@ -34,6 +34,13 @@ int sendTo(Handle socket, const void* data, size_t length, uint32_t address, uin
 int receiveFrom(Handle socket, void* buffer, size_t size, uint32_t& sourceAddress, uint16_t& sourcePort);
 // 1 readable, 0 time-out, -1 error. A time-out of 0 waits without limit.
 int waitReadable(Handle socket, uint64_t timeoutUs);
+// Waits at most timeoutUs (0: without limit) and receives: the byte count,
+// kTimedOut when nothing came, -1 on error. In one system call where the
+// platform allows; armedUs is the caller's memory of the time-out the socket
+// is set to (0 after opening), so that it is only set again when it changes.
+inline constexpr int kTimedOut = -2;
+int receiveWithin(Handle socket, void* buffer, size_t size, uint64_t timeoutUs, uint64_t& armedUs,
+                  uint32_t& sourceAddress, uint16_t& sourcePort);
 void closeSocket(Handle socket);
 uint32_t lastError();
 

@@ -91,6 +91,29 @@ int waitReadable(Handle socket, uint64_t timeoutUs) {
   return result > 0 ? 1 : 0;
 }
 
+int receiveWithin(Handle socket, void* buffer, size_t size, uint64_t timeoutUs, uint64_t& armedUs,
+                  uint32_t& sourceAddress, uint16_t& sourcePort) {
+  // A receive time-out on the socket instead of a readiness wait before each
+  // receive: one system call per datagram instead of two.
+  if (timeoutUs != armedUs) {
+    timeval limit{static_cast<time_t>(timeoutUs / 1000000), static_cast<suseconds_t>(timeoutUs % 1000000)};
+    if (::setsockopt(static_cast<int>(socket), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+      int ready = waitReadable(socket, timeoutUs);
+      if (ready <= 0) return ready == 0 ? kTimedOut : -1;
+      return receiveFrom(socket, buffer, size, sourceAddress, sourcePort);
+    }
+    armedUs = timeoutUs;
+  }
+  sockaddr_in from{};
+  socklen_t fromLength = sizeof from;
+  ssize_t count =
+      ::recvfrom(static_cast<int>(socket), buffer, size, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+  if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? kTimedOut : -1;
+  sourceAddress = from.sin_addr.s_addr;
+  sourcePort = ntohs(from.sin_port);
+  return static_cast<int>(count);
+}
+
 void closeSocket(Handle socket) { ::close(static_cast<int>(socket)); }
 
 uint32_t lastError() { return static_cast<uint32_t>(errno); }

@@ -75,6 +75,14 @@ int waitReadable(Handle socket, uint64_t timeoutUs) {
   return result > 0 ? 1 : 0;
 }
 
+int receiveWithin(Handle socket, void* buffer, size_t size, uint64_t timeoutUs, uint64_t&, uint32_t& sourceAddress,
+                  uint16_t& sourcePort) {
+  int ready = waitReadable(socket, timeoutUs);
+  if (ready == 0) return kTimedOut;
+  if (ready < 0) return -1;
+  return receiveFrom(socket, buffer, size, sourceAddress, sourcePort);
+}
+
 void closeSocket(Handle socket) { ::closesocket(static_cast<SOCKET>(socket)); }
 
 uint32_t lastError() { return static_cast<uint32_t>(::WSAGetLastError()); }
