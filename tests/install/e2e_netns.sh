@@ -193,6 +193,15 @@ case $case_name in
     done
     [ "$(ls "$work/out" | wc -l)" = 20 ] || fail "not 20 routers stored files"
     ;;
+  usage)
+    in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve "$@" > "$work/serve.out" 2> "$work/serve.err"); }
+    in_srv; [ $? = 2 ] || fail "no arguments: expected exit 2"
+    in_srv --client-address 192.168.88.1 --after later; [ $? = 2 ] || fail "bad --after: expected exit 2"
+    in_srv --client-address 192.168.88.1 --count 0; [ $? = 2 ] || fail "bad --count: expected exit 2"
+    in_srv --client-address 192.168.88.1 --mac 1:2:3; [ $? = 2 ] || fail "bad --mac: expected exit 2"
+    in_srv --client-address 10.77.0.1 --count 1; [ $? = 2 ] || fail "no interface: expected exit 2"
+    expect_line "$work/serve.err" "no network interface reaches 10.77.0.1"
+    ;;
   *)
     echo "unknown case $case_name"
     exit 2
