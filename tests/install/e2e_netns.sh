@@ -61,9 +61,9 @@ ip -n "$srv" link set lo up
 ip -n "$rtr" link set "$veth_b" up
 ip -n "$rtr" link set lo up
 
-export HOME=$work/home
+export HOME=$work/home TMPDIR=$work/tmp
 unset XDG_CONFIG_HOME
-mkdir -p "$HOME" "$work/pk" "$work/out"
+mkdir -p "$HOME" "$TMPDIR" "$work/pk" "$work/out"
 if [[ "$serve_cmd" == wine* ]]; then
   export WINEPREFIX=$work/wine WINEDEBUG=-all
 fi
