@@ -31,11 +31,13 @@ veth_a=${veth_a:0:15}
 veth_b=${veth_b:0:15}
 work=$(mktemp -d /tmp/tl-e2e-XXXXXX)
 serve_pid=
+own_wine_prefix=
 cleanup() {
   [ -n "$serve_pid" ] && kill "$serve_pid" 2> /dev/null
   ip netns del "$srv" 2> /dev/null
   ip netns del "$rtr" 2> /dev/null
-  [ -n "${WINEPREFIX:-}" ] && WINEPREFIX=$WINEPREFIX wineserver -k 2> /dev/null
+  # Only the Wine server of the prefix made here, never the caller's.
+  [ -n "$own_wine_prefix" ] && WINEPREFIX=$own_wine_prefix wineserver -k 2> /dev/null
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -65,7 +67,8 @@ export HOME=$work/home TMPDIR=$work/tmp
 unset XDG_CONFIG_HOME
 mkdir -p "$HOME" "$TMPDIR" "$work/pk" "$work/out"
 if [[ "$serve_cmd" == wine* ]]; then
-  export WINEPREFIX=$work/wine WINEDEBUG=-all
+  own_wine_prefix=$work/wine
+  export WINEPREFIX=$own_wine_prefix WINEDEBUG=-all
 fi
 
 hexof() { head -c "$1" /dev/urandom | od -An -v -tx1 | tr -d ' \n'; }
