@@ -15,6 +15,7 @@
 #include "cli/command.h"
 #include "cli/server_guard.h"
 #include "install/headless.h"
+#include "install/install_service.h"
 #include "install/session.h"
 #include "install/transport.h"
 #include "netboot/interfaces.h"
@@ -127,7 +128,6 @@ int runServe(const std::vector<std::string>& arguments) {
     std::cerr << "tarnlift: no network interface reaches " << clientText << std::endl;
     return kExitUsage;
   }
-  netboot::ServedInterface served = netboot::servedInterface();
 
   packages::PackageSets sets;
   sets.loadSets(settings);
@@ -135,12 +135,11 @@ int runServe(const std::vector<std::string>& arguments) {
   remembered.load(settings);
   options.liveProgress = standardOutputIsTerminal();
 
-  InstallTransport transport;
-  transport.init(served.mac, std::nullopt, kInstallPort);
-  InstallServer server(transport, SteadyClock::instance());
-  server.start();
-  logLine() << "serve: installing on " << netboot::formatIpv4(netboot::serverAddress()) << " port " << transport.port()
-            << " as " << macText(transport.localMac());
+  // The same "Router installer" the window takes, on port 5000.
+  InstallService service(kInstallPort);
+  InstallServer& server = service.server();
+  logLine() << "serve: installing on " << netboot::formatIpv4(netboot::serverAddress()) << " port "
+            << service.transport().port() << " as " << macText(service.transport().localMac());
 
   std::signal(SIGINT, requestStop);
   std::signal(SIGTERM, requestStop);
@@ -151,7 +150,7 @@ int runServe(const std::vector<std::string>& arguments) {
     sleepMilliseconds(250);
   }
   server.destroy();
-  transport.close();
+  service.transport().close();
   remembered.save(settings);
   sets.saveSets(settings);
   logLine() << "serve: " << installer.succeeded() << " installed, " << installer.failed() << " failed";
