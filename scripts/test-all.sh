@@ -7,7 +7,7 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 jobs=${JOBS:-$(nproc)}
 # Seconds of fuzzing, shared by all the fuzz targets.
-fuzz_seconds=${FUZZ_SECONDS:-90}
+fuzz_seconds=${FUZZ_SECONDS:-150}
 status=0
 summary=()
 started=$(date +%s)
