@@ -52,6 +52,9 @@ bool Event::waitFor(uint32_t milliseconds) {
   bool woken = true;
   if (milliseconds == kWaitInfinite) {
     impl_->changed.wait(lock, ready);
+  } else if (milliseconds == 0) {
+    // A poll: a timed wait with no time left still sleeps for the timer slack.
+    woken = impl_->signalled;
   } else {
     woken = impl_->changed.wait_for(lock, std::chrono::milliseconds(milliseconds), ready);
   }

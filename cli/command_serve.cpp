@@ -19,6 +19,7 @@
 #include "install/session.h"
 #include "install/transport.h"
 #include "netboot/interfaces.h"
+#include "netboot/netboot_service.h"
 
 namespace tarnlift::cli {
 namespace {
@@ -29,7 +30,8 @@ void requestStop(int) { gStopRequested = 1; }
 const char* kServeUsage =
     "--client-address A.B.C.D [--packages DIR] [--select FILE]... [--set NAME] [--keep-config] "
     "[--address A.B.C.D/BITS] [--gateway A.B.C.D] [--baud N] [--default-config] [--remove-branding] "
-    "[--script FILE] [--mode-script FILE] [--after reboot|shutdown|none] [--mac MAC]... [--count N]";
+    "[--script FILE] [--mode-script FILE] [--after reboot|shutdown|none] [--mac MAC]... [--count N] "
+    "[--netboot [--boot-images DIR] [--kernel FILE]]";
 
 bool parseCount(const std::string& text, uint32_t& value) {
   char* end = nullptr;
@@ -39,7 +41,12 @@ bool parseCount(const std::string& text, uint32_t& value) {
   return true;
 }
 
-int runServe(const std::vector<std::string>& arguments) {
+int runServe(const std::vector<std::string>& commandArguments) {
+  // The network boot options are the boot services' own; the rest are ours.
+  std::vector<std::string> arguments = commandArguments;
+  netboot::NetbootServeOptions netbootOptions;
+  std::string netbootError;
+  if (!netboot::extractNetbootOptions(arguments, netbootOptions, netbootError)) return usageError(netbootError);
   HeadlessOptions options;
   std::string clientText;
   uint32_t count = 0;
@@ -129,6 +136,13 @@ int runServe(const std::vector<std::string>& arguments) {
     return kExitUsage;
   }
 
+  // Network booting runs beside the installer, on the same interface.
+  netboot::NetbootService netbootService;
+  if (netbootOptions.netboot && !netbootService.start(client, netbootOptions, netbootError)) {
+    std::cerr << "tarnlift: " << netbootError << std::endl;
+    return kExitFailed;
+  }
+
   packages::PackageSets sets;
   sets.loadSets(settings);
   RememberedChoices remembered;
@@ -151,6 +165,7 @@ int runServe(const std::vector<std::string>& arguments) {
   }
   server.destroy();
   service.transport().close();
+  netbootService.stop();
   remembered.save(settings);
   sets.saveSets(settings);
   logLine() << "serve: " << installer.succeeded() << " installed, " << installer.failed() << " failed";

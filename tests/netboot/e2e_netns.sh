@@ -5,7 +5,7 @@
 # on every exit path.
 #
 # usage: e2e_netns.sh CASE TARNLIFT_COMMAND BOOTP_CLIENT
-#   CASE: classes | clients | concurrent | restart | wine
+#   CASE: classes | clients | concurrent | restart | serve | wine
 #   TARNLIFT_COMMAND may be several words (e.g. "wine /path/tarnlift-cli.exe").
 #   BOOTP_CLIENT: tools/bootpclient, or tests/netboot/bootp_peer.py.
 # Exit 77 (skipped) when not root, without `ip`, or without a needed program.
@@ -97,8 +97,11 @@ if [ "$case_name" = wine ]; then
   wine_ready=60
 fi
 
+# `serve --netboot` runs the same boot services beside the installer.
+subcommand=netboot
+[ "$case_name" = serve ] && subcommand="serve --netboot"
 # shellcheck disable=SC2086
-HOME=$work XDG_CONFIG_HOME=$work/config in_srv $tarnlift_cmd netboot $server_args > "$work/server.out" 2> "$work/server.err" &
+HOME=$work XDG_CONFIG_HOME=$work/config in_srv $tarnlift_cmd $subcommand $server_args > "$work/server.out" 2> "$work/server.err" &
 server_pid=$!
 # Ready once the interface was found (Wine needs seconds to start).
 for _ in $(seq 1 ${wine_ready:-20}0); do
@@ -185,6 +188,16 @@ EOF
       --image-length "$(stat -c %s "$work/expect/143")") || fail "BOOTP EFI: $out"
     (cd "$work/got" && in_rtr timeout 60 tftp -m binary 192.168.88.2 -c get bootx64.efi efi) || fail "tftp-hpa efi"
     same "$work/got/efi" 143
+    ;;
+  serve)
+    out=$(bootp 02:00:5E:00:06:01 ARM__boot $check) || fail "BOOTP: $out"
+    in_rtr curl -s -m 30 --tftp-blksize 1468 -o "$work/got/serve" "tftp://192.168.88.2/image" || fail "curl"
+    same "$work/got/serve" 137
+    for _ in $(seq 1 100); do
+      grep -q "serve: installing on 192.168.88.2" "$work/server.err" && break
+      sleep 0.1
+    done
+    grep -q "serve: installing on 192.168.88.2" "$work/server.err" || fail "the installer did not start beside it"
     ;;
   concurrent)
     out=$(bootp 02:00:5E:00:03:01 tile_boot $check) || fail "BOOTP: $out"
