@@ -4,7 +4,7 @@
 #
 #   fuzz/run.sh [TOTAL_SECONDS [TARGET...]]   default 60 s, shared by the targets
 #
-# Targets are the *_fuzzer programs the fuzz/ folders build; each starts from
+# Targets are the fuzz/*/*_fuzzer.cpp programs; each starts from
 # its seeds in fuzz/*/seeds/TARGET and keeps what it learns in
 # build/fuzz/corpus/TARGET. Exits non-zero when a target finds a crash, a
 # leak, undefined behaviour or a time-out; the reproducer is left in
@@ -18,11 +18,11 @@ cd "$root"
 cmake --preset fuzz >/dev/null
 if [ $# -gt 0 ]; then
   targets="$*"
-  cmake --build build/fuzz -j2 --target $targets
 else
-  cmake --build build/fuzz -j2
-  targets=$(cd build/fuzz/fuzz && ls *_fuzzer)
+  targets=$(for source in fuzz/*/*_fuzzer.cpp; do basename "$source" .cpp; done)
 fi
+# Only the fuzz targets: other programs cannot link the instrumented libraries.
+cmake --build build/fuzz -j2 --target $targets
 
 count=$(echo $targets | wc -w)
 each=$((total / count))

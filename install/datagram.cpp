@@ -1,5 +1,7 @@
 #include "install/datagram.h"
 
+#include "netboot/interfaces.h"
+
 #include <cstdio>
 
 namespace tarnlift {
@@ -9,11 +11,8 @@ bool isZeroMac(const uint8_t* mac) {
   return std::memcmp(mac, zero, 6) == 0;
 }
 
-std::string macText(const uint8_t* mac) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-  return text;
-}
+// The boot services print MACs and addresses the same way; one formatter each.
+std::string macText(const uint8_t* mac) { return netboot::formatMac(mac); }
 
 namespace {
 int hexValue(char c) {
@@ -36,12 +35,7 @@ bool parseMac(const std::string& text, MacAddress& mac) {
   return true;
 }
 
-std::string dottedAddress(uint32_t networkOrder) {
-  const uint8_t* b = reinterpret_cast<const uint8_t*>(&networkOrder);
-  char text[20];
-  std::snprintf(text, sizeof text, "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
-  return text;
-}
+std::string dottedAddress(uint32_t networkOrder) { return netboot::formatIpv4(networkOrder); }
 
 uint32_t parseDottedAddress(const std::string& text) {
   uint8_t bytes[4];
