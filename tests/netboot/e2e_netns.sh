@@ -100,8 +100,11 @@ fi
 # `serve --netboot` runs the same boot services beside the installer.
 subcommand=netboot
 [ "$case_name" = serve ] && subcommand="serve --netboot"
+# The server's own process (by exec) under a time limit, so that the clean-up
+# reaches it and it can never outlive the test.
 # shellcheck disable=SC2086
-HOME=$work XDG_CONFIG_HOME=$work/config in_srv $tarnlift_cmd $subcommand $server_args > "$work/server.out" 2> "$work/server.err" &
+(HOME=$work XDG_CONFIG_HOME=$work/config exec ip netns exec "$srv" timeout 300 $tarnlift_cmd $subcommand $server_args \
+  > "$work/server.out" 2> "$work/server.err") &
 server_pid=$!
 # Ready once the interface was found (Wine needs seconds to start).
 for _ in $(seq 1 ${wine_ready:-20}0); do
