@@ -22,20 +22,15 @@ for word in $serve_cmd; do
   break
 done
 
-id=$$$RANDOM
-srv=tlsrv$id
-rtr=tlrtr$id
-veth_a=tla$id
-veth_b=tlb$id
-veth_a=${veth_a:0:15}
-veth_b=${veth_b:0:15}
+# shellcheck source=../lib/netns_pair.sh
+source "$(dirname "$0")/../lib/netns_pair.sh"
+netns_names tl
 work=$(mktemp -d /tmp/tl-e2e-XXXXXX)
 serve_pid=
 own_wine_prefix=
 cleanup() {
   [ -n "$serve_pid" ] && kill "$serve_pid" 2> /dev/null
-  ip netns del "$srv" 2> /dev/null
-  ip netns del "$rtr" 2> /dev/null
+  netns_remove
   # Only the Wine server of the prefix made here, never the caller's.
   [ -n "$own_wine_prefix" ] && WINEPREFIX=$own_wine_prefix wineserver -k 2> /dev/null
   rm -rf "$work"
@@ -52,16 +47,12 @@ fail() {
   exit 1
 }
 
-ip netns add "$srv" || skip "cannot create network namespaces"
-ip netns add "$rtr" || fail "netns"
-ip link add "$veth_a" type veth peer name "$veth_b" || fail "veth"
-ip link set "$veth_a" netns "$srv"
-ip link set "$veth_b" netns "$rtr"
-ip -n "$srv" addr add 192.168.88.2/24 dev "$veth_a"
-ip -n "$srv" link set "$veth_a" up
-ip -n "$srv" link set lo up
-ip -n "$rtr" link set "$veth_b" up
-ip -n "$rtr" link set lo up
+netns_pair
+case $? in
+  0) ;;
+  2) skip "cannot create network namespaces" ;;
+  *) fail "cannot join the namespaces by a veth pair" ;;
+esac
 
 export HOME=$work/home TMPDIR=$work/tmp
 unset XDG_CONFIG_HOME

@@ -28,19 +28,14 @@ case $case_name in
   concurrent|wine) command -v curl > /dev/null || skip "needs curl" ;;
 esac
 
-id=$$$RANDOM
-srv=tlnbs$id
-rtr=tlnbr$id
-veth_a=tlna$id
-veth_b=tlnb$id
-veth_a=${veth_a:0:15}
-veth_b=${veth_b:0:15}
+# shellcheck source=../lib/netns_pair.sh
+source "$here/../lib/netns_pair.sh"
+netns_names tln
 work=$(mktemp -d /tmp/tl-netboot-XXXXXX)
 server_pid=
 cleanup() {
   [ -n "$server_pid" ] && kill "$server_pid" 2> /dev/null && wait "$server_pid" 2> /dev/null
-  ip netns del "$srv" 2> /dev/null
-  ip netns del "$rtr" 2> /dev/null
+  netns_remove
   [ -n "${WINEPREFIX:-}" ] && [ -d "${WINEPREFIX:-}" ] && WINEPREFIX=$WINEPREFIX wineserver -k 2> /dev/null
   [ -n "${WINEPREFIX:-}" ] && rm -rf "$WINEPREFIX"
   rm -rf "$work"
@@ -54,19 +49,14 @@ fail() {
   exit 1
 }
 
-ip netns add "$srv" || skip "cannot create network namespaces"
-ip netns add "$rtr" || fail "netns"
-ip link add "$veth_a" type veth peer name "$veth_b" || fail "veth"
-ip link set "$veth_a" netns "$srv"
-ip link set "$veth_b" netns "$rtr"
-ip -n "$srv" addr add 192.168.88.2/24 dev "$veth_a"
-ip -n "$srv" link set "$veth_a" up
-ip -n "$srv" link set lo up
 # The router side gets the client address the server hands out: the server
 # sends every TFTP packet to that address.
-ip -n "$rtr" addr add 192.168.88.1/24 dev "$veth_b"
-ip -n "$rtr" link set "$veth_b" up
-ip -n "$rtr" link set lo up
+netns_pair 192.168.88.1
+case $? in
+  0) ;;
+  2) skip "cannot create network namespaces" ;;
+  *) fail "cannot join the namespaces by a veth pair" ;;
+esac
 
 in_srv() { ip netns exec "$srv" "$@"; }
 in_rtr() { ip netns exec "$rtr" "$@"; }
