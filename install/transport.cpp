@@ -22,15 +22,12 @@ void InstallTransport::init(const MacAddress& localMac, std::optional<std::strin
   localMac_ = localMac;
   label_ = std::move(label);
   port_ = port;
-  socket_ = installsock::kNoSocket;
+  socket_.close();
   open();
 }
 
 void InstallTransport::open() {
-  if (socket_ > 0) {
-    installsock::closeSocket(socket_);
-    socket_ = installsock::kNoSocket;
-  }
+  socket_.close();
   {
     Registry settings;
     settings.openRoot(kSettingsKeyPath, kFullAccess, options_.store);
@@ -42,25 +39,22 @@ void InstallTransport::open() {
   if (!isZeroMac(served_.mac)) localMac_ = served_.mac;
   if (label_) logLine() << "socket(): " << *label_;
 
-  installsock::Handle handle = installsock::createUdp();
-  if (handle == installsock::kNoSocket) {
+  if (!socket_.open()) {
     std::string message = "socket() failed";
     reportSocketFailure(message, true);
   }
-  socket_ = handle;
-  armedTimeoutUs_ = 0;
-  if (!installsock::setBroadcast(socket_)) {
+  if (!socket_.setBroadcast()) {
     std::string message = "setsockopt() SO_BROADCAST failed";
     reportSocketFailure(message, true);
   }
-  if (!installsock::setReuseAddress(socket_)) {
+  if (!socket_.setReuseAddress()) {
     std::string message = "setsockopt() SO_REUSEADDR failed";
     reportSocketFailure(message, true);
   }
-  installsock::ignoreConnectionResets(socket_);
-  if (!isZeroMac(localMac_)) installsock::dropDatagramsFrom(socket_, localMac_.data());
-  if (!installsock::bindOnInterface(socket_, served_.address, served_.name, port_)) {
-    if (installsock::bindOnInterface(socket_, served_.address, served_.name, options_.backupPort)) {
+  socket_.ignoreConnectionResets();
+  if (!isZeroMac(localMac_)) socket_.dropDatagramsFrom(localMac_.data());
+  if (!socket_.bindOnInterface(served_.address, port_, served_.name)) {
+    if (socket_.bindOnInterface(served_.address, options_.backupPort, served_.name)) {
       logLine() << "bound to backup port";
       port_ = options_.backupPort;
     } else {
@@ -75,13 +69,13 @@ void InstallTransport::open() {
 }
 
 int InstallTransport::send(const uint8_t* buffer, size_t length) {
-  if (socket_ == installsock::kNoSocket) open();
-  if (socket_ == installsock::kNoSocket) return -1;
-  return installsock::sendTo(socket_, buffer, length, options_.broadcastAddress, port_);
+  if (!socket_.isOpen()) open();
+  if (!socket_.isOpen()) return -1;
+  return socket_.sendTo(buffer, length, options_.broadcastAddress, port_);
 }
 
 int InstallTransport::receive(uint8_t* buffer) {
-  int count = installsock::receiveFrom(socket_, buffer, kDatagramBufferSize, sourceAddress_, sourcePort_);
+  int count = socket_.receiveFrom(buffer, kDatagramBufferSize, &sourceAddress_, &sourcePort_);
   if (count < 0) {
     std::string message = "recvfrom() failed";
     reportSocketFailure(message, true);
@@ -91,61 +85,52 @@ int InstallTransport::receive(uint8_t* buffer) {
 }
 
 int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
-  if (socket_ < 0) {
+  if (!socket_.isOpen()) {
     options_.sleep(1000);
     open();
     return -1;
   }
-  int count = installsock::receiveWithin(socket_, buffer, kDatagramBufferSize, timeoutUs, armedTimeoutUs_,
-                                         sourceAddress_, sourcePort_);
+  int count = socket_.receiveWithin(buffer, kDatagramBufferSize, timeoutUs, &sourceAddress_, &sourcePort_);
   if (count >= 0) return sourcePort_ == port_ ? count : -1;
-  if (count != installsock::kTimedOut) {
+  if (count != netboot::UdpSocket::kTimedOut) {
     std::string message = "recvfrom() failed";
     reportSocketFailure(message, true);
   }
   // Nothing came: check that the interface is still there by sending one
   // byte to our own address; a failure means it went away, so start again.
   uint8_t probe = 0;
-  if (installsock::sendTo(socket_, &probe, 1, served_.address, kProbePort) < 0) open();
+  if (socket_.sendTo(&probe, 1, served_.address, kProbePort) < 0) open();
   return -1;
 }
 
-void InstallTransport::close() {
-  if (socket_ >= 1) installsock::closeSocket(socket_);
-  socket_ = installsock::kNoSocket;
-}
+void InstallTransport::close() { socket_.close(); }
 
 bool InstallBeacon::create() {
-  installsock::Handle handle = installsock::createUdp();
-  if (handle == installsock::kNoSocket) {
-    logLine() << "UDP: socket: " << installsock::lastError();
+  if (!socket_.open()) {
+    logLine() << "UDP: socket: " << netboot::UdpSocket::lastError();
     return false;
   }
-  if (!installsock::setBroadcast(handle)) {
-    logLine() << "UDP: setsockopt() SO_BROADCAST: " << installsock::lastError();
-    installsock::closeSocket(handle);
+  if (!socket_.setBroadcast()) {
+    logLine() << "UDP: setsockopt() SO_BROADCAST: " << netboot::UdpSocket::lastError();
+    socket_.close();
     return false;
   }
-  if (!installsock::setReuseAddress(handle)) {
-    logLine() << "UDP: setsockopt() SO_REUSEADDR: " << installsock::lastError();
-    installsock::closeSocket(handle);
+  if (!socket_.setReuseAddress()) {
+    logLine() << "UDP: setsockopt() SO_REUSEADDR: " << netboot::UdpSocket::lastError();
+    socket_.close();
     return false;
   }
-  socket_ = handle;
   return true;
 }
 
 void InstallBeacon::send(uint32_t address, uint16_t port) {
-  if (socket_ == installsock::kNoSocket) return;
+  if (!socket_.isOpen()) return;
   static const char kText[] = "you have to etherboot";
-  int sent = installsock::sendTo(socket_, kText, 21, address, port);
-  if (sent < 21) logLine() << "UDP: sendto: " << installsock::lastError();
+  int sent = socket_.sendTo(kText, 21, address, port);
+  if (sent < 21) logLine() << "UDP: sendto: " << netboot::UdpSocket::lastError();
 }
 
-void InstallBeacon::destroy() {
-  if (socket_ != installsock::kNoSocket) installsock::closeSocket(socket_);
-  socket_ = installsock::kNoSocket;
-}
+void InstallBeacon::destroy() { socket_.close(); }
 
 namespace {
 std::unique_ptr<InstallBeacon>& beaconSlot() {

@@ -12,7 +12,7 @@
 
 #include "app/settings_store.h"
 #include "install/datagram.h"
-#include "install/udp_socket.h"
+#include "netboot/udp_socket.h"
 
 namespace tarnlift {
 
@@ -68,7 +68,7 @@ class InstallTransport : public DatagramTransport {
   MacAddress localMac() const override { return localMac_; }
 
   uint16_t port() const { return port_; }
-  bool isOpen() const { return socket_ != installsock::kNoSocket; }
+  bool isOpen() const { return socket_.isOpen(); }
   uint32_t clientAddress() const { return clientAddress_; }
   uint32_t servedAddress() const { return served_.address; }
   uint32_t sourceAddress() const { return sourceAddress_; }
@@ -78,12 +78,11 @@ class InstallTransport : public DatagramTransport {
   MacAddress localMac_{};
   std::optional<std::string> label_;
   uint16_t port_ = kInstallPort;
-  installsock::Handle socket_ = installsock::kNoSocket;
+  netboot::UdpSocket socket_;
   uint32_t clientAddress_ = 0;
   InstallInterface served_;
   uint32_t sourceAddress_ = 0;
   uint16_t sourcePort_ = 0;
-  uint64_t armedTimeoutUs_ = 0;
 };
 
 // The "you have to etherboot" broadcast that asks routers on the segment to
@@ -95,10 +94,10 @@ class InstallBeacon {
   // Sends the 21 bytes to 255.255.255.255, port 5010 (or the given target).
   void send(uint32_t address = 0xFFFFFFFFu, uint16_t port = kBeaconPort);
   void destroy();
-  bool exists() const { return socket_ != installsock::kNoSocket; }
+  bool exists() const { return socket_.isOpen(); }
 
  private:
-  installsock::Handle socket_ = installsock::kNoSocket;
+  netboot::UdpSocket socket_;
 };
 
 // The process-wide beacon switch; logs "beacon: " and the value.

@@ -23,7 +23,9 @@ class UdpSocket {
   ~UdpSocket() { close(); }
   UdpSocket(const UdpSocket&) = delete;
   UdpSocket& operator=(const UdpSocket&) = delete;
-  UdpSocket(UdpSocket&& other) noexcept : handle_(other.handle_) { other.handle_ = kNoHandle; }
+  UdpSocket(UdpSocket&& other) noexcept : handle_(other.handle_), armedTimeoutUs_(other.armedTimeoutUs_) {
+    other.handle_ = kNoHandle;
+  }
   UdpSocket& operator=(UdpSocket&& other) noexcept;
 
   bool open();
@@ -52,6 +54,21 @@ class UdpSocket {
 
   // Bytes sent, or -1.
   int sendTo(const void* data, size_t size, uint32_t address, uint16_t port);
+  // Asks the system to discard, before they wake anybody, arriving datagrams
+  // whose payload starts with mac: the copies of our own broadcasts that the
+  // system hands back to us. Does nothing where the platform has no such
+  // filter; callers drop those datagrams anyway.
+  void dropDatagramsFrom(const uint8_t* mac);
+
+  // Waits at most timeoutUs (0: without limit) and receives: the byte count,
+  // kTimedOut when nothing came, -1 on error. One system call per datagram
+  // where the platform allows (a receive time-out kept on the socket).
+  static constexpr int kTimedOut = -2;
+  int receiveWithin(void* buffer, size_t size, uint64_t timeoutUs, uint32_t* address, uint16_t* port);
+
+  // The last error of a socket call on this thread.
+  static uint32_t lastError();
+
   // Bytes received, or -1 (wouldBlock() tells a non-blocking socket's "nothing now").
   int receiveFrom(void* buffer, size_t size, uint32_t* address = nullptr, uint16_t* port = nullptr);
   static bool wouldBlock();
@@ -69,6 +86,7 @@ class UdpSocket {
  private:
   static constexpr intptr_t kNoHandle = -1;
   intptr_t handle_ = kNoHandle;
+  uint64_t armedTimeoutUs_ = 0;  // the receive time-out the socket is set to; 0 none
 };
 
 }  // namespace tarnlift::netboot

@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/filter.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -21,6 +22,7 @@ UdpSocket& UdpSocket::operator=(UdpSocket&& other) noexcept {
   if (this != &other) {
     close();
     handle_ = other.handle_;
+    armedTimeoutUs_ = other.armedTimeoutUs_;
     other.handle_ = kNoHandle;
   }
   return *this;
@@ -38,6 +40,7 @@ void UdpSocket::close() {
   if (handle_ != kNoHandle) {
     ::close(static_cast<int>(handle_));
     handle_ = kNoHandle;
+    armedTimeoutUs_ = 0;
   }
 }
 
@@ -109,6 +112,46 @@ int UdpSocket::receiveFrom(void* buffer, size_t size, uint32_t* address, uint16_
   if (port != nullptr) *port = ntohs(peer.sin_port);
   return static_cast<int>(received);
 }
+
+void UdpSocket::dropDatagramsFrom(const uint8_t* mac) {
+  // The filter sees the datagram from its UDP header on: the payload, and so
+  // the installation header's source MAC, starts at offset 8.
+  uint32_t high = static_cast<uint32_t>(mac[0]) << 24 | static_cast<uint32_t>(mac[1]) << 16 |
+                  static_cast<uint32_t>(mac[2]) << 8 | mac[3];
+  uint32_t low = static_cast<uint32_t>(mac[4]) << 8 | mac[5];
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 8),  // first four bytes of the source MAC
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, high, 0, 3), BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12),  // last two bytes
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, low, 0, 1),  BPF_STMT(BPF_RET | BPF_K, 0),            // ours: drop
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),  // anything else: keep whole
+  };
+  sock_fprog program{static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+  setsockopt(static_cast<int>(handle_), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
+}
+
+int UdpSocket::receiveWithin(void* buffer, size_t size, uint64_t timeoutUs, uint32_t* address, uint16_t* port) {
+  // A receive time-out on the socket instead of a readiness wait before each
+  // receive: one system call per datagram instead of two.
+  if (timeoutUs != armedTimeoutUs_) {
+    timeval limit{static_cast<time_t>(timeoutUs / 1000000), static_cast<suseconds_t>(timeoutUs % 1000000)};
+    if (setsockopt(static_cast<int>(handle_), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+      uint32_t milliseconds = timeoutUs == 0 ? 0xFFFFFFFFu : static_cast<uint32_t>((timeoutUs + 999) / 1000);
+      if (!waitReadable(milliseconds)) return kTimedOut;
+      return receiveFrom(buffer, size, address, port);
+    }
+    armedTimeoutUs_ = timeoutUs;
+  }
+  sockaddr_in peer{};
+  socklen_t length = sizeof peer;
+  ssize_t received =
+      ::recvfrom(static_cast<int>(handle_), buffer, size, 0, reinterpret_cast<sockaddr*>(&peer), &length);
+  if (received < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? kTimedOut : -1;
+  if (address != nullptr) *address = peer.sin_addr.s_addr;
+  if (port != nullptr) *port = ntohs(peer.sin_port);
+  return static_cast<int>(received);
+}
+
+uint32_t UdpSocket::lastError() { return static_cast<uint32_t>(errno); }
 
 bool UdpSocket::wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
 

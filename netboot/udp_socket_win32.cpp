@@ -110,6 +110,23 @@ int UdpSocket::receiveFrom(void* buffer, size_t size, uint32_t* address, uint16_
 
 bool UdpSocket::wouldBlock() { return WSAGetLastError() == WSAEWOULDBLOCK; }
 
+// Windows has no filter for a UDP socket's arrivals: the transport drops the
+// copies of its own broadcasts itself.
+void UdpSocket::dropDatagramsFrom(const uint8_t* /*mac*/) {}
+
+int UdpSocket::receiveWithin(void* buffer, size_t size, uint64_t timeoutUs, uint32_t* address, uint16_t* port) {
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(native(handle_), &set);
+  timeval limit{static_cast<long>(timeoutUs / 1000000), static_cast<long>(timeoutUs % 1000000)};
+  int ready = select(0, &set, nullptr, nullptr, timeoutUs == 0 ? nullptr : &limit);
+  if (ready == SOCKET_ERROR) return -1;
+  if (ready == 0) return kTimedOut;
+  return receiveFrom(buffer, size, address, port);
+}
+
+uint32_t UdpSocket::lastError() { return static_cast<uint32_t>(WSAGetLastError()); }
+
 uint16_t UdpSocket::localPort() const {
   sockaddr_in local{};
   int length = sizeof local;
