@@ -7,10 +7,9 @@
 #include <sstream>
 
 #include "app/registry.h"
-#include "packages/version.h"
 #include "temp_dir.h"
 #include "tests/app/capture_log.h"
-#include "tools/mkpkg/package_writer.h"
+#include "tests/install/two_packages.h"
 #include "tools/routersim/sim_router.h"
 
 namespace tarnlift {
@@ -49,19 +48,7 @@ class HeadlessTest : public ::testing::Test {
   std::vector<std::unique_ptr<SimRouter>> sims;
   std::unique_ptr<HeadlessInstaller> installer;
 
-  void SetUp() override {
-    mkpkg::PackageWriter()
-        .package("system", packages::parseVersion("6.41"))
-        .architecture("arm")
-        .data(5000)
-        .writeFile(dir.file("system-6.41.npk"));
-    mkpkg::PackageWriter()
-        .package("extra", packages::parseVersion("6.41"))
-        .architecture("arm")
-        .dependencies({{"system", packages::parseVersion("6.41"), 0}})
-        .data(100)
-        .writeFile(dir.file("extra-6.41.npk"));
-  }
+  void SetUp() override { testing::writeSystemAndExtra(dir, 5000); }
   void addRouter(SimRouterConfig config) {
     config.repeatMs = 100;
     sims.push_back(std::make_unique<SimRouter>(

@@ -7,6 +7,7 @@
 #include "install/session.h"
 #include "packages/version.h"
 #include "temp_dir.h"
+#include "tests/install/two_packages.h"
 #include "tools/mkpkg/package_writer.h"
 
 namespace tarnlift {
@@ -41,17 +42,7 @@ class InstallCommandTest : public ::testing::Test {
   InstallOptions options;
 
   void SetUp() override {
-    mkpkg::PackageWriter()
-        .package("system", packages::parseVersion("6.41"))
-        .architecture("arm")
-        .data(3000)
-        .writeFile(dir.file("system-6.41.npk"));
-    mkpkg::PackageWriter()
-        .package("extra", packages::parseVersion("6.41"))
-        .architecture("arm")
-        .dependencies({{"system", packages::parseVersion("6.41"), 0}})
-        .data(100)
-        .writeFile(dir.file("extra-6.41.npk"));
+    testing::writeSystemAndExtra(dir, 3000);
     catalogue.setFolder(dir.path(), 6);
     choice.folder = dir.path();
     choice.files = {"extra-6.41.npk", "system-6.41.npk"};
