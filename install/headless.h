@@ -11,14 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "install/desk.h"
 #include "install/install_command.h"
 #include "install/session.h"
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 
 namespace tarnlift {
-
-enum class AfterInstall { Reboot, Shutdown, None };
 
 struct HeadlessOptions {
   std::string packageDir;

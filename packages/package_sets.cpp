@@ -55,7 +55,6 @@ bool PackageSets::chooseSet(PackageChoice& choice, const std::string& setName) {
   choice.setName = setName;
   choice.folder = it->second.front();
   choice.files.assign(it->second.begin() + 1, it->second.end());
-  current_ = setName;
   return true;
 }
 
@@ -80,15 +79,13 @@ bool PackageSets::saveSet(PackageChoice& choice, PackageSetPrompts& prompts) {
   strings.insert(strings.end(), choice.files.begin(), choice.files.end());
   sets_[name] = std::move(strings);
   choice.setName = name;
-  current_ = name;
   return true;
 }
 
-bool PackageSets::deleteSet(Registry* settingsKey) {
-  if (current_.empty()) return false;
-  const std::string name = current_;
+bool PackageSets::deleteSet(const std::string& setName, Registry* settingsKey) {
+  if (setName.empty() || sets_.count(setName) == 0) return false;
+  const std::string name = setName;
   sets_.erase(name);
-  current_.clear();
   if (settingsKey != nullptr) {
     // A failure here is not reported: the set is already gone from the list.
     Registry key;
@@ -108,7 +105,6 @@ void PackageSets::editSelection(PackageChoice& choice, const PackageCatalogue& c
     choice.files.erase(it);
   }
   choice.setName.clear();
-  current_.clear();
 }
 
 size_t PackageSets::selectAll(PackageCatalogue& catalogue, PackageChoice* choice) {

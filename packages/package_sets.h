@@ -61,17 +61,19 @@ class PackageSets {
   // to the set's folder and files and names the set; an unknown name only
   // moves the folder to the process's current directory. Returns whether the
   // set was known (the front end then shows the choice with applySelection).
+  // The set a router's choice came from is the choice's own: there is no
+  // set that is current for every router at once.
   bool chooseSet(PackageChoice& choice, const std::string& setName);
 
   // The "Save set" button: refuses an empty selection, asks for a name until
   // it is new (an empty name asks again), stores folder + files under it and
-  // makes it the current set. Returns whether a set was saved.
+  // names the choice after it. Returns whether a set was saved.
   bool saveSet(PackageChoice& choice, PackageSetPrompts& prompts);
 
-  // The "Delete set" button: removes the current set (if any) from the map
-  // and from "Package Sets" under settingsKey (nullptr: memory only).
-  // Returns whether a set was deleted.
-  bool deleteSet(Registry* settingsKey);
+  // The "Delete set" button with the combo box's entry: removes the set
+  // named setName (if any) from the map and from "Package Sets" under
+  // settingsKey (nullptr: memory only). Returns whether a set was deleted.
+  bool deleteSet(const std::string& setName, Registry* settingsKey);
 
   // One package of the choice changed by hand: adds (if missing) or removes
   // the row's file; the choice no longer comes from a set.
@@ -88,21 +90,20 @@ class PackageSets {
   // Gives a newly found router or drive the last installed choice.
   bool applyPreviousInstall(PackageChoice& choice) { return chooseSet(choice, kPreviousInstallSet); }
 
-  // The combo box: set names in sorted order, and the current one (empty for
-  // none). "Save set" is enabled when no set is current, "Delete set" when
-  // one is.
+  // The combo box: set names in sorted order.
   std::vector<std::string> names() const;
-  const std::string& currentSet() const { return current_; }
-  void setCurrentSet(const std::string& name) { current_ = name; }
-  bool saveEnabled() const { return current_.empty(); }
-  bool deleteEnabled() const { return !current_.empty(); }
+  // The entry the combo box shows for a choice: its set while the set still
+  // exists, else none (empty). "Save set" is enabled when it shows none,
+  // "Delete set" when it shows one.
+  std::string shownSet(const PackageChoice& choice) const { return contains(choice.setName) ? choice.setName : ""; }
+  bool saveEnabled(const PackageChoice& choice) const { return shownSet(choice).empty(); }
+  bool deleteEnabled(const PackageChoice& choice) const { return !shownSet(choice).empty(); }
 
   const SetMap& sets() const { return sets_; }
   bool contains(const std::string& name) const { return sets_.count(name) != 0; }
 
  private:
   SetMap sets_;
-  std::string current_;
 };
 
 }  // namespace tarnlift::packages

@@ -60,11 +60,11 @@ TEST_F(PackageSetsTest, SaveStoresFolderThenFilesAndSelectsTheSet) {
   EXPECT_EQ(prompts.shown, Names{"Router x"});
   EXPECT_EQ(sets.sets().at("office"), (Names{"/packages", "system.npk", "ppp.npk"}));
   EXPECT_EQ(sets.names(), Names{"office"});
-  EXPECT_EQ(sets.currentSet(), "office");
   EXPECT_EQ(router.setName, "office");
+  EXPECT_EQ(sets.shownSet(router), "office");
   // After saving, "Save set" stays disabled until the selection is changed by hand.
-  EXPECT_FALSE(sets.saveEnabled());
-  EXPECT_TRUE(sets.deleteEnabled());
+  EXPECT_FALSE(sets.saveEnabled(router));
+  EXPECT_TRUE(sets.deleteEnabled(router));
 }
 
 TEST_F(PackageSetsTest, DuplicateNameShowsTheMessageAndReopensWithThatName) {
@@ -83,7 +83,7 @@ TEST_F(PackageSetsTest, CancelChangesNothing) {
   prompts.answers = {};
   EXPECT_FALSE(sets.saveSet(router, prompts));
   EXPECT_TRUE(sets.sets().empty());
-  EXPECT_TRUE(sets.saveEnabled());
+  EXPECT_TRUE(sets.saveEnabled(router));
   // An empty name asks again.
   prompts = ScriptedPrompts();
   prompts.answers = {"", "named"};
@@ -104,9 +104,8 @@ TEST_F(PackageSetsTest, EditingTheSelectionByHandEnablesSaveAgain) {
   ASSERT_TRUE(sets.saveSet(router, prompts));
   sets.editSelection(router, catalogue, 2, true);
   EXPECT_EQ(router.files, (Names{"system.npk", "ppp.npk", "wifi.npk"}));
-  EXPECT_TRUE(sets.saveEnabled());
-  EXPECT_FALSE(sets.deleteEnabled());
-  EXPECT_EQ(sets.currentSet(), "");
+  EXPECT_TRUE(sets.saveEnabled(router));
+  EXPECT_FALSE(sets.deleteEnabled(router));
   EXPECT_EQ(router.setName, "");
   sets.editSelection(router, catalogue, 2, true);  // already there
   EXPECT_EQ(router.files.size(), 3u);
@@ -146,22 +145,43 @@ TEST_F(PackageSetsTest, DeleteRemovesTheCurrentSetFromMapAndStore) {
     sub.openSubKey(settings, "Package Sets");
     sub.writeInt("Unrelated", 5);
   }
-  sets.setCurrentSet("office");
-  EXPECT_TRUE(sets.deleteSet(&settings));
+  EXPECT_EQ(router.setName, "lab");
+  PackageChoice office{"office", "/packages", {"system.npk"}};
+  EXPECT_TRUE(sets.deleteSet("office", &settings));
   {
     Registry sub;
     sub.openSubKey(settings, "Package Sets");
     EXPECT_EQ(sub.readInt("Unrelated", 0), 5u);
   }
-  EXPECT_EQ(sets.currentSet(), "");
-  EXPECT_TRUE(sets.saveEnabled());
-  EXPECT_FALSE(sets.deleteEnabled());
+  // A choice that named the deleted set shows none any more.
+  EXPECT_EQ(sets.shownSet(office), "");
+  EXPECT_TRUE(sets.saveEnabled(office));
+  EXPECT_FALSE(sets.deleteEnabled(office));
+  EXPECT_EQ(sets.shownSet(router), "lab");
   EXPECT_EQ(sets.names(), Names{"lab"});
   PackageSets reloaded;
   reloaded.loadSets(settings);
   EXPECT_EQ(reloaded.names(), Names{"lab"});
-  // Nothing selected: nothing to delete.
-  EXPECT_FALSE(sets.deleteSet(&settings));
+  // Nothing selected, or a name that is gone: nothing to delete.
+  EXPECT_FALSE(sets.deleteSet("", &settings));
+  EXPECT_FALSE(sets.deleteSet("office", &settings));
+}
+
+// Each router carries its own set: giving a new router "Previous Install"
+// changes nothing of what another router shows, and deleting the set shown
+// for one router cannot take another one's.
+TEST_F(PackageSetsTest, PreviousInstallForANewRouterLeavesTheOtherRoutersSetAlone) {
+  prompts.answers = {"office"};
+  ASSERT_TRUE(sets.saveSet(router, prompts));
+  sets.rememberPreviousInstall(PackageChoice{"", "/prev", {"old.npk"}});
+  PackageChoice fresh;
+  ASSERT_TRUE(sets.applyPreviousInstall(fresh));
+  EXPECT_EQ(fresh.setName, "Previous Install");
+  EXPECT_EQ(sets.shownSet(router), "office");
+  EXPECT_EQ(sets.shownSet(fresh), "Previous Install");
+  EXPECT_TRUE(sets.deleteSet(sets.shownSet(router), nullptr));
+  EXPECT_TRUE(sets.contains("Previous Install"));
+  EXPECT_FALSE(sets.contains("office"));
 }
 
 TEST_F(PackageSetsTest, SetsSurviveSaveAndLoadInOrder) {
@@ -254,8 +274,7 @@ TEST(PackageSetsRegistry, RoundTripThroughTheWindowsRegistry) {
     reloaded.loadSets(settings);
     EXPECT_EQ(reloaded.names(), (Names{"Previous Install", "office"}));
     EXPECT_EQ(reloaded.sets().at("office"), (Names{"C:\\packages", "system.npk", "ppp.npk"}));
-    reloaded.setCurrentSet("office");
-    EXPECT_TRUE(reloaded.deleteSet(&settings));
+    EXPECT_TRUE(reloaded.deleteSet("office", &settings));
     PackageSets again;
     again.loadSets(settings);
     EXPECT_EQ(again.names(), Names{"Previous Install"});

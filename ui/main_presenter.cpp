@@ -1,0 +1,770 @@
+#include "ui/main_presenter.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "app/log.h"
+#include "app/version.h"
+#include "install/datagram.h"
+#include "netboot/netboot_settings.h"
+
+namespace tarnlift::ui {
+namespace {
+
+// The position a minimised window reports.
+constexpr int kMinimisedPosition = -32000;
+
+std::string dottedOrEmpty(uint32_t address) { return address == 0 ? std::string() : netboot::formatIpv4(address); }
+
+bool isBusyStatus(uint32_t status) { return status == kStatusInstalling || status == kStatusWaitingReboot; }
+
+int percentOf(const RouterRecord* record) {
+  if (record == nullptr || record->totalSize == 0) return 0;
+  return static_cast<int>(static_cast<uint64_t>(record->progress) * 100 / record->totalSize);
+}
+
+std::string selectedText(size_t count) {
+  char text[64];
+  std::snprintf(text, sizeof text, kSelectedPackagesFormat, static_cast<int>(count));
+  return text;
+}
+
+void showStartupMessage(const std::string& text, const std::string& caption, void* context) {
+  auto* view = static_cast<MainView*>(context);
+  view->showMessage(text, caption, caption == netboot::kCaptionTip ? MessageIcon::Information : MessageIcon::Error);
+}
+
+}  // namespace
+
+MainPresenter::MainPresenter(MainView& view, MainWorkers& workers, StartupOptions options,
+                             std::shared_ptr<SettingsStore> store)
+    : view_(view), workers_(workers), options_(std::move(options)), store_(std::move(store)) {}
+
+MainPresenter::~MainPresenter() { catalogue_.setView(nullptr); }
+
+// ---- construction ----------------------------------------------------------
+
+void MainPresenter::construct() {
+  // 1. The workers, in the order the window needs them.
+  routers_ = &workers_.startRouterInstaller();
+  drives_ = &workers_.makeDriveInstaller();
+  netboot_ = &workers_.startNetbootServer(options_.kernelOverride);
+  desk_ = std::make_unique<InstallDesk>(*routers_, *drives_, sets_, remembered_, workers_.clock());
+
+  // 2. Under the compatibility layer only a tip differs.
+  std::string loader;
+  hasWineLoader_ = workers_.environment("WINELOADER", loader);
+  underWineApplication_ = hasWineLoader_ && loader.find("Application") != std::string::npos;
+  netboot::setRunningUnderWine(underWineApplication_);
+
+  // 3. Title and icon.
+  view_.setTitle(std::string(kTitlePrefix) + "v" + kVersionWords);
+  view_.setIcon();
+
+  // 4. Timer, progress range, status bar; the router table is the desk's.
+  view_.startTimer(kTimerMillis);
+  view_.setProgressRange(100);
+  view_.createStatusBar();
+
+  // 5. The controls start empty; the initial size is the dialog's own.
+  refreshControlState();
+  WindowRect initial = view_.windowRect();
+  initialWidth_ = initial.width();
+  initialHeight_ = initial.height();
+  limits_ = {initialWidth_, initialHeight_, initialWidth_};
+  view_.clipPackagesGroup();
+
+  // 6. Placement.
+  settings_.openRoot(kSettingsKeyPath, kFullAccess, store_);
+  readPlacement();
+
+  // 7. The two drop-down lists.
+  for (const char* item : kBaudItems) view_.addItem(kIdBaud, item);
+  for (const char* item : kAutoRebootItems) view_.addItem(kIdAutoReboot, item);
+  view_.selectItem(kIdAutoReboot, kAutoRebootItems[0]);
+
+  // 8. Network booting.
+  netbootEnabled_ = settings_.readInt("PXE Enabled", 0) != 0;
+  clientAddress_ = settings_.readInt("PXE Client Address", 0);
+
+  // 9. Show the window where it belongs.
+  view_.moveWindow(placeLeft_, placeTop_, initialWidth_, placeHeight_);
+  view_.showWindow();
+
+  // 10. Saved package sets.
+  if (!options_.currentDirectory) {
+    sets_.loadSets(settings_);
+    for (const std::string& name : sets_.names()) view_.addItem(kIdSets, name);
+  }
+
+  // 11. Remembered defaults and the beacon.
+  remembered_.load(settings_);
+  beaconOn_ = settings_.readBool("Force Inst", false);
+  workers_.beacon().setOn(beaconOn_);
+
+  // 12. The package directory.
+  std::string directory = workers_.currentDirectory();
+  if (!options_.currentDirectory) directory = settings_.readString("Package Path", directory);
+  catalogue_.setView(this);
+  catalogue_.setFolder(directory, 0);
+  desk_->setPackageDir(directory);
+  view_.setText(kIdPackageDir, directory);
+
+  // 13. Local drives.
+  desk_->addDrives();
+  refreshRouterList();
+
+  // 14. Network booting as it was left.
+  if (netbootEnabled_) {
+    netboot_->changeSettings(true, clientAddress_);
+    netboot::startupInterfaceCheck(clientAddress_, &showStartupMessage, &view_, workers_.interfaces());
+  }
+  constructed_ = true;
+  refreshControlState();
+  refreshPackageMarks();
+}
+
+void MainPresenter::readPlacement() {
+  int left = static_cast<int32_t>(settings_.readInt("Rect X", 20));
+  int top = static_cast<int32_t>(settings_.readInt("Rect Y", 20));
+  int height = static_cast<int32_t>(settings_.readInt("Rect H", static_cast<uint32_t>(initialHeight_)));
+  ScreenSize screen = view_.screenSize();
+  int savedWidth = static_cast<int32_t>(settings_.readInt("Screen X", 0));
+  int savedHeight = static_cast<int32_t>(settings_.readInt("Screen Y", 0));
+  if (screen.width < savedWidth || screen.height < savedHeight) {
+    // Saved on a larger screen: pull the window fully onto this one.
+    if (height > screen.height) height = screen.height;
+    if (top + height > screen.height) top = screen.height - height;
+    if (left + initialWidth_ > screen.width) left = screen.width - initialWidth_;
+    top = std::max(top, 0);
+    left = std::max(left, 0);
+  }
+  placeLeft_ = left;
+  placeTop_ = top;
+  placeHeight_ = height;
+}
+
+// ---- settings --------------------------------------------------------------
+
+void MainPresenter::saveSettings() {
+  if (!settings_.isOpen()) settings_.openRoot(kSettingsKeyPath, kFullAccess, store_);
+  WindowRect rect = view_.windowRect();
+  logLine() << "l: " << rect.left << ", t: " << rect.top;
+  if (rect.left != kMinimisedPosition && rect.top != kMinimisedPosition) {
+    settings_.writeInt("Rect X", static_cast<uint32_t>(rect.left));
+    settings_.writeInt("Rect Y", static_cast<uint32_t>(rect.top));
+    settings_.writeInt("Rect H", static_cast<uint32_t>(rect.height()));
+  }
+  ScreenSize screen = view_.screenSize();
+  settings_.writeInt("Screen X", static_cast<uint32_t>(screen.width));
+  settings_.writeInt("Screen Y", static_cast<uint32_t>(screen.height));
+  settings_.writeString("Package Path", catalogue_.folder());
+  remembered_.save(settings_);
+  settings_.writeBool("Force Inst", beaconOn_);
+  settings_.writeBool("PXE Enabled", netbootEnabled_);
+  settings_.writeInt("PXE Client Address", clientAddress_);
+  sets_.saveSets(settings_);
+}
+
+void MainPresenter::onClose() {
+  logLine() << "wm_close";
+  saveSettings();
+  view_.stopTimer();
+  view_.quitProcess(0);
+}
+
+void MainPresenter::tearDown() {
+  saveSettings();
+  workers_.stopThreads();
+}
+
+// ---- selection -------------------------------------------------------------
+
+RouterRecord* MainPresenter::selectedRouter() {
+  if (!desk_) return nullptr;
+  int row = view_.selectedRouterRow();
+  if (row < 0 || static_cast<size_t>(row) >= routerOrder_.size()) {
+    desk_->table().select(MacAddress{});
+    return nullptr;
+  }
+  RouterRow* found = desk_->table().find(routerOrder_[static_cast<size_t>(row)]);
+  if (found == nullptr) return nullptr;
+  desk_->table().select(found->record.mac);
+  return &found->record;
+}
+
+packages::PackageChoice MainPresenter::choiceOf(const RouterRecord& record) const {
+  return {record.setName, record.packageDir, record.files};
+}
+
+void MainPresenter::storeChoice(RouterRecord& record, const packages::PackageChoice& choice) {
+  record.setName = choice.setName;
+  record.packageDir = choice.folder;
+  record.files = choice.files;
+}
+
+// ---- the lists -------------------------------------------------------------
+
+void MainPresenter::refreshRouterList() {
+  if (!desk_) return;
+  MacAddress keep{};
+  bool haveKeep = false;
+  int row = view_.selectedRouterRow();
+  if (row >= 0 && static_cast<size_t>(row) < routerOrder_.size()) {
+    keep = routerOrder_[static_cast<size_t>(row)];
+    haveKeep = true;
+  }
+  // Rows in the table's order: routers by MAC, then the drives (their MACs
+  // start with five all-ones bytes).
+  std::vector<RouterListRow> rows;
+  routerOrder_.clear();
+  int selectedRow = -1;
+  for (const auto& [mac, tableRow] : desk_->table().rows()) {
+    if (haveKeep && mac == keep) selectedRow = static_cast<int>(rows.size());
+    rows.push_back({tableRow.labelCell, tableRow.macCell, tableRow.statusCell, tableRow.architectureCell,
+                    tableRow.image});
+    routerOrder_.push_back(mac);
+  }
+  view_.setRouterRows(rows, selectedRow);
+}
+
+void MainPresenter::rowsCleared() { view_.clearPackageRows(); }
+void MainPresenter::rowAdded(size_t index, const packages::PackageRow& row) { view_.addPackageRow(index, row); }
+void MainPresenter::rowChanged(size_t index, const packages::PackageRow& row) { view_.updatePackageRow(index, row); }
+
+void MainPresenter::refreshPackageMarks() {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) {
+    catalogue_.clearSelectionView();
+    return;
+  }
+  if (r->status == kStatusReady) {
+    catalogue_.applySelection(r->files);
+  } else {
+    catalogue_.applyBusySelection(r->files);
+  }
+}
+
+// ---- control state -----------------------------------------------------------
+
+void MainPresenter::refreshControlState() {
+  RouterRecord* r = selectedRouter();
+  if (r != nullptr) {
+    if (r->packageDir.empty()) r->packageDir = catalogue_.folder();
+    if (r->packageDir != catalogue_.folder() || r->architecture != catalogue_.architectureCode()) {
+      catalogue_.setFolder(r->packageDir, r->architecture);
+      view_.setText(kIdPackageDir, r->packageDir);
+    }
+  }
+  if (r != nullptr) {
+    shownRouter_ = r->mac;
+    haveShownRouter_ = true;
+  } else {
+    haveShownRouter_ = false;
+  }
+  const bool ready = r != nullptr && r->status == kStatusReady;
+  const bool net = r != nullptr && r->kind == kKindRouter;
+  const bool keep = r != nullptr && r->keepConfig;
+  const bool applyDefault = r != nullptr && r->defaultConfig;
+  const bool script = r != nullptr && r->scriptEnabled;
+  const bool mode = r != nullptr && r->modeScriptEnabled;
+
+  // The set list shows the router's own set, when it still exists.
+  view_.setEnabled(kIdSets, ready);
+  std::string setName = r != nullptr && sets_.contains(r->setName) ? r->setName : std::string();
+  view_.selectItem(kIdSets, setName);
+
+  const bool fieldsWritable = net && ready && !keep && !applyDefault;
+  view_.setText(kIdAddress, r != nullptr ? dottedOrEmpty(r->address) : "");
+  view_.setText(kIdNetmask, r != nullptr && r->netmaskBits != 0 ? std::to_string(r->netmaskBits) : "");
+  view_.setText(kIdGateway, r != nullptr ? dottedOrEmpty(r->gateway) : "");
+  for (int id : {kIdAddress, kIdNetmask, kIdGateway}) view_.setReadOnly(id, !fieldsWritable);
+
+  view_.setEnabled(kIdKeepConfig, net && ready && !applyDefault && !script && !mode);
+  view_.setChecked(kIdKeepConfig, keep);
+
+  view_.setEnabled(kIdBaud, ready && !keep && !applyDefault);
+  view_.selectItem(kIdBaud, r != nullptr && r->baudRate != 0 ? std::to_string(r->baudRate) : "");
+
+  view_.setEnabled(kIdKeepBranding, ready && r->hasBranding);
+  view_.setChecked(kIdKeepBranding, r != nullptr && r->keepBranding);
+
+  // A router that reported its branding protected has no default
+  // configuration of ours to apply.
+  view_.setEnabled(kIdDefaultConfig, ready && !keep && !script && r->unprotected);
+  view_.setChecked(kIdDefaultConfig, applyDefault);
+
+  view_.setEnabled(kIdScript, ready && !keep && !applyDefault);
+  view_.setChecked(kIdScript, script);
+  view_.setEnabled(kIdScriptPath, ready && !keep && !applyDefault && script);
+  view_.setEnabled(kIdScriptBrowse, ready && !keep && !applyDefault && script);
+  view_.setText(kIdScriptPath, r != nullptr ? r->scriptPath : "");
+
+  view_.setEnabled(kIdModeScript, ready && !keep);
+  view_.setChecked(kIdModeScript, mode);
+  view_.setEnabled(kIdModeScriptPath, ready && !keep && mode);
+  view_.setEnabled(kIdModeScriptBrowse, ready && !keep && mode);
+  view_.setText(kIdModeScriptPath, r != nullptr ? r->modeScriptPath : "");
+
+  updateCaptionAndProgress();
+
+  const bool canCommand = r != nullptr && (r->status == kStatusReady || r->status == kStatusWaitingReboot);
+  view_.setEnabled(kIdShutdown, canCommand);
+  view_.setEnabled(kIdReboot, canCommand);
+  view_.setEnabled(kIdInstall, canCommand);
+  view_.setEnabled(kIdCancel, r != nullptr);
+
+  const bool setShown = !setName.empty();
+  view_.setEnabled(kIdSaveSet, ready && !setShown);
+  view_.setEnabled(kIdDeleteSet, ready && setShown);
+  view_.setEnabled(kIdSelectAll, ready);
+  view_.setEnabled(kIdSelectNone, ready);
+}
+
+void MainPresenter::updateCaptionAndProgress() {
+  RouterRecord* r = desk_ ? desk_->table().find(shownRouter_) ? &desk_->table().find(shownRouter_)->record : nullptr
+                          : nullptr;
+  if (!haveShownRouter_) r = nullptr;
+  std::string caption;
+  if (r != nullptr) caption = r->status == kStatusReady ? selectedText(r->files.size()) : r->statusText;
+  view_.setText(kIdCaption, caption);
+  // The bar moves by the difference to what it shows.
+  int percent = percentOf(r);
+  if (percent != lastPercent_) view_.moveProgress(percent - lastPercent_);
+  lastPercent_ = percent;
+}
+
+// ---- commands --------------------------------------------------------------
+
+void MainPresenter::onCommand(int id, int notifyCode) {
+  if (!desk_) return;
+  if (id == kIdSets && notifyCode == kNotifySelChange) {
+    chooseSet();
+  } else if (id == kIdBaud && notifyCode == kNotifySelChange) {
+    baudChanged();
+  } else if (id == kIdPackageDir && notifyCode == kNotifyKillFocus) {
+    packageDirChanged();
+  } else if (notifyCode == kNotifyClicked && id >= kIdBrowse && id <= kIdModeScriptBrowse) {
+    command(id);
+  }
+}
+
+void MainPresenter::command(int id) {
+  switch (id) {
+    case kIdBrowse:
+      browsePackageDir();
+      return;
+    case kIdSaveSet:
+      saveSet();
+      return;
+    case kIdDeleteSet:
+      deleteSet();
+      return;
+    case kIdSelectAll:
+      selectAll(true);
+      return;
+    case kIdSelectNone:
+      selectAll(false);
+      return;
+    case kIdNetBooting:
+      netBooting();
+      return;
+    case kIdHelp:
+      view_.showHelp();
+      return;
+    case kIdBeacon:
+      beaconOn_ = view_.isChecked(kIdBeacon);
+      workers_.beacon().setOn(beaconOn_);
+      return;
+    default:
+      break;
+  }
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) return;
+  switch (id) {
+    case kIdReboot:
+      rebootOrShutdown(true);
+      return;
+    case kIdShutdown:
+      rebootOrShutdown(false);
+      return;
+    case kIdInstall:
+      install();
+      return;
+    case kIdCancel:
+      cancel();
+      return;
+    case kIdKeepConfig:
+      r->keepConfig = view_.isChecked(kIdKeepConfig);
+      break;
+    case kIdScript:
+      takeFieldsInto(*r);
+      r->scriptEnabled = view_.isChecked(kIdScript);
+      r->scriptPath = view_.text(kIdScriptPath);
+      break;
+    case kIdScriptBrowse:
+      chooseScript(false);
+      return;
+    case kIdDefaultConfig:
+      r->defaultConfig = view_.isChecked(kIdDefaultConfig);
+      break;
+    case kIdKeepBranding:
+      r->keepBranding = view_.isChecked(kIdKeepBranding);
+      break;
+    case kIdModeScript:
+      r->modeScriptEnabled = view_.isChecked(kIdModeScript);
+      r->modeScriptPath = view_.text(kIdModeScriptPath);
+      break;
+    case kIdModeScriptBrowse:
+      chooseScript(true);
+      return;
+    default:
+      return;  // not a command of ours
+  }
+  refreshControlState();
+}
+
+void MainPresenter::takeFieldsInto(RouterRecord& record) {
+  record.address = addressFromText(view_.text(kIdAddress));
+  record.netmaskBits = netmaskBitsFromText(view_.text(kIdNetmask));
+  record.gateway = addressFromText(view_.text(kIdGateway));
+}
+
+void MainPresenter::browsePackageDir() {
+  if (!catalogue_.browseFolder(view_.folderBrowser())) return;
+  view_.setText(kIdPackageDir, catalogue_.folder());
+  handDirectoryToTable(catalogue_.folder());
+  refreshPackageMarks();
+  refreshControlState();
+}
+
+void MainPresenter::packageDirChanged() {
+  std::string text = view_.text(kIdPackageDir);
+  if (text == catalogue_.folder()) return;
+  RouterRecord* r = selectedRouter();
+  catalogue_.setFolder(text, r != nullptr ? r->architecture : 0);
+  handDirectoryToTable(text);
+  refreshPackageMarks();
+  refreshControlState();
+}
+
+void MainPresenter::handDirectoryToTable(const std::string& dir) {
+  // New routers without a previous installation start in this folder; the
+  // selected router (when it can still change) moves to it, and a choice
+  // made in another folder does not carry over.
+  desk_->setPackageDir(dir);
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr || r->status != kStatusReady || r->packageDir == dir) return;
+  r->packageDir = dir;
+  r->files.clear();
+  r->setName.clear();
+}
+
+void MainPresenter::onFilesDropped(const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) {
+    logLine() << "drop file: " << path;
+    if (!workers_.isDirectory(path)) continue;
+    view_.setText(kIdPackageDir, path);
+    packageDirChanged();
+  }
+}
+
+void MainPresenter::showError(const std::string& text) { view_.showMessage(text, "Error", MessageIcon::Error); }
+
+bool MainPresenter::askSetName(std::string& name) { return view_.askSetName(name); }
+
+void MainPresenter::showMessage(const std::string& text, const std::string& title, bool errorIcon) {
+  view_.showMessage(text, title, errorIcon ? MessageIcon::Error : MessageIcon::Warning);
+}
+
+bool MainPresenter::askYesNo(const std::string& text) { return view_.askYesNo(text); }
+
+void MainPresenter::saveSet() {
+  RouterRecord* r = selectedRouter();
+  packages::PackageChoice choice;
+  if (r != nullptr) choice = choiceOf(*r);
+  if (!sets_.saveSet(choice, *this)) return;
+  if (r != nullptr) storeChoice(*r, choice);
+  view_.addItem(kIdSets, choice.setName);
+  refreshControlState();
+}
+
+void MainPresenter::deleteSet() {
+  std::string name = view_.selectedText(kIdSets);
+  if (name.empty()) return;
+  sets_.deleteSet(name, &settings_);
+  view_.selectItem(kIdSets, "");
+  view_.removeItem(kIdSets, name);
+  std::vector<MacAddress> macs;
+  for (const auto& entry : desk_->table().rows()) macs.push_back(entry.first);
+  for (const MacAddress& mac : macs) {
+    RouterRow* row = desk_->table().find(mac);
+    if (row->record.setName == name) row->record.setName.clear();
+  }
+  refreshControlState();
+}
+
+void MainPresenter::chooseSet() {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) return;
+  packages::PackageChoice choice = choiceOf(*r);
+  sets_.chooseSet(choice, view_.selectedText(kIdSets));
+  storeChoice(*r, choice);
+  refreshControlState();
+  refreshPackageMarks();
+}
+
+void MainPresenter::baudChanged() {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) return;
+  r->baudRate = baudFromText(view_.selectedText(kIdBaud));
+  logLine() << "baud: " << r->baudRate;
+}
+
+void MainPresenter::selectAll(bool all) {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) return;
+  packages::PackageChoice choice = choiceOf(*r);
+  std::vector<std::string> before = choice.files;
+  if (all) {
+    packages::PackageSets::selectAll(catalogue_, &choice);
+  } else {
+    packages::PackageSets::selectNone(catalogue_, &choice);
+  }
+  if (choice.files != before) choice.setName.clear();
+  storeChoice(*r, choice);
+  refreshControlState();
+}
+
+void MainPresenter::rebootOrShutdown(bool reboot) {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr || r->kind != kKindRouter) return;
+  MacAddress mac = r->mac;
+  bool wasReady = r->status == kStatusReady;
+  if (wasReady) routers_->start(*r, false);
+  if (reboot) {
+    routers_->reboot(mac);
+  } else {
+    routers_->shutdown(mac);
+  }
+  if (wasReady) {
+    routers_->remove(mac);
+    desk_->table().setStatus(mac, kStatusDone, r->totalSize, r->progress, "");
+  }
+  refreshRouterList();
+  refreshControlState();
+  refreshPackageMarks();
+}
+
+void MainPresenter::install() {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) return;
+  if (view_.isChecked(kIdScript) && !workers_.fileExists(view_.text(kIdScriptPath))) {
+    view_.showMessage(kNoConfigScriptText, "Error", MessageIcon::Error);
+    return;
+  }
+  if (view_.isChecked(kIdModeScript) && !workers_.fileExists(view_.text(kIdModeScriptPath))) {
+    view_.showMessage(kNoModeScriptText, "Error", MessageIcon::Error);
+    return;
+  }
+  if (r->status != kStatusReady) return;
+  InstallOptions options;
+  options.keepConfig = view_.isChecked(kIdKeepConfig);
+  options.addressText = view_.text(kIdAddress);
+  options.netmaskBitsText = view_.text(kIdNetmask);
+  options.gatewayText = view_.text(kIdGateway);
+  options.defaultConfig = view_.isChecked(kIdDefaultConfig);
+  options.keepBranding = view_.isChecked(kIdKeepBranding);
+  options.scriptEnabled = view_.isChecked(kIdScript);
+  options.scriptPath = view_.text(kIdScriptPath);
+  options.modeScriptEnabled = view_.isChecked(kIdModeScript);
+  options.modeScriptPath = view_.text(kIdModeScriptPath);
+  options.baudText = view_.selectedText(kIdBaud);
+  packages::PackageChoice choice = choiceOf(*r);
+  bool drive = r->kind == kKindDrive;
+  InstallContext context{catalogue_, choice, sets_, remembered_, *this, [this, drive](const RouterRecord& request) {
+                           if (drive) {
+                             drives_->start(request);
+                           } else {
+                             routers_->start(request, true);
+                           }
+                         }};
+  MacAddress mac = r->mac;
+  InstallOutcome outcome = runInstallCommand(r, options, context);
+  if (outcome == InstallOutcome::Started) {
+    // The row shows the session's first status at once.
+    SessionStatus s;
+    if (drive) {
+      if (!drives_->status(mac, s)) s = {kStatusInstalling, 0, 0, ""};
+    } else {
+      s = routers_->status(mac);
+    }
+    RouterRow* row = desk_->table().find(mac);
+    if (row != nullptr) {
+      desk_->table().setStatus(mac, s.status, s.total != 0 ? s.total : row->record.totalSize, s.progress,
+                               s.statusText);
+    }
+    refreshRouterList();
+  }
+  refreshControlState();
+  refreshPackageMarks();
+}
+
+void MainPresenter::cancel() {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) return;
+  MacAddress mac = r->mac;
+  if (r->kind == kKindDrive) {
+    drives_->cancel(mac);
+    desk_->prepareNewDrive(*r);
+    r->defaultConfig = remembered_.defaultConfig;
+    r->scriptEnabled = remembered_.scriptEnabled;
+    r->scriptPath = remembered_.scriptPath;
+    r->modeScriptEnabled = remembered_.modeScriptEnabled;
+    r->modeScriptPath = remembered_.modeScriptPath;
+    desk_->table().setStatus(mac, kStatusReady, r->totalSize, r->progress, "");
+  } else {
+    routers_->remove(mac);
+    desk_->table().remove(mac);
+  }
+  refreshRouterList();
+  refreshControlState();
+  refreshPackageMarks();
+}
+
+void MainPresenter::netBooting() {
+  bool enabled = netbootEnabled_;
+  uint32_t address = clientAddress_;
+  if (!view_.askNetbootSettings(enabled, address)) return;
+  netbootEnabled_ = enabled;
+  clientAddress_ = address;
+  netboot_->changeSettings(enabled, address);
+}
+
+void MainPresenter::chooseScript(bool mode) {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr) return;
+  std::string path;
+  if (!view_.chooseScriptFile(path)) return;
+  logLine() << "selected: " << path;
+  if (mode) {
+    r->modeScriptPath = path;
+  } else {
+    r->scriptPath = path;
+  }
+  refreshControlState();
+}
+
+// ---- notifications ---------------------------------------------------------
+
+void MainPresenter::onRouterItemChanging() {
+  view_.postPrivate(kRefreshCode);
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr || !haveShownRouter_ || r->mac != shownRouter_) return;
+  logLine() << "changing " << r->label;
+  takeFieldsInto(*r);
+  r->scriptPath = view_.text(kIdScriptPath);
+  r->modeScriptPath = view_.text(kIdModeScriptPath);
+}
+
+void MainPresenter::onPackageKey(int virtualKey) {
+  view_.postPrivate(kPackageHintCode);
+  if (virtualKey == kSpaceKey) togglePackage(view_.nextPackageItem());
+}
+
+void MainPresenter::onPackageClick(int index) {
+  if (index < 0) return;
+  togglePackage(index);
+  showPackageDescription(index);
+}
+
+void MainPresenter::togglePackage(int index) {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr || index < 0 || static_cast<size_t>(index) >= catalogue_.size()) return;
+  if (r->status == kStatusNone || isBusyStatus(r->status)) return;
+  if (!catalogue_.canToggle(static_cast<size_t>(index))) return;
+  catalogue_.toggle(static_cast<size_t>(index), r->files);
+  // A choice changed by hand no longer comes from a set.
+  r->setName.clear();
+  refreshControlState();
+}
+
+void MainPresenter::showPackageDescription(int index) {
+  if (index < 0 || static_cast<size_t>(index) >= catalogue_.size()) return;
+  std::string text = catalogue_.describeDependencies(static_cast<size_t>(index));
+  logLine() << text;
+  view_.setStatusText(text);
+}
+
+void MainPresenter::onPrivateMessage(uint32_t code) {
+  if (!desk_) return;
+  if (code == kRefreshCode) {
+    refreshControlState();
+    refreshPackageMarks();
+  } else if (code == kPackageHintCode) {
+    showPackageDescription(view_.nextPackageItem());
+  }
+}
+
+// ---- the tick --------------------------------------------------------------
+
+AfterInstall MainPresenter::autoRebootChoice() {
+  switch (view_.selectedIndex(kIdAutoReboot)) {
+    case 0:
+      return AfterInstall::Reboot;
+    case 1:
+      return AfterInstall::Shutdown;
+    default:
+      return AfterInstall::None;
+  }
+}
+
+void MainPresenter::onTimer() {
+  if (!desk_) return;
+  ++ticks_;
+  if (ticks_ % 4 == 0 && beaconOn_) workers_.beacon().send();
+
+  bool refresh = !desk_->drainDiscovered().empty();
+  if (desk_->age()) refresh = true;
+  if (refresh) {
+    refreshRouterList();
+    refreshControlState();
+    refreshPackageMarks();
+  }
+
+  std::vector<DeskNews> news = desk_->poll();
+  if (news.empty()) return;
+  RouterRecord* selected = selectedRouter();
+  MacAddress selectedMac = selected != nullptr ? selected->mac : MacAddress{};
+  bool gone = false;
+  bool selectedChanged = false;
+  for (const DeskNews& n : news) {
+    if (!n.hadNews) gone = true;
+    if (n.hadNews && selected != nullptr && n.mac == selectedMac && n.status.status != n.previousStatus) {
+      selectedChanged = true;
+    }
+  }
+  refreshRouterList();
+  if (gone || selectedChanged) {
+    refreshControlState();
+    refreshPackageMarks();
+  }
+  for (const DeskNews& n : news) {
+    if (!n.hadNews || selected == nullptr || n.mac != selectedMac) continue;
+    uint32_t status = n.status.status;
+    if (status == kStatusDone || status == kStatusFailed) continue;
+    updateCaptionAndProgress();
+    view_.setEnabled(kIdInstall, false);
+    if (status != kStatusWaitingReboot) continue;
+    AfterInstall after = autoRebootChoice();
+    if (after == AfterInstall::None) {
+      view_.setEnabled(kIdShutdown, true);
+      view_.setEnabled(kIdReboot, true);
+    } else if (n.previousStatus != kStatusWaitingReboot) {
+      // Once, when the router starts waiting; not again on every tick.
+      desk_->actAfterInstall(n.mac, after);
+    }
+  }
+}
+
+}  // namespace tarnlift::ui

@@ -1,0 +1,83 @@
+#include "ui/main_workers.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "install/install_service.h"
+#include "install/transport.h"
+#include "netboot/netboot_server.h"
+
+namespace tarnlift::ui {
+
+class SystemMainWorkers::Netboot : public NetbootWorker {
+ public:
+  explicit Netboot(const std::string& kernelOverride) : thread_(kernelOverride) { thread_.start(); }
+  void changeSettings(bool enabled, uint32_t clientAddress) override { thread_.changeSettings(enabled, clientAddress); }
+  void stop() { thread_.stopServer(); }
+
+ private:
+  netboot::NetbootThread thread_;
+};
+
+class SystemMainWorkers::Beacon : public BeaconWorker {
+ public:
+  void setOn(bool on) override { setBeacon(on); }
+  void send() override {
+    if (InstallBeacon* beacon = processBeacon()) beacon->send();
+  }
+};
+
+SystemMainWorkers::SystemMainWorkers(std::unique_ptr<DriveInstaller> drives)
+    : drives_(drives ? std::move(drives) : std::make_unique<NoDriveInstaller>()),
+      beacon_(std::make_unique<Beacon>()) {}
+
+SystemMainWorkers::~SystemMainWorkers() = default;
+
+RouterInstaller& SystemMainWorkers::startRouterInstaller() {
+  if (!routers_) routers_ = std::make_unique<ServerRouterInstaller>(installServiceForPort(kInstallPort).server());
+  return *routers_;
+}
+
+DriveInstaller& SystemMainWorkers::makeDriveInstaller() { return *drives_; }
+
+NetbootWorker& SystemMainWorkers::startNetbootServer(const std::string& kernelOverride) {
+  if (!netboot_) netboot_ = std::make_unique<Netboot>(kernelOverride);
+  return *netboot_;
+}
+
+BeaconWorker& SystemMainWorkers::beacon() { return *beacon_; }
+
+const Clock& SystemMainWorkers::clock() { return SteadyClock::instance(); }
+
+netboot::InterfaceSource& SystemMainWorkers::interfaces() { return netboot::platformInterfaceSource(); }
+
+bool SystemMainWorkers::environment(const std::string& name, std::string& value) {
+  const char* text = std::getenv(name.c_str());
+  if (text == nullptr) return false;
+  value = text;
+  return true;
+}
+
+std::string SystemMainWorkers::currentDirectory() {
+  std::error_code error;
+  std::filesystem::path path = std::filesystem::current_path(error);
+  return error ? std::string() : path.string();
+}
+
+bool SystemMainWorkers::fileExists(const std::string& path) {
+  std::error_code error;
+  return !path.empty() && std::filesystem::exists(path, error);
+}
+
+bool SystemMainWorkers::isDirectory(const std::string& path) {
+  std::error_code error;
+  return !path.empty() && std::filesystem::is_directory(path, error);
+}
+
+void SystemMainWorkers::stopThreads() {
+  if (netboot_) netboot_->stop();
+  if (routers_) routers_->server().stop();
+}
+
+}  // namespace tarnlift::ui

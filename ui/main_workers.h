@@ -1,0 +1,44 @@
+// The real workers of the main window: the "Router installer" of port 5000,
+// the local-drive installer holder, the "PXE Booter" thread and the beacon,
+// created when the presenter asks for them, in its order.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "ui/main_presenter.h"
+
+namespace tarnlift::netboot {
+class NetbootThread;
+}
+
+namespace tarnlift::ui {
+
+class SystemMainWorkers : public MainWorkers {
+ public:
+  // drives: the local-drive installer to hand out (nullptr: none offered).
+  explicit SystemMainWorkers(std::unique_ptr<DriveInstaller> drives = nullptr);
+  ~SystemMainWorkers() override;
+
+  RouterInstaller& startRouterInstaller() override;
+  DriveInstaller& makeDriveInstaller() override;
+  NetbootWorker& startNetbootServer(const std::string& kernelOverride) override;
+  BeaconWorker& beacon() override;
+  const Clock& clock() override;
+  netboot::InterfaceSource& interfaces() override;
+  bool environment(const std::string& name, std::string& value) override;
+  std::string currentDirectory() override;
+  bool fileExists(const std::string& path) override;
+  bool isDirectory(const std::string& path) override;
+  void stopThreads() override;
+
+ private:
+  class Netboot;
+  class Beacon;
+  std::unique_ptr<ServerRouterInstaller> routers_;
+  std::unique_ptr<DriveInstaller> drives_;
+  std::unique_ptr<Netboot> netboot_;
+  std::unique_ptr<Beacon> beacon_;
+};
+
+}  // namespace tarnlift::ui
