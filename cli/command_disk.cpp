@@ -1,0 +1,278 @@
+// `tarnlift disk`: makes a drive (or, on Linux, a disk image file) into a
+// bootable disk of the router operating system, as the window's Install
+// does for a drive row: the packages are chosen through the catalogue as
+// ticking boxes does, and the installation runs on its own thread.
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "app/log.h"
+#include "app/registry.h"
+#include "app/sync.h"
+#include "cli/command.h"
+#include "install/headless.h"
+#include "install/install_command.h"
+#include "localdisk/disk_installation.h"
+#include "localdisk/disk_target.h"
+#include "netboot/boot_images.h"
+#include "packages/package_catalogue.h"
+#include "packages/package_sets.h"
+
+namespace tarnlift::cli {
+namespace {
+
+const char* kDiskUsage =
+    "TARGET [--image-size MIB] [--boot-images DIR] [--packages DIR] [--select FILE]... [--set NAME] "
+    "[--script FILE] [--mode-script FILE] [--baud N] [--yes]";
+
+struct DiskOptions {
+  std::string target;
+  uint64_t imageMiB = 256;
+  std::string bootImages;
+  std::string packageDir;
+  bool havePackages = false;
+  std::vector<std::string> select;
+  std::string setName;
+  InstallOptions install;
+  bool yes = false;
+};
+
+bool parseNumber(const std::string& text, uint64_t& value, uint64_t limit) {
+  char* end = nullptr;
+  unsigned long long n = std::strtoull(text.c_str(), &end, 10);
+  if (text.empty() || *end != 0 || text[0] == '-' || n > limit) return false;
+  value = n;
+  return true;
+}
+
+// The Install command's messages, printed; every question is answered yes.
+class PrintingPrompter : public InstallPrompter {
+ public:
+  void showMessage(const std::string& text, const std::string& title, bool) override {
+    refusal = text;
+    logLine() << "message (" << title << "): " << text;
+  }
+  bool askYesNo(const std::string& text) override {
+    std::cerr << "tarnlift: warning: " << text << " yes" << std::endl;
+    return true;
+  }
+  std::string refusal;
+};
+
+// The four records the disk needs, checked before anything is written so
+// that a missing one is named instead of ending the program half-way.
+bool checkRecords(std::string& missing) {
+  const int numbers[] = {localdisk::kImageDiskKernel, localdisk::kImageDiskSyslinuxConfig,
+                         localdisk::kImageDiskInitrd, localdisk::kImageDiskSyslinuxInstaller};
+  netboot::BootImageStore& store = netboot::currentBootImageStore();
+  for (int number : numbers) {
+    const uint8_t* record = nullptr;
+    size_t size = 0;
+    netboot::BootImage image;
+    if (!store.findRecord(number, record, size) || !netboot::parseBootImageRecord(record, size, image)) {
+      missing += (missing.empty() ? "" : ", ") + std::to_string(number);
+    }
+  }
+  return missing.empty();
+}
+
+uint32_t percentOf(const localdisk::DiskStatus& status) {
+  if (status.total == 0) return status.state == kStatusDone ? 100 : 0;
+  uint64_t percent = static_cast<uint64_t>(status.progress) * 100 / status.total;
+  return static_cast<uint32_t>(percent > 100 ? 100 : percent);
+}
+
+int parse(const std::vector<std::string>& arguments, DiskOptions& options) {
+  for (size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& option = arguments[i];
+    auto value = [&](std::string& out) {
+      if (i + 1 >= arguments.size()) return false;
+      out = arguments[++i];
+      return true;
+    };
+    std::string text;
+    if (option == "--image-size") {
+      if (!value(text) || !parseNumber(text, options.imageMiB, 1u << 20) || options.imageMiB < 33) {
+        return usageError("--image-size needs a size in MiB of at least 33 (FAT32's smallest volume)");
+      }
+    } else if (option == "--boot-images") {
+      if (!value(options.bootImages)) return usageError("--boot-images needs a folder");
+    } else if (option == "--packages") {
+      if (!value(options.packageDir)) return usageError("--packages needs a folder");
+      options.havePackages = true;
+    } else if (option == "--select") {
+      if (!value(text)) return usageError("--select needs a package file name");
+      options.select.push_back(text);
+    } else if (option == "--set") {
+      if (!value(options.setName)) return usageError("--set needs a package set name");
+    } else if (option == "--script") {
+      if (!value(options.install.scriptPath)) return usageError("--script needs a file");
+      options.install.scriptEnabled = true;
+    } else if (option == "--mode-script") {
+      if (!value(options.install.modeScriptPath)) return usageError("--mode-script needs a file");
+      options.install.modeScriptEnabled = true;
+    } else if (option == "--baud") {
+      uint64_t baud = 0;
+      if (!value(options.install.baudText) || !parseNumber(options.install.baudText, baud, 0xFFFFFFFFu)) {
+        return usageError("--baud needs a number");
+      }
+    } else if (option == "--yes") {
+      options.yes = true;
+    } else if (!option.empty() && option[0] == '-') {
+      return usageError("disk: unexpected option '" + option + "' (usage: disk " + kDiskUsage + ")");
+    } else if (options.target.empty()) {
+      options.target = option;
+    } else {
+      return usageError("disk takes one TARGET (usage: disk " + std::string(kDiskUsage) + ")");
+    }
+  }
+  if (options.target.empty()) return usageError(std::string("disk needs a TARGET (usage: disk ") + kDiskUsage + ")");
+  if (!options.setName.empty() && !options.select.empty()) return usageError("--set and --select exclude each other");
+  return kExitOk;
+}
+
+bool confirm(const std::string& target) {
+  std::cerr << "Everything on " << target << " will be erased. Type yes to go on: " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  return answer == "yes";
+}
+
+// Runs the installation on its thread and shows its progress.
+int runInstallation(const RouterRecord& request) {
+  bool live = standardOutputIsTerminal();
+  localdisk::DiskInstallation installation(request);
+  installation.start();
+  std::string lastText;
+  uint32_t lastState = 0;
+  localdisk::DiskStatus status;
+  while (true) {
+    installation.notificationEvent().waitFor(100);
+    bool any = false;
+    while (installation.nextNotification(status)) {
+      any = true;
+      if (!live && (status.statusText != lastText || status.state != lastState) && status.state == kStatusInstalling) {
+        std::cout << request.label << '\t' << status.statusText << '\t' << percentOf(status) << "%" << std::endl;
+      }
+      lastText = status.statusText;
+      lastState = status.state;
+    }
+    status = installation.status();
+    if (live && any && status.state == kStatusInstalling) {
+      std::cout << "\r\x1b[K" << status.statusText << "  " << percentOf(status) << "%" << std::flush;
+    }
+    if (status.state != kStatusInstalling) break;
+  }
+  installation.stopEvent().set();
+  installation.waitFor(5000);
+  if (live) std::cout << "\r\x1b[K";
+  if (status.state == kStatusDone) {
+    std::cout << request.label << '\t' << status.statusText << std::endl;
+    return kExitOk;
+  }
+  std::cout << request.label << '\t' << status.errorText << std::endl;
+  std::cerr << "tarnlift: " << status.errorText << std::endl;
+  return kExitFailed;
+}
+
+int runDisk(const std::vector<std::string>& arguments) {
+  DiskOptions options;
+  if (int code = parse(arguments, options); code != kExitOk) return code;
+
+  if (!options.bootImages.empty()) {
+    if (!netboot::directoryExists(options.bootImages)) return usageError("no folder " + options.bootImages);
+    netboot::setBootImageDirectory(options.bootImages);
+  }
+  std::string missing;
+  if (!checkRecords(missing)) {
+    std::string where = netboot::bootImageDirectory();
+    std::cerr << "tarnlift: the disk needs boot image records " << missing << ", which "
+              << (where.empty() ? std::string("the program does not carry") : "are not in " + where)
+              << " (make them with 'tarnlift bootimage wrap')" << std::endl;
+    return kExitFailed;
+  }
+
+  Registry settings;
+  settings.openRoot(kSettingsKeyPath);
+  if (!options.havePackages) options.packageDir = settings.readString("Package Path", ".");
+  packages::PackageSets sets;
+  sets.loadSets(settings);
+
+  // The packages, chosen before the target is touched.
+  localdisk::DiskTarget target;
+  packages::PackageCatalogue catalogue;
+  packages::PackageChoice choice;
+  const uint32_t architecture = 0;  // a drive row takes packages of any architecture
+  if (!options.setName.empty()) {
+    if (!sets.chooseSet(choice, options.setName)) {
+      std::cerr << "tarnlift: no package set named " << options.setName << std::endl;
+      return kExitFailed;
+    }
+    catalogue.setFolder(choice.folder, architecture);
+    catalogue.applySelection(choice.files);
+  } else {
+    choice.folder = options.packageDir;
+    catalogue.setFolder(choice.folder, architecture);
+    catalogue.applySelection(choice.files);
+    for (const std::string& name : options.select) {
+      int index = catalogue.findByFileName(name);
+      if (index < 0) {
+        std::cerr << "tarnlift: " << name << " is not a package of " << choice.folder << std::endl;
+        return kExitFailed;
+      }
+      size_t i = static_cast<size_t>(index);
+      if (catalogue.canToggle(i) && !catalogue.record(i).selected) catalogue.toggle(i, choice.files);
+    }
+  }
+
+  std::string error;
+  localdisk::TargetResult found = localdisk::resolveDiskTarget(options.target, options.imageMiB, target, error);
+  if (found == localdisk::TargetResult::BadUsage) return usageError(error);
+  if (found == localdisk::TargetResult::Refused) {
+    std::cerr << "tarnlift: refused: " << error << std::endl;
+    return kExitFailed;
+  }
+  if (target.isDevice && !options.yes) {
+    if (!localdisk::standardInputIsTerminal()) {
+      return usageError("erasing the device " + options.target + " needs --yes");
+    }
+    if (!confirm(options.target)) {
+      std::cerr << "tarnlift: nothing was written" << std::endl;
+      return kExitFailed;
+    }
+  }
+
+  RouterRecord& row = target.row;
+  row.scriptEnabled = options.install.scriptEnabled;
+  row.scriptPath = options.install.scriptPath;
+  row.modeScriptEnabled = options.install.modeScriptEnabled;
+  row.modeScriptPath = options.install.modeScriptPath;
+  RememberedChoices remembered;
+  PrintingPrompter prompter;
+  RouterRecord request;
+  bool started = false;
+  InstallContext context{catalogue, choice, sets, remembered, prompter, [&](const RouterRecord& filled) {
+                           request = filled;
+                           started = true;
+                         }};
+  InstallOutcome outcome = runInstallCommand(&row, options.install, context);
+  if (outcome != InstallOutcome::Started || !started) {
+    std::cerr << "tarnlift: " << prompter.refusal << std::endl;
+    if (target.createdFile) std::remove(options.target.c_str());
+    return kExitFailed;
+  }
+  // A mode script that cannot be read is refused like the window does.
+  if (request.modeScriptEnabled && localdisk::fileSize(request.modeScriptPath) < 0) {
+    std::cerr << "tarnlift: Could not read mode script" << std::endl;
+    if (target.createdFile) std::remove(options.target.c_str());
+    return kExitFailed;
+  }
+  return runInstallation(request);
+}
+
+const CliCommandRegistrar diskCommand({"disk", kDiskUsage,
+                                       "Make a local drive or disk image file a bootable router disk.", &runDisk});
+
+}  // namespace
+}  // namespace tarnlift::cli

@@ -1,0 +1,262 @@
+#include "localdisk/disk_installation.h"
+
+#include <cstdio>
+#include <iostream>
+#include <vector>
+
+#include "app/failure.h"
+#include "app/log.h"
+#include "netboot/boot_images.h"
+#include "packages/package_folder.h"
+
+namespace tarnlift::localdisk {
+
+namespace {
+constexpr uint32_t kSectorSize = 512;
+constexpr size_t kScriptPiece = 4096;
+}  // namespace
+
+std::string baudRateLine(uint32_t baudRate) {
+  char text[96];
+  std::snprintf(text, sizeof text, "\n/port set [/port find] baud-rate=%d\n", static_cast<int>(baudRate));
+  return text;
+}
+
+DiskInstallation::DiskInstallation(const RouterRecord& row, DiskServices* services)
+    : Thread("Unnamed"), row_(row), services_(services != nullptr ? *services : platformDiskServices()) {
+  drive_ = driveIdOf(row_);
+  setStopSignal(&stopEvent_);
+  // The thread may be left waiting for its stop event for long; ending it
+  // need not wait the default time.
+  setStopTimeout(1000);
+  MutexLock lock(mutex_);
+  status_.state = kStatusInstalling;
+  status_.statusText = "Preparing for installation...";
+  status_.total = row_.totalSize;
+  status_.progress = 0;
+  post();
+}
+
+DiskInstallation::~DiskInstallation() { destroy(); }
+
+DiskStatus DiskInstallation::status() {
+  MutexLock lock(mutex_);
+  return status_;
+}
+
+bool DiskInstallation::nextNotification(DiskStatus& status) {
+  MutexLock lock(mutex_);
+  if (notifications_.empty()) return false;
+  status = notifications_.front();
+  notifications_.pop_front();
+  return true;
+}
+
+void DiskInstallation::post() {
+  MutexLock lock(mutex_);
+  notifications_.push_back(status_);
+  notificationEvent_.set();
+}
+
+void DiskInstallation::update(const std::string& text, uint32_t amount) {
+  MutexLock lock(mutex_);
+  status_.statusText = text;
+  status_.progress += amount;
+  post();
+}
+
+bool DiskInstallation::fail(const std::string& text) {
+  MutexLock lock(mutex_);
+  status_.errorText = text;
+  return false;
+}
+
+uint32_t DiskInstallation::run() {
+  if (!install()) {
+    std::string errorText;
+    {
+      MutexLock lock(mutex_);
+      errorText = status_.errorText;
+      status_.state = kStatusFailed;
+      post();
+    }
+    logLine() << "failed: " << errorText;
+  }
+  stopEvent_.waitFor(kWaitInfinite);
+  return 0;
+}
+
+bool DiskInstallation::writeBootImageFile(const std::string& name, int number) {
+  netboot::BootImage image = netboot::loadBootImage(number);
+  std::unique_ptr<OutputFile> file = services_.files->createNew(drive_, name);
+  if (file == nullptr) {
+    std::cerr << "Cannot create file" << std::endl;
+    return false;
+  }
+  bool written = file->write(image.data, image.length);
+  return file->close() && written;
+}
+
+bool DiskInstallation::writeMbrFile(const uint8_t* sector) {
+  std::unique_ptr<OutputFile> file = services_.files->createNew(drive_, "mbr");
+  if (file == nullptr) {
+    logLine() << "Cannot create file";
+    return false;
+  }
+  bool written = file->write(sector, kSectorSize);
+  return file->close() && written;
+}
+
+bool DiskInstallation::writeAutorun() {
+  std::unique_ptr<OutputFile> file = services_.files->createNew(drive_, "autorun.scr");
+  if (file == nullptr) {
+    logLine() << "Cannot create file";
+    return false;
+  }
+  bool ok = true;
+  if (row_.scriptEnabled) {
+    std::FILE* script = std::fopen(row_.scriptPath.c_str(), "rb");
+    if (script == nullptr) {
+      logLine() << "Cannot open script";
+      ok = false;
+    } else {
+      std::vector<uint8_t> piece(kScriptPiece);
+      while (ok) {
+        size_t count = std::fread(piece.data(), 1, piece.size(), script);
+        if (count == 0) break;
+        ok = file->write(piece.data(), count);
+      }
+      std::fclose(script);
+    }
+  }
+  if (ok && row_.baudRate != 0) {
+    std::string line = baudRateLine(row_.baudRate);
+    ok = file->write(reinterpret_cast<const uint8_t*>(line.data()), line.size());
+  }
+  bool closed = file->close();
+  return ok && closed;
+}
+
+bool DiskInstallation::install() {
+  // 1-6: sector 0 of the disk that holds the volume is saved and cleared.
+  update("Formatting drive...", 0);
+  DiskAccess& devices = *services_.devices;
+  std::unique_ptr<Device> volume = devices.openVolume(drive_);
+  if (volume == nullptr) return fail("Cannot open device");
+  StorageDeviceNumber number;
+  if (volume->deviceNumber(number) < kStorageDeviceNumberSize) fatalFailure("IOCTL_GET_DEVICE_NUMBER failed");
+  logLine() << "device number: " << number.deviceNumber;
+  logLine() << "partition number: " << number.partitionNumber;
+  volume->close();
+  volume.reset();
+
+  std::unique_ptr<Device> disk = devices.openPhysical(number.deviceNumber);
+  if (disk == nullptr) return fail("Cannot open physical device");
+  uint8_t oldSector[kSectorSize] = {};
+  if (!disk->seek(0)) return fail("Cannot seek physical device");
+  if (disk->read(oldSector, kSectorSize) < static_cast<int>(kSectorSize)) return fail("Cannot seek read device");
+  const uint8_t zeros[kSectorSize] = {};
+  if (!disk->seek(0)) return fail("Cannot MBR on device");
+  if (disk->write(zeros, kSectorSize) < static_cast<int>(kSectorSize)) return fail("Cannot MBR on device");
+  disk->close();
+  disk.reset();
+
+  // 7: the label "y" is also the answer to the formatter's question.
+  DriveFormatter& formatter = *services_.formatter;
+  if (!formatter.format(drive_, "y", true)) return fail("Cannot format device");
+  if (formatter.formatsTwice() && !formatter.format(drive_, "y", true)) return fail("Cannot format device");
+
+  // 8-10: the boot files and the old sector 0.
+  update("Copying system files...", 0);
+  if (!writeBootImageFile("linux", kImageDiskKernel)) return fail("Cannot copy system files");
+  if (!writeBootImageFile("initrd.rgz", kImageDiskInitrd)) return fail("Cannot copy system files");
+  if (!writeBootImageFile("syslinux.cfg", kImageDiskSyslinuxConfig)) return fail("Cannot copy system files");
+  if (!writeMbrFile(oldSector)) return fail("Cannot copy system files");
+
+  // 11: the boot loader's own installer writes the boot code.
+  std::unique_ptr<ProgramRunner> bootLoader = services_.makeBootLoaderRunner();
+  bootLoader->run("-s " + devices.bootLoaderTarget(drive_));
+  while (bootLoader->isRunning()) {
+    logLine() << "still syslinux";
+    sleepMilliseconds(100);
+  }
+  // From here on every failure releases the installer's process and file.
+  auto failAfterBootLoader = [&](const std::string& text) {
+    bootLoader->cleanUp();
+    return fail(text);
+  };
+
+  // 12: the packages, counting copied bytes.
+  SourceFiles& sources = *services_.sources;
+  uint32_t previousSize = 0;
+  for (const std::string& name : row_.files) {
+    update("Copying file: " + name, previousSize);
+    std::string source = packages::joinFolderPath(row_.packageDir, name);
+    uint64_t size = 0;
+    int sized = sources.size(source, size);
+    if (sized != 0) {
+      logLine() << (sized == 1 ? "Cannot open file" : "Cannot get file size");
+      return failAfterBootLoader("Cannot get package size");
+    }
+    if (!services_.files->copyInto(drive_, source, name)) return failAfterBootLoader("Cannot copy packages");
+    previousSize = static_cast<uint32_t>(size);
+  }
+
+  // 13-14: the scripts.
+  if (!writeAutorun()) return failAfterBootLoader("Cannot copy config");
+  if (row_.modeScriptEnabled && !row_.modeScriptPath.empty() &&
+      !services_.files->copyInto(drive_, row_.modeScriptPath, "mode.scr")) {
+    return failAfterBootLoader("Cannot copy mode script");
+  }
+
+  // 15: opening and closing the volume makes the platform flush it.
+  volume = devices.openVolume(drive_);
+  if (volume == nullptr) return failAfterBootLoader("Cannot open device");
+  volume->close();
+  volume.reset();
+  bootLoader->cleanUp();
+  {
+    MutexLock lock(mutex_);
+    status_.statusText = "Installation completed";
+    status_.state = kStatusDone;
+    status_.progress = row_.totalSize;
+    post();
+  }
+  return true;
+}
+
+LocalDiskInstaller::~LocalDiskInstaller() {
+  for (auto& [mac, installation] : installations_) installation->stopEvent().set();
+  installations_.clear();
+}
+
+void LocalDiskInstaller::start(const RouterRecord& row) {
+  cancel(row.mac);
+  auto installation = std::make_unique<DiskInstallation>(row, services_);
+  installation->start();
+  installations_[row.mac] = std::move(installation);
+}
+
+bool LocalDiskInstaller::news(const MacAddress& mac, DiskStatus& status) {
+  auto it = installations_.find(mac);
+  if (it == installations_.end()) return false;
+  DiskStatus waiting;
+  while (it->second->nextNotification(waiting)) {
+  }
+  status = it->second->status();
+  return true;
+}
+
+bool LocalDiskInstaller::hasNews(const MacAddress& mac) {
+  auto it = installations_.find(mac);
+  return it != installations_.end() && it->second->notificationEvent().waitFor(0);
+}
+
+void LocalDiskInstaller::cancel(const MacAddress& mac) {
+  auto it = installations_.find(mac);
+  if (it == installations_.end()) return;
+  it->second->stopEvent().set();
+  installations_.erase(it);
+}
+
+}  // namespace tarnlift::localdisk

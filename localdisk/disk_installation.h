@@ -1,0 +1,102 @@
+// Makes a local drive into a bootable disk of the router operating system,
+// on a thread of its own named "Unnamed". The owner (the window's local
+// drive installer) polls its status through a notification queue.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "app/sync.h"
+#include "app/thread.h"
+#include "install/router_record.h"
+#include "localdisk/disk_access.h"
+
+namespace tarnlift::localdisk {
+
+// What the row shows: state (4 preparing, 2 completed, 3 failed), status
+// text, the error text when failed, and the progress counter against the
+// row's total.
+struct DiskStatus {
+  uint32_t state = kStatusInstalling;
+  std::string statusText;
+  std::string errorText;
+  uint32_t progress = 0;
+  uint32_t total = 0;
+};
+
+class DiskInstallation : public Thread {
+ public:
+  // Copies the row, sets state 4 and "Preparing for installation...", and
+  // posts a notification. services null: the platform's.
+  explicit DiskInstallation(const RouterRecord& row, DiskServices* services = nullptr);
+  ~DiskInstallation() override;
+
+  // Set by the owner to end the thread once the installation is over.
+  Event& stopEvent() { return stopEvent_; }
+
+  // The current status (under the lock).
+  DiskStatus status();
+  // Takes the oldest notification waiting; false when none is.
+  bool nextNotification(DiskStatus& status);
+  // Set whenever a notification is posted.
+  Event& notificationEvent() { return notificationEvent_; }
+
+  // Performs the installation on the calling thread: true when completed.
+  // The thread body calls it; tests may call it directly.
+  bool install();
+
+  const RouterRecord& row() const { return row_; }
+
+ protected:
+  uint32_t run() override;
+
+ private:
+  // Sets the status text, adds amount to the progress counter, posts.
+  void update(const std::string& text, uint32_t amount);
+  bool fail(const std::string& text);
+  void post();
+  bool writeBootImageFile(const std::string& name, int number);
+  bool writeMbrFile(const uint8_t* sector);
+  bool writeAutorun();
+
+  RouterRecord row_;
+  DiskServices services_;
+  DriveId drive_;
+  Event stopEvent_{true};
+  Mutex mutex_;
+  Event notificationEvent_{false};
+  std::deque<DiskStatus> notifications_;
+  DiskStatus status_;
+};
+
+// The window's local drive installer: one installation per drive row,
+// keyed by the row's hardware address.
+class LocalDiskInstaller {
+ public:
+  explicit LocalDiskInstaller(DiskServices* services = nullptr) : services_(services) {}
+  ~LocalDiskInstaller();
+
+  // Starts the installation of the drive row (one already held for the row
+  // is cancelled first).
+  void start(const RouterRecord& row);
+  // The row's current status, taking the notifications waiting; false when
+  // no installation is held for the address.
+  bool news(const MacAddress& mac, DiskStatus& status);
+  // Whether notifications were posted since the last call to news.
+  bool hasNews(const MacAddress& mac);
+  // Ends the installation of the row and forgets it.
+  void cancel(const MacAddress& mac);
+  bool holds(const MacAddress& mac) const { return installations_.count(mac) != 0; }
+
+ private:
+  DiskServices* services_;
+  std::map<MacAddress, std::unique_ptr<DiskInstallation>> installations_;
+};
+
+// The text of the line that sets the serial ports' speed.
+std::string baudRateLine(uint32_t baudRate);
+
+}  // namespace tarnlift::localdisk

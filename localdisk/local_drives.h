@@ -1,0 +1,124 @@
+// Local drives as rows of the router table, and their formatting.
+//
+// A drive row carries the hardware address FF:FF:FF:FF:FF:xx, where xx is
+// the drive letter's character code on Windows; that prefix is how the rest
+// of the system tells a drive row from a router row. On Linux a drive is a
+// whole disk (or an image file named by the user); its label is the device
+// path and xx is 'C' plus its position in the list (docs/localdisk.md).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "install/router_record.h"
+
+namespace tarnlift::localdisk {
+
+// Drive types (the values of the platform's drive type query).
+inline constexpr uint32_t kDriveUnknown = 0;
+inline constexpr uint32_t kDriveRemovable = 2;
+inline constexpr uint32_t kDriveFixed = 3;
+inline constexpr uint32_t kDriveRemote = 4;
+inline constexpr uint32_t kDriveCdRom = 5;
+inline constexpr uint32_t kDriveRamDisk = 6;
+
+// The last address byte of a drive row that names an image file on Linux.
+inline constexpr uint8_t kImageFileLetter = 0xFF;
+
+// Which drive an operation is for: Windows goes by the letter, Linux by the
+// path (a block device or an image file).
+struct DriveId {
+  char letter = 0;
+  std::string path;
+};
+
+// A fresh row for a drive: kind drive, the label, FF:FF:FF:FF:FF:letter,
+// the drive type, counters zero and no packages.
+RouterRecord makeDriveRow(const std::string& label, uint8_t letter, uint32_t driveType);
+bool isDriveRow(const RouterRecord& row);
+DriveId driveIdOf(const RouterRecord& row);
+// "removable", "fixed" or the number, for listings.
+std::string driveTypeText(uint32_t driveType);
+
+// One root the platform lists, before the choice of which may be used.
+struct DriveCandidate {
+  std::string label;  // Windows: "E:\"; Linux: "/dev/sdb"
+  uint8_t letter = 0;
+  uint32_t type = kDriveUnknown;
+  bool system = false;  // holds the system (Windows: the system directory)
+};
+
+class DriveEnumerator {
+ public:
+  virtual ~DriveEnumerator() = default;
+  // Every root in the platform's order.
+  virtual std::vector<DriveCandidate> candidates() = 0;
+};
+std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator();
+
+// The drive rows in the platform's order: removable and fixed drives other
+// than the system's and other than drive A.
+std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator);
+std::vector<RouterRecord> listLocalDrives();
+
+// Size of a file opened for reading, or -1 when it cannot be opened.
+int32_t fileSize(const std::string& path);
+
+// ---- Formatting ---------------------------------------------------------------
+
+// The formatter's child process, behind an interface so that the rules of
+// the run (answers, output into the log, five-minute limit) are tested.
+class FormatterProcess {
+ public:
+  enum class Wait { Ended, TimedOut, Failed };
+  virtual ~FormatterProcess() = default;
+  // The pipes for input and output; false when they cannot be made.
+  virtual bool createPipes() = 0;
+  virtual bool start(const std::string& program, const std::string& commandLine) = 0;
+  virtual void writeInput(const std::string& text) = 0;
+  // Up to limit bytes of output (blocking until some come or the output ends).
+  virtual std::string readOutput(size_t limit) = 0;
+  virtual Wait waitFor(uint32_t milliseconds) = 0;
+  virtual bool terminate() = 0;
+  // Closes the pipes and handles.
+  virtual void close() = 0;
+};
+
+// The program and command line of the formatter for a drive.
+struct FormatterCommand {
+  std::string program;
+  std::string commandLine;
+  // The answers written to the formatter's input, in order.
+  std::vector<std::string> answers;
+};
+
+inline constexpr uint32_t kFormatTimeoutMs = 300000;
+
+// Windows: the formatter of the NT family or of the older family.
+FormatterCommand windowsFormatterCommand(bool ntFamily, const std::string& systemDirectory,
+                                         const std::string& windowsDirectory, char letter, const std::string& label,
+                                         bool fat32);
+// Linux: mkfs.fat on the whole disk or image file.
+FormatterCommand linuxFormatterCommand(const std::string& mkfsProgram, const std::string& target,
+                                       const std::string& label, bool fat32);
+
+// Runs the formatter to its end: true when it ran to its end (its exit code
+// is not examined).
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command,
+                  uint32_t timeoutMs = kFormatTimeoutMs);
+
+class DriveFormatter {
+ public:
+  virtual ~DriveFormatter() = default;
+  virtual bool format(const DriveId& drive, const std::string& label, bool fat32) = 0;
+  // Whether the system needs the format twice (Windows 5.1 and 5.2).
+  virtual bool formatsTwice() = 0;
+};
+std::unique_ptr<DriveFormatter> makePlatformFormatter();
+
+// Formats the drive with the platform's own formatter.
+bool formatDrive(const DriveId& drive, const std::string& label, bool fat32);
+
+}  // namespace tarnlift::localdisk

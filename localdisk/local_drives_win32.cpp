@@ -1,0 +1,141 @@
+// Windows drives: the logical drive roots, formatted with format.com driven
+// through pipes.
+#include <windows.h>
+
+#include <cctype>
+#include <cstring>
+
+#include "app/failure.h"
+#include "app/log.h"
+#include "localdisk/local_drives.h"
+
+namespace tarnlift::localdisk {
+namespace {
+
+class LogicalDriveEnumerator : public DriveEnumerator {
+ public:
+  std::vector<DriveCandidate> candidates() override {
+    char system[512] = {};
+    if (GetSystemDirectoryA(system, sizeof system) == 0) fatalFailure("GetSystemDirectory");
+    char systemLetter = static_cast<char>(std::toupper(static_cast<unsigned char>(system[0])));
+    char roots[512] = {};
+    if (GetLogicalDriveStringsA(sizeof roots, roots) == 0) fatalFailure("GetLogicalDriveStrings");
+    std::vector<DriveCandidate> result;
+    for (const char* root = roots; *root != 0; root += std::strlen(root) + 1) {
+      DriveCandidate candidate;
+      candidate.label = root;
+      candidate.letter = static_cast<uint8_t>(root[0]);
+      candidate.type = GetDriveTypeA(root);
+      candidate.system = std::toupper(static_cast<unsigned char>(root[0])) == systemLetter;
+      result.push_back(candidate);
+    }
+    return result;
+  }
+};
+
+class PipeFormatterProcess : public FormatterProcess {
+ public:
+  ~PipeFormatterProcess() override { close(); }
+  bool createPipes() override {
+    SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    if (!CreatePipe(&inputRead_, &inputWrite_, &inherit, 4096)) return false;
+    if (!CreatePipe(&outputRead_, &outputWrite_, &inherit, 4096)) return false;
+    return true;
+  }
+  bool start(const std::string& program, const std::string& commandLine) override {
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
+    startup.hStdInput = inputRead_;
+    startup.hStdOutput = outputWrite_;
+    startup.hStdError = outputWrite_;
+    startup.wShowWindow = SW_HIDE;
+    PROCESS_INFORMATION info{};
+    std::string line = commandLine;
+    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
+      return false;
+    }
+    process_ = info.hProcess;
+    CloseHandle(info.hThread);
+    return true;
+  }
+  void writeInput(const std::string& text) override {
+    DWORD written = 0;
+    WriteFile(inputWrite_, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+  }
+  std::string readOutput(size_t limit) override {
+    std::string text(limit, '\0');
+    DWORD count = 0;
+    // Only what is there: a formatter that has said everything already
+    // must not leave this read waiting.
+    DWORD available = 0;
+    if (!PeekNamedPipe(outputRead_, nullptr, 0, nullptr, &available, nullptr)) return {};
+    if (available == 0 && process_ != nullptr && WaitForSingleObject(process_, 0) == WAIT_OBJECT_0) return {};
+    if (!ReadFile(outputRead_, text.data(), static_cast<DWORD>(limit), &count, nullptr)) return {};
+    text.resize(count);
+    return text;
+  }
+  Wait waitFor(uint32_t milliseconds) override {
+    switch (WaitForSingleObject(process_, milliseconds)) {
+      case WAIT_OBJECT_0:
+        return Wait::Ended;
+      case WAIT_TIMEOUT:
+        return Wait::TimedOut;
+      default:
+        return Wait::Failed;
+    }
+  }
+  bool terminate() override { return process_ != nullptr && TerminateProcess(process_, 0); }
+  void close() override {
+    for (HANDLE* handle : {&inputRead_, &inputWrite_, &outputRead_, &outputWrite_, &process_}) {
+      if (*handle != nullptr) CloseHandle(*handle);
+      *handle = nullptr;
+    }
+  }
+
+ private:
+  HANDLE inputRead_ = nullptr;
+  HANDLE inputWrite_ = nullptr;
+  HANDLE outputRead_ = nullptr;
+  HANDLE outputWrite_ = nullptr;
+  HANDLE process_ = nullptr;
+};
+
+OSVERSIONINFOA versionInfo() {
+  OSVERSIONINFOA info{};
+  info.dwOSVersionInfoSize = sizeof info;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  GetVersionExA(&info);
+#pragma GCC diagnostic pop
+  return info;
+}
+
+class FormatComFormatter : public DriveFormatter {
+ public:
+  bool format(const DriveId& drive, const std::string& label, bool fat32) override {
+    OSVERSIONINFOA version = versionInfo();
+    bool nt = version.dwPlatformId == VER_PLATFORM_WIN32_NT;
+    char system[MAX_PATH + 1] = {};
+    GetSystemDirectoryA(system, MAX_PATH);
+    std::string windows;
+    if (!nt) {
+      char buffer[MAX_PATH + 1] = {};
+      if (GetWindowsDirectoryA(buffer, MAX_PATH) == 0) fatalFailure("GetWindowsDirectory");
+      windows = buffer;
+    }
+    PipeFormatterProcess process;
+    return runFormatter(process, windowsFormatterCommand(nt, system, windows, drive.letter, label, fat32));
+  }
+  bool formatsTwice() override {
+    OSVERSIONINFOA version = versionInfo();
+    return version.dwMajorVersion == 5 && (version.dwMinorVersion == 1 || version.dwMinorVersion == 2);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator() { return std::make_unique<LogicalDriveEnumerator>(); }
+std::unique_ptr<DriveFormatter> makePlatformFormatter() { return std::make_unique<FormatComFormatter>(); }
+
+}  // namespace tarnlift::localdisk

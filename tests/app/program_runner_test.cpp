@@ -1,0 +1,303 @@
+// The embedded program runner, for real: a small stand-in program is carried
+// as a record, written out, started, polled, killed and deleted.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/program_runner.h"
+#include "app/sync.h"
+#include "tests/app/capture_log.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+#ifndef TARNLIFT_RUNNER_STANDIN
+#error "the build names the stand-in program"
+#endif
+
+namespace tarnlift {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<uint8_t> readWhole(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::vector<uint8_t> recordOf(const std::vector<uint8_t>& content, size_t padding = 0) {
+  uint32_t length = static_cast<uint32_t>(content.size());
+  std::vector<uint8_t> record(4 + content.size() + padding, uint8_t(0xEE));
+  for (int i = 0; i < 4; ++i) record[size_t(i)] = uint8_t(length >> (8 * i));
+  std::copy(content.begin(), content.end(), record.begin() + 4);
+  return record;
+}
+
+class RecordSource : public ProgramSource {
+ public:
+  bool findRecord(uint32_t id, const uint8_t*& record, size_t& storedSize) override {
+    ++lookups;
+    auto it = records.find(id);
+    if (it == records.end()) return false;
+    record = it->second.data();
+    storedSize = it->second.size();
+    return true;
+  }
+  std::map<uint32_t, std::vector<uint8_t>> records;
+  int lookups = 0;
+};
+
+// The platform's variable naming the temporary directory.
+void setTemporaryDirectory(const std::string& directory) {
+#ifdef _WIN32
+  SetEnvironmentVariableA("TMP", directory.c_str());
+  SetEnvironmentVariableA("TEMP", directory.c_str());
+#else
+  setenv("TMPDIR", directory.c_str(), 1);
+#endif
+}
+
+bool isExecutable(const std::string& path) {
+#ifdef _WIN32
+  return fs::exists(path);
+#else
+  return access(path.c_str(), X_OK) == 0;
+#endif
+}
+
+std::string standinName() {
+#ifdef _WIN32
+  return "standin.exe";
+#else
+  return "standin";
+#endif
+}
+
+class ProgramRunnerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // TempDir() follows the variable the tests change: take it once.
+    static const std::string kTempDir = ::testing::TempDir();
+    base_ = fs::path(kTempDir) /
+            ("runner-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    fs::remove_all(base_);
+    fs::create_directories(base_ / "tmp");
+    fs::create_directories(base_ / "work");
+    tmp_ = (base_ / "tmp").string();
+    setTemporaryDirectory(tmp_);
+    previous_ = fs::current_path();
+    fs::current_path(base_ / "work");
+    std::vector<uint8_t> program = readWhole(TARNLIFT_RUNNER_STANDIN);
+    ASSERT_GT(program.size(), 1000u);
+    source_.records[134] = recordOf(program, 7);
+  }
+  void TearDown() override {
+    fs::current_path(previous_);
+    std::error_code ignored;
+    fs::remove_all(base_, ignored);
+  }
+
+  std::vector<std::string> notes() const {
+    std::ifstream in(base_ / "work" / "note.txt");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+  bool waitForNotes(size_t count) const {
+    for (int i = 0; i < 400; ++i) {
+      if (notes().size() >= count) return true;
+      sleepMilliseconds(25);
+    }
+    return false;
+  }
+  std::string programPath() const { return (fs::path(tmp_) / standinName()).string(); }
+
+  fs::path base_;
+  fs::path previous_;
+  std::string tmp_;
+  RecordSource source_;
+};
+
+TEST_F(ProgramRunnerTest, WritesOutStartsPollsKillsAndDeletes) {
+  testing::CapturedLog log;
+  ProgramRunner runner(134, standinName(), &source_);
+  EXPECT_FALSE(runner.isRunning());
+  EXPECT_TRUE(runner.path().empty());
+  runner.run("20000 note.txt -s X:");
+  EXPECT_TRUE(log.contains("run embedded prog\n"));
+  EXPECT_TRUE(log.contains("exe: " + programPath() + "\n")) << log.text();
+  EXPECT_TRUE(log.contains("cmdline: " + programPath() + " 20000 note.txt -s X:\n")) << log.text();
+  EXPECT_FALSE(log.contains("CreateProcess failed"));
+  ASSERT_TRUE(isExecutable(programPath()));
+  // The content without the length field and without the padding.
+  EXPECT_EQ(readWhole(programPath()), readWhole(TARNLIFT_RUNNER_STANDIN));
+  // Started in the current directory with the arguments as words.
+  ASSERT_TRUE(waitForNotes(1));
+  EXPECT_EQ(notes()[0], "started -s X:");
+  EXPECT_TRUE(runner.isRunning());
+  runner.kill();
+  EXPECT_FALSE(runner.isRunning());
+  EXPECT_FALSE(runner.holdsProcess());
+  ASSERT_TRUE(fs::exists(programPath()));
+  runner.cleanUp();
+  EXPECT_FALSE(fs::exists(programPath()));
+}
+
+TEST_F(ProgramRunnerTest, AProgramThatEndsIsNoLongerRunning) {
+  ProgramRunner runner(134, standinName(), &source_);
+  runner.run("0 note.txt");
+  bool ended = false;
+  for (int i = 0; i < 400 && !ended; ++i) {
+    ended = !runner.isRunning();
+    if (!ended) sleepMilliseconds(25);
+  }
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(notes().size(), 1u);
+  runner.cleanUp();
+  EXPECT_FALSE(fs::exists(programPath()));
+}
+
+TEST_F(ProgramRunnerTest, SecondRunWhileRunningSaysSoAndStartsAnotherCopy) {
+  testing::CapturedLog log;
+  ProgramRunner runner(134, standinName(), &source_);
+  runner.run("1500 note.txt first");
+  ASSERT_TRUE(waitForNotes(1));
+  ASSERT_TRUE(runner.isRunning());
+  runner.run("20000 note.txt second");
+  EXPECT_TRUE(log.contains("already running\n")) << log.text();
+  ASSERT_TRUE(waitForNotes(2));
+  EXPECT_EQ(notes()[1], "started second");
+  EXPECT_TRUE(runner.isRunning());
+  runner.cleanUp();
+  EXPECT_FALSE(runner.isRunning());
+}
+
+TEST_F(ProgramRunnerTest, ASecondRunAfterTheFirstEndedIsQuiet) {
+  testing::CapturedLog log;
+  ProgramRunner runner(134, standinName(), &source_);
+  runner.run("0 note.txt one");
+  for (int i = 0; i < 400 && runner.isRunning(); ++i) sleepMilliseconds(25);
+  runner.run("0 note.txt two");
+  EXPECT_FALSE(log.contains("already running"));
+  ASSERT_TRUE(waitForNotes(2));
+  runner.cleanUp();
+}
+
+TEST_F(ProgramRunnerTest, TheFileIsWrittenOnlyOncePerRunner) {
+  testing::CapturedLog log;
+  ProgramRunner runner(134, standinName(), &source_);
+  runner.run("0 note.txt");
+  for (int i = 0; i < 400 && runner.isRunning(); ++i) sleepMilliseconds(25);
+  runner.run("0 note.txt");
+  for (int i = 0; i < 400 && runner.isRunning(); ++i) sleepMilliseconds(25);
+  runner.run("0 note.txt");
+  EXPECT_EQ(source_.lookups, 1);
+  std::string text = log.text();
+  size_t exeLines = 0;
+  for (size_t at = text.find("exe: "); at != std::string::npos; at = text.find("exe: ", at + 1)) ++exeLines;
+  EXPECT_EQ(exeLines, 1u);
+  ASSERT_TRUE(waitForNotes(3));
+  runner.cleanUp();
+  // A second runner writes its own copy again.
+  ProgramRunner other(134, standinName(), &source_);
+  other.run("0 note.txt");
+  EXPECT_EQ(source_.lookups, 2);
+  other.cleanUp();
+}
+
+TEST_F(ProgramRunnerTest, AFileThatIsNoProgramFailsToStartAndIsOnlyLogged) {
+  testing::CapturedLog log;
+  source_.records[135] = recordOf(std::vector<uint8_t>(64, uint8_t('x')));
+  ProgramRunner runner(135, standinName(), &source_);
+  runner.run("-s X:");
+  EXPECT_TRUE(log.contains("execute: CreateProcess failed: ")) << log.text();
+  EXPECT_FALSE(runner.isRunning());
+  EXPECT_FALSE(runner.holdsProcess());
+  runner.cleanUp();
+  EXPECT_FALSE(fs::exists(programPath()));
+}
+
+TEST_F(ProgramRunnerTest, AnUnwritableTemporaryDirectoryIsNotReportedButTheStartFails) {
+  testing::CapturedLog log;
+  setTemporaryDirectory((base_ / "missing").string());
+  ProgramRunner runner(134, standinName(), &source_);
+  runner.run("0 note.txt");
+  EXPECT_TRUE(log.contains("exe: ")) << log.text();
+  EXPECT_TRUE(log.contains("execute: CreateProcess failed: ")) << log.text();
+  EXPECT_FALSE(runner.isRunning());
+  auto started = std::chrono::steady_clock::now();
+  runner.cleanUp();
+  // Nothing to delete: no hundred retries.
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+}
+
+TEST_F(ProgramRunnerTest, CleanUpOfAnUnusedRunnerDoesNothing) {
+  ProgramRunner runner(134, standinName(), &source_);
+  runner.cleanUp();
+  runner.kill();
+  EXPECT_FALSE(runner.isRunning());
+  EXPECT_EQ(source_.lookups, 0);
+}
+
+TEST_F(ProgramRunnerTest, TheTemporaryDirectoryEndsWithItsSeparator) {
+  std::string directory = runner::temporaryDirectory();
+  ASSERT_FALSE(directory.empty());
+  char last = directory.back();
+  EXPECT_TRUE(last == '/' || last == '\\');
+}
+
+void runMissing(ProgramSource* source) {
+  testing::fatalToStderr();
+  std::fflush(stdout);
+  // The id goes to standard output; join it to standard error so that the
+  // death test sees it.
+#ifdef _WIN32
+  _dup2(_fileno(stderr), _fileno(stdout));
+#else
+  dup2(fileno(stderr), fileno(stdout));
+#endif
+  ProgramRunner runner(4242, "nothing.exe", source);
+  runner.run("-s");
+}
+
+TEST(ProgramRunnerDeathTest, AMissingIdPrintsItAndFailsWithFindResource) {
+  RecordSource empty;
+  EXPECT_EXIT(runMissing(&empty), ::testing::ExitedWithCode(1), "ResourceID=4242");
+  EXPECT_EXIT(runMissing(&empty), ::testing::ExitedWithCode(1), "BOX\\[FindResource");
+}
+
+TEST(ProgramRunnerDeathTest, TheProgramsOwnStoreWithoutTheIdFailsTheSameWay) {
+  // Windows: the test program's own resources, which hold no 4242; Linux:
+  // no own store at all.
+  EXPECT_EXIT(runMissing(nullptr), ::testing::ExitedWithCode(1), "ResourceID=4242");
+  EXPECT_EXIT(runMissing(nullptr), ::testing::ExitedWithCode(1), "BOX\\[FindResource");
+}
+
+void runCut() {
+  testing::fatalToStderr();
+  RecordSource source;
+  source.records[7] = {200, 0, 0, 0, 1, 2, 3};
+  ProgramRunner runner(7, "cut.exe", &source);
+  runner.run("");
+}
+
+TEST(ProgramRunnerDeathTest, ACutRecordIsFatal) {
+  EXPECT_EXIT(runCut(), ::testing::ExitedWithCode(1), "BOX\\[LoadResource");
+}
+
+}  // namespace
+}  // namespace tarnlift

@@ -1,0 +1,238 @@
+// Drive rows, the choice of drives, the formatter's command lines and the
+// rules of a formatter run, on fakes.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "localdisk/local_drives.h"
+#include "tests/app/capture_log.h"
+
+namespace tarnlift::localdisk {
+namespace {
+
+class FakeEnumerator : public DriveEnumerator {
+ public:
+  std::vector<DriveCandidate> candidates() override { return list; }
+  std::vector<DriveCandidate> list;
+};
+
+DriveCandidate root(char letter, uint32_t type, bool system = false) {
+  DriveCandidate candidate;
+  candidate.label = std::string(1, letter) + ":\\";
+  candidate.letter = static_cast<uint8_t>(letter);
+  candidate.type = type;
+  candidate.system = system;
+  return candidate;
+}
+
+std::vector<std::string> labels(const std::vector<RouterRecord>& rows) {
+  std::vector<std::string> result;
+  for (const RouterRecord& row : rows) result.push_back(row.label);
+  return result;
+}
+
+TEST(LocalDrives, DriveAAndTheSystemDriveNeverAppearWhateverTheirType) {
+  FakeEnumerator drives;
+  drives.list = {root('A', kDriveRemovable), root('a', kDriveFixed), root('C', kDriveFixed, true),
+                 root('D', kDriveRemovable, true), root('E', kDriveRemovable), root('F', kDriveFixed)};
+  EXPECT_EQ(labels(listLocalDrives(drives)), (std::vector<std::string>{"E:\\", "F:\\"}));
+}
+
+TEST(LocalDrives, OpticalNetworkAndRamDrivesNeverAppear) {
+  FakeEnumerator drives;
+  drives.list = {root('D', kDriveCdRom), root('G', kDriveRemote),  root('R', kDriveRamDisk),
+                 root('U', kDriveUnknown), root('H', kDriveFixed), root('J', 1)};
+  EXPECT_EQ(labels(listLocalDrives(drives)), (std::vector<std::string>{"H:\\"}));
+}
+
+TEST(LocalDrives, RowsKeepThePlatformsOrderAndLookLikeFreshRows) {
+  FakeEnumerator drives;
+  drives.list = {root('G', kDriveFixed), root('E', kDriveRemovable)};
+  std::vector<RouterRecord> rows = listLocalDrives(drives);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].label, "G:\\");
+  EXPECT_EQ(macText(rows[0].mac), "FF:FF:FF:FF:FF:47");
+  EXPECT_EQ(rows[1].driveType, kDriveRemovable);
+  EXPECT_EQ(rows[1].kind, kKindDrive);
+  EXPECT_TRUE(isDriveRow(rows[1]));
+  EXPECT_EQ(driveIdOf(rows[1]).letter, 'E');
+  EXPECT_EQ(driveIdOf(rows[1]).path, "E:\\");
+  RouterRecord fresh;
+  EXPECT_EQ(rows[1].progress, 0u);
+  EXPECT_EQ(rows[1].totalSize, 0u);
+  EXPECT_TRUE(rows[1].files.empty());
+  EXPECT_EQ(rows[1].status, fresh.status);
+  EXPECT_EQ(rows[1].keepBranding, fresh.keepBranding);
+  EXPECT_EQ(rows[1].baudRate, 0u);
+}
+
+TEST(LocalDrives, ARouterRowIsNoDriveRow) {
+  RouterRecord router;
+  router.mac = MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFE, 0x45};
+  EXPECT_FALSE(isDriveRow(router));
+}
+
+TEST(LocalDrives, TheTypeTexts) {
+  EXPECT_EQ(driveTypeText(kDriveRemovable), "removable");
+  EXPECT_EQ(driveTypeText(kDriveFixed), "fixed");
+  EXPECT_EQ(driveTypeText(9), "9");
+}
+
+TEST(LocalDrives, FileSizeOfAFileAndOfNone) {
+  std::string path = ::testing::TempDir() + "tl-filesize.bin";
+  {
+    std::ofstream out(path, std::ios::binary);
+    out << std::string(1234, 'x');
+  }
+  EXPECT_EQ(fileSize(path), 1234);
+  std::filesystem::remove(path);
+  EXPECT_EQ(fileSize(path), -1);
+  EXPECT_EQ(fileSize(""), -1);
+}
+
+TEST(FormatterCommand, TheNtFamilyFormatsFat32WithTheLabel) {
+  FormatterCommand command = windowsFormatterCommand(true, "C:\\WINDOWS\\system32", "", 'E', "y", true);
+  EXPECT_EQ(command.program, "C:\\WINDOWS\\system32\\format.com");
+  EXPECT_EQ(command.commandLine, "C:\\WINDOWS\\system32\\format.com E: /FS:FAT32 /Q /X /V:y");
+  EXPECT_EQ(command.answers, (std::vector<std::string>{"\r\n", "y\r\n"}));
+}
+
+TEST(FormatterCommand, WithoutFat32TheNtFamilyAsksForFat) {
+  FormatterCommand command = windowsFormatterCommand(true, "C:\\WINDOWS\\system32", "", 'F', "y", false);
+  EXPECT_EQ(command.commandLine, "C:\\WINDOWS\\system32\\format.com F: /FS:FAT /Q /X /V:y");
+}
+
+TEST(FormatterCommand, TheOlderFamilyHasAFixedLabelAndNoFileSystem) {
+  FormatterCommand command = windowsFormatterCommand(false, "C:\\WINDOWS\\SYSTEM", "C:\\WINDOWS", 'E', "y", true);
+  EXPECT_EQ(command.program, "C:\\WINDOWS\\Command\\format.com");
+  EXPECT_EQ(command.commandLine, "C:\\WINDOWS\\Command\\format.com E: /Q /V:xxx");
+  EXPECT_EQ(command.answers.back(), "y\r\n");
+}
+
+TEST(FormatterCommand, LinuxFormatsTheWholeDiskAsFat32WithTheLabel) {
+  FormatterCommand command = linuxFormatterCommand("/usr/sbin/mkfs.fat", "/dev/sdb", "y", true);
+  EXPECT_EQ(command.program, "/usr/sbin/mkfs.fat");
+  EXPECT_EQ(command.commandLine, "/usr/sbin/mkfs.fat -F 32 -I -n y /dev/sdb");
+  EXPECT_TRUE(command.answers.empty());
+  EXPECT_EQ(linuxFormatterCommand("mkfs.fat", "disk.img", "y", false).commandLine, "mkfs.fat -I -n y disk.img");
+}
+
+class FakeProcess : public FormatterProcess {
+ public:
+  bool createPipes() override { return pipes; }
+  bool start(const std::string& program, const std::string& commandLine) override {
+    started = program + "|" + commandLine;
+    return starts;
+  }
+  void writeInput(const std::string& text) override { input += text; }
+  std::string readOutput(size_t limit) override {
+    limits.push_back(limit);
+    if (outputs.empty()) return {};
+    std::string text = outputs.front();
+    outputs.erase(outputs.begin());
+    return text;
+  }
+  Wait waitFor(uint32_t milliseconds) override {
+    waited = milliseconds;
+    return wait;
+  }
+  bool terminate() override {
+    ++terminations;
+    return terminates;
+  }
+  void close() override { ++closes; }
+
+  bool pipes = true;
+  bool starts = true;
+  bool terminates = true;
+  Wait wait = Wait::Ended;
+  std::vector<std::string> outputs{"Insert new disk for drive E:", "Format complete."};
+  std::string started;
+  std::string input;
+  std::vector<size_t> limits;
+  uint32_t waited = 0;
+  int terminations = 0;
+  int closes = 0;
+};
+
+FormatterCommand exampleCommand() {
+  return windowsFormatterCommand(true, "C:\\WINDOWS\\system32", "", 'E', "y", true);
+}
+
+TEST(RunFormatter, AnswersTheQuestionsLogsTheOutputAndWaitsFiveMinutes) {
+  FakeProcess process;
+  tarnlift::testing::CapturedLog log;
+  EXPECT_TRUE(runFormatter(process, exampleCommand()));
+  EXPECT_EQ(process.input, "\r\ny\r\n");
+  EXPECT_EQ(process.waited, 300000u);
+  EXPECT_EQ(process.limits, (std::vector<size_t>{8196, 8196}));
+  EXPECT_EQ(log.text(),
+            "app: C:\\WINDOWS\\system32\\format.com\n"
+            "cmd: C:\\WINDOWS\\system32\\format.com E: /FS:FAT32 /Q /X /V:y\n"
+            "format before\n"
+            "Insert new disk for drive E:\n"
+            "Format complete.\n"
+            "format done\n");
+  EXPECT_EQ(process.closes, 1);
+}
+
+TEST(RunFormatter, AFormatterThatEndsWithAnErrorStillCounts) {
+  FakeProcess process;
+  process.outputs = {"Invalid media or Track 0 bad - disk unusable."};
+  EXPECT_TRUE(runFormatter(process, exampleCommand()));
+}
+
+TEST(RunFormatter, PipesThatCannotBeMadeFail) {
+  FakeProcess process;
+  process.pipes = false;
+  tarnlift::testing::CapturedLog log;
+  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  EXPECT_EQ(log.text(), "Cannot create pipe\n");
+  EXPECT_TRUE(process.started.empty());
+}
+
+TEST(RunFormatter, AFormatterThatCannotStartFails) {
+  FakeProcess process;
+  process.starts = false;
+  tarnlift::testing::CapturedLog log;
+  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  EXPECT_TRUE(log.contains("format before\nCannot start format\n")) << log.text();
+  EXPECT_EQ(process.closes, 1);
+  EXPECT_TRUE(process.input.empty());
+}
+
+TEST(RunFormatter, ATimeOutTerminatesTheFormatter) {
+  FakeProcess process;
+  process.wait = FormatterProcess::Wait::TimedOut;
+  tarnlift::testing::CapturedLog log;
+  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  EXPECT_TRUE(log.contains("format timeout\n"));
+  EXPECT_FALSE(log.contains("even TerminateProcess failed"));
+  EXPECT_FALSE(log.contains("format done"));
+  EXPECT_EQ(process.terminations, 1);
+  EXPECT_EQ(process.closes, 1);
+}
+
+TEST(RunFormatter, AFormatterThatCannotEvenBeTerminatedIsLogged) {
+  FakeProcess process;
+  process.wait = FormatterProcess::Wait::TimedOut;
+  process.terminates = false;
+  tarnlift::testing::CapturedLog log;
+  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  EXPECT_TRUE(log.contains("format timeout\neven TerminateProcess failed\n"));
+}
+
+TEST(RunFormatterDeathTest, AFailedWaitIsFatal) {
+  EXPECT_EXIT(
+      {
+        tarnlift::testing::fatalToStderr();
+        FakeProcess process;
+        process.wait = FormatterProcess::Wait::Failed;
+        runFormatter(process, exampleCommand());
+      },
+      ::testing::ExitedWithCode(1), "BOX\\[Format failed");
+}
+
+}  // namespace
+}  // namespace tarnlift::localdisk
