@@ -40,7 +40,8 @@ INT_PTR CALLBACK placeholderProc(HWND window, UINT message, WPARAM wParam, LPARA
 }  // namespace
 
 void* buildMainWindow(const StartupOptions& /*options*/) {
-  gMainWindow = CreateDialogParamA(gInstance, MAKEINTRESOURCEA(IDD_MAIN_PLACEHOLDER), nullptr, &placeholderProc, 0);
+  gMainWindow = CreateDialogParamA(gInstance, MAKEINTRESOURCEA(IDD_MAIN), nullptr, &placeholderProc, 0);
+  ShowWindow(gMainWindow, SW_SHOW);
   return gMainWindow;
 }
 
