@@ -179,6 +179,8 @@ int runInstallation(const RouterRecord& request) {
 int runDisk(const std::vector<std::string>& arguments) {
   DiskOptions options;
   if (int code = parse(arguments, options); code != kExitOk) return code;
+  std::string error;
+  if (!localdisk::diskTargetNameValid(options.target, error)) return usageError(error);
 
   if (!options.bootImages.empty()) {
     if (!netboot::directoryExists(options.bootImages)) return usageError("no folder " + options.bootImages);
@@ -226,7 +228,6 @@ int runDisk(const std::vector<std::string>& arguments) {
     }
   }
 
-  std::string error;
   localdisk::TargetResult found = localdisk::resolveDiskTarget(options.target, options.imageMiB, target, error);
   if (found == localdisk::TargetResult::BadUsage) return usageError(error);
   if (found == localdisk::TargetResult::Refused) {

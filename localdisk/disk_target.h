@@ -17,6 +17,10 @@ struct DiskTarget {
 
 enum class TargetResult { Ok, BadUsage, Refused };
 
+// Whether TARGET has the form of a target at all (Windows: a drive letter);
+// checked before anything else is looked at.
+bool diskTargetNameValid(const std::string& target, std::string& error);
+
 // Finds the drive TARGET names; a missing image file is made with
 // imageMiB mebibytes. On failure error holds one line.
 TargetResult resolveDiskTarget(const std::string& target, uint64_t imageMiB, DiskTarget& result, std::string& error);

@@ -11,6 +11,12 @@
 
 namespace tarnlift::localdisk {
 
+bool diskTargetNameValid(const std::string& target, std::string& error) {
+  if (!target.empty()) return true;
+  error = "the target is an empty name";
+  return false;
+}
+
 TargetResult resolveDiskTarget(const std::string& target, uint64_t imageMiB, DiskTarget& result, std::string& error) {
   struct stat info {};
   if (stat(target.c_str(), &info) != 0) {

@@ -9,14 +9,19 @@
 
 namespace tarnlift::localdisk {
 
-TargetResult resolveDiskTarget(const std::string& target, uint64_t, DiskTarget& result, std::string& error) {
+bool diskTargetNameValid(const std::string& target, std::string& error) {
   // "E", "E:" or "E:\": a drive letter from the drive list.
   bool letterOnly = target.size() == 1 || (target.size() == 2 && target[1] == ':') ||
                     (target.size() == 3 && target[1] == ':' && (target[2] == '\\' || target[2] == '/'));
   if (!letterOnly || !std::isalpha(static_cast<unsigned char>(target[0]))) {
     error = "the target is a drive letter from 'tarnlift drives' (image files are made on Linux only)";
-    return TargetResult::BadUsage;
+    return false;
   }
+  return true;
+}
+
+TargetResult resolveDiskTarget(const std::string& target, uint64_t, DiskTarget& result, std::string& error) {
+  if (!diskTargetNameValid(target, error)) return TargetResult::BadUsage;
   char letter = static_cast<char>(std::toupper(static_cast<unsigned char>(target[0])));
   for (const RouterRecord& row : listLocalDrives()) {
     if (std::toupper(row.mac[5]) == letter) {
