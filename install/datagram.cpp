@@ -1,7 +1,5 @@
 #include "install/datagram.h"
 
-#include "netboot/interfaces.h"
-
 #include <cstdio>
 
 namespace tarnlift {
@@ -12,7 +10,7 @@ bool isZeroMac(const uint8_t* mac) {
 }
 
 // The boot services print MACs and addresses the same way; one formatter each.
-std::string macText(const uint8_t* mac) { return netboot::formatMac(mac); }
+std::string macText(const uint8_t* mac) { return net::formatMac(mac); }
 
 namespace {
 int hexValue(char c) {
@@ -35,30 +33,8 @@ bool parseMac(const std::string& text, MacAddress& mac) {
   return true;
 }
 
-std::string dottedAddress(uint32_t networkOrder) { return netboot::formatIpv4(networkOrder); }
+std::string dottedAddress(uint32_t networkOrder) { return net::formatIpv4(networkOrder); }
 
-uint32_t parseDottedAddress(const std::string& text) {
-  uint8_t bytes[4];
-  size_t position = 0;
-  for (int part = 0; part < 4; ++part) {
-    if (position >= text.size() || text[position] < '0' || text[position] > '9') return 0xFFFFFFFFu;
-    uint32_t value = 0;
-    size_t digits = 0;
-    while (position < text.size() && text[position] >= '0' && text[position] <= '9') {
-      value = value * 10 + static_cast<uint32_t>(text[position] - '0');
-      if (++digits > 3 || value > 255) return 0xFFFFFFFFu;
-      ++position;
-    }
-    bytes[part] = static_cast<uint8_t>(value);
-    if (part < 3) {
-      if (position >= text.size() || text[position] != '.') return 0xFFFFFFFFu;
-      ++position;
-    }
-  }
-  if (position != text.size()) return 0xFFFFFFFFu;
-  uint32_t result;
-  std::memcpy(&result, bytes, 4);
-  return result;
-}
+uint32_t parseDottedAddress(const std::string& text) { return net::parseIpv4(text); }
 
 }  // namespace tarnlift

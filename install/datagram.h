@@ -11,9 +11,11 @@
 #include <cstring>
 #include <string>
 
+#include "net/address.h"
+
 namespace tarnlift {
 
-using MacAddress = std::array<uint8_t, 6>;
+using MacAddress = net::MacAddress;
 
 inline constexpr size_t kHeaderSize = 20;
 inline constexpr size_t kDatagramBufferSize = 4096;
@@ -64,8 +66,8 @@ bool parseMac(const std::string& text, MacAddress& mac);
 
 // Dotted text for an IPv4 address held in network order (as inet_addr gives it).
 std::string dottedAddress(uint32_t networkOrder);
-// Parses dotted IPv4 text into network order; the all-ones value for text
-// that is not an address (as inet_addr answers).
+// Parses IPv4 text into network order by inet_addr's rules (net/address.h);
+// the all-ones value for text that is not an address.
 uint32_t parseDottedAddress(const std::string& text);
 
 // True when the payload of a datagram starts with the four-letter tag.

@@ -4,14 +4,12 @@
 #include <cstdlib>
 
 #include "app/registry.h"
+#include "net/address.h"
 #include "packages/version.h"
 
 namespace tarnlift {
 
-uint32_t addressFromText(const std::string& text) {
-  uint32_t address = parseDottedAddress(text);
-  return address == 0xFFFFFFFFu ? 0 : address;
-}
+uint32_t addressFromText(const std::string& text) { return net::parseIpv4OrZero(text); }
 
 uint32_t netmaskBitsFromText(const std::string& text) {
   unsigned long value = std::strtoul(text.c_str(), nullptr, 10);

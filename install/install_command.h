@@ -49,7 +49,8 @@ struct InstallOptions {
   std::string baudText;  // "don't set" or empty: 0
 };
 
-// The address controls' rule: dotted IPv4; anything unparsable gives 0.
+// The address controls' rule: inet_addr's reading; its all-ones answer
+// (unparsable text, or 255.255.255.255) gives 0.
 uint32_t addressFromText(const std::string& text);
 // The netmask-bits rule: decimal, above 32 gives 32, unparsable 0.
 uint32_t netmaskBitsFromText(const std::string& text);

@@ -92,7 +92,7 @@ int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
   }
   int count = socket_.receiveWithin(buffer, kDatagramBufferSize, timeoutUs, &sourceAddress_, &sourcePort_);
   if (count >= 0) return sourcePort_ == port_ ? count : -1;
-  if (count != netboot::UdpSocket::kTimedOut) {
+  if (count != net::UdpSocket::kTimedOut) {
     std::string message = "recvfrom() failed";
     reportSocketFailure(message, true);
   }
@@ -107,16 +107,16 @@ void InstallTransport::close() { socket_.close(); }
 
 bool InstallBeacon::create() {
   if (!socket_.open()) {
-    logLine() << "UDP: socket: " << netboot::UdpSocket::lastError();
+    logLine() << "UDP: socket: " << net::UdpSocket::lastError();
     return false;
   }
   if (!socket_.setBroadcast()) {
-    logLine() << "UDP: setsockopt() SO_BROADCAST: " << netboot::UdpSocket::lastError();
+    logLine() << "UDP: setsockopt() SO_BROADCAST: " << net::UdpSocket::lastError();
     socket_.close();
     return false;
   }
   if (!socket_.setReuseAddress()) {
-    logLine() << "UDP: setsockopt() SO_REUSEADDR: " << netboot::UdpSocket::lastError();
+    logLine() << "UDP: setsockopt() SO_REUSEADDR: " << net::UdpSocket::lastError();
     socket_.close();
     return false;
   }
@@ -127,7 +127,7 @@ void InstallBeacon::send(uint32_t address, uint16_t port) {
   if (!socket_.isOpen()) return;
   static const char kText[] = "you have to etherboot";
   int sent = socket_.sendTo(kText, 21, address, port);
-  if (sent < 21) logLine() << "UDP: sendto: " << netboot::UdpSocket::lastError();
+  if (sent < 21) logLine() << "UDP: sendto: " << net::UdpSocket::lastError();
 }
 
 void InstallBeacon::destroy() { socket_.close(); }

@@ -12,7 +12,7 @@
 
 #include "app/settings_store.h"
 #include "install/datagram.h"
-#include "netboot/udp_socket.h"
+#include "net/udp_socket.h"
 
 namespace tarnlift {
 
@@ -78,7 +78,7 @@ class InstallTransport : public DatagramTransport {
   MacAddress localMac_{};
   std::optional<std::string> label_;
   uint16_t port_ = kInstallPort;
-  netboot::UdpSocket socket_;
+  net::UdpSocket socket_;
   uint32_t clientAddress_ = 0;
   InstallInterface served_;
   uint32_t sourceAddress_ = 0;
@@ -97,7 +97,7 @@ class InstallBeacon {
   bool exists() const { return socket_.isOpen(); }
 
  private:
-  netboot::UdpSocket socket_;
+  net::UdpSocket socket_;
 };
 
 // The process-wide beacon switch; logs "beacon: " and the value.

@@ -6,7 +6,7 @@
 
 #include "app/log.h"
 #include "netboot/boot_images.h"
-#include "netboot/udp_socket.h"
+#include "net/udp_socket.h"
 
 namespace tarnlift::netboot {
 namespace {
@@ -226,7 +226,7 @@ bool BootpResponder::reply(uint8_t* buffer, uint32_t clientAddress) {
   size_t length = buildBootpReply(buffer, classifier_.clientClass(), clientAddress, serverAddress(), serverNetmask(),
                                   bootFileName_);
   if (socket_ == nullptr) return false;
-  return socket_->sendTo(buffer, length, kBroadcastAddress, kBootpClientPort) >= 0;
+  return socket_->sendTo(buffer, length, net::kBroadcastAddress, kBootpClientPort) >= 0;
 }
 
 }  // namespace tarnlift::netboot

@@ -5,10 +5,12 @@
 
 #include "app/failure.h"
 #include "netboot/interfaces.h"
-#include "netboot/udp_socket.h"
+#include "net/udp_socket.h"
 
 namespace tarnlift::netboot {
 namespace {
+
+using net::UdpSocket;
 
 class SystemSocket : public DatagramSocket {
  public:

@@ -1,6 +1,6 @@
 // The sockets of the boot services, behind an interface so that the engines
 // run against an in-memory network in tests. The system network opens real
-// UDP sockets (udp_socket.h) on the served interface.
+// UDP sockets (net/udp_socket.h) on the served interface.
 #pragma once
 
 #include <cstddef>

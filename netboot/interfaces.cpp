@@ -1,7 +1,6 @@
 #include "netboot/interfaces.h"
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -29,39 +28,6 @@ void publishDetails(const MacAddress& mac, const std::string& name) {
   std::lock_guard<std::mutex> lock(detailMutex());
   gServerMac = mac;
   gServerName = name;
-}
-
-// One part of an inet_addr text: decimal, 0-prefixed octal or 0x hex.
-bool parsePart(const std::string& text, size_t& pos, uint64_t& value) {
-  int base = 10;
-  if (pos < text.size() && text[pos] == '0') {
-    base = 8;
-    if (pos + 1 < text.size() && (text[pos + 1] == 'x' || text[pos + 1] == 'X')) {
-      base = 16;
-      pos += 2;
-    }
-  }
-  size_t start = pos;
-  value = 0;
-  while (pos < text.size()) {
-    char c = text[pos];
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (base == 16 && c >= 'a' && c <= 'f') {
-      digit = c - 'a' + 10;
-    } else if (base == 16 && c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else {
-      break;
-    }
-    if (digit >= base) return false;
-    value = value * base + digit;
-    if (value > 0xFFFFFFFFull) return false;
-    ++pos;
-  }
-  // "0x" alone is not a number; a lone "0" is (octal zero).
-  return pos > start || base == 8;
 }
 
 }  // namespace
@@ -96,67 +62,6 @@ bool detectRunningUnderWine() {
   bool under = value != nullptr && std::string(value).find("Application") != std::string::npos;
   setRunningUnderWine(under);
   return under;
-}
-
-std::string formatMac(const uint8_t* mac) {
-  char text[18];
-  std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-  return text;
-}
-
-std::string formatIpv4(uint32_t address) {
-  const auto* b = reinterpret_cast<const uint8_t*>(&address);
-  char text[16];
-  std::snprintf(text, sizeof text, "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
-  return text;
-}
-
-uint32_t parseIpv4(const std::string& text) {
-  constexpr uint32_t kNone = 0xFFFFFFFFu;
-  uint64_t parts[4];
-  int count = 0;
-  size_t pos = 0;
-  while (true) {
-    if (count == 4) return kNone;
-    if (pos >= text.size() || !(text[pos] >= '0' && text[pos] <= '9')) return kNone;
-    if (!parsePart(text, pos, parts[count])) return kNone;
-    ++count;
-    if (pos < text.size() && text[pos] == '.') {
-      ++pos;
-      continue;
-    }
-    break;
-  }
-  // Trailing blanks are tolerated, anything else is not.
-  while (pos < text.size()) {
-    char c = text[pos++];
-    if (c != ' ' && c != '\t' && c != '\n' && c != '\r') return kNone;
-  }
-  uint64_t host = 0;
-  switch (count) {
-    case 1:
-      host = parts[0];
-      break;
-    case 2:
-      if (parts[0] > 0xFF || parts[1] > 0xFFFFFF) return kNone;
-      host = parts[0] << 24 | parts[1];
-      break;
-    case 3:
-      if (parts[0] > 0xFF || parts[1] > 0xFF || parts[2] > 0xFFFF) return kNone;
-      host = parts[0] << 24 | parts[1] << 16 | parts[2];
-      break;
-    default:
-      for (int i = 0; i < 4; ++i) {
-        if (parts[i] > 0xFF) return kNone;
-      }
-      host = parts[0] << 24 | parts[1] << 16 | parts[2] << 8 | parts[3];
-      break;
-  }
-  uint8_t bytes[4] = {uint8_t(host >> 24), uint8_t(host >> 16), uint8_t(host >> 8), uint8_t(host)};
-  uint32_t network;
-  static_assert(sizeof network == sizeof bytes);
-  std::memcpy(&network, bytes, 4);
-  return network;
 }
 
 void findInterface(uint32_t clientAddress, InterfaceSource& source) {

@@ -6,21 +6,28 @@
 //
 //   netboot::findInterface(clientAddress);        // picks and publishes
 //   uint32_t local = netboot::serverAddress();    // 0: no interface
-//   netboot::UdpSocket socket;                    // see udp_socket.h
-//   socket.bindOnServedInterface(5000);           // hears its broadcasts
+//   netboot::ServedInterface served = netboot::servedInterface();
+//   net::UdpSocket socket;                        // see net/udp_socket.h
+//   socket.bindOnInterface(served.address, 5000, served.name);  // hears its broadcasts
 //
 // All IPv4 values are in network byte order, as inet_addr gives them.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "net/address.h"
+
 namespace tarnlift::netboot {
 
-using MacAddress = std::array<uint8_t, 6>;
+// The shared address types and text of net/address.h, under the names the
+// boot services have always used.
+using net::formatIpv4;
+using net::formatMac;
+using net::MacAddress;
+using net::parseIpv4;
 
 // The UDP port the bind test binds, and the target of the liveness probes.
 inline constexpr uint16_t kTestPort = 12345;
@@ -71,16 +78,6 @@ bool hasInterfaceFor(uint32_t clientAddress);
 // when no adapter answers, the first is made of pseudo-random bytes. The
 // installation transport takes the first as the program's own address.
 std::vector<MacAddress> localMacAddresses();
-
-// ---- Text helpers -----------------------------------------------------------
-// "%02X:%02X:%02X:%02X:%02X:%02X".
-std::string formatMac(const uint8_t* mac);
-inline std::string formatMac(const MacAddress& mac) { return formatMac(mac.data()); }
-// Dotted quad of a network-order address.
-std::string formatIpv4(uint32_t address);
-// inet_addr's rules (one to four parts; decimal, octal or hexadecimal), the
-// same on every platform. Anything else gives 0xFFFFFFFF (INADDR_NONE).
-uint32_t parseIpv4(const std::string& text);
 
 // ---- Seam for tests -------------------------------------------------------
 // What discovery reads from the operating system. The platform source walks

@@ -15,7 +15,7 @@
 #include "netboot/boot_images.h"
 #include "netboot/bootp.h"
 #include "netboot/tftp.h"
-#include "netboot/udp_socket.h"
+#include "net/udp_socket.h"
 
 namespace tarnlift::netboot {
 namespace {
@@ -71,9 +71,9 @@ void BM_BootpRequestToReplyLoopback(benchmark::State& state) {
   setLogStream(nullStream());
   OneRecordStore store(300000);
   setBootImageStore(&store);
-  startSocketLibrary();
+  net::startSocketLibrary();
   const uint32_t loopback = parseIpv4("127.0.0.1");
-  UdpSocket server, client;
+  net::UdpSocket server, client;
   if (!server.open() || !server.bind(loopback, 0) || !client.open() || !client.bind(loopback, 0)) {
     state.SkipWithError("no loopback sockets");
     return;

@@ -153,7 +153,8 @@ TEST(MacText, UpperCaseWithColons) {
 TEST(DottedAddress, ParseAndFormat) {
   uint32_t a = parseDottedAddress("10.0.0.1");
   EXPECT_EQ(dottedAddress(a), "10.0.0.1");
-  EXPECT_EQ(parseDottedAddress("10.0.0"), 0xFFFFFFFFu);
+  EXPECT_EQ(dottedAddress(parseDottedAddress("10.0.0")), "10.0.0.0");
+  EXPECT_EQ(dottedAddress(parseDottedAddress("010.0.0.1")), "8.0.0.1");
   EXPECT_EQ(parseDottedAddress("10.0.0.256"), 0xFFFFFFFFu);
   EXPECT_EQ(parseDottedAddress(""), 0xFFFFFFFFu);
 }

@@ -117,9 +117,23 @@ TEST_F(InstallCommandTest, NetmaskAboveThirtyTwoIsThirtyTwo) {
   EXPECT_TRUE(prompter.questions.empty());
 }
 
+// The address fields read text as inet_addr does: short and octal forms too.
+TEST_F(InstallCommandTest, AddressFieldsReadEveryInetAddrForm) {
+  EXPECT_EQ(dottedAddress(addressFromText("10.1")), "10.0.0.1");
+  EXPECT_EQ(dottedAddress(addressFromText("192.168.1")), "192.168.0.1");
+  EXPECT_EQ(dottedAddress(addressFromText("010.0.0.1")), "8.0.0.1");
+  EXPECT_EQ(dottedAddress(addressFromText("0xa.0.0.0x1")), "10.0.0.1");
+  options.addressText = "10.1";
+  options.gatewayText = "012.0.0.0376";
+  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_EQ(dottedAddress(started[0].address), "10.0.0.1");
+  EXPECT_EQ(dottedAddress(started[0].gateway), "10.0.0.254");
+}
+
 TEST_F(InstallCommandTest, UnparsableAddressIsZero) {
   EXPECT_EQ(addressFromText("not an address"), 0u);
   EXPECT_EQ(addressFromText(""), 0u);
+  EXPECT_EQ(addressFromText("255.255.255.255"), 0u);
   EXPECT_EQ(baudFromText("don't set"), 0u);
   EXPECT_EQ(baudFromText("115200"), 115200u);
 }

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "netboot/udp_socket.h"
+#include "net/udp_socket.h"
 #include "tests/app/capture_log.h"
 #include "tests/netboot/fake_interfaces.h"
 
@@ -165,23 +165,6 @@ TEST_F(InterfacesTest, LocalMacsComeInOrderOrRandomWhenNoneAnswers) {
   EXPECT_NE(macs[0], MacAddress{});
 }
 
-TEST(Ipv4Text, ParsesAsInetAddrDoes) {
-  EXPECT_EQ(formatIpv4(parseIpv4("192.168.88.1")), "192.168.88.1");
-  EXPECT_EQ(parseIpv4("255.255.255.255"), 0xFFFFFFFFu);
-  EXPECT_EQ(parseIpv4("abc"), 0xFFFFFFFFu);
-  EXPECT_EQ(parseIpv4(""), 0xFFFFFFFFu);
-  EXPECT_EQ(parseIpv4("1.2.3.256"), 0xFFFFFFFFu);
-  EXPECT_EQ(parseIpv4("1.2.3.4.5"), 0xFFFFFFFFu);
-  EXPECT_EQ(parseIpv4("1.2.3.4x"), 0xFFFFFFFFu);
-  EXPECT_EQ(parseIpv4("1.2.3."), 0xFFFFFFFFu);
-  EXPECT_EQ(formatIpv4(parseIpv4("0x7f.1")), "127.0.0.1");
-  EXPECT_EQ(formatIpv4(parseIpv4("010.0.0.1")), "8.0.0.1");
-  EXPECT_EQ(formatIpv4(parseIpv4("10.65536")), "10.1.0.0");
-  EXPECT_EQ(parseIpv4("08.0.0.1"), 0xFFFFFFFFu);
-  EXPECT_EQ(formatIpv4(parseIpv4("0")), "0.0.0.0");
-  EXPECT_EQ(formatMac(MacAddress{0xde, 0xad, 0xbe, 0xef, 0, 1}), "DE:AD:BE:EF:00:01");
-}
-
 TEST(RunningUnderWine, NeedsApplicationInWineLoader) {
 #ifdef _WIN32
   _putenv_s("WINELOADER", "/opt/wine/Application");
@@ -211,34 +194,13 @@ TEST(PlatformInterfaces, LoopbackIsNeverChosen) {
   setServedInterface({});
 }
 
-TEST(UdpSocketLoopback, SendReceiveAndWait) {
-  UdpSocket a, b;
-  ASSERT_TRUE(a.open());
-  ASSERT_TRUE(b.open());
-  ASSERT_TRUE(a.bind(parseIpv4("127.0.0.1"), 0));
-  ASSERT_TRUE(b.bind(parseIpv4("127.0.0.1"), 0));
-  ASSERT_TRUE(b.setNonBlocking());
-  char buffer[16];
-  EXPECT_EQ(b.receiveFrom(buffer, sizeof buffer), -1);
-  EXPECT_TRUE(UdpSocket::wouldBlock());
-  EXPECT_FALSE(b.waitReadable(10));
-  ASSERT_EQ(a.sendTo("hello", 5, parseIpv4("127.0.0.1"), b.localPort()), 5);
-  EXPECT_TRUE(b.waitReadable(2000));
-  uint32_t from = 0;
-  uint16_t port = 0;
-  ASSERT_EQ(b.receiveFrom(buffer, sizeof buffer, &from, &port), 5);
-  EXPECT_EQ(from, parseIpv4("127.0.0.1"));
-  EXPECT_EQ(port, a.localPort());
-  EXPECT_EQ(std::string(buffer, 5), "hello");
-}
-
 }  // namespace
 }  // namespace tarnlift::netboot
 
 namespace {
 class SocketEnvironment : public ::testing::Environment {
  public:
-  void SetUp() override { tarnlift::netboot::startSocketLibrary(); }
+  void SetUp() override { tarnlift::net::startSocketLibrary(); }
 };
 const auto* const kSocketEnvironment = ::testing::AddGlobalTestEnvironment(new SocketEnvironment);
 }  // namespace

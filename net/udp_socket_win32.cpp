@@ -3,10 +3,10 @@
 
 #include <mswsock.h>
 
-#include "netboot/interfaces.h"
-#include "netboot/udp_socket.h"
+#include "net/address.h"
+#include "net/udp_socket.h"
 
-namespace tarnlift::netboot {
+namespace tarnlift::net {
 namespace {
 
 SOCKET native(intptr_t handle) { return static_cast<SOCKET>(handle); }
@@ -78,8 +78,6 @@ bool UdpSocket::bind(uint32_t address, uint16_t port) {
 // Winsock delivers an interface's broadcasts to a socket bound to that
 // interface's unicast address, so the device name is not needed here.
 bool UdpSocket::bindOnInterface(uint32_t address, uint16_t port, const std::string&) { return bind(address, port); }
-
-bool UdpSocket::bindOnServedInterface(uint16_t port) { return bind(serverAddress(), port); }
 
 int UdpSocket::sendTo(const void* data, size_t size, uint32_t address, uint16_t port) {
   sockaddr_in peer{};
@@ -159,4 +157,4 @@ bool UdpSocket::waitReadable(uint32_t milliseconds) {
   return waitReadable(&self, 1, milliseconds, &readable) > 0;
 }
 
-}  // namespace tarnlift::netboot
+}  // namespace tarnlift::net

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "app/log.h"
-#include "netboot/interfaces.h"
-#include "netboot/udp_socket.h"
+#include "net/address.h"
+#include "net/udp_socket.h"
 
-namespace tarnlift::netboot {
+namespace tarnlift::net {
 
 void startSocketLibrary() {}
 
@@ -83,11 +83,6 @@ bool UdpSocket::bindOnInterface(uint32_t address, uint16_t port, const std::stri
               << " only: broadcasts will not be heard";
   }
   return bind(address, port);
-}
-
-bool UdpSocket::bindOnServedInterface(uint16_t port) {
-  ServedInterface served = servedInterface();
-  return bindOnInterface(served.address, port, served.name);
 }
 
 int UdpSocket::sendTo(const void* data, size_t size, uint32_t address, uint16_t port) {
@@ -188,4 +183,4 @@ bool UdpSocket::waitReadable(uint32_t milliseconds) {
   return waitReadable(&self, 1, milliseconds, &readable) > 0;
 }
 
-}  // namespace tarnlift::netboot
+}  // namespace tarnlift::net

@@ -1,5 +1,5 @@
-// A UDP socket of the boot services, usable by any subsystem: creation,
-// options, binding on the served interface, send, receive and waiting.
+// A UDP socket shared by the boot services and the installation transport:
+// creation, options, binding on an interface, send, receive and waiting.
 // Calls report failure by their result; the caller decides whether that is
 // fatal (it usually is: reportSocketFailure(message, true)).
 #pragma once
@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tarnlift::netboot {
+namespace tarnlift::net {
 
 // The limited broadcast address, network order.
 inline constexpr uint32_t kBroadcastAddress = 0xFFFFFFFFu;
@@ -49,8 +49,6 @@ class UdpSocket {
   // falls back to bind(address, port). Windows binds (address, port), which
   // hears that interface's broadcasts already.
   bool bindOnInterface(uint32_t address, uint16_t port, const std::string& device);
-  // bindOnInterface with the served interface of interfaces.h.
-  bool bindOnServedInterface(uint16_t port);
 
   // Bytes sent, or -1.
   int sendTo(const void* data, size_t size, uint32_t address, uint16_t port);
@@ -89,4 +87,4 @@ class UdpSocket {
   uint64_t armedTimeoutUs_ = 0;  // the receive time-out the socket is set to; 0 none
 };
 
-}  // namespace tarnlift::netboot
+}  // namespace tarnlift::net
