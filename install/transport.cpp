@@ -35,8 +35,10 @@ void InstallTransport::open() {
   }
   served_ = options_.resolver(clientAddress_);
   if (served_.address == 0) return;
-  // Our datagrams carry the MAC of the interface they leave from.
-  if (!isZeroMac(served_.mac)) localMac_ = served_.mac;
+  // The MAC given to init stays ours across reopens: sessions and routers
+  // already address us by it. Only a caller that knew none (all zero) gets
+  // the served interface's, since routers cannot answer an all-zero MAC.
+  if (isZeroMac(localMac_)) localMac_ = served_.mac;
   if (label_) logLine() << "socket(): " << *label_;
 
   if (!socket_.open()) {
@@ -92,11 +94,12 @@ int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
   }
   int count = socket_.receiveWithin(buffer, kDatagramBufferSize, timeoutUs, &sourceAddress_, &sourcePort_);
   if (count >= 0) return sourcePort_ == port_ ? count : -1;
-  if (count != net::UdpSocket::kTimedOut) {
+  if (count != net::UdpSocket::kTimedOut && count != net::UdpSocket::kWaitFailed) {
     std::string message = "recvfrom() failed";
     reportSocketFailure(message, true);
   }
-  // Nothing came: check that the interface is still there by sending one
+  // Nothing came, or the wait itself failed (a socket that the system no
+  // longer knows): check that the interface is still there by sending one
   // byte to our own address; a failure means it went away, so start again.
   uint8_t probe = 0;
   if (socket_.sendTo(&probe, 1, served_.address, kProbePort) < 0) open();

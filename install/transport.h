@@ -72,6 +72,8 @@ class InstallTransport : public DatagramTransport {
   uint32_t clientAddress() const { return clientAddress_; }
   uint32_t servedAddress() const { return served_.address; }
   uint32_t sourceAddress() const { return sourceAddress_; }
+  // The socket's system handle, for diagnosis and tests.
+  intptr_t socketHandle() const { return socket_.nativeHandle(); }
 
  private:
   Options options_;

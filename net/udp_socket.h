@@ -59,9 +59,11 @@ class UdpSocket {
   void dropDatagramsFrom(const uint8_t* mac);
 
   // Waits at most timeoutUs (0: without limit) and receives: the byte count,
-  // kTimedOut when nothing came, -1 on error. One system call per datagram
-  // where the platform allows (a receive time-out kept on the socket).
+  // kTimedOut when nothing came, kWaitFailed when the wait itself failed
+  // (nothing was received), -1 when the receive failed. One system call per
+  // datagram where the platform allows (a receive time-out kept on the socket).
   static constexpr int kTimedOut = -2;
+  static constexpr int kWaitFailed = -3;
   int receiveWithin(void* buffer, size_t size, uint64_t timeoutUs, uint32_t* address, uint16_t* port);
 
   // The last error of a socket call on this thread.

@@ -118,7 +118,7 @@ int UdpSocket::receiveWithin(void* buffer, size_t size, uint64_t timeoutUs, uint
   FD_SET(native(handle_), &set);
   timeval limit{static_cast<long>(timeoutUs / 1000000), static_cast<long>(timeoutUs % 1000000)};
   int ready = select(0, &set, nullptr, nullptr, timeoutUs == 0 ? nullptr : &limit);
-  if (ready == SOCKET_ERROR) return -1;
+  if (ready == SOCKET_ERROR) return kWaitFailed;
   if (ready == 0) return kTimedOut;
   return receiveFrom(buffer, size, address, port);
 }

@@ -5,6 +5,8 @@
 #include <random>
 
 #include "app/registry.h"
+#include "app/sync.h"
+#include "net/udp_socket.h"
 #include "port_holder.h"
 #include "tests/app/capture_log.h"
 
@@ -109,6 +111,37 @@ TEST(InstallTransportTest, TakenPortFallsBackToBackupPort) {
   ASSERT_EQ(transport.send(datagram, sizeof datagram), 20);
   uint8_t buffer[kDatagramBufferSize] = {};
   EXPECT_EQ(transport.waitReceive(buffer, 2'000'000), 20);
+  // A datagram from any other source port reaches the socket and is dropped.
+  uint8_t other[20] = {7};
+  ASSERT_TRUE(testing::sendFromOtherPort(backup, other, sizeof other));
+  EXPECT_EQ(transport.waitReceive(buffer, 2'000'000), -1);
+  EXPECT_EQ(transport.sourceAddress(), loopback());  // it did arrive
+  EXPECT_EQ(transport.port(), backup);
+  ASSERT_EQ(transport.send(datagram, sizeof datagram), 20);
+  EXPECT_EQ(transport.waitReceive(buffer, 2'000'000), 20);
+}
+
+TEST(InstallTransportTest, KeepsTheMacItWasGivenAcrossReopens) {
+  TransportRig rig;
+  rig.served = {loopback(), {2, 0, 0, 0, 0, 7}, "lo"};
+  InstallTransport transport(rig.options(randomPort()));
+  transport.init(MacAddress{1, 2, 3, 4, 5, 6}, std::nullopt, randomPort());
+  ASSERT_TRUE(transport.isOpen());
+  EXPECT_EQ(transport.localMac(), (MacAddress{1, 2, 3, 4, 5, 6}));
+  rig.served.mac = {2, 0, 0, 0, 0, 8};
+  transport.open();
+  EXPECT_EQ(transport.localMac(), (MacAddress{1, 2, 3, 4, 5, 6}));
+}
+
+TEST(InstallTransportTest, AnUnknownMacIsTakenFromTheInterfaceOnce) {
+  TransportRig rig;
+  rig.served = {loopback(), {2, 0, 0, 0, 0, 7}, "lo"};
+  InstallTransport transport(rig.options(randomPort()));
+  transport.init(MacAddress{}, std::nullopt, randomPort());
+  EXPECT_EQ(transport.localMac(), (MacAddress{2, 0, 0, 0, 0, 7}));
+  rig.served.mac = {2, 0, 0, 0, 0, 8};
+  transport.open();
+  EXPECT_EQ(transport.localMac(), (MacAddress{2, 0, 0, 0, 0, 7}));
 }
 
 TEST(InstallTransportTest, BothPortsTakenLeavesSocketOpenQuietly) {
@@ -136,6 +169,30 @@ TEST(InstallBeaconTest, CreateSendDestroy) {
   beacon.destroy();
   EXPECT_FALSE(beacon.exists());
   beacon.send();  // no socket: nothing happens
+}
+
+// The beacon's bytes on the wire: exactly the 21 characters, no terminating
+// zero, to port 5010 (here on the loopback address instead of a broadcast).
+TEST(InstallBeaconTest, TwentyOneBytesToPort5010) {
+  EXPECT_EQ(kBeaconPort, 5010);
+  net::startSocketLibrary();
+  net::UdpSocket receiver;
+  ASSERT_TRUE(receiver.open());
+  // Another test program may hold the port for a moment; wait a bounded time.
+  bool bound = false;
+  for (int attempt = 0; attempt < 50 && !bound; ++attempt) {
+    bound = receiver.bind(loopback(), kBeaconPort);
+    if (!bound) sleepMilliseconds(100);
+  }
+  ASSERT_TRUE(bound);
+  InstallBeacon beacon;
+  ASSERT_TRUE(beacon.create());
+  beacon.send(loopback());
+  char buffer[64] = {};
+  ASSERT_TRUE(receiver.waitReadable(2000));
+  int length = receiver.receiveFrom(buffer, sizeof buffer);
+  ASSERT_EQ(length, 21);
+  EXPECT_EQ(std::string(buffer, 21), "you have to etherboot");
 }
 
 TEST(InstallBeaconTest, ProcessSwitch) {
