@@ -86,6 +86,9 @@ class FormatterProcess {
   virtual void close() = 0;
 };
 
+// The platform's formatter process (pipes, hidden window).
+std::unique_ptr<FormatterProcess> makePlatformFormatterProcess();
+
 // The program and command line of the formatter for a drive.
 struct FormatterCommand {
   std::string program;

@@ -99,6 +99,7 @@ class LinuxFormatter : public DriveFormatter {
 }  // namespace
 
 std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator() { return std::make_unique<SysBlockEnumerator>(); }
+std::unique_ptr<FormatterProcess> makePlatformFormatterProcess() { return std::make_unique<LinuxFormatterProcess>(); }
 std::unique_ptr<DriveFormatter> makePlatformFormatter() { return std::make_unique<LinuxFormatter>(); }
 
 uint32_t blockDiskType(const std::string& name) {

@@ -57,6 +57,12 @@ class PipeFormatterProcess : public FormatterProcess {
     }
     process_ = info.hProcess;
     CloseHandle(info.hThread);
+    // The child holds its own ends now; with ours closed, reading its
+    // output ends when it does instead of waiting for ever.
+    CloseHandle(inputRead_);
+    CloseHandle(outputWrite_);
+    inputRead_ = nullptr;
+    outputWrite_ = nullptr;
     return true;
   }
   void writeInput(const std::string& text) override {
@@ -66,11 +72,7 @@ class PipeFormatterProcess : public FormatterProcess {
   std::string readOutput(size_t limit) override {
     std::string text(limit, '\0');
     DWORD count = 0;
-    // Only what is there: a formatter that has said everything already
-    // must not leave this read waiting.
-    DWORD available = 0;
-    if (!PeekNamedPipe(outputRead_, nullptr, 0, nullptr, &available, nullptr)) return {};
-    if (available == 0 && process_ != nullptr && WaitForSingleObject(process_, 0) == WAIT_OBJECT_0) return {};
+    // Blocks until the formatter says something or its output ends.
     if (!ReadFile(outputRead_, text.data(), static_cast<DWORD>(limit), &count, nullptr)) return {};
     text.resize(count);
     return text;
@@ -136,6 +138,7 @@ class FormatComFormatter : public DriveFormatter {
 }  // namespace
 
 std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator() { return std::make_unique<LogicalDriveEnumerator>(); }
+std::unique_ptr<FormatterProcess> makePlatformFormatterProcess() { return std::make_unique<PipeFormatterProcess>(); }
 std::unique_ptr<DriveFormatter> makePlatformFormatter() { return std::make_unique<FormatComFormatter>(); }
 
 }  // namespace tarnlift::localdisk
