@@ -22,6 +22,28 @@ std::string baudRateLine(uint32_t baudRate) {
   return text;
 }
 
+std::string sectorDumpText(const uint8_t* sector, size_t size) {
+  std::string text;
+  char piece[16];
+  for (size_t offset = 0; offset + 1 < size; offset += 2) {
+    if (offset % 16 == 0) {
+      std::snprintf(piece, sizeof piece, "\n%08x ", static_cast<unsigned>(offset));
+      text += piece;
+    }
+    unsigned word = static_cast<unsigned>(sector[offset] | sector[offset + 1] << 8);
+    std::snprintf(piece, sizeof piece, "%04x ", word);
+    text += piece;
+  }
+  return text;
+}
+
+bool printSector(Device& device) {
+  uint8_t sector[kSectorSize];
+  if (device.read(sector, kSectorSize) != static_cast<int>(kSectorSize)) return false;
+  logStream() << sectorDumpText(sector, kSectorSize) << std::endl;
+  return true;
+}
+
 DiskInstallation::DiskInstallation(const RouterRecord& row, DiskServices* services)
     : Thread("Unnamed"), row_(row), services_(services != nullptr ? *services : platformDiskServices()) {
   drive_ = driveIdOf(row_);

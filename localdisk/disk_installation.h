@@ -96,6 +96,13 @@ class LocalDiskInstaller {
   std::map<MacAddress, std::unique_ptr<DiskInstallation>> installations_;
 };
 
+// A diagnostic, not used by the installation: one sector as eight 16-bit
+// words (little-endian) per line, each line led by its byte offset.
+std::string sectorDumpText(const uint8_t* sector, size_t size);
+// Reads one sector of the device at its current position and prints it on
+// the log stream; false when the sector could not be read whole.
+bool printSector(Device& device);
+
 // The text of the line that sets the serial ports' speed.
 std::string baudRateLine(uint32_t baudRate);
 

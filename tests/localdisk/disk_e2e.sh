@@ -119,6 +119,22 @@ expect_fail 2 "at least 33" "image too small to ask for" -- disk x.img --image-s
 expect_fail 2 "unexpected option" "unknown option" -- disk x.img --frobnicate
 expect_fail 2 "one TARGET" "two targets" -- disk x.img y.img
 
+# 3b. The drive list: whole disks only, never the system's, loop, RAM,
+# mapped or optical devices; rows carry the drive prefix.
+"$tarnlift" drives > drives.txt 2> drives-err.txt || fail "drives: exit $?"
+root_disk=$(findmnt -n -o SOURCE / 2>/dev/null)
+root_name=$(lsblk -no PKNAME "$root_disk" 2>/dev/null | head -n 1)
+[ -n "$root_name" ] || root_name=$(basename "$root_disk" 2>/dev/null)
+drives_ok=1
+while IFS=$'\t' read -r label mac type; do
+  case "$label" in /dev/loop* | /dev/ram* | /dev/zram* | /dev/sr* | /dev/dm-* | /dev/md*) drives_ok=0 ;; esac
+  [ "$label" = "/dev/$root_name" ] && drives_ok=0
+  [[ "$mac" == FF:FF:FF:FF:FF:* ]] || drives_ok=0
+  [ "$type" = removable ] || [ "$type" = fixed ] || drives_ok=0
+  [ -b "$label" ] || drives_ok=0
+done < drives.txt
+[ $drives_ok = 1 ] && pass "drive list ($(wc -l < drives.txt) disks)" || { fail "drive list"; cat drives.txt; }
+
 # 4. As root: a mounted disk and the system's disk are refused and untouched.
 if [ "$(id -u)" = 0 ] && command -v losetup >/dev/null && command -v mkfs.ext4 >/dev/null; then
   truncate -s 40M mounted.img

@@ -444,6 +444,34 @@ TEST_F(DiskInstallationTest, TheWindowsHolderStartsPollsAndCancels) {
   EXPECT_FALSE(installer.news(row_.mac, status));
 }
 
+TEST(SectorDump, EightWordsALineLedByTheOffset) {
+  uint8_t sector[512] = {};
+  sector[0] = 0xEB;
+  sector[1] = 0x58;
+  sector[16] = 0x01;
+  sector[510] = 0x55;
+  sector[511] = 0xAA;
+  std::string text = sectorDumpText(sector, sizeof sector);
+  EXPECT_EQ(text.substr(0, 50), "\n00000000 58eb 0000 0000 0000 0000 0000 0000 0000 ");
+  EXPECT_EQ(text.substr(50, 15), "\n00000010 0001 ");
+  EXPECT_EQ(text.substr(text.size() - 50), "\n000001f0 0000 0000 0000 0000 0000 0000 0000 aa55 ");
+  size_t lines = 0;
+  for (char c : text) lines += c == '\n' ? 1 : 0;
+  EXPECT_EQ(lines, 32u);
+}
+
+TEST(SectorDump, PrintSectorReadsOneSectorOfTheDevice) {
+  FakeDisk disk;
+  disk.bytes[0] = 0x34;
+  disk.bytes[1] = 0x12;
+  FakeDevice device(disk, "physical");
+  tarnlift::testing::CapturedLog log;
+  EXPECT_TRUE(printSector(device));
+  EXPECT_EQ(log.text().substr(0, 15), "\n00000000 1234 ");
+  disk.shortRead = 100;
+  EXPECT_FALSE(printSector(device));
+}
+
 TEST(BaudRateLine, IsTheRouterCommand) {
   EXPECT_EQ(baudRateLine(115200), "\n/port set [/port find] baud-rate=115200\n");
 }
