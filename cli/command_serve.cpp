@@ -1,7 +1,9 @@
 // `tarnlift serve`: the "Router installer" without a window. Runs the
 // installation server on the interface that reaches the client address and
 // installs routers as they announce themselves, with the Install command's
-// rules; prints one final line per finished router on standard output.
+// rules; prints one final line per finished router on standard output. With
+// --beacon it also asks the routers on the segment to boot over the network,
+// once a second, as the window does when "Force Inst" is on.
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -30,7 +32,7 @@ void requestStop(int) { gStopRequested = 1; }
 const char* kServeUsage =
     "--client-address A.B.C.D [--packages DIR] [--select FILE]... [--set NAME] [--keep-config] "
     "[--address A.B.C.D/BITS] [--gateway A.B.C.D] [--baud N] [--default-config] [--remove-branding] "
-    "[--script FILE] [--mode-script FILE] [--after reboot|shutdown|none] [--mac MAC]... [--count N] "
+    "[--script FILE] [--mode-script FILE] [--after reboot|shutdown|none] [--mac MAC]... [--count N] [--beacon] "
     "[--netboot [--boot-images DIR] [--kernel FILE]]";
 
 bool parseCount(const std::string& text, uint32_t& value) {
@@ -51,6 +53,7 @@ int runServe(const std::vector<std::string>& commandArguments) {
   std::string clientText;
   uint32_t count = 0;
   bool havePackages = false;
+  bool beacon = false;
   for (size_t i = 0; i < arguments.size(); ++i) {
     const std::string& option = arguments[i];
     auto value = [&](std::string& out) {
@@ -110,6 +113,8 @@ int runServe(const std::vector<std::string>& commandArguments) {
       MacAddress mac{};
       if (!value(text) || !parseMac(text, mac)) return usageError("--mac needs a MAC such as 4C:5E:0C:01:02:03");
       options.macs.insert(mac);
+    } else if (option == "--beacon") {
+      beacon = true;
     } else if (option == "--count") {
       if (!value(text) || !parseCount(text, count) || count == 0) return usageError("--count needs a positive number");
     } else {
@@ -148,6 +153,12 @@ int runServe(const std::vector<std::string>& commandArguments) {
   RememberedChoices remembered;
   remembered.load(settings);
   options.liveProgress = standardOutputIsTerminal();
+  if (beacon) {
+    setBeacon(true);
+    options.sendBeacon = [] {
+      if (InstallBeacon* b = processBeacon()) b->send();
+    };
+  }
 
   // The same "Router installer" the window takes, on port 5000.
   InstallService service(kInstallPort);
@@ -165,6 +176,7 @@ int runServe(const std::vector<std::string>& commandArguments) {
   }
   server.destroy();
   service.transport().close();
+  if (beacon) setBeacon(false);
   netbootService.stop();
   remembered.save(settings);
   sets.saveSets(settings);

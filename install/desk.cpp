@@ -65,6 +65,8 @@ std::vector<DeskNews> InstallDesk::poll() {
     news.mac = mac;
     news.isDrive = row->record.kind == kKindDrive;
     news.previousStatus = row->record.status;
+    news.previousProgress = row->record.progress;
+    news.previousText = row->record.statusText;
     if (news.isDrive) {
       news.hadNews = drives_.status(mac, news.status);
       if (!news.hadNews) drives_.cancel(mac);

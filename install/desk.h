@@ -84,7 +84,9 @@ struct DeskNews {
   MacAddress mac{};
   bool isDrive = false;
   bool hadNews = false;        // false: the session was gone and is removed
-  uint32_t previousStatus = 0;  // the row's status before this tick
+  uint32_t previousStatus = 0;  // the row's values before this tick
+  uint32_t previousProgress = 0;
+  std::string previousText;
   SessionStatus status;        // what was stored in the table (hadNews)
 };
 

@@ -23,12 +23,15 @@ HeadlessInstaller::HeadlessInstaller(InstallServer& server, const Clock& clock, 
                                      packages::PackageSets& sets, RememberedChoices& remembered, std::ostream& out,
                                      std::ostream& err)
     : server_(server),
-      clock_(clock),
+      routers_(server),
       options_(std::move(options)),
       sets_(sets),
       remembered_(remembered),
       out_(out),
-      err_(err) {}
+      err_(err),
+      desk_(routers_, drives_, sets, remembered, clock) {
+  desk_.setPackageDir(options_.packageDir);
+}
 
 void HeadlessInstaller::showMessage(const std::string& text, const std::string& title, bool) {
   refusal_ = oneLine(text);
@@ -42,48 +45,29 @@ bool HeadlessInstaller::askYesNo(const std::string& text) {
 }
 
 void HeadlessInstaller::tick() {
-  int64_t now = static_cast<int64_t>(clock_.nowMicros());
-  RouterRecord record;
-  while (server_.discovered().pop(record)) {
-    remembered_.applyTo(record);
-    if (!table_.addRouter(record, now)) continue;
-    RouterRow* row = table_.find(record.mac);
+  ++ticks_;
+  if (ticks_ % 4 == 0 && options_.sendBeacon) options_.sendBeacon();
+  InstallDesk::TickResult result = desk_.tick();
+  for (const MacAddress& mac : result.added) {
+    RouterRow* row = desk_.table().find(mac);
     logLine() << "router found: " << row->labelCell << " " << row->macCell << " " << row->architectureCell;
-    if (options_.macs.empty() || options_.macs.count(record.mac) != 0) install(*row);
-    redraw();
+    if (options_.macs.empty() || options_.macs.count(mac) != 0) install(*row);
   }
-  table_.expire(now);
-
-  std::vector<MacAddress> gone;
-  std::vector<MacAddress> busy;
-  for (const auto& [mac, row] : table_.rows()) {
-    if (row.record.status == kStatusInstalling || row.record.status == kStatusWaitingReboot) busy.push_back(mac);
-  }
-  bool changed = false;
-  for (const MacAddress& mac : busy) {
-    RouterRow* row = table_.find(mac);
-    SessionStatus s = server_.status(mac);
-    if (s.status == kStatusNone) {
-      // The router started over (it announced again): a new row will come.
-      table_.remove(mac);
-      changed = true;
-      continue;
-    }
-    if (s.status != row->record.status || s.progress != row->record.progress ||
-        s.statusText != row->record.statusText) {
-      bool textChanged = s.statusText != row->record.statusText || s.status != row->record.status;
-      table_.setStatus(mac, s.status, s.total != 0 ? s.total : row->record.totalSize, s.progress, s.statusText);
-      bool final = s.status == kStatusDone || s.status == kStatusFailed;
-      if (textChanged && !final && !options_.liveProgress) progress(*row);
-      changed = true;
-    }
-    if (s.status == kStatusWaitingReboot && actedOn_.insert(mac).second) {
-      if (options_.after == AfterInstall::Reboot) server_.reboot(mac);
-      if (options_.after == AfterInstall::Shutdown) server_.shutdown(mac);
-    }
-    if (s.status == kStatusDone || s.status == kStatusFailed) {
-      finish(row->record, s.status == kStatusDone, s.statusText);
-    }
+  bool changed = result.tableChanged;
+  for (const DeskNews& news : result.news) {
+    if (!news.hadNews) continue;
+    RouterRow* row = desk_.table().find(news.mac);
+    const SessionStatus& s = news.status;
+    bool statusChanged = s.status != news.previousStatus;
+    if (!statusChanged && s.progress == news.previousProgress && s.statusText == news.previousText) continue;
+    changed = true;
+    bool final = s.status == kStatusDone || s.status == kStatusFailed;
+    bool textChanged = statusChanged || s.statusText != news.previousText;
+    // A router whose session is gone keeps its row with status 0 until it
+    // announces itself again; there is nothing to print for it.
+    if (textChanged && !final && s.status != kStatusNone && !options_.liveProgress) progress(*row);
+    if (s.status == kStatusWaitingReboot && statusChanged) desk_.actAfterInstall(news.mac, options_.after);
+    if (final && statusChanged) finish(row->record, s.status == kStatusDone, s.statusText);
   }
   if (changed) redraw();
 }
@@ -92,7 +76,12 @@ void HeadlessInstaller::install(RouterRow& row) {
   RouterRecord& record = row.record;
   packages::PackageChoice choice;
   refusal_.clear();
-  if (!options_.setName.empty()) {
+  if (options_.setName.empty() && options_.select.empty()) {
+    // The choice the router was given: the last installed one.
+    choice = {record.setName, record.packageDir, record.files};
+    catalogue_.setFolder(choice.folder, record.architecture);
+    catalogue_.applySelection(choice.files);
+  } else if (!options_.setName.empty()) {
     if (!sets_.chooseSet(choice, options_.setName)) {
       showMessage("no package set named " + options_.setName, "Error", true);
       finish(record, false, refusal_);
@@ -114,7 +103,6 @@ void HeadlessInstaller::install(RouterRow& row) {
       if (catalogue_.canToggle(i) && !catalogue_.record(i).selected) catalogue_.toggle(i, choice.files);
     }
   }
-  actedOn_.erase(record.mac);
   InstallContext context{catalogue_,  choice, sets_,
                          remembered_, *this,  [this](const RouterRecord& request) { server_.start(request, true); }};
   InstallOutcome outcome = runInstallCommand(&record, options_.install, context);
@@ -123,7 +111,7 @@ void HeadlessInstaller::install(RouterRow& row) {
     return;
   }
   SessionStatus s = server_.status(record.mac);
-  table_.setStatus(record.mac, s.status, record.totalSize, s.progress, s.statusText);
+  desk_.table().setStatus(record.mac, s.status, record.totalSize, s.progress, s.statusText);
   if (!options_.liveProgress) progress(row);
   if (s.status == kStatusFailed) finish(row.record, false, s.statusText);
 }
@@ -151,7 +139,7 @@ void HeadlessInstaller::redraw() {
   if (!options_.liveProgress) return;
   if (drawnLines_ > 0) out_ << "\x1b[" << drawnLines_ << "F\x1b[J";
   drawnLines_ = 0;
-  for (const auto& [mac, row] : table_.rows()) {
+  for (const auto& [mac, row] : desk_.table().rows()) {
     const RouterRecord& r = row.record;
     if (r.status == kStatusDone || r.status == kStatusFailed) continue;
     out_ << row.labelCell << "  " << row.macCell << "  " << statusRowText(r.status) << ": " << r.statusText << "  "

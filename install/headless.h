@@ -1,11 +1,14 @@
-// The headless front end's engine: what the main window's 250 ms timer does
-// with discovered routers, driven without a window. Every discovered router
-// (or only the named ones) is installed with the same Install command and
-// the same rules as in the window; the choice of packages goes through the
-// catalogue's selection logic, as ticking boxes does.
+// The headless front end's engine: the window's desk (install/desk.h)
+// driven without a window. Every discovered router (or only the named ones)
+// starts, as in the window, from "Previous Install" and the remembered
+// defaults, and is installed with the same Install command and rules; the
+// choice of packages goes through the catalogue's selection logic, as
+// ticking boxes does. Without --select or --set a router installs the choice
+// it was given ("Previous Install").
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <set>
 #include <string>
@@ -27,6 +30,8 @@ struct HeadlessOptions {
   AfterInstall after = AfterInstall::Reboot;
   std::set<MacAddress> macs;  // empty: every router
   bool liveProgress = false;  // a terminal: redraw one line per router
+  // Sends the beacon once; called on every fourth tick when set.
+  std::function<void()> sendBeacon;
 };
 
 class HeadlessInstaller : public InstallPrompter {
@@ -41,7 +46,8 @@ class HeadlessInstaller : public InstallPrompter {
   size_t finished() const { return succeeded_ + failed_; }
   size_t succeeded() const { return succeeded_; }
   size_t failed() const { return failed_; }
-  RouterTable& table() { return table_; }
+  RouterTable& table() { return desk_.table(); }
+  InstallDesk& desk() { return desk_; }
 
   void showMessage(const std::string& text, const std::string& title, bool errorIcon) override;
   bool askYesNo(const std::string& text) override;
@@ -53,15 +59,16 @@ class HeadlessInstaller : public InstallPrompter {
   void redraw();
 
   InstallServer& server_;
-  const Clock& clock_;
+  ServerRouterInstaller routers_;
+  NoDriveInstaller drives_;
   HeadlessOptions options_;
   packages::PackageSets& sets_;
   RememberedChoices& remembered_;
   std::ostream& out_;
   std::ostream& err_;
-  RouterTable table_;
+  InstallDesk desk_;
   packages::PackageCatalogue catalogue_;
-  std::set<MacAddress> actedOn_;
+  uint64_t ticks_ = 0;
   std::vector<MacAddress> shown_;  // rows of the live display, in order
   size_t drawnLines_ = 0;
   size_t succeeded_ = 0;

@@ -117,6 +117,8 @@ class MainPresenter : private packages::PackageListView,
   // Recomputes every control from the selected router.
   void refreshControlState();
   void refreshPackageMarks();
+  // Shows the router table's rows again, keeping the selected one.
+  void refreshRouterList();
   void saveSettings();
 
   // For tests and the view.
@@ -163,7 +165,6 @@ class MainPresenter : private packages::PackageListView,
   void togglePackage(int index);
   void showPackageDescription(int index);
   void updateCaptionAndProgress();
-  void refreshRouterList();
   void tick();
   void readPlacement();
   void startupInterfaceCheck();

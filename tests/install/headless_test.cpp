@@ -219,5 +219,65 @@ TEST_F(HeadlessTest, LiveProgressRedrawsOnATerminal) {
   EXPECT_NE(out.str().find("02:00:00:00:00:01\tInstallation finished successfully\n"), std::string::npos);
 }
 
+// As in the window, a new router starts from "Previous Install": without
+// --select or --set, serve installs that choice.
+TEST_F(HeadlessTest, ANewRouterIsGivenPreviousInstall) {
+  sets.rememberPreviousInstall({"", dir.path(), {"system-6.41.npk", "extra-6.41.npk"}});
+  addRouter(router(1));
+  make(HeadlessOptions{});
+  run(60'000, 1);
+  EXPECT_EQ(installer->succeeded(), 1u) << out.str();
+  ASSERT_EQ(sims[0]->files().size(), 3u);
+  EXPECT_EQ(sims[0]->files()[0].name, "system-6.41.npk");
+  EXPECT_EQ(sims[0]->files()[1].name, "extra-6.41.npk");
+  const RouterRow* row = installer->table().find(router(1).mac);
+  ASSERT_NE(row, nullptr);
+  EXPECT_EQ(row->record.setName, packages::kPreviousInstallSet);
+}
+
+// A row whose session ended (the router started over) is handed status 0 and
+// stays until the router announces itself again.
+TEST_F(HeadlessTest, ARowWhoseSessionIsGoneTakesStatusZeroAndStays) {
+  addRouter(router(1));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  make(options);
+  sims.clear();  // a router that announced once and went quiet
+  RouterRecord record;
+  record.mac = router(1).mac;
+  record.label = "Gone";
+  record.architecture = architectureFromText("arm");
+  record.lastSeen = static_cast<int64_t>(clock.nowMicros());
+  server.discovered().push(record);
+  installer->tick();
+  RouterRow* row = installer->table().find(record.mac);
+  ASSERT_NE(row, nullptr);
+  EXPECT_EQ(row->record.status, kStatusInstalling);
+  server.remove(record.mac);
+  installer->tick();
+  row = installer->table().find(record.mac);
+  ASSERT_NE(row, nullptr);
+  EXPECT_EQ(row->record.status, kStatusNone);
+  EXPECT_EQ(row->statusCell, "");
+  EXPECT_EQ(installer->finished(), 0u);
+  // The next announcement replaces it and installs it again.
+  server.discovered().push(record);
+  installer->tick();
+  EXPECT_EQ(installer->table().find(record.mac)->record.status, kStatusInstalling);
+}
+
+TEST_F(HeadlessTest, TheBeaconIsSentOnEveryFourthTick) {
+  int sent = 0;
+  HeadlessOptions options;
+  options.sendBeacon = [&sent] { ++sent; };
+  make(options);
+  for (int i = 0; i < 3; ++i) installer->tick();
+  EXPECT_EQ(sent, 0);
+  installer->tick();
+  EXPECT_EQ(sent, 1);
+  for (int i = 0; i < 8; ++i) installer->tick();
+  EXPECT_EQ(sent, 3);
+}
+
 }  // namespace
 }  // namespace tarnlift

@@ -7,121 +7,18 @@
 #include "app/version.h"
 #include "install/datagram.h"
 #include "netboot/interfaces.h"
-#include "tests/app/capture_log.h"
-#include "tests/packages/package_test_support.h"
-#include "tests/ui/fakes.h"
+#include "tests/ui/presenter_fixture.h"
 
 namespace tarnlift::ui {
 namespace {
 
 using testing::FakeView;
 using testing::FakeWorkers;
-using testing::RecordingStore;
+using testing::PresenterTest;
+using testing::announced;
+using testing::drive;
+using testing::macOf;
 using Names = std::vector<std::string>;
-
-MacAddress macOf(uint8_t last) { return {0x02, 0, 0, 0, 0, last}; }
-
-RouterRecord announced(uint8_t last, const std::string& label = "Lab", uint32_t architecture = 2) {
-  RouterRecord r;
-  r.kind = kKindRouter;
-  r.mac = macOf(last);
-  r.label = label;
-  r.architecture = architecture;
-  r.status = kStatusReady;
-  return r;
-}
-
-RouterRecord drive(char letter, uint32_t type = 2) {
-  RouterRecord r;
-  r.kind = kKindDrive;
-  r.mac = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, static_cast<uint8_t>(letter)};
-  r.label = std::string(1, letter) + ":\\";
-  r.driveType = type;
-  return r;
-}
-
-class PresenterTest : public ::testing::Test {
- protected:
-  void SetUp() override { netboot::setRunningUnderWine(false); }
-  void TearDown() override { netboot::setRunningUnderWine(false); }
-
-  // A value stored before the window starts.
-  Registry& settings() {
-    if (!settings_.isOpen()) settings_.openRoot(kSettingsKeyPath, kFullAccess, store);
-    return settings_;
-  }
-
-  MainPresenter& start(StartupOptions options = {}) {
-    presenter = std::make_unique<MainPresenter>(view, workers, options, store);
-    presenter->construct();
-    return *presenter;
-  }
-
-  // Announces a router and lets a tick take it in.
-  void discover(const RouterRecord& record) {
-    RouterRecord r = record;
-    r.lastSeen = static_cast<int64_t>(workers.manualClock.nowMicros());
-    workers.routers.discovered.push_back(r);
-    presenter->onTimer();
-  }
-
-  int rowOf(const MacAddress& mac) {
-    const auto& order = presenter->routerOrder();
-    auto it = std::find(order.begin(), order.end(), mac);
-    return it == order.end() ? -1 : static_cast<int>(it - order.begin());
-  }
-
-  // The user selects a row: the list reports the change, the private
-  // message comes back.
-  void selectRow(const MacAddress& mac) {
-    presenter->onRouterItemChanging();
-    view.routerSelection = rowOf(mac);
-    presenter->onPrivateMessage(kRefreshCode);
-  }
-  void selectNone() {
-    presenter->onRouterItemChanging();
-    view.routerSelection = -1;
-    presenter->onPrivateMessage(kRefreshCode);
-  }
-
-  RouterRecord& record(const MacAddress& mac) { return presenter->table().find(mac)->record; }
-
-  void click(int id) { presenter->onCommand(id, kNotifyClicked); }
-  void check(int id, bool on) {
-    view.checked[id] = on;
-    click(id);
-  }
-
-  bool boxShown(const std::string& text, const std::string& caption) {
-    for (const auto& box : view.boxes)
-      if (box.text == text && box.caption == caption) return true;
-    return false;
-  }
-
-  // Reads as the log recorded them, each name once in a row.
-  Names reads() {
-    Names out;
-    for (const std::string& line : store->log()) {
-      if (line.rfind("read ", 0) != 0) continue;
-      std::string name = line.substr(5);
-      if (out.empty() || out.back() != name) out.push_back(name);
-    }
-    return out;
-  }
-  Names writes() {
-    Names out;
-    for (const std::string& line : store->log())
-      if (line.rfind("write ", 0) == 0) out.push_back(line.substr(6));
-    return out;
-  }
-
-  tarnlift::testing::CapturedLog log;
-  std::shared_ptr<RecordingStore> store = std::make_shared<RecordingStore>();
-  Registry settings_;
-  FakeView view;
-  FakeWorkers workers;
-  std::unique_ptr<MainPresenter> presenter;
-};
 
 // ---- construction ----------------------------------------------------------
 

@@ -1,0 +1,122 @@
+// The desk both front ends share, on its own.
+#include "install/desk.h"
+
+#include <gtest/gtest.h>
+
+#include "install/datagram.h"
+#include "tests/ui/fakes.h"
+
+namespace tarnlift {
+namespace {
+
+using ui::testing::FakeDriveInstaller;
+using ui::testing::FakeRouterInstaller;
+
+class DeskTest : public ::testing::Test {
+ protected:
+  FakeRouterInstaller routers;
+  FakeDriveInstaller drives;
+  packages::PackageSets sets;
+  RememberedChoices remembered;
+  ManualClock clock{50'000'000};
+  InstallDesk desk{routers, drives, sets, remembered, clock};
+
+  RouterRecord router(uint8_t last) {
+    RouterRecord r;
+    r.mac = {0x02, 0, 0, 0, 0, last};
+    r.label = "R";
+    r.architecture = 6;
+    r.lastSeen = static_cast<int64_t>(clock.nowMicros());
+    return r;
+  }
+};
+
+TEST_F(DeskTest, DrainedRoutersGetPreviousInstallAndTheRememberedDefaults) {
+  sets.rememberPreviousInstall({"", "/prev", {"a.npk"}});
+  remembered.gateway = parseDottedAddress("10.0.0.1");
+  remembered.keepConfig = true;
+  routers.discovered = {router(1), router(2), router(1)};
+  InstallDesk::TickResult result = desk.tick();
+  EXPECT_EQ(result.added.size(), 2u);
+  EXPECT_TRUE(result.tableChanged);
+  const RouterRecord& r = desk.table().find(router(1).mac)->record;
+  EXPECT_EQ(r.setName, "Previous Install");
+  EXPECT_EQ(r.packageDir, "/prev");
+  EXPECT_EQ(r.files, std::vector<std::string>{"a.npk"});
+  EXPECT_EQ(r.gateway, parseDottedAddress("10.0.0.1"));
+  EXPECT_TRUE(r.keepConfig);
+  EXPECT_FALSE(desk.tick().tableChanged);
+}
+
+TEST_F(DeskTest, WithoutPreviousInstallANewRouterStartsInTheDesksFolder) {
+  desk.setPackageDir("/packages");
+  routers.discovered = {router(1)};
+  desk.tick();
+  EXPECT_EQ(desk.table().find(router(1).mac)->record.packageDir, "/packages");
+  EXPECT_EQ(desk.table().find(router(1).mac)->record.setName, "");
+}
+
+TEST_F(DeskTest, AgeingRemovesSilentReadyRoutersOnly) {
+  routers.discovered = {router(1), router(2)};
+  desk.tick();
+  desk.table().setStatus(router(2).mac, kStatusInstalling, 0, 0, "");
+  routers.sessions[router(2).mac] = {kStatusInstalling, 0, 0, ""};
+  clock.advanceMicros(60'000'001);
+  InstallDesk::TickResult result = desk.tick();
+  EXPECT_TRUE(result.tableChanged);
+  EXPECT_EQ(desk.table().find(router(1).mac), nullptr);
+  EXPECT_NE(desk.table().find(router(2).mac), nullptr);
+}
+
+TEST_F(DeskTest, PollStoresNewsAndHandsStatusZeroForAGoneSession) {
+  routers.discovered = {router(1), router(2)};
+  desk.tick();
+  desk.table().setStatus(router(1).mac, kStatusInstalling, 100, 0, "Sending offer...");
+  desk.table().setStatus(router(2).mac, kStatusInstalling, 100, 0, "Sending offer...");
+  routers.sessions[router(1).mac] = {kStatusWaitingReboot, 100, 100, "Done"};
+  std::vector<DeskNews> news = desk.poll();
+  ASSERT_EQ(news.size(), 2u);
+  EXPECT_TRUE(news[0].hadNews);
+  EXPECT_EQ(news[0].previousStatus, kStatusInstalling);
+  EXPECT_EQ(news[0].previousText, "Sending offer...");
+  EXPECT_EQ(news[0].status.status, kStatusWaitingReboot);
+  EXPECT_EQ(desk.table().find(router(1).mac)->statusCell, "Waiting reboot");
+  EXPECT_TRUE(news[1].hadNews);
+  EXPECT_EQ(news[1].status.status, kStatusNone);
+  ASSERT_NE(desk.table().find(router(2).mac), nullptr);
+  EXPECT_EQ(desk.table().find(router(2).mac)->record.status, kStatusNone);
+  // Rows that are not busy are not asked.
+  EXPECT_EQ(desk.poll().size(), 1u);
+}
+
+TEST_F(DeskTest, ADriveWithoutInstallationHasNoNewsAndIsRemovedFromTheInstaller) {
+  RouterRecord d;
+  d.kind = kKindDrive;
+  d.mac = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 'E'};
+  drives.drives = {d};
+  remembered.baudRate = 9600;
+  EXPECT_EQ(desk.addDrives(), 1u);
+  EXPECT_EQ(desk.table().find(d.mac)->record.baudRate, 9600u);
+  EXPECT_TRUE(InstallDesk::isDriveMac(d.mac));
+  EXPECT_FALSE(InstallDesk::isDriveMac(router(1).mac));
+  desk.table().setStatus(d.mac, kStatusInstalling, 0, 0, "");
+  std::vector<DeskNews> news = desk.poll();
+  ASSERT_EQ(news.size(), 1u);
+  EXPECT_FALSE(news[0].hadNews);
+  EXPECT_TRUE(news[0].isDrive);
+  EXPECT_EQ(drives.cancelled.size(), 1u);
+  drives.installs[d.mac] = {kStatusDone, 10, 10, "Installation completed"};
+  news = desk.poll();
+  EXPECT_TRUE(news[0].hadNews);
+  EXPECT_EQ(desk.table().find(d.mac)->record.statusText, "Installation completed");
+}
+
+TEST_F(DeskTest, AfterInstallRebootsShutsDownOrLeavesAlone) {
+  desk.actAfterInstall(router(1).mac, AfterInstall::Reboot);
+  desk.actAfterInstall(router(1).mac, AfterInstall::Shutdown);
+  desk.actAfterInstall(router(1).mac, AfterInstall::None);
+  EXPECT_EQ(routers.calls, (std::vector<std::string>{"reboot", "shutdown"}));
+}
+
+}  // namespace
+}  // namespace tarnlift
