@@ -7,6 +7,7 @@
 #include "install/install_service.h"
 #include "install/transport.h"
 #include "netboot/netboot_server.h"
+#include "ui/local_drive_installer.h"
 
 namespace tarnlift::ui {
 
@@ -29,7 +30,7 @@ class SystemMainWorkers::Beacon : public BeaconWorker {
 };
 
 SystemMainWorkers::SystemMainWorkers(std::unique_ptr<DriveInstaller> drives)
-    : drives_(drives ? std::move(drives) : std::make_unique<NoDriveInstaller>()),
+    : drives_(drives ? std::move(drives) : std::make_unique<LocalDriveInstaller>()),
       beacon_(std::make_unique<Beacon>()) {}
 
 SystemMainWorkers::~SystemMainWorkers() = default;

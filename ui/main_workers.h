@@ -16,7 +16,8 @@ namespace tarnlift::ui {
 
 class SystemMainWorkers : public MainWorkers {
  public:
-  // drives: the local-drive installer to hand out (nullptr: none offered).
+  // drives: the local-drive installer to hand out (nullptr: the local disk
+  // installer of this machine's drives; tests give a fake).
   explicit SystemMainWorkers(std::unique_ptr<DriveInstaller> drives = nullptr);
   ~SystemMainWorkers() override;
 
