@@ -36,10 +36,12 @@ class DirectoryStore : public BootImageStore {
   std::map<int, std::unique_ptr<MappedFile>> files_;
 };
 
+// Every directory store ever used stays alive: the views lookups hand out
+// point into their mappings for the life of the process.
 struct StoreState {
   std::mutex mutex;
   std::string directory;
-  std::unique_ptr<BootImageStore> directoryStore;
+  std::map<std::string, std::unique_ptr<BootImageStore>> directoryStores;
   BootImageStore* testStore = nullptr;
 };
 
@@ -48,9 +50,52 @@ StoreState& state() {
   return s;
 }
 
-class EmptyStore : public BootImageStore {
+// Caller holds the state's lock.
+BootImageStore* directoryStore(StoreState& s, const std::string& directory) {
+  std::unique_ptr<BootImageStore>& store = s.directoryStores[directory];
+  if (store == nullptr) store = makeDirectoryBootImageStore(directory);
+  return store.get();
+}
+
+// Caller holds the state's lock. The folders are worked out on every call,
+// so that a folder created while the program runs is searched from then on.
+std::vector<BootImageSource> sourcesLocked(StoreState& s) {
+  std::vector<BootImageSource> sources;
+  if (s.testStore != nullptr) {
+    sources.push_back({"test store", false, s.testStore});
+    return sources;
+  }
+  if (BootImageStore* platform = platformBootImageStore()) {
+    sources.push_back({platformBootImagePlace(), false, platform});
+  }
+  std::vector<std::string> directories;
+  if (!s.directory.empty()) {
+    directories.push_back(s.directory);
+  } else {
+    std::string user = userBootImageDirectory();
+    if (!user.empty()) directories.push_back(user);
+    std::string system = systemBootImageDirectory();
+    if (!system.empty()) directories.push_back(system);
+  }
+  for (const std::string& directory : directories) {
+    sources.push_back({directory, true, directoryStore(s, directory)});
+  }
+  if (BootImageStore* placeholder = placeholderBootImageStore()) {
+    sources.push_back({"placeholder built into the program", false, placeholder});
+  }
+  return sources;
+}
+
+// Asks each place in turn; the first that has the record gives it.
+class ChainStore : public BootImageStore {
  public:
-  bool findRecord(int, const uint8_t*&, size_t&) override { return false; }
+  bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
+    BootImageLocation location;
+    if (!locateBootImage(number, location)) return false;
+    record = location.record;
+    storedSize = location.storedSize;
+    return true;
+  }
 };
 
 }  // namespace
@@ -84,7 +129,6 @@ void setBootImageDirectory(const std::string& directory) {
   StoreState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   s.directory = directory;
-  s.directoryStore = directory.empty() ? nullptr : makeDirectoryBootImageStore(directory);
 }
 
 std::string bootImageDirectory() {
@@ -101,20 +145,65 @@ void setBootImageStore(BootImageStore* store) {
 
 BootImageStore& currentBootImageStore() {
   StoreState& s = state();
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.testStore != nullptr) return *s.testStore;
+  }
+  static ChainStore chain;
+  return chain;
+}
+
+std::vector<BootImageSource> bootImageSources() {
+  StoreState& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
-  if (s.testStore != nullptr) return *s.testStore;
-  if (s.directoryStore != nullptr) return *s.directoryStore;
-  if (BootImageStore* platform = platformBootImageStore()) return *platform;
-  // No directory chosen: the first default directory that exists, kept.
-  for (const std::string& directory : defaultBootImageDirectories()) {
-    if (directoryExists(directory)) {
-      s.directory = directory;
-      s.directoryStore = makeDirectoryBootImageStore(directory);
-      return *s.directoryStore;
+  return sourcesLocked(s);
+}
+
+std::string bootImageSearchText() {
+  std::string text;
+  for (const BootImageSource& source : bootImageSources()) {
+    if (!text.empty()) text += ", then ";
+    text += source.place;
+  }
+  return text.empty() ? std::string("(none)") : text;
+}
+
+bool locateBootImage(int number, BootImageLocation& location) {
+  for (const BootImageSource& source : bootImageSources()) {
+    const uint8_t* record = nullptr;
+    size_t storedSize = 0;
+    if (source.store->findRecord(number, record, storedSize)) {
+      location.place = source.place;
+      location.record = record;
+      location.storedSize = storedSize;
+      return true;
     }
   }
-  static EmptyStore empty;
-  return empty;
+  return false;
+}
+
+const std::vector<BootImageUse>& bootImageUses() {
+  static const std::vector<BootImageUse> uses{
+      {125, "BIOS PXE client, file name with \"image\""},
+      {126, "BIOS PXE client, file name with \"pxelinux.cfg\""},
+      {127, "vendor class \"Etherboot\""},
+      {128, "vendor class \"Quenlboot\""},
+      {129, "vendor class \"Powerboot\""},
+      {130, "vendor classes \"e500_boot\", \"e500sboot\""},
+      {131, "vendor class \"Mips_boot\""},
+      {135, "vendor class \"440__boot\""},
+      {136, "vendor class \"tile_boot\""},
+      {137, "vendor class \"ARM__boot\""},
+      {138, "vendor class \"MMipsBoot\""},
+      {139, "vendor class \"ARM64__boot\""},
+      {142, "BIOS PXE client, file name with \"ldlinux\""},
+      {143, "PXE client, EFI x86-64"},
+      {120, "local disk: file \"linux\""},
+      {132, "local disk: file \"initrd.rgz\""},
+      {124, "local disk: file \"syslinux.cfg\""},
+      {134, "local disk: the \"syslinux.exe\" installer"},
+  };
+  return uses;
 }
 
 BootImage loadBootImage(int number) {

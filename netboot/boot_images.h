@@ -1,6 +1,6 @@
 // The boot image store: numbered, length-prefixed records carried by the
-// program. Windows carries them as RCDATA resources of the executable; Linux
-// maps them from a directory of files named "<number>.bin". Either way a
+// program. Windows carries them as RCDATA resources of the executable; both
+// platforms also map them from directories of files named "<number>.bin". Either way a
 // record is a 32-bit little-endian length L, L content bytes and up to a few
 // bytes of padding that are ignored.
 #pragma once
@@ -45,14 +45,44 @@ class BootImageStore {
 // A directory of "<number>.bin" files, each mapped on first use and kept.
 std::unique_ptr<BootImageStore> makeDirectoryBootImageStore(const std::string& directory);
 
-// The store lookups use. By default: on Windows the executable's resources
-// (or the directory given with setBootImageDirectory); on Linux the directory
-// given, else the installed data directory, else "bootimages" beside the
-// executable. Tests install their own store (the caller keeps it alive).
+// Where lookups search, one record at a time: the first place that has a
+// record gives it. In order:
+//   1. Windows only: the RCDATA resources of the executable;
+//   2. the directory given with setBootImageDirectory (`--boot-images DIR`);
+//      when none was given, the per-user folder and then the system folder;
+//   3. Windows only: the placeholder image built into the executable, for
+//      number 143 (on Linux the placeholder is a file of the system folder).
+// Tests install their own store instead (the caller keeps it alive).
 void setBootImageDirectory(const std::string& directory);
 std::string bootImageDirectory();
 void setBootImageStore(BootImageStore* store);
 BootImageStore& currentBootImageStore();
+
+// One place of the search, as listed to a deployer.
+struct BootImageSource {
+  std::string place;  // a directory, or a description of built-in records
+  bool isDirectory = false;
+  BootImageStore* store = nullptr;
+};
+// The places in search order (the test store alone when one is installed).
+std::vector<BootImageSource> bootImageSources();
+// One line naming the places, for the servers' start-up log.
+std::string bootImageSearchText();
+
+// Where a record was found: its place and the stored record. Never fatal.
+struct BootImageLocation {
+  std::string place;
+  const uint8_t* record = nullptr;
+  size_t storedSize = 0;
+};
+bool locateBootImage(int number, BootImageLocation& location);
+
+// The record numbers the program looks up, with what each is served to.
+struct BootImageUse {
+  int number;
+  const char* use;
+};
+const std::vector<BootImageUse>& bootImageUses();
 
 // Looks the record up. A missing entry is fatal: "ResourceID=<n>" is printed
 // on standard output and the failure "FindResource" is reported; a record
@@ -78,11 +108,17 @@ std::unique_ptr<MappedFile> mapFileReadOnly(const std::string& path);
 // Creates path only if it does not exist yet and writes the bytes. Returns
 // -1 when the file could not be created, else the number of bytes written.
 long long writeNewFile(const std::string& path, const uint8_t* data, size_t size);
-// The platform's own store (Windows: the executable's resources), or null
-// when the platform keeps its records in a directory.
+// The platform's own store searched first (Windows: the executable's
+// resources), or null; with its place as listed.
 BootImageStore* platformBootImageStore();
+std::string platformBootImagePlace();
+// The built-in placeholder searched last (Windows: a resource of the
+// executable that answers number 143), or null.
+BootImageStore* placeholderBootImageStore();
 bool directoryExists(const std::string& path);
-// The directories searched when none was given, in order.
-std::vector<std::string> defaultBootImageDirectories();
+// The per-user folder (empty when the environment names no home) and the
+// system folder searched when no directory was given.
+std::string userBootImageDirectory();
+std::string systemBootImageDirectory();
 
 }  // namespace tarnlift::netboot

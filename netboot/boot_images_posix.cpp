@@ -7,12 +7,9 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 
 #include "netboot/boot_images.h"
-
-#ifndef TARNLIFT_BOOT_IMAGE_DATA_DIR
-#define TARNLIFT_BOOT_IMAGE_DATA_DIR "/usr/local/share/tarnlift/bootimages"
-#endif
 
 namespace tarnlift::netboot {
 namespace {
@@ -81,20 +78,32 @@ long long writeNewFile(const std::string& path, const uint8_t* data, size_t size
 }
 
 BootImageStore* platformBootImageStore() { return nullptr; }
+std::string platformBootImagePlace() { return {}; }
+BootImageStore* placeholderBootImageStore() { return nullptr; }
 
 bool directoryExists(const std::string& path) {
   struct stat info {};
   return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-std::vector<std::string> defaultBootImageDirectories() {
-  std::vector<std::string> directories{TARNLIFT_BOOT_IMAGE_DATA_DIR};
+// The data home of the XDG base directory rules.
+std::string userBootImageDirectory() {
+  const char* dataHome = std::getenv("XDG_DATA_HOME");
+  if (dataHome != nullptr && dataHome[0] == '/') return std::string(dataHome) + "/tarnlift/bootimages";
+  const char* home = std::getenv("HOME");
+  if (home == nullptr || home[0] == 0) return {};
+  return std::string(home) + "/.local/share/tarnlift/bootimages";
+}
+
+// The data directory of the installation the program belongs to:
+// /usr/bin/tarnlift reads /usr/share/tarnlift/bootimages, and a build tree's
+// bin/tarnlift reads the records the build assembles in share/ beside bin/.
+std::string systemBootImageDirectory() {
   std::string beside = executableDirectory();
-  if (!beside.empty()) {
-    directories.push_back(beside + "/bootimages");
-    directories.push_back(beside + "/../share/tarnlift/bootimages");
-  }
-  return directories;
+  if (beside.empty()) return {};
+  size_t slash = beside.rfind('/');
+  std::string prefix = slash == std::string::npos ? std::string() : beside.substr(0, slash);
+  return prefix + "/share/tarnlift/bootimages";
 }
 
 }  // namespace tarnlift::netboot

@@ -23,6 +23,33 @@ class ResourceStore : public BootImageStore {
   }
 };
 
+// The placeholder image for number 143, kept under a name of its own so that
+// it is found only after every folder: a deployer's real image, put in a
+// folder, wins over it.
+class PlaceholderStore : public BootImageStore {
+ public:
+  bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
+    if (number != kImageEfiX64) return false;
+    HMODULE module = GetModuleHandleA(nullptr);
+    HRSRC found = FindResourceA(module, "TARNLIFT_PLACEHOLDER", MAKEINTRESOURCEA(10));
+    if (found == nullptr) return false;
+    HGLOBAL loaded = LoadResource(module, found);
+    if (loaded == nullptr) return false;
+    void* locked = LockResource(loaded);
+    if (locked == nullptr) return false;
+    record = static_cast<const uint8_t*>(locked);
+    storedSize = SizeofResource(module, found);
+    return true;
+  }
+};
+
+std::string executablePath() {
+  char buffer[MAX_PATH];
+  DWORD length = GetModuleFileNameA(nullptr, buffer, sizeof buffer);
+  if (length == 0 || length >= sizeof buffer) return {};
+  return std::string(buffer, length);
+}
+
 class Win32MappedFile : public MappedFile {
  public:
   Win32MappedFile(HANDLE mapping, const void* view, size_t size) : mapping_(mapping), view_(view), size_(size) {}
@@ -88,11 +115,30 @@ BootImageStore* platformBootImageStore() {
   return &store;
 }
 
+std::string platformBootImagePlace() { return "resources of " + executablePath(); }
+
+BootImageStore* placeholderBootImageStore() {
+  static PlaceholderStore store;
+  return &store;
+}
+
 bool directoryExists(const std::string& path) {
   DWORD attributes = GetFileAttributesA(path.c_str());
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
-std::vector<std::string> defaultBootImageDirectories() { return {}; }
+std::string userBootImageDirectory() {
+  char buffer[MAX_PATH];
+  DWORD length = GetEnvironmentVariableA("LOCALAPPDATA", buffer, sizeof buffer);
+  if (length == 0 || length >= sizeof buffer) return {};
+  return std::string(buffer, length) + "\\Tarnlift\\bootimages";
+}
+
+std::string systemBootImageDirectory() {
+  std::string path = executablePath();
+  size_t slash = path.find_last_of("\\/");
+  if (slash == std::string::npos) return {};
+  return path.substr(0, slash) + "\\bootimages";
+}
 
 }  // namespace tarnlift::netboot

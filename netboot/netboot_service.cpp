@@ -78,9 +78,7 @@ bool NetbootService::start(uint32_t clientAddress, const NetbootServeOptions& op
     registry.openRoot(kSettingsKeyPath);
     writeNetbootSettings(registry, {true, clientAddress});
   }
-  currentBootImageStore();  // settles the default directory, if any
-  logLine() << "netboot: client " << formatIpv4(clientAddress) << ", boot images "
-            << (bootImageDirectory().empty() ? std::string("(built in)") : bootImageDirectory())
+  logLine() << "netboot: client " << formatIpv4(clientAddress) << ", boot images from " << bootImageSearchText()
             << (options.kernelFile.empty() ? std::string() : ", kernel " + options.kernelFile);
   thread_ = std::make_unique<NetbootThread>(options.kernelFile);
   thread_->start();

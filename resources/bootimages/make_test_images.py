@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""Writes the placeholder boot image records shipped with Tarnlift.
+"""Writes the test boot image records shipped with Tarnlift.
 
 These are TEST IMAGES: a text line naming the record followed by
 deterministic filler bytes. They boot nothing. They let the boot services be
 exercised end to end; whoever deploys Tarnlift replaces them with real boot
-images wrapped by `tarnlift bootimage wrap NUMBER FILE DIR`.
+images wrapped by `tarnlift bootimage wrap NUMBER FILE DIR`. Record 143 is
+not made here: the build makes a UEFI placeholder for it from
+resources/placeholder/.
 
 Record layout: 32-bit little-endian content length, the content, then
 optional padding (ignored by the store).
@@ -23,7 +25,6 @@ IMAGES = {
     137: (5000, 12),
     138: (1469, 0),
     139: (10000, 0),
-    143: (65659, 0),
 }
 
 

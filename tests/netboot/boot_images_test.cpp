@@ -4,12 +4,16 @@
 
 #include <cstdio>
 #ifdef _WIN32
+#include <windows.h>
 #include <io.h>
 #define dup2 _dup2
 #define fileno _fileno
 #else
 #include <unistd.h>
 #endif
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -27,6 +31,47 @@ std::string tempPath(const std::string& name) {
   return ::testing::TempDir() + "tl_bootimg_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
          "_" + name;
 }
+
+void writeRecord(const std::string& path, const std::string& content) {
+  std::vector<uint8_t> record = makeBootImageRecord(reinterpret_cast<const uint8_t*>(content.data()), content.size());
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(record.data()), static_cast<std::streamsize>(record.size()));
+}
+
+bool makeDirectory(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  return std::filesystem::is_directory(path);
+}
+
+// Sets an environment variable for the length of a test ("" removes it).
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(const char* name, const std::string& value) : name_(name) {
+    const char* old = std::getenv(name);
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    set(value);
+  }
+  ~ScopedEnvironment() { set(had_ ? old_ : std::string()); }
+
+ private:
+  void set(const std::string& value) {
+#ifdef _WIN32
+    _putenv_s(name_, value.c_str());
+    SetEnvironmentVariableA(name_, value.empty() ? nullptr : value.c_str());
+#else
+    if (value.empty()) {
+      unsetenv(name_);
+    } else {
+      setenv(name_, value.c_str(), 1);
+    }
+#endif
+  }
+  const char* name_;
+  bool had_ = false;
+  std::string old_;
+};
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -143,13 +188,14 @@ TEST(BootImageDirectory, RecordsAreMappedFromNumberedFiles) {
   std::remove(path.c_str());
 }
 
-// The records shipped with the program are the documented test images: on
-// Windows from the executable's resources, elsewhere from the source tree.
-TEST(ShippedBootImages, AreTheTestImages) {
-#ifdef TARNLIFT_BOOT_IMAGE_SOURCE_DIR
-  setBootImageDirectory(TARNLIFT_BOOT_IMAGE_SOURCE_DIR);
+// The records shipped with the program are the documented test images and
+// the placeholder for 143: on Windows from the executable's resources,
+// elsewhere from the records the build assembles.
+TEST(ShippedBootImages, AreTheTestImagesAndThePlaceholder) {
+#ifdef TARNLIFT_DEFAULT_BOOT_IMAGES
+  setBootImageDirectory(TARNLIFT_DEFAULT_BOOT_IMAGES);
 #endif
-  for (int number : {129, 130, 131, 135, 136, 137, 138, 139, 143}) {
+  for (int number : {129, 130, 131, 135, 136, 137, 138, 139}) {
     BootImage image = loadBootImage(number);
     std::string head = "TARNLIFT TEST BOOT IMAGE " + std::to_string(number);
     ASSERT_GT(image.length, head.size());
@@ -157,7 +203,77 @@ TEST(ShippedBootImages, AreTheTestImages) {
   }
   EXPECT_EQ(loadBootImage(131).length, 1468u);
   EXPECT_EQ(loadBootImage(130).length, 4096u) << "padding is not content";
+  // A PE32+ UEFI application for x86-64 that says what it is.
+  BootImage efi = loadBootImage(kImageEfiX64);
+  ASSERT_GT(efi.length, 0x200u);
+  std::string bytes(reinterpret_cast<const char*>(efi.data), efi.length);
+  EXPECT_EQ(bytes.substr(0, 2), "MZ");
+  uint32_t pe = uint32_t(efi.data[0x3C]) | uint32_t(efi.data[0x3D]) << 8;
+  ASSERT_LT(pe + 0x60, efi.length);
+  EXPECT_EQ(bytes.substr(pe, 4), std::string("PE\0\0", 4));
+  EXPECT_EQ(efi.data[pe + 4] | efi.data[pe + 5] << 8, 0x8664) << "x86-64";
+  EXPECT_EQ(efi.data[pe + 24] | efi.data[pe + 25] << 8, 0x20B) << "PE32+";
+  EXPECT_EQ(efi.data[pe + 24 + 68] | efi.data[pe + 24 + 69] << 8, 10) << "subsystem: EFI application";
+  EXPECT_NE(bytes.find("TARNLIFT PLACEHOLDER BOOT IMAGE 143"), std::string::npos);
+  std::string wide;
+  for (char c : std::string("supplied as record 143")) wide += std::string{c, 0};
+  EXPECT_NE(bytes.find(wide), std::string::npos) << "the console text, in UTF-16";
   setBootImageDirectory("");
+}
+
+// The search goes record by record: a record missing from the first place
+// is taken from the next, and the first place that has it wins.
+TEST(BootImageSearch, EachRecordComesFromTheFirstPlaceThatHasIt) {
+  std::string first = tempPath("first");
+  std::string second = tempPath("second");
+  ASSERT_TRUE(makeDirectory(first));
+  ASSERT_TRUE(makeDirectory(second));
+  writeRecord(first + "/9001.bin", "from first");
+  writeRecord(second + "/9001.bin", "shadowed");
+  writeRecord(second + "/9002.bin", "from second");
+  ScopedEnvironment home("HOME", second);
+  ScopedEnvironment data("XDG_DATA_HOME", "");
+  ScopedEnvironment local("LOCALAPPDATA", second);
+  // The per-user folder is <home>/.local/share/tarnlift/bootimages on Linux,
+  // <LOCALAPPDATA>\Tarnlift\bootimages on Windows.
+  std::string user = userBootImageDirectory();
+  ASSERT_FALSE(user.empty());
+  ASSERT_TRUE(makeDirectory(user));
+  writeRecord(user + "/9001.bin", "from user");
+  writeRecord(user + "/9003.bin", "from user");
+
+  BootImageLocation location;
+  // No directory given: the per-user folder, then the system folder.
+  setBootImageDirectory("");
+  ASSERT_TRUE(locateBootImage(9003, location));
+  EXPECT_EQ(location.place, user);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(loadBootImage(9001).data), 9), "from user");
+  EXPECT_FALSE(locateBootImage(9002, location));
+
+  // A directory given replaces both folders.
+  setBootImageDirectory(first);
+  ASSERT_TRUE(locateBootImage(9001, location));
+  EXPECT_EQ(location.place, first);
+  EXPECT_FALSE(locateBootImage(9003, location)) << "the per-user folder is not searched";
+  std::vector<BootImageSource> sources = bootImageSources();
+  ASSERT_FALSE(sources.empty());
+#ifdef _WIN32
+  EXPECT_EQ(sources.front().place.rfind("resources of ", 0), 0u) << "the program's resources come first";
+  EXPECT_EQ(sources.back().place, "placeholder built into the program");
+  ASSERT_EQ(sources.size(), 3u);
+  EXPECT_EQ(sources[1].place, first);
+#else
+  ASSERT_EQ(sources.size(), 1u);
+  EXPECT_EQ(sources[0].place, first);
+#endif
+  setBootImageDirectory("");
+  sources = bootImageSources();
+  std::vector<std::string> places;
+  for (const BootImageSource& source : sources) places.push_back(source.place);
+  auto at = std::find(places.begin(), places.end(), user);
+  ASSERT_NE(at, places.end());
+  ASSERT_NE(at + 1, places.end());
+  EXPECT_EQ(*(at + 1), systemBootImageDirectory()) << "the system folder follows the per-user one";
 }
 
 }  // namespace

@@ -14,7 +14,8 @@ case_name=$1
 tarnlift_cmd=$2
 bootp_client=$3
 here=$(cd "$(dirname "$0")" && pwd)
-source_images=$here/../../resources/bootimages
+# The build's default records (test images and the placeholder for 143).
+source_images=${TARNLIFT_DEFAULT_BOOT_IMAGES:-$here/../../resources/bootimages}
 
 skip() { echo "SKIP: $*"; exit 77; }
 [ "$(id -u)" = 0 ] || skip "needs root for network namespaces"
