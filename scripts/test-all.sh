@@ -52,6 +52,13 @@ windows_tests() {
   return $result
 }
 
+# The Debian package and the Windows zip from the trees built above; the
+# .deb is installed, run and removed again (as root), the zip unpacked and run
+# under Wine.
+packages() {
+  bash scripts/package.sh && WINEDEBUG=-all bash tests/packaging/check_packages.sh build/dist
+}
+
 fuzz_all() { bash fuzz/run.sh "$fuzz_seconds"; }
 
 step "build linux" build linux
@@ -60,6 +67,7 @@ step "build linux-asan" build linux-asan
 step "tests linux-asan" sanitizer_tests
 step "build windows" build windows
 step "tests windows (Wine)" windows_tests
+step "packages (.deb and zip)" packages
 step "fuzz (${fuzz_seconds} s in all)" fuzz_all
 
 echo

@@ -4,17 +4,33 @@ little-endian content length followed by the content, no padding. The same
 form `tarnlift bootimage wrap` writes; this script serves builds that have no
 host `tarnlift` to run (the Windows cross build).
 
-usage: wrap_record.py CONTENT RECORD
+usage: wrap_record.py [--odd-length] CONTENT RECORD
+
+--odd-length appends a short text trailer (and a newline when needed) so that
+the content has an odd length. The TFTP server ends a transfer when the last
+block is acknowledged and sends no closing empty block, so a client of a file
+whose length is a multiple of its block size would wait for one forever; an
+odd length is a multiple of no usual (even) block size. Bytes behind the
+last section of a UEFI image are not loaded, so the trailer changes nothing.
 """
 import struct
 import sys
 
+TRAILER = b"\nTARNLIFT PLACEHOLDER BOOT IMAGE 143\n"
+
 
 def main():
-    if len(sys.argv) != 3:
+    args = sys.argv[1:]
+    odd = "--odd-length" in args
+    args = [a for a in args if a != "--odd-length"]
+    if len(args) != 2:
         sys.exit(__doc__)
-    content = open(sys.argv[1], "rb").read()
-    with open(sys.argv[2], "wb") as out:
+    content = open(args[0], "rb").read()
+    if odd:
+        content += TRAILER
+        if len(content) % 2 == 0:
+            content += b"\n"
+    with open(args[1], "wb") as out:
         out.write(struct.pack("<I", len(content)) + content)
 
 
