@@ -57,9 +57,10 @@ else()
   set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${TARNLIFT_DEB_MAINTAINER}")
   set(CPACK_DEBIAN_PACKAGE_SECTION net)
   set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-  # libc6, libstdc++6 and libgcc-s1, as dpkg-shlibdeps finds them. The local
-  # disk road will add dosfstools and mtools once it runs on Linux.
+  # libc6, libstdc++6 and libgcc-s1, as dpkg-shlibdeps finds them, and the
+  # programs `tarnlift disk` runs: mkfs.fat and the mtools.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS "dosfstools, mtools")
   set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
   set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 

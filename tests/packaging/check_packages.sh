@@ -48,7 +48,7 @@ done
 extra=$(grep -E ' /usr/(s?bin|lib|libexec)/.' "$work/deb.list" | grep -v ' /usr/bin/tarnlift$')
 [ -z "$extra" ] && ok "no other programs" || fail "unexpected programs: $extra"
 depends=$(dpkg-deb -f "$deb" Depends)
-[[ $depends == *libc6* && $depends == *libstdc++6* ]] && ok "Depends: $depends" || fail "Depends: '$depends'"
+[[ $depends == *libc6* && $depends == *libstdc++6* && $depends == *dosfstools* && $depends == *mtools* ]] && ok "Depends: $depends" || fail "Depends: '$depends'"
 
 if command -v lintian > /dev/null; then
   # Tags explained in docs/packaging.md; anything else fails.
