@@ -1,3 +1,6 @@
+#include <pthread.h>
+#include <time.h>
+
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -62,22 +65,41 @@ bool Event::waitFor(uint32_t milliseconds) {
   return woken;
 }
 
+// A recursive POSIX mutex, like the kernel mutex it stands in for: the owner
+// may take it again, and the system refuses an unlock by a thread that does
+// not own it (EPERM) instead of leaving that undefined.
 struct Mutex::Impl {
-  std::recursive_timed_mutex mutex;
+  pthread_mutex_t mutex;
 };
 
 Mutex::Mutex(bool /*inherit*/, bool initiallyOwned) : impl_(std::make_unique<Impl>()) {
-  if (initiallyOwned) impl_->mutex.lock();
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+  int result = pthread_mutex_init(&impl_->mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  if (result != 0) fatalFailure("Mutex CreateMutex", static_cast<uint32_t>(result));
+  if (initiallyOwned) lock();
 }
 
-Mutex::~Mutex() = default;
+Mutex::~Mutex() { pthread_mutex_destroy(&impl_->mutex); }
 
 bool Mutex::waitFor(uint32_t milliseconds) {
-  if (milliseconds == kWaitInfinite) {
-    impl_->mutex.lock();
-    return true;
+  if (milliseconds == kWaitInfinite) return pthread_mutex_lock(&impl_->mutex) == 0;
+  if (milliseconds == 0) return pthread_mutex_trylock(&impl_->mutex) == 0;
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += milliseconds / 1000;
+  deadline.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
   }
-  return impl_->mutex.try_lock_for(std::chrono::milliseconds(milliseconds));
+  int result;
+  do {
+    result = pthread_mutex_timedlock(&impl_->mutex, &deadline);
+  } while (result == EINTR);
+  return result == 0;
 }
 
 void Mutex::lock(uint32_t milliseconds) {
@@ -87,7 +109,10 @@ void Mutex::lock(uint32_t milliseconds) {
   }
 }
 
-void Mutex::unlock() { impl_->mutex.unlock(); }
+void Mutex::unlock() {
+  int result = pthread_mutex_unlock(&impl_->mutex);
+  if (result != 0) fatalFailure("Mutex ReleaseMutex", static_cast<uint32_t>(result));
+}
 
 void sleepMilliseconds(uint32_t milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 

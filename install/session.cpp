@@ -6,6 +6,7 @@
 #include "app/failure.h"
 #include "app/log.h"
 #include "install/autorun_script.h"
+#include "install/session_paths.h"
 
 namespace tarnlift {
 
@@ -57,27 +58,6 @@ bool endsWith(const std::string& text, const char* tail) {
   return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
 }
 
-// A path is taken as given when it names a drive ("C:...") or starts at a
-// root; anything else is relative to the package folder.
-bool isAbsolutePath(const std::string& path) {
-  return (path.size() > 1 && path[1] == ':') || (!path.empty() && (path[0] == '/' || path[0] == '\\'));
-}
-
-std::string lastComponent(const std::string& path) {
-  size_t slash = path.find_last_of("\\/");
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string joinPackagePath(const std::string& folder, const std::string& name) {
-  if (folder.empty()) return name;
-  char last = folder.back();
-  if (last == '/' || last == '\\') return folder + name;
-  char separator = folder.find('\\') != std::string::npos && folder.find('/') == std::string::npos ? '\\' : '/';
-#ifdef _WIN32
-  separator = '\\';
-#endif
-  return folder + separator + name;
-}
 }  // namespace
 
 Installator::Installator(const RouterRecord& request, bool install, DatagramTransport& transport, const Clock& clock,
@@ -238,8 +218,8 @@ void Installator::startNextFile() {
     remoteName = "autorun.scr";
     request_.statusText += "configuration";
   } else {
-    if (!isAbsolutePath(path)) openPath = joinPackagePath(request_.packageDir, path);
-    remoteName = lastComponent(path);
+    if (isRelativePackagePath(path)) openPath = packageFilePath(request_.packageDir, path);
+    remoteName = remoteFileName(path);
     request_.statusText += path;
   }
   sender_ = std::make_unique<PackageSender>(openPath, remoteName, transport_, connection_, datagram_);

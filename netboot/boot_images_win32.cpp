@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "netboot/boot_images.h"
+#include "netboot/resource_lookup.h"
 
 namespace tarnlift::netboot {
 namespace {
@@ -10,16 +11,16 @@ namespace {
 class ResourceStore : public BootImageStore {
  public:
   bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
-    HMODULE module = GetModuleHandleA(nullptr);
-    HRSRC found = FindResourceA(module, MAKEINTRESOURCEA(number), MAKEINTRESOURCEA(10));
-    if (found == nullptr) return false;
-    HGLOBAL loaded = LoadResource(module, found);
-    if (loaded == nullptr) return false;
-    void* locked = LockResource(loaded);
-    if (locked == nullptr) return false;
-    record = static_cast<const uint8_t*>(locked);
-    storedSize = SizeofResource(module, found);
-    return true;
+    static const ResourceLookup lookup = [] {
+      HMODULE module = GetModuleHandleA(nullptr);
+      ResourceLookup steps;
+      steps.find = [module](int n) -> void* { return FindResourceA(module, MAKEINTRESOURCEA(n), MAKEINTRESOURCEA(10)); };
+      steps.load = [module](void* found) -> void* { return LoadResource(module, static_cast<HRSRC>(found)); };
+      steps.lock = [](void* loaded) -> const void* { return LockResource(static_cast<HGLOBAL>(loaded)); };
+      steps.size = [module](void* found) -> size_t { return SizeofResource(module, static_cast<HRSRC>(found)); };
+      return steps;
+    }();
+    return lookUpResourceRecord(lookup, number, record, storedSize);
   }
 };
 

@@ -185,6 +185,14 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
     uint16_t acked = static_cast<uint16_t>(buffer[2] << 8 | buffer[3]);
     if (acked == static_cast<uint16_t>(blockNumber_)) {
       if (sent >= length) break;
+      // A negotiated block size of 0 moves no data, however long the client
+      // keeps acknowledging: give up as a transfer that ran out of time, so
+      // that no client can hold the boot server's only thread.
+      if (options_.blockSize == 0) {
+        logLine() << "TFTP timeout";
+        socket_.reset();
+        return false;
+      }
       sendNextBlock();
     } else if (acked == static_cast<uint16_t>(blockNumber_ - 1) && !lastPacket_.empty()) {
       sendPacket(lastPacket_);

@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "app/failure.h"
+#include "app/sync.h"
 #include "app/version.h"
 #include "tests/app/capture_log.h"
 
@@ -31,13 +32,16 @@ TEST(ReportFailure, AppendsSystemTextAndCode) {
 
 TEST(ReportFailure, CodeZeroNamesTheErrorLeftByAnEarlierCall) {
   CapturedLog log;
-  setLastSystemError(5);
-  // A call that succeeds does not clear the last error.
-  std::string unused = systemErrorText(0);
-  setLastSystemError(5);
+  setLastSystemError(5);  // what an earlier failed call left behind
+  // Calls that succeed (system calls on Windows) do not clear the last error.
+  Event event(true);
+  event.set();
+  event.reset();
+  std::string unused = systemErrorText(2);
   std::string message = "after success";
   reportFailure(message, 0, false);
   EXPECT_EQ(message, "after success: " + systemErrorText(5) + " (5)");
+  EXPECT_EQ(log.text(), message + "\n");
 }
 
 TEST(ReportFailure, CodeZeroWithNoEarlierErrorCarriesZero) {

@@ -76,6 +76,44 @@ TEST(Mutex, HeldElsewhereWaitTimesOut) {
   mutex.unlock();
 }
 
+TEST(Mutex, OwnerMayTakeItAgain) {
+  Mutex mutex;
+  mutex.lock();
+  EXPECT_TRUE(mutex.waitFor(0));
+  mutex.unlock();
+  mutex.unlock();
+  std::atomic<bool> taken{false};
+  std::thread other([&] {
+    taken = mutex.waitFor(1000);
+    if (taken) mutex.unlock();
+  });
+  other.join();
+  EXPECT_TRUE(taken);
+}
+
+TEST(MutexDeathTest, UnlockWithoutOwningIsFatal) {
+  EXPECT_EXIT(
+      {
+        testing::fatalToStderr();
+        Mutex mutex;
+        mutex.unlock();
+      },
+      ::testing::ExitedWithCode(1), "BOX\\[Mutex ReleaseMutex");
+}
+
+TEST(MutexDeathTest, UnlockByAnotherThreadIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        testing::fatalToStderr();
+        Mutex mutex;
+        mutex.lock();
+        std::thread other([&] { mutex.unlock(); });
+        other.join();
+      },
+      ::testing::ExitedWithCode(1), "BOX\\[Mutex ReleaseMutex");
+}
+
 TEST(MutexDeathTest, LockNotTakenInTimeIsFatal) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(

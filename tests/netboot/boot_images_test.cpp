@@ -18,6 +18,7 @@
 #include <iterator>
 #include <string>
 
+#include "netboot/resource_lookup.h"
 #include "tests/app/capture_log.h"
 #include "tests/netboot/fake_network.h"
 
@@ -165,6 +166,54 @@ void loadCutRecord() {
 
 TEST(BootImageDeathTest, CutRecordIsFatal) {
   EXPECT_EXIT(loadCutRecord(), ::testing::ExitedWithCode(1), "BOX\\[LoadResource");
+}
+
+// The resource steps: each failure has its own fatal text.
+const uint8_t kResourceBytes[] = {1, 0, 0, 0, 42};
+
+ResourceLookup workingLookup() {
+  static int handle = 0;
+  ResourceLookup steps;
+  steps.find = [](int number) -> void* { return number == 143 ? &handle : nullptr; };
+  steps.load = [](void* found) -> void* { return found; };
+  steps.lock = [](void*) -> const void* { return kResourceBytes; };
+  steps.size = [](void*) -> size_t { return sizeof kResourceBytes; };
+  return steps;
+}
+
+TEST(ResourceLookupTest, FoundLoadedLockedGivesTheRecord) {
+  const uint8_t* record = nullptr;
+  size_t size = 0;
+  ASSERT_TRUE(lookUpResourceRecord(workingLookup(), 143, record, size));
+  EXPECT_EQ(record, kResourceBytes);
+  EXPECT_EQ(size, sizeof kResourceBytes);
+  EXPECT_FALSE(lookUpResourceRecord(workingLookup(), 144, record, size));
+}
+
+TEST(BootImageDeathTest, FailedLoadIsFatalLoadResource) {
+  EXPECT_EXIT(
+      {
+        tarnlift::testing::fatalToStderr();
+        ResourceLookup steps = workingLookup();
+        steps.load = [](void*) -> void* { return nullptr; };
+        const uint8_t* record = nullptr;
+        size_t size = 0;
+        lookUpResourceRecord(steps, 143, record, size);
+      },
+      ::testing::ExitedWithCode(1), "BOX\\[LoadResource");
+}
+
+TEST(BootImageDeathTest, FailedLockIsFatalLockResource) {
+  EXPECT_EXIT(
+      {
+        tarnlift::testing::fatalToStderr();
+        ResourceLookup steps = workingLookup();
+        steps.lock = [](void*) -> const void* { return nullptr; };
+        const uint8_t* record = nullptr;
+        size_t size = 0;
+        lookUpResourceRecord(steps, 143, record, size);
+      },
+      ::testing::ExitedWithCode(1), "BOX\\[LockResource");
 }
 
 TEST(BootImageDirectory, RecordsAreMappedFromNumberedFiles) {

@@ -296,6 +296,79 @@ TEST_F(BootpReplyTest, ResponderBroadcastsToPort68) {
   EXPECT_FALSE(responder.isOpen());
 }
 
+// A DHCPDISCOVER byte for byte as x86-64 UEFI firmware sends it: options 53
+// (discover), 57 (maximum size), 55 (parameter list), 97 (machine id), 94
+// (UNDI 3.0), 93 (architecture 7), then 60 with the long PXE vendor class.
+std::vector<uint8_t> uefiDiscover() {
+  std::vector<uint8_t> bytes = {
+      0x01, 0x01, 0x06, 0x00, 0x5a, 0x3c, 0x19, 0xe2, 0x00, 0x04, 0x80, 0x00,  // op, htype, hlen, hops, xid, secs, flags
+      0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,                          // ciaddr, yiaddr, siaddr, giaddr
+      0x52, 0x54, 0x00, 0x12, 0x34, 0x56, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,        // chaddr
+  };
+  bytes.resize(236, 0);  // sname and file empty
+  const uint8_t options[] = {
+      0x63, 0x82, 0x53, 0x63,                                                  // magic cookie
+      53, 1, 1,                                                                // DHCPDISCOVER
+      57, 2, 0x05, 0xc0,                                                       // 1472 bytes
+      55, 35, 1, 2, 3, 4, 5, 6, 12, 13, 15, 17, 18, 22, 23, 28, 40, 41, 42, 43, 50, 51, 54, 58, 59, 60, 66, 67, 97,
+      128, 129, 130, 131, 132, 133, 134, 135,                                  // parameter request list
+      97, 17, 0, 0x8a, 0x1d, 0x2b, 0x67, 0x0e, 0x31, 0x4f, 0x4a, 0x9c, 0x55, 0x72, 0x33, 0x1b, 0x46, 0xc0, 0x0f,
+      94, 3, 1, 3, 0,                                                          // UNDI 3.0
+      93, 2, 0, 7,                                                             // x86-64 UEFI
+      60, 32, 'P', 'X', 'E', 'C', 'l', 'i', 'e', 'n', 't', ':', 'A', 'r', 'c', 'h', ':', '0', '0', '0', '0', '7', ':',
+      'U', 'N', 'D', 'I', ':', '0', '0', '3', '0', '1', '6',                   // vendor class
+      255,
+  };
+  bytes.insert(bytes.end(), std::begin(options), std::end(options));
+  return bytes;
+}
+
+// The option codes of a BOOTP/DHCP message, in order, up to the end marker.
+std::vector<uint8_t> optionCodes(const std::vector<uint8_t>& message) {
+  std::vector<uint8_t> codes;
+  size_t pos = 240;
+  while (pos < message.size()) {
+    uint8_t code = message[pos];
+    codes.push_back(code);
+    if (code == 255) break;
+    if (code == 0) {
+      ++pos;
+      continue;
+    }
+    if (pos + 1 >= message.size()) break;
+    pos += 2 + message[pos + 1];
+  }
+  return codes;
+}
+
+TEST_F(BootpReplyTest, UefiFirmwareDiscoverIsClass143AndGetsAPureBootpReply) {
+  std::vector<uint8_t> discover = uefiDiscover();
+  ASSERT_EQ(optionCodes(discover), (std::vector<uint8_t>{53, 57, 55, 97, 94, 93, 60, 255}));
+  store.addSized(143, 4096);
+  ScopedBootImageStore scoped(store);
+  FakeNetwork network;
+  BootpResponder responder(network);
+  responder.open("/image");
+  std::vector<uint8_t> buffer(kBootpBufferSize, 0);
+  std::memcpy(buffer.data(), discover.data(), discover.size());
+  ASSERT_TRUE(responder.classify(buffer.data(), discover.size()));
+  EXPECT_EQ(responder.clientClass(), 143);
+  ASSERT_TRUE(responder.reply(buffer.data(), parseIpv4("192.168.88.1")));
+  ASSERT_EQ(network.sent.size(), 1u);
+  const std::vector<uint8_t>& reply = network.sent[0].bytes;
+  ASSERT_GE(reply.size(), 241u);
+  EXPECT_EQ(reply[0], 2);
+  EXPECT_EQ(std::memcmp(reply.data() + 4, discover.data() + 4, 4), 0);    // the firmware's xid
+  EXPECT_EQ(std::memcmp(reply.data() + 28, discover.data() + 28, 6), 0);  // its MAC
+  const uint8_t yiaddr[4] = {192, 168, 88, 1};
+  EXPECT_EQ(std::memcmp(reply.data() + 16, yiaddr, 4), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(reply.data() + 108)), "/image");
+  std::vector<uint8_t> codes = optionCodes(reply);
+  EXPECT_EQ(std::count(codes.begin(), codes.end(), 53), 0);
+  EXPECT_EQ(std::count(codes.begin(), codes.end(), 54), 0);
+  EXPECT_EQ(codes, (std::vector<uint8_t>{13, 1, 255}));
+}
+
 TEST(BootpPrint, PrintsEveryField) {
   CapturedLog log;
   std::vector<uint8_t> bytes = makeBootpRequest(kMac, "Etherboot", -1, 7);

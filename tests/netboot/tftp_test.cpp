@@ -239,6 +239,31 @@ TEST_F(TftpTest, ErrorPacketResetsTheBudgetAndDoesNotEndTheTransfer) {
   EXPECT_EQ(network.timeouts, 15);
 }
 
+// blksize 0 is negotiated as asked, but a client that keeps acknowledging
+// must not keep the server busy: the transfer ends as failed at once.
+TEST_F(TftpTest, BlockSizeZeroCannotHoldTheServer) {
+  int packets = 0;
+  network.onSend = [&](FakeSocket& socket, const SentDatagram& d) {
+    if (socket.role != "transfer") return;
+    // Acknowledge everything, but stop somewhere so that a server that never
+    // gives up still lets this test end.
+    if (++packets > 2000) return;
+    if (opcode(d) == kTftpOpOack) socket.deliver(ack(0));
+    if (opcode(d) == kTftpOpData) socket.deliver(ack(blockOf(d)));
+  };
+  EXPECT_FALSE(transfer(rrq("x", {{"blksize", "0"}}), content(100)));
+  EXPECT_EQ(options.blockSize, 0u);
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  ASSERT_FALSE(sent.empty());
+  EXPECT_EQ(opcode(sent[0]), kTftpOpOack);
+  const char kOack[] = "\0\6blksize\0" "0";
+  EXPECT_EQ(std::string(sent[0].bytes.begin(), sent[0].bytes.end()), std::string(kOack, sizeof kOack));
+  EXPECT_LE(sent.size(), 2u);
+  EXPECT_TRUE(log.contains("TFTP timeout\n"));
+  // An empty image needs no block at all and still completes.
+  EXPECT_TRUE(transfer(rrq("x", {{"blksize", "0"}}), {}));
+}
+
 TEST_F(TftpTest, DuplicateAckResendsTheLastPacket) {
   int duplicates = 0;
   network.onSend = [&](FakeSocket& socket, const SentDatagram& d) {
