@@ -32,12 +32,11 @@ TEST(ReportFailure, AppendsSystemTextAndCode) {
 
 TEST(ReportFailure, CodeZeroNamesTheErrorLeftByAnEarlierCall) {
   CapturedLog log;
+  Event event(true);      // made before: creating sets the last error itself
   setLastSystemError(5);  // what an earlier failed call left behind
-  // Calls that succeed (system calls on Windows) do not clear the last error.
-  Event event(true);
+  // Calls that succeed (system calls on Windows) leave the last error alone.
   event.set();
   event.reset();
-  std::string unused = systemErrorText(2);
   std::string message = "after success";
   reportFailure(message, 0, false);
   EXPECT_EQ(message, "after success: " + systemErrorText(5) + " (5)");
