@@ -1,0 +1,105 @@
+// The Linux helpers of the local disk road: the child process that runs
+// the tools, program lookup, and what a path stands for.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
+#include "localdisk/child_process.h"
+#include "localdisk/disk_access.h"
+#include "localdisk/linux_disks.h"
+
+namespace tarnlift::localdisk {
+namespace {
+
+TEST(ChildProcess, RunToolGivesTheExitCodeAndBothStreams) {
+  std::string output;
+  EXPECT_EQ(runTool({"/bin/sh", "-c", "echo out; echo err >&2; exit 3"}, output, 10000), 3);
+  EXPECT_NE(output.find("out\n"), std::string::npos);
+  EXPECT_NE(output.find("err\n"), std::string::npos);
+}
+
+TEST(ChildProcess, AToolThatReadsItsInputSeesItsEnd) {
+  std::string output;
+  EXPECT_EQ(runTool({"/bin/cat"}, output, 10000), 0);
+  EXPECT_EQ(output, "");
+}
+
+TEST(ChildProcess, AToolPastItsTimeIsKilled) {
+  std::string output;
+  auto started = std::chrono::steady_clock::now();
+  EXPECT_EQ(runTool({"/bin/sleep", "30"}, output, 300), -1);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+}
+
+TEST(ChildProcess, AMissingToolCannotStart) {
+  std::string output;
+  EXPECT_EQ(runTool({"/no/such/tool"}, output, 1000), -1);
+  EXPECT_EQ(runTool({}, output, 1000), -1);
+}
+
+TEST(ChildProcess, MuchOutputDoesNotBlockTheChild) {
+  std::string output;
+  EXPECT_EQ(runTool({"/bin/sh", "-c", "head -c 300000 /dev/zero | tr '\\\\0' x"}, output, 20000), 0);
+  EXPECT_EQ(output.size(), 300000u);
+}
+
+TEST(FindProgram, LooksInPathAndTheSystemFolders) {
+  EXPECT_EQ(findProgram("sh").empty(), false);
+  EXPECT_EQ(findProgram("tl-no-such-program-anywhere"), "");
+}
+
+TEST(LinuxTargets, AnImageFileStandsForItself) {
+  std::string path = ::testing::TempDir() + "tl-linux-disks.img";
+  { std::ofstream(path) << "x"; }
+  EXPECT_EQ(wholeDiskPath(path), path);
+  EXPECT_EQ(partitionNumberOf(path), 0u);
+  DriveId drive;
+  drive.path = path;
+  std::string reason;
+  EXPECT_TRUE(driveUsable(drive, reason)) << reason;
+  std::filesystem::remove(path);
+  EXPECT_EQ(wholeDiskPath(path), "");
+  EXPECT_FALSE(driveUsable(drive, reason));
+  EXPECT_EQ(reason, path + " does not exist");
+}
+
+TEST(LinuxTargets, WhatIsNoDiskIsRefused) {
+  DriveId drive;
+  std::string reason;
+  drive.path = "/dev/null";
+  EXPECT_FALSE(driveUsable(drive, reason));
+  EXPECT_EQ(reason, "/dev/null is neither a disk nor a disk image file");
+  drive.path = "/";
+  EXPECT_FALSE(driveUsable(drive, reason));
+  drive.path = "";
+  EXPECT_FALSE(driveUsable(drive, reason));
+  EXPECT_EQ(wholeDiskPath("/dev/null"), "");
+}
+
+TEST(LinuxTargets, BlockDeviceKinds) {
+  EXPECT_EQ(blockDiskType("sr0"), kDriveCdRom);
+  EXPECT_EQ(blockDiskType("ram0"), kDriveRamDisk);
+  EXPECT_EQ(blockDiskType("zram0"), kDriveRamDisk);
+  EXPECT_EQ(blockDiskType("nbd0"), kDriveRemote);
+  EXPECT_EQ(blockDiskType("loop3"), kDriveUnknown);
+  EXPECT_EQ(blockDiskType("dm-0"), kDriveUnknown);
+  EXPECT_EQ(blockDiskType("md127"), kDriveUnknown);
+  EXPECT_EQ(blockDiskType("fd0"), kDriveUnknown);
+  // An entry that is not there reads as not removable.
+  EXPECT_EQ(blockDiskType("tlnosuchdisk"), kDriveFixed);
+}
+
+TEST(LinuxTargets, TheDiskOfTheRootFileSystemHoldsTheSystem) {
+  // Whatever disk "/" lives on (none in a container on an overlay), the
+  // drive list never shows it.
+  for (const RouterRecord& row : listLocalDrives()) {
+    std::string name = row.label.substr(row.label.rfind('/') + 1);
+    EXPECT_FALSE(diskHoldsSystem(name)) << row.label;
+    EXPECT_TRUE(row.driveType == kDriveRemovable || row.driveType == kDriveFixed);
+  }
+}
+
+}  // namespace
+}  // namespace tarnlift::localdisk
