@@ -1,6 +1,10 @@
-// Windows half of the boot image store: records are RCDATA resources of the
-// executable, which stay mapped for the life of the process.
+// Windows half of the boot image store: the executable's RCDATA records
+// (searched first) and its placeholder for 143 (searched last), which stay
+// mapped for the life of the process; file mappings for the folders searched
+// between them, and where those folders are.
 #include <windows.h>
+
+#include <functional>
 
 #include "netboot/boot_images.h"
 #include "netboot/resource_lookup.h"
@@ -8,18 +12,24 @@
 namespace tarnlift::netboot {
 namespace {
 
+// The three steps on the program's own RCDATA resources; find names the
+// resource.
+ResourceLookup resourceSteps(std::function<void*(HMODULE, int)> find) {
+  HMODULE module = GetModuleHandleA(nullptr);
+  ResourceLookup steps;
+  steps.find = [module, find](int n) -> void* { return find(module, n); };
+  steps.load = [module](void* found) -> void* { return LoadResource(module, static_cast<HRSRC>(found)); };
+  steps.lock = [](void* loaded) -> const void* { return LockResource(static_cast<HGLOBAL>(loaded)); };
+  steps.size = [module](void* found) -> size_t { return SizeofResource(module, static_cast<HRSRC>(found)); };
+  return steps;
+}
+
 class ResourceStore : public BootImageStore {
  public:
   bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
-    static const ResourceLookup lookup = [] {
-      HMODULE module = GetModuleHandleA(nullptr);
-      ResourceLookup steps;
-      steps.find = [module](int n) -> void* { return FindResourceA(module, MAKEINTRESOURCEA(n), MAKEINTRESOURCEA(10)); };
-      steps.load = [module](void* found) -> void* { return LoadResource(module, static_cast<HRSRC>(found)); };
-      steps.lock = [](void* loaded) -> const void* { return LockResource(static_cast<HGLOBAL>(loaded)); };
-      steps.size = [module](void* found) -> size_t { return SizeofResource(module, static_cast<HRSRC>(found)); };
-      return steps;
-    }();
+    static const ResourceLookup lookup = resourceSteps([](HMODULE module, int n) -> void* {
+      return FindResourceA(module, MAKEINTRESOURCEA(n), MAKEINTRESOURCEA(10));
+    });
     return lookUpResourceRecord(lookup, number, record, storedSize);
   }
 };
@@ -31,16 +41,10 @@ class PlaceholderStore : public BootImageStore {
  public:
   bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
     if (number != kImageEfiX64) return false;
-    HMODULE module = GetModuleHandleA(nullptr);
-    HRSRC found = FindResourceA(module, "TARNLIFT_PLACEHOLDER", MAKEINTRESOURCEA(10));
-    if (found == nullptr) return false;
-    HGLOBAL loaded = LoadResource(module, found);
-    if (loaded == nullptr) return false;
-    void* locked = LockResource(loaded);
-    if (locked == nullptr) return false;
-    record = static_cast<const uint8_t*>(locked);
-    storedSize = SizeofResource(module, found);
-    return true;
+    static const ResourceLookup lookup = resourceSteps([](HMODULE module, int) -> void* {
+      return FindResourceA(module, "TARNLIFT_PLACEHOLDER", MAKEINTRESOURCEA(10));
+    });
+    return lookUpResourceRecord(lookup, number, record, storedSize);
   }
 };
 

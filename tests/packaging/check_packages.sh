@@ -2,7 +2,9 @@
 # Checks the two packages that scripts/package.sh made:
 #  - the Debian package: its file list, lintian (only the tags explained in
 #    docs/packaging.md may remain), then, as root, installed with apt-get,
-#    `tarnlift version`, `man -w tarnlift`, `tarnlift bootimage list`, removed;
+#    `tarnlift version`, `man -w tarnlift`, `tarnlift bootimage list`, a UEFI
+#    PC in QEMU netbooting from the installed `tarnlift netboot` (the
+#    placeholder's message on its console), and removed again;
 #  - the Windows zip: its exact file list, Windows line endings of its texts,
 #    and `tarnlift-cli.exe version` and `bootimage list` from the unpacked zip
 #    under Wine.
@@ -84,6 +86,21 @@ else
       ok "143 is the installed placeholder" || fail "no placeholder 143 in the list"
     grep -q "^missing: 125 126 127 128 142 120 132 124 134$" <<< "$out" && ok "missing records listed" ||
       fail "missing line"
+    # A UEFI PC (QEMU with OVMF) netboots from the installed program with the
+    # default records and shows the placeholder's message on its console.
+    harness=$here/../lib/ovmf_pxe.sh
+    if [ -f "$harness" ]; then
+      bash "$harness" -t 150 -c "$work/pxe-console.log" \
+        "The real boot image of the router system must be supplied as record 143" \
+        /usr/bin/tarnlift netboot --client-address 192.168.88.1 > "$work/pxe.out" 2>&1
+      case $? in
+        0) ok "OVMF PXE boot from the installed tarnlift netboot: $(grep '^ovmf_pxe:' "$work/pxe.out")" ;;
+        77) echo "skip: OVMF PXE boot: $(tail -1 "$work/pxe.out")" ;;
+        *) cat "$work/pxe.out"; fail "OVMF PXE boot did not show the placeholder's message" ;;
+      esac
+    else
+      echo "skip: no OVMF PXE harness (tests/lib/ovmf_pxe.sh) in this tree"
+    fi
   else
     cat "$work/apt.out"
     fail "apt-get install failed"
