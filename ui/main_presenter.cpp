@@ -94,7 +94,7 @@ void MainPresenter::construct() {
   // 10. Saved package sets.
   if (!options_.currentDirectory) {
     sets_.loadSets(settings_);
-    for (const std::string& name : sets_.names()) view_.addItem(kIdSets, name);
+    listSets();
   }
 
   // 11. Remembered defaults and the beacon.
@@ -485,8 +485,14 @@ void MainPresenter::saveSet() {
   if (r != nullptr) choice = choiceOf(*r);
   if (!sets_.saveSet(choice, *this)) return;
   if (r != nullptr) storeChoice(*r, choice);
-  view_.addItem(kIdSets, choice.setName);
+  listSets();
   refreshControlState();
+}
+
+void MainPresenter::listSets() {
+  for (const std::string& name : sets_.names()) {
+    if (listedSets_.insert(name).second) view_.addItem(kIdSets, name);
+  }
 }
 
 void MainPresenter::deleteSet() {
@@ -495,6 +501,7 @@ void MainPresenter::deleteSet() {
   sets_.deleteSet(name, &settings_);
   view_.selectItem(kIdSets, "");
   view_.removeItem(kIdSets, name);
+  listedSets_.erase(name);
   std::vector<MacAddress> macs;
   for (const auto& entry : desk_->table().rows()) macs.push_back(entry.first);
   for (const MacAddress& mac : macs) {
@@ -591,6 +598,8 @@ void MainPresenter::install() {
                          }};
   MacAddress mac = r->mac;
   InstallOutcome outcome = runInstallCommand(r, options, context);
+  // The install may have made "Previous Install".
+  listSets();
   if (outcome == InstallOutcome::Started) {
     // The row shows the session's first status at once.
     SessionStatus s;
@@ -638,6 +647,10 @@ void MainPresenter::netBooting() {
   if (!view_.askNetbootSettings(enabled, address)) return;
   netbootEnabled_ = enabled;
   clientAddress_ = address;
+  // Kept at once: the installer's transport looks for the interface that
+  // reaches the saved client address whenever it opens.
+  settings_.writeBool("PXE Enabled", enabled);
+  settings_.writeInt("PXE Client Address", address);
   netboot_->changeSettings(enabled, address);
 }
 

@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -119,6 +120,8 @@ class MainPresenter : private packages::PackageListView,
   void refreshPackageMarks();
   // Shows the router table's rows again, keeping the selected one.
   void refreshRouterList();
+  // Adds the names of the sets not listed yet to the set list.
+  void listSets();
   void saveSettings();
 
   // For tests and the view.
@@ -201,7 +204,7 @@ class MainPresenter : private packages::PackageListView,
   int placeLeft_ = 20;
   int placeTop_ = 20;
   int placeHeight_ = 0;
-  std::string lastSetName_;
+  std::set<std::string> listedSets_;
   bool constructed_ = false;
 };
 

@@ -141,7 +141,7 @@ TEST_F(CommandsTest, ChoosingASetMovesTheRouterToItsFolderAndFiles) {
     sets.openSubKey(settings(), "Package Sets");
   }
   presenter->sets().rememberPreviousInstall({"", other.path(), {"system-6.41.npk"}});
-  view.addItem(kIdSets, "Previous Install");
+  presenter->listSets();
   view.pick(kIdSets, "Previous Install");
   presenter->onCommand(kIdSets, kNotifySelChange);
   EXPECT_EQ(r1().setName, "Previous Install");
@@ -160,7 +160,7 @@ TEST_F(CommandsTest, TheSetListFollowsTheSelectedRouter) {
   view.setNameAnswers = {"Office"};
   click(kIdSaveSet);
   presenter->sets().rememberPreviousInstall({"", folder.path(), {"ppp-6.41.npk", "system-6.41.npk"}});
-  view.addItem(kIdSets, "Previous Install");
+  presenter->listSets();
   discover(announced(2, "R2"));
   presenter->onPrivateMessage(kRefreshCode);
   EXPECT_EQ(view.selectedText(kIdSets), "Office");
@@ -266,6 +266,21 @@ TEST_F(CommandsTest, InstallStartsTheSessionAndRemembersTheOptions) {
   EXPECT_EQ(view.texts[kIdCaption], "Sending offer...");
   EXPECT_FALSE(view.isEnabled(kIdInstall));
   EXPECT_EQ(view.packageStates(), (std::vector<int>{4, 4, 3}));
+}
+
+TEST_F(CommandsTest, InstallListsPreviousInstallForRoutersFoundLater) {
+  presenter->onPackageClick(kSystem);
+  click(kIdInstall);
+  EXPECT_EQ(view.items[kIdSets], Names{"Previous Install"});
+  discover(announced(2, "R2"));
+  selectRow(macOf(2));
+  EXPECT_EQ(view.selectedText(kIdSets), "Previous Install");
+  EXPECT_FALSE(view.isEnabled(kIdSaveSet));
+  EXPECT_TRUE(view.isEnabled(kIdDeleteSet));
+  EXPECT_EQ(record(macOf(2)).files, Names{"system-6.41.npk"});
+  // A second install does not list it twice.
+  click(kIdInstall);
+  EXPECT_EQ(view.items[kIdSets], Names{"Previous Install"});
 }
 
 TEST_F(CommandsTest, InstallWithAnExistingScriptGoesAhead) {

@@ -225,7 +225,7 @@ TEST_F(ControlStateTest, SaveAndDeleteSetFollowTheShownSet) {
   EXPECT_TRUE(on(kIdSaveSet));
   EXPECT_FALSE(on(kIdDeleteSet));
   presenter->sets().rememberPreviousInstall({"", presenter->catalogue().folder(), {"a.npk"}});
-  view.addItem(kIdSets, "Previous Install");
+  presenter->listSets();
   r().setName = "Previous Install";
   refresh();
   EXPECT_EQ(view.selectedText(kIdSets), "Previous Install");

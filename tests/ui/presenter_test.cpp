@@ -316,7 +316,11 @@ TEST_F(PresenterTest, Command1026OpensTheDialogWithTheCurrentValuesAndHandsOnThe
   view.netbootAnswer = true;
   view.netbootEnabledAnswer = true;
   view.netbootAddressAnswer = parseDottedAddress("10.0.0.7");
+  store->log().clear();
   click(kIdNetBooting);
+  // Kept at once, before the PXE Booter hears of it.
+  EXPECT_EQ(writes(), (Names{"PXE Enabled", "PXE Client Address"}));
+  EXPECT_EQ(settings().readInt("PXE Client Address", 0), parseDottedAddress("10.0.0.7"));
   ASSERT_EQ(workers.netboot.changes.size(), 1u);
   EXPECT_EQ(workers.netboot.changes[0], std::make_pair(true, parseDottedAddress("10.0.0.7")));
   EXPECT_TRUE(presenter->netbootEnabled());
