@@ -65,12 +65,11 @@ class PrintingPrompter : public InstallPrompter {
 bool checkRecords(std::string& missing) {
   const int numbers[] = {localdisk::kImageDiskKernel, localdisk::kImageDiskSyslinuxConfig,
                          localdisk::kImageDiskInitrd, localdisk::kImageDiskSyslinuxInstaller};
-  netboot::BootImageStore& store = netboot::currentBootImageStore();
   for (int number : numbers) {
-    const uint8_t* record = nullptr;
-    size_t size = 0;
+    netboot::BootImageLocation location;
     netboot::BootImage image;
-    if (!store.findRecord(number, record, size) || !netboot::parseBootImageRecord(record, size, image)) {
+    if (!netboot::locateBootImage(number, location) ||
+        !netboot::parseBootImageRecord(location.record, location.storedSize, image)) {
       missing += (missing.empty() ? "" : ", ") + std::to_string(number);
     }
   }
@@ -188,10 +187,8 @@ int runDisk(const std::vector<std::string>& arguments) {
   }
   std::string missing;
   if (!checkRecords(missing)) {
-    std::string where = netboot::bootImageDirectory();
-    std::cerr << "tarnlift: the disk needs boot image records " << missing << ", which "
-              << (where.empty() ? std::string("the program does not carry") : "are not in " + where)
-              << " (make them with 'tarnlift bootimage wrap')" << std::endl;
+    std::cerr << "tarnlift: the disk needs boot image records " << missing << ", which are not in "
+              << netboot::bootImageSearchText() << " (make them with 'tarnlift bootimage wrap')" << std::endl;
     return kExitFailed;
   }
 
