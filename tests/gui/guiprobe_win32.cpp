@@ -17,6 +17,7 @@
 //   click ID                click a button (refused when it is disabled)
 //   command ID [CODE]       post WM_COMMAND(ID, CODE) to the target
 //   combo ID                print the items, the selected one marked "* "
+//   progress ID             print a progress bar's position
 //   choose ID TEXT          select the item TEXT of a combo box, as a user does
 //   rows ID                 print list rows: index, state image, image, selected, cells (tabs)
 //   selectrow ID INDEX      select and focus a list row
@@ -488,13 +489,21 @@ int run(const std::vector<std::string>& a) {
     PostMessageA(gTarget, WM_COMMAND, MAKEWPARAM(std::atoi(a[1].c_str()), code), reinterpret_cast<LPARAM>(c));
     return 0;
   }
+  if (name == "progress") {
+    std::printf("%d\n", static_cast<int>(SendMessageA(c, PBM_GETPOS, 0, 0)));
+    return 0;
+  }
   if (name == "combo") {
     LRESULT count = SendMessageA(c, CB_GETCOUNT, 0, 0);
     LRESULT selected = SendMessageA(c, CB_GETCURSEL, 0, 0);
     for (LRESULT i = 0; i < count; ++i) {
+      // The wide form: Wine carries it between processes whole.
+      wchar_t wide[1024] = {};
       char item[1024] = {};
-      if (SendMessageA(c, CB_GETLBTEXTLEN, i, 0) < static_cast<LRESULT>(sizeof item))
-        SendMessageA(c, CB_GETLBTEXT, i, reinterpret_cast<LPARAM>(item));
+      if (SendMessageW(c, CB_GETLBTEXTLEN, i, 0) < 1024) {
+        SendMessageW(c, CB_GETLBTEXT, i, reinterpret_cast<LPARAM>(wide));
+        WideCharToMultiByte(CP_ACP, 0, wide, -1, item, sizeof item, nullptr, nullptr);
+      }
       std::printf("%s%s\n", i == selected ? "* " : "  ", item);
     }
     return 0;

@@ -27,7 +27,8 @@ fail() {
   exit 1
 }
 
-wine "$gui" > "$work/first.log" 2>&1 &
+title="Quenlark Tarnlift for Brisvane"
+(cd "$work" && exec wine "$gui") > "$work/first.log" 2>&1 &
 first_pid=$!
 for _ in $(seq 1 600); do
   grep -q "^ko: " "$work/first.log" && break
@@ -49,20 +50,23 @@ grep -q "^cmd: " "$work/second.log" && fail "second copy went on past the guard"
 kill -0 "$first_pid" 2>/dev/null || fail "the first copy did not survive the second"
 
 # Pressing Enter in a field does nothing extra; releasing it makes the
-# package directory final (the window re-reads the folder).
-finals() { grep -c "^package directory final" "$work/first.log"; }
+# package directory final (the window re-reads the folder typed there).
+mkdir -p "$work/packages"
+folder="Z:${work//\//\\}\\packages"
+finals() { tr -d '\r' < "$work/first.log" | grep -cxF "Looking for packages in $folder"; }
+wine "$probe" win "$title" -- settext 1003 "$folder" 2>> "$work/probe.err" || fail "cannot type the folder"
 before=$(finals)
-wine "$probe" keydown Tarnlift 1003 || fail "cannot press Enter"
+wine "$probe" keydown "$title" 1003 || fail "cannot press Enter"
 sleep 1
 [ "$(finals)" -eq "$before" ] || fail "Enter press re-read the directory"
-wine "$probe" keyup Tarnlift 1003 || fail "cannot release Enter"
+wine "$probe" keyup "$title" 1003 || fail "cannot release Enter"
 for _ in $(seq 1 100); do
   [ "$(finals)" -gt "$before" ] && break
   sleep 0.1
 done
 [ "$(finals)" -eq $((before + 1)) ] || fail "Enter release did not re-read the directory once"
 
-wine "$probe" close Tarnlift 30000 || fail "cannot find the main window"
+wine "$probe" win "$title" -- sysclose 2>> "$work/probe.err" || fail "cannot find the main window"
 timeout 60 tail --pid="$first_pid" -f /dev/null
 wait "$first_pid"
 first_rc=$?
