@@ -7,7 +7,9 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 bin=${TARNLIFT_BIN:-$here/build/linux/bin}
-[ "$(id -u)" = 0 ] || { echo "demo: run as root (network namespaces)"; exit 2; }
+# shellcheck source=as_root.sh
+source "$here/scripts/as_root.sh"
+as_root demo "$@"
 for program in tarnlift routersim tarnlift-mkpkg; do
   [ -x "$bin/$program" ] || { echo "demo: $bin/$program is missing; build first (bash scripts/build.sh)"; exit 2; }
 done

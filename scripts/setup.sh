@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
-# Installs what building and testing Tarnlift needs on Debian 12 (run as
-# root). Safe to run again: it installs only what is missing.
+# Installs what building and testing Tarnlift needs on Debian 12 (as root;
+# started as a user it asks sudo). Safe to run again: it installs only what is
+# missing.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=as_root.sh
+source "$here/scripts/as_root.sh"
+as_root setup "$@"
 mapfile -t wanted < <(sed -e 's/#.*//' -e '/^[[:space:]]*$/d' "$here/.ci/apt-packages")
 missing=()
 for package in "${wanted[@]}"; do

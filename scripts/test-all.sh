@@ -4,6 +4,11 @@
 # windows), and the fuzz targets for a bounded time. Network tests make
 # their own namespaces, so run it as root for full coverage.
 set -uo pipefail
+# The network tests make their own namespaces: root (asked through sudo when
+# started as a user).
+# shellcheck source=as_root.sh
+source "$(dirname "$0")/as_root.sh"
+as_root test-all "$@"
 cd "$(dirname "$0")/.."
 jobs=${JOBS:-$(nproc)}
 # Seconds of fuzzing, shared by all the fuzz targets.
