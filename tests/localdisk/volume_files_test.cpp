@@ -1,0 +1,138 @@
+// The platform's own device access and volume files, for real: on Windows
+// the temporary folder's drive stands for the drive (its files go into the
+// temporary folder); on Linux a FAT image file made with mkfs.fat.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "localdisk/child_process.h"
+#include "localdisk/disk_access.h"
+#include "tests/app/capture_log.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
+namespace tarnlift::localdisk {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string readWhole(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A drive for the files, the prefix that puts names in a folder of it, and
+// how to read a file back.
+class VolumeFilesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::path(::testing::TempDir()) /
+           ("tl-volume-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+    source_ = (dir_ / "source.npk").string();
+    std::ofstream(source_, std::ios::binary) << std::string(5000, 'p');
+#ifdef _WIN32
+    char full[MAX_PATH];
+    GetFullPathNameA(dir_.string().c_str(), MAX_PATH, full, nullptr);
+    std::string path = full;
+    drive_.letter = path[0];
+    prefix_ = path.substr(3) + "\\";
+#else
+    std::string mkfs = findProgram("mkfs.fat");
+    if (mkfs.empty() || findProgram("mcopy").empty()) GTEST_SKIP() << "mkfs.fat or mtools missing";
+    drive_.path = (dir_ / "volume.img").string();
+    { std::ofstream image(drive_.path, std::ios::binary); }
+    fs::resize_file(drive_.path, 34 * 1024 * 1024);
+    std::string output;
+    ASSERT_EQ(runTool({mkfs, "-F", "32", "-I", "-n", "y", drive_.path}, output, 60000), 0) << output;
+#endif
+    files_ = makePlatformVolumeFiles();
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+  }
+  std::string readBack(const std::string& name) {
+#ifdef _WIN32
+    return readWhole((dir_ / name).string());
+#else
+    std::string out = (dir_ / ("back-" + name)).string();
+    std::string output;
+    runTool({findProgram("mcopy"), "-n", "-i", drive_.path, "::" + name, out}, output, 60000);
+    return readWhole(out);
+#endif
+  }
+
+  fs::path dir_;
+  std::string source_;
+  std::string prefix_;
+  DriveId drive_;
+  std::unique_ptr<VolumeFiles> files_;
+};
+
+TEST_F(VolumeFilesTest, ANewFileIsWrittenAndNotCreatedTwice) {
+  std::unique_ptr<OutputFile> file = files_->createNew(drive_, prefix_ + "mbr");
+  ASSERT_NE(file, nullptr);
+  std::string bytes(512, '\x5a');
+  EXPECT_TRUE(file->write(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+  EXPECT_TRUE(file->close());
+  EXPECT_EQ(readBack("mbr"), bytes);
+  EXPECT_EQ(files_->createNew(drive_, prefix_ + "mbr"), nullptr);
+  EXPECT_EQ(readBack("mbr"), bytes) << "an existing file is left alone";
+}
+
+TEST_F(VolumeFilesTest, CopiesOverwriteAndAMissingSourceFails) {
+  EXPECT_TRUE(files_->copyInto(drive_, source_, prefix_ + "system-1.npk"));
+  EXPECT_EQ(readBack("system-1.npk"), std::string(5000, 'p'));
+  std::ofstream(source_, std::ios::binary) << "shorter";
+  EXPECT_TRUE(files_->copyInto(drive_, source_, prefix_ + "system-1.npk"));
+  EXPECT_EQ(readBack("system-1.npk"), "shorter");
+  tarnlift::testing::CapturedLog log;
+  EXPECT_FALSE(files_->copyInto(drive_, (dir_ / "missing.npk").string(), prefix_ + "missing.npk"));
+}
+
+#ifndef _WIN32
+TEST_F(VolumeFilesTest, TheImageIsItsOwnDiskAndSectorZeroCanBeReplaced) {
+  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
+  std::unique_ptr<Device> volume = devices->openVolume(drive_);
+  ASSERT_NE(volume, nullptr);
+  StorageDeviceNumber number;
+  EXPECT_EQ(volume->deviceNumber(number), kStorageDeviceNumberSize);
+  EXPECT_EQ(number.partitionNumber, 0u);
+  EXPECT_TRUE(volume->close());
+  std::unique_ptr<Device> disk = devices->openPhysical(number.deviceNumber);
+  ASSERT_NE(disk, nullptr);
+  uint8_t sector[512];
+  ASSERT_TRUE(disk->seek(0));
+  ASSERT_EQ(disk->read(sector, 512), 512);
+  EXPECT_EQ(sector[510], 0x55);
+  EXPECT_EQ(sector[511], 0xAA);
+  const uint8_t zeros[512] = {};
+  ASSERT_TRUE(disk->seek(0));
+  EXPECT_EQ(disk->write(zeros, 512), 512);
+  EXPECT_TRUE(disk->close());
+  std::string head = readWhole(drive_.path).substr(0, 512);
+  EXPECT_EQ(head, std::string(512, '\0'));
+  EXPECT_EQ(devices->bootLoaderTarget(drive_), drive_.path);
+  EXPECT_EQ(devices->openPhysical(number.deviceNumber + 7), nullptr);
+}
+#endif
+
+TEST(PlatformDiskAccess, ADriveThatDoesNotExistCannotBeOpened) {
+  tarnlift::testing::CapturedLog log;
+  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
+  DriveId drive;
+  drive.letter = 'Q';
+  drive.path = "/dev/tl-no-such-disk";
+  EXPECT_EQ(devices->openVolume(drive), nullptr);
+  EXPECT_EQ(devices->openPhysical(97), nullptr);
+}
+
+}  // namespace
+}  // namespace tarnlift::localdisk
