@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "fake_transport.h"
+#include "install/desk.h"
 #include "install/session.h"
+#include "packages/package_sets.h"
 
 namespace tarnlift {
 namespace {
@@ -233,6 +235,52 @@ TEST_F(DiscoveryTest, ReannounceWithinFiveSecondsKeepsSessionAfterSixDiscards) {
   ASSERT_TRUE(server.discovered().pop(r));
   table.addRouter(r, static_cast<int64_t>(clock.nowMicros()));
   EXPECT_EQ(table.find(kRouterMac)->statusCell, "Ready");
+}
+
+// The same through the path both front ends take: the real table behind the
+// desk, ticked every 250 ms, a router announcing every second. The row shows
+// "Installing" while the offer is out; the announcement 6 s after the offer
+// discards the session, and the next one makes the row "Ready" again, long
+// before the row's 10 s guard would let a fresh record replace it.
+TEST_F(DiscoveryTest, ThroughTheDeskTheRowIsReadyAgainSoonAfterSixSeconds) {
+  ServerRouterInstaller routers(server);
+  NoDriveInstaller drives;
+  packages::PackageSets sets;
+  RememberedChoices remembered;
+  InstallDesk desk(routers, drives, sets, remembered, clock);
+  int elapsedMs = 0;
+  auto runFor = [&](int milliseconds) {
+    for (int t = 0; t < milliseconds; t += 250) {
+      clock.advanceMillis(250);
+      elapsedMs += 250;
+      if (elapsedMs % 1000 == 0) announce(announcement("arm"));
+      desk.tick();
+    }
+  };
+  announce(announcement("arm"));
+  desk.tick();
+  ASSERT_NE(desk.table().find(kRouterMac), nullptr);
+  EXPECT_EQ(desk.table().find(kRouterMac)->statusCell, "Ready");
+  RouterRecord request = desk.table().find(kRouterMac)->record;
+  request.defaultConfig = true;
+  // As the front ends do after the Install command started the session.
+  routers.start(request, true);
+  SessionStatus started = routers.status(kRouterMac);
+  desk.table().setStatus(kRouterMac, started.status, 0, started.progress, started.statusText);
+  runFor(250);
+  EXPECT_EQ(desk.table().find(kRouterMac)->statusCell, "Installing");
+  runFor(3000 - 250);  // the announcement 3 s after the offer
+  EXPECT_EQ(server.sessionCount(), 1u);
+  EXPECT_EQ(desk.table().find(kRouterMac)->statusCell, "Installing");
+  runFor(3000);  // ... and the one 6 s after it
+  EXPECT_EQ(server.sessionCount(), 0u);
+  runFor(1250);  // the next announcement, 7 s after the offer
+  ASSERT_EQ(desk.table().rows().size(), 1u);
+  const RouterRow* row = desk.table().find(kRouterMac);
+  ASSERT_NE(row, nullptr);
+  EXPECT_EQ(row->record.status, kStatusReady);
+  EXPECT_EQ(row->statusCell, "Ready");
+  EXPECT_EQ(row->image, 0);
 }
 
 TEST_F(DiscoveryTest, FinishedSessionIsReplacedAtOnce) {
