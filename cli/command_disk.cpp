@@ -247,6 +247,7 @@ int runDisk(const std::vector<std::string>& arguments) {
   row.modeScriptEnabled = options.install.modeScriptEnabled;
   row.modeScriptPath = options.install.modeScriptPath;
   RememberedChoices remembered;
+  remembered.load(settings);
   PrintingPrompter prompter;
   RouterRecord request;
   bool started = false;
@@ -266,6 +267,10 @@ int runDisk(const std::vector<std::string>& arguments) {
     if (target.createdFile) std::remove(options.target.c_str());
     return kExitFailed;
   }
+  // As after the window's Install: the choice becomes "Previous Install" and
+  // the baud rate the remembered one.
+  sets.saveSets(settings);
+  remembered.save(settings);
   return runInstallation(request);
 }
 

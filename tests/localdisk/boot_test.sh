@@ -21,6 +21,9 @@ bash "$here/boot_kit.sh" "$tarnlift" "$cache" || { echo "FAIL: cannot make the b
 work=$(mktemp -d /tmp/tl-boot.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
+export HOME=$work/home
+unset XDG_CONFIG_HOME
+mkdir -p "$HOME"
 
 mkdir pk
 random_hex() { head -c "$1" /dev/urandom | od -An -tx1 | tr -d ' \n'; }

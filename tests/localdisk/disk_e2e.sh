@@ -20,6 +20,10 @@ failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 pass() { echo "ok: $*"; }
 cd "$work" || exit 1
+# The program's settings stay in the test's own folder.
+export HOME=$work/home
+unset XDG_CONFIG_HOME
+mkdir -p "$HOME"
 
 for tool in mkfs.fat mcopy mdir minfo syslinux; do
   if ! command -v "$tool" >/dev/null && [ ! -x "/usr/sbin/$tool" ] && [ ! -x "/sbin/$tool" ]; then
@@ -86,6 +90,14 @@ check_same old.img wireless-7.15.npk pk/wireless-7.15.npk
 mtype -i old.img ::autorun.scr > autorun2 2>/dev/null
 [ -s autorun2 ] && fail "autorun.scr not empty without script and baud" || pass "empty autorun.scr"
 
+# 2b. "Previous Install" now holds the last choice: a saved set like any
+# other, which --set applies.
+"$tarnlift" disk again.img --image-size 40 --boot-images bi --set "Previous Install" > out3.txt 2> log3.txt
+[ $? -eq 0 ] && pass "--set applies a saved set" || { fail "--set"; cat out3.txt; tail -5 log3.txt; }
+check_same again.img wireless-7.15.npk pk/wireless-7.15.npk
+check_same again.img system-7.15.npk pk/system-7.15.npk
+rm -f again.img
+
 expect_fail() {  # expect_fail CODE PATTERN NAME -- ARGS...
   local code=$1 pattern=$2 name=$3
   shift 4
@@ -111,6 +123,7 @@ expect_fail 1 "records 132, 134" "missing records named together" -- disk bad3.i
 expect_fail 1 "does not exist" "device that does not exist" -- disk /dev/tl-no-such-disk --boot-images bi --packages pk --select ppp-7.15.npk --yes
 expect_fail 1 "neither a disk nor a disk image file" "a directory" -- disk pk --boot-images bi --packages pk --select ppp-7.15.npk
 expect_fail 1 "neither a disk" "a character device" -- disk /dev/null --boot-images bi --packages pk --select ppp-7.15.npk --yes
+expect_fail 1 "no package set named nothing" "unknown set" -- disk bad5.img --boot-images bi --set nothing
 expect_fail 1 "No packages selected" "no packages" -- disk bad4.img --boot-images bi --packages pk
 expect_fail 2 "needs a TARGET" "no target" -- disk --boot-images bi
 expect_fail 2 "--baud needs a number" "bad baud" -- disk x.img --baud fast
