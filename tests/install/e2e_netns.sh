@@ -187,6 +187,43 @@ case $case_name in
     done
     [ "$(ls "$work/out" | wc -l)" = 20 ] || fail "not 20 routers stored files"
     ;;
+  beacon)
+    # The router namespace listens on UDP port 5010 for "you have to etherboot".
+    ip netns exec "$rtr" timeout 100 python3 -c '
+import socket, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("", 5010))
+s.settimeout(90)
+data, peer = s.recvfrom(100)
+sys.stdout.write(data.decode("latin-1"))
+' > "$work/beacon.out" 2> "$work/beacon.err" &
+    listen_pid=$!
+    # The beacon's socket is not tied to an interface: the limited broadcast
+    # leaves by the default route, as on a PC whose network has one.
+    ip -n "$srv" route add default dev "$veth_a"
+    sleep 1
+    start_serve --beacon --select system-6.41.npk
+    wait "$listen_pid" || { cat "$work/beacon.err"; fail "no beacon heard on port 5010"; }
+    [ "$(cat "$work/beacon.out")" = "you have to etherboot" ] || fail "beacon text: $(cat "$work/beacon.out")"
+    kill "$serve_pid" 2> /dev/null
+    wait_serve
+    ;;
+  previous)
+    # The choice of an install is "Previous Install"; a later serve without
+    # --select or --set gives it to the next router, as the window does.
+    start_serve --select extra-6.41.npk --count 1
+    run_sim || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "first serve exit $serve_rc"
+    rm -rf "$work/out" && mkdir -p "$work/out"
+    start_serve --count 1
+    run_sim || fail "second routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "second serve exit $serve_rc"
+    expect_line "$work/sim.out" $'installed\tfiles=3\t'
+    expect_same "$work/pk/system-6.41.npk" "$router_dir/system-6.41.npk"
+    expect_same "$work/pk/extra-6.41.npk" "$router_dir/extra-6.41.npk"
+    ;;
   usage)
     in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve "$@" > "$work/serve.out" 2> "$work/serve.err"); }
     in_srv; [ $? = 2 ] || fail "no arguments: expected exit 2"
