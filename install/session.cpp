@@ -12,42 +12,58 @@ namespace tarnlift {
 
 // ---- PackageSender ----------------------------------------------------------
 
+uint8_t* ChunkRoom::datagram(size_t i) {
+  if (!bytes_) bytes_ = std::make_unique<uint8_t[]>(kChunks * kStride);  // value-initialised: zero
+  return bytes_.get() + i * kStride;
+}
+
 PackageSender::PackageSender(const std::string& path, const std::string& remoteName, DatagramTransport& transport,
-                             InstallConnection& connection, uint8_t* datagram)
-    : transport_(transport), connection_(connection), datagram_(datagram) {
-  file_ = std::fopen(path.c_str(), "rb");
-  if (file_ == nullptr) fatalFailure("_open() package failed");
-  // Chunks are small; read the file in larger pieces.
-  readBuffer_.resize(64 * 1024);
-  std::setvbuf(file_, readBuffer_.data(), _IOFBF, readBuffer_.size());
+                             InstallConnection& connection, uint8_t* datagram, ChunkRoom& room, SentDatagram& last)
+    : transport_(transport), connection_(connection), datagram_(datagram), room_(room), last_(last) {
+  if (!file_.open(path)) fatalFailure("_open() package failed");
   size_t slash = remoteName.find_last_of('\\');
   remoteName_ = slash == std::string::npos ? remoteName : remoteName.substr(slash + 1);
-  std::fseek(file_, 0, SEEK_END);
-  length_ = static_cast<int32_t>(std::ftell(file_));
-  std::fseek(file_, 0, SEEK_SET);
+  length_ = static_cast<int32_t>(file_.length());
   bytesRead_ = 0;
   int written = std::snprintf(reinterpret_cast<char*>(datagram_ + kHeaderSize), kMaxPayload, "FILE\n%s\n%d\n",
                               remoteName_.c_str(), static_cast<int>(length_));
   size_t payload = std::min(static_cast<size_t>(std::max(written, 0)), kMaxPayload - 1);
-  connection_.buildHeader(datagram_, static_cast<uint16_t>(payload));
-  transport_.send(datagram_, kHeaderSize + payload);
+  send(datagram_, payload);
   logLine() << "sending " << remoteName_ << ", size: " << length_;
 }
 
-PackageSender::~PackageSender() {
-  if (file_ != nullptr) std::fclose(file_);
+void PackageSender::send(uint8_t* datagram, size_t payloadLength) {
+  connection_.buildHeader(datagram, static_cast<uint16_t>(payloadLength));
+  last_ = {datagram, kHeaderSize + payloadLength};
+  transport_.send(datagram, kHeaderSize + payloadLength);
+}
+
+void PackageSender::readAhead() {
+  // As many chunks as the file still promises, at most a room full.
+  int64_t left = static_cast<int64_t>(length_) - bytesRead_;
+  size_t wanted = static_cast<size_t>(std::min<int64_t>((left + kChunkSize - 1) / kChunkSize, ChunkRoom::kChunks));
+  uint8_t* pieces[ChunkRoom::kChunks];
+  for (size_t i = 0; i < wanted; ++i) pieces[i] = room_.datagram(i) + kHeaderSize;
+  roomBytes_ = file_.readPieces(pieces, wanted, kChunkSize);
+  if (roomBytes_ < 0) fatalFailure("_read() package failed");
+  chunksRead_ = static_cast<size_t>((roomBytes_ + static_cast<int64_t>(kChunkSize) - 1) / kChunkSize);
+  nextChunk_ = 0;
 }
 
 size_t PackageSender::sendNextChunk() {
-  size_t count = 0;
   if (bytesRead_ < length_) {
-    count = std::fread(datagram_ + kHeaderSize, 1, kChunkSize, file_);
-    if (count == 0 && std::ferror(file_)) fatalFailure("_read() package failed");
-    bytesRead_ += static_cast<int32_t>(count);
+    if (nextChunk_ == chunksRead_) readAhead();
+    if (nextChunk_ < chunksRead_) {
+      int64_t offset = static_cast<int64_t>(nextChunk_) * static_cast<int64_t>(kChunkSize);
+      size_t count = static_cast<size_t>(std::min<int64_t>(roomBytes_ - offset, kChunkSize));
+      bytesRead_ += static_cast<int32_t>(count);
+      send(room_.datagram(nextChunk_++), count);
+      return count;
+    }
   }
-  connection_.buildHeader(datagram_, static_cast<uint16_t>(count));
-  transport_.send(datagram_, kHeaderSize + count);
-  return count;
+  // The end of the file (or of what it still holds): an empty chunk.
+  send(datagram_, 0);
+  return 0;
 }
 
 // ---- Installator ------------------------------------------------------------
@@ -65,6 +81,7 @@ Installator::Installator(const RouterRecord& request, bool install, DatagramTran
     : request_(request), transport_(transport), clock_(clock) {
   connection_.reset();
   std::memset(datagram_, 0, sizeof datagram_);
+  last_ = {datagram_, kHeaderSize};
   connection_.localMac = transport_.localMac();
   connection_.peerMac = request_.mac;
   if (!install) {
@@ -107,6 +124,7 @@ Installator::~Installator() {
 
 void Installator::sendPayload(size_t payloadLength) {
   connection_.buildHeader(datagram_, static_cast<uint16_t>(payloadLength));
+  last_ = {datagram_, kHeaderSize + payloadLength};
   transport_.send(datagram_, kHeaderSize + payloadLength);
 }
 
@@ -117,6 +135,10 @@ void Installator::sendText(const std::string& payload) {
 }
 
 void Installator::onDatagram(const uint8_t* datagram, size_t length) {
+  onDatagram(datagram, length, clock_.nowMicros());
+}
+
+void Installator::onDatagram(const uint8_t* datagram, size_t length, uint64_t nowUs) {
   int result = connection_.accept(datagram, length);
   if (result < 0) {
     logLine() << "bad packet received: ";
@@ -132,9 +154,7 @@ void Installator::onDatagram(const uint8_t* datagram, size_t length) {
   }
   if (result == 0) {
     // The router repeats itself when our answer got lost: send it again.
-    if (acknowledgementOf(datagram) < connection_.seq) {
-      transport_.send(datagram_, kHeaderSize + payloadLengthOf(datagram_));
-    }
+    if (acknowledgementOf(datagram) < connection_.seq) transport_.send(last_.data, last_.length);
   } else {
     const uint8_t* payload = datagram + kHeaderSize;
     size_t payloadLength = length - kHeaderSize;
@@ -182,7 +202,7 @@ void Installator::onDatagram(const uint8_t* datagram, size_t length) {
         break;
     }
   }
-  deadline_ = timeout_ != 0 ? clock_.nowMicros() + timeout_ : 0;
+  deadline_ = timeout_ != 0 ? nowUs + timeout_ : 0;
 }
 
 void Installator::handleTransfer() {
@@ -222,7 +242,7 @@ void Installator::startNextFile() {
     remoteName = remoteFileName(path);
     request_.statusText += path;
   }
-  sender_ = std::make_unique<PackageSender>(openPath, remoteName, transport_, connection_, datagram_);
+  sender_ = std::make_unique<PackageSender>(openPath, remoteName, transport_, connection_, datagram_, room_, last_);
   request_.files.erase(request_.files.begin());
 }
 
@@ -287,7 +307,9 @@ InstallServer::~InstallServer() {
 void InstallServer::start(const RouterRecord& request, bool install) {
   MutexLock hold(sessionLock_, 10000);
   sessions_.erase(request.mac);
-  sessions_[request.mac] = std::make_unique<Installator>(request, install, transport_, clock_, makeScript_);
+  auto session = std::make_unique<Installator>(request, install, transport_, clock_, makeScript_);
+  noteDeadline(session->deadline());
+  sessions_[request.mac] = std::move(session);
 }
 
 SessionStatus InstallServer::status(const MacAddress& mac) {
@@ -314,6 +336,14 @@ void InstallServer::remove(const MacAddress& mac) {
   sessions_.erase(mac);
 }
 
+void InstallServer::requestRemoval(const MacAddress& mac) {
+  MutexLock hold(sessionLock_, 10000);
+  auto it = sessions_.find(mac);
+  if (it == sessions_.end()) return;
+  it->second->removalRequested = true;
+  scanDue_ = true;
+}
+
 Installator* InstallServer::session(const MacAddress& mac) {
   auto it = sessions_.find(mac);
   return it == sessions_.end() ? nullptr : it->second.get();
@@ -324,43 +354,91 @@ size_t InstallServer::sessionCount() {
   return sessions_.size();
 }
 
-bool InstallServer::pollOnce() {
+void InstallServer::noteDeadline(uint64_t deadline) {
+  if (deadline != 0 && deadline < nextScanUs_) nextScanUs_ = deadline;
+}
+
+uint64_t InstallServer::scanSessions() {
+  MutexLock hold(sessionLock_, 10000);
+  uint64_t now = clock_.nowMicros();
+  // Deadlines only move when a session is started, hears a datagram or
+  // times out, and each of those tells noteDeadline. So until the earliest
+  // of them nothing can time out, and the sessions need not be looked at:
+  // with many routers busy that look would cost more than the datagram.
+  if (!scanDue_ && now < nextScanUs_) return std::min<uint64_t>(maxWaitUs_, nextScanUs_ - now);
   uint64_t wait = maxWaitUs_;
-  {
-    MutexLock hold(sessionLock_, 10000);
-    for (auto it = sessions_.begin(); it != sessions_.end();) {
-      Installator& session = *it->second;
-      if (session.removalRequested) {
-        it = sessions_.erase(it);
-        continue;
-      }
-      if (session.deadline() != 0) {
-        int64_t remaining = static_cast<int64_t>(session.deadline()) - static_cast<int64_t>(clock_.nowMicros());
-        if (remaining < 1) {
-          session.onTimeout();
-          remaining = session.deadline() != 0
-                          ? static_cast<int64_t>(session.deadline()) - static_cast<int64_t>(clock_.nowMicros())
-                          : static_cast<int64_t>(wait);
-        }
-        wait = std::min<uint64_t>(wait, static_cast<uint64_t>(std::max<int64_t>(remaining, 1)));
-      }
-      ++it;
+  for (auto it = sessions_.begin(); it != sessions_.end();) {
+    Installator& session = *it->second;
+    if (session.removalRequested) {
+      it = sessions_.erase(it);
+      continue;
     }
+    if (session.deadline() != 0) {
+      int64_t remaining = static_cast<int64_t>(session.deadline()) - static_cast<int64_t>(now);
+      if (remaining < 1) {
+        session.onTimeout();
+        remaining = session.deadline() != 0 ? static_cast<int64_t>(session.deadline()) - static_cast<int64_t>(now)
+                                            : static_cast<int64_t>(wait);
+      }
+      wait = std::min<uint64_t>(wait, static_cast<uint64_t>(std::max<int64_t>(remaining, 1)));
+    }
+    ++it;
   }
-  int length = transport_.waitReceive(receiveBuffer_, std::max<uint64_t>(wait, 1));
-  if (length < 0) return false;
-  if (length < static_cast<int>(kHeaderSize)) return true;
-  if (static_cast<size_t>(length) - kHeaderSize != payloadLengthOf(receiveBuffer_)) return true;
-  if (isZeroMac(sourceMacOf(receiveBuffer_))) return true;
-  MacAddress source = toMac(sourceMacOf(receiveBuffer_));
-  if (!isZeroMac(destinationMacOf(receiveBuffer_))) {
-    MutexLock hold(sessionLock_, 10000);
-    auto it = sessions_.find(source);
-    if (it != sessions_.end()) it->second->onDatagram(receiveBuffer_, static_cast<size_t>(length));
-    return true;
+  scanDue_ = false;
+  nextScanUs_ = now + wait;
+  return wait;
+}
+
+bool InstallServer::pollOnce() {
+  uint64_t wait = scanSessions();
+  size_t capacity = std::min(transport_.receiveBatchSize(), kReceiveBatch);
+  uint8_t* buffers[kReceiveBatch];
+  int lengths[kReceiveBatch];
+  buffers[0] = receiveBuffer_;
+  if (capacity > 1 && !batchBuffers_) {
+    batchBuffers_ = std::make_unique<uint8_t[]>((kReceiveBatch - 1) * kDatagramBufferSize);
   }
-  onAnnouncement(source, receiveBuffer_ + kHeaderSize, static_cast<size_t>(length) - kHeaderSize);
+  for (size_t i = 1; i < capacity; ++i) buffers[i] = batchBuffers_.get() + (i - 1) * kDatagramBufferSize;
+  size_t count = transport_.waitReceiveBatch(buffers, lengths, std::max<size_t>(capacity, 1), std::max<uint64_t>(wait, 1));
+  bool arrived = false;
+  for (size_t i = 0; i < count; ++i) arrived = arrived || lengths[i] >= 0;
+  if (!arrived) return false;
+  // One time for the whole batch: the datagrams arrived together.
+  uint64_t now = clock_.nowMicros();
+  MutexLock hold(sessionLock_, 10000);
+  // The answers go out together after the batch (where the transport can);
+  // until then each stays in its session's buffer.
+  transport_.holdSends();
+  for (size_t i = 0; i < count; ++i) {
+    if (lengths[i] >= 0) dispatch(buffers[i], lengths[i], now);
+  }
+  flushBatch();
   return true;
+}
+
+void InstallServer::flushBatch() {
+  transport_.flushSends();
+  ++batch_;
+}
+
+void InstallServer::dispatch(uint8_t* datagram, int length, uint64_t nowUs) {
+  if (length < static_cast<int>(kHeaderSize)) return;
+  if (static_cast<size_t>(length) - kHeaderSize != payloadLengthOf(datagram)) return;
+  if (isZeroMac(sourceMacOf(datagram))) return;
+  MacAddress source = toMac(sourceMacOf(datagram));
+  if (isZeroMac(destinationMacOf(datagram))) {
+    onAnnouncement(source, datagram + kHeaderSize, static_cast<size_t>(length) - kHeaderSize);
+    return;
+  }
+  auto it = sessions_.find(source);
+  if (it == sessions_.end()) return;
+  Installator& session = *it->second;
+  // A second datagram for the same session in one batch (a repeat, a
+  // duplicate): its first answer must leave before the buffer changes.
+  if (session.batchMark == batch_) flushBatch();
+  session.batchMark = batch_;
+  session.onDatagram(datagram, static_cast<size_t>(length), nowUs);
+  noteDeadline(session.deadline());
 }
 
 void InstallServer::onAnnouncement(const MacAddress& source, const uint8_t* payload, size_t length) {
@@ -369,6 +447,8 @@ void InstallServer::onAnnouncement(const MacAddress& source, const uint8_t* payl
   AnnouncementKind kind = parseAnnouncement(source, payload, length, now, record);
   if (kind == AnnouncementKind::Dropped) return;
   MutexLock hold(sessionLock_, 10000);
+  // A session may go below, and with it the buffers of answers held back.
+  flushBatch();
   auto it = sessions_.find(source);
   if (kind == AnnouncementKind::Discover) {
     if (it != sessions_.end()) {

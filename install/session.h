@@ -16,6 +16,7 @@
 #include "app/thread.h"
 #include "install/connection.h"
 #include "install/discovery.h"
+#include "install/package_file.h"
 #include "install/router_record.h"
 #include "install/transport.h"
 
@@ -39,13 +40,36 @@ inline constexpr int64_t kRediscoveryGraceUs = 5'000'000;
 // set (or empty without failure when no script is wanted).
 using AutorunScriptMaker = std::function<std::string(const RouterRecord& request, std::string& failure)>;
 
+// What a session sent last: a retransmission sends it again as it stands.
+struct SentDatagram {
+  const uint8_t* data = nullptr;
+  size_t length = 0;
+};
+
+// Room for the next chunks of a file, each behind the room for its header,
+// so that one read brings several chunks and each is sent from where it
+// was read. A session keeps its room from one file to the next.
+class ChunkRoom {
+ public:
+  static constexpr size_t kChunks = 16;
+  static constexpr size_t kStride = kHeaderSize + kChunkSize;
+  // The datagram that carries chunk i (its header in the first 20 bytes).
+  uint8_t* datagram(size_t i);
+
+ private:
+  // Allocated (zero-filled: the reserved header bytes stay zero) on first use.
+  std::unique_ptr<uint8_t[]> bytes_;
+};
+
 // Sends one file: its header, then a chunk of up to 1452 bytes per request,
 // then an empty chunk.
 class PackageSender {
  public:
+  // The header and the empty chunk are written into datagram; the chunks go
+  // out of room. last is set to whatever was sent.
   PackageSender(const std::string& path, const std::string& remoteName, DatagramTransport& transport,
-                InstallConnection& connection, uint8_t* datagram);
-  ~PackageSender();
+                InstallConnection& connection, uint8_t* datagram, ChunkRoom& room, SentDatagram& last);
+  ~PackageSender() = default;
   PackageSender(const PackageSender&) = delete;
   PackageSender& operator=(const PackageSender&) = delete;
 
@@ -56,14 +80,21 @@ class PackageSender {
   int32_t bytesRead() const { return bytesRead_; }
 
  private:
-  std::vector<char> readBuffer_;  // declared before file_: outlives it
-  std::FILE* file_ = nullptr;
+  void send(uint8_t* datagram, size_t payloadLength);
+  void readAhead();
+
+  PackageFile file_;
   int32_t length_ = 0;
   int32_t bytesRead_ = 0;
   std::string remoteName_;
   DatagramTransport& transport_;
   InstallConnection& connection_;
   uint8_t* datagram_;
+  ChunkRoom& room_;
+  SentDatagram& last_;
+  size_t nextChunk_ = 0;   // the next chunk of the room to send
+  size_t chunksRead_ = 0;  // chunks of the room that hold data
+  int64_t roomBytes_ = 0;  // bytes the last read brought
 };
 
 struct SessionStatus {
@@ -82,6 +113,9 @@ class Installator {
   Installator& operator=(const Installator&) = delete;
 
   void onDatagram(const uint8_t* datagram, size_t length);
+  // The same with the time already known (the receiving loop reads the
+  // clock once for all datagrams that arrived together).
+  void onDatagram(const uint8_t* datagram, size_t length, uint64_t nowUs);
   void onTimeout();
   void reboot();
   void shutdown();
@@ -95,6 +129,9 @@ class Installator {
   const InstallConnection& connection() const { return connection_; }
   const std::string& autorunPath() const { return autorunPath_; }
   bool removalRequested = false;
+  // The receiving loop's mark of the batch of datagrams that last reached
+  // this session (its own bookkeeping; see InstallServer::pollOnce).
+  uint64_t batchMark = 0;
 
  private:
   void sendPayload(size_t payloadLength);
@@ -107,6 +144,8 @@ class Installator {
   DatagramTransport& transport_;
   const Clock& clock_;
   uint8_t datagram_[kDatagramBufferSize];
+  SentDatagram last_;
+  ChunkRoom room_;
   std::unique_ptr<PackageSender> sender_;
   InstallState state_ = InstallState::Finished;
   uint64_t timeout_ = 0;
@@ -127,6 +166,8 @@ class InstallServer : public Thread {
   void reboot(const MacAddress& mac);
   void shutdown(const MacAddress& mac);
   void remove(const MacAddress& mac);
+  // Sets the session's removalRequested; the loop destroys it at its next pass.
+  void requestRemoval(const MacAddress& mac);
 
   // One pass of the receiving loop: time-out scan, one wait and the
   // dispatch of what arrived. The thread repeats it; tests call it directly.
@@ -147,15 +188,31 @@ class InstallServer : public Thread {
   uint32_t run() override;
 
  private:
+  static constexpr size_t kReceiveBatch = 64;
+  // The time-out scan and removal; returns how long the next wait may be.
+  uint64_t scanSessions();
+  void dispatch(uint8_t* datagram, int length, uint64_t nowUs);
+  // A deadline somebody set: the next scan is due no later.
+  void noteDeadline(uint64_t deadline);
+  // Sends what the transport holds back and starts a new batch.
+  void flushBatch();
+
   DatagramTransport& transport_;
   const Clock& clock_;
   AutorunScriptMaker makeScript_;
   Event stopEvent_;
   DiscoveredRouterQueue queue_;
   uint8_t receiveBuffer_[kDatagramBufferSize];
+  // Further receive buffers for datagrams that arrive together; allocated
+  // on first use by a transport that receives several at once.
+  std::unique_ptr<uint8_t[]> batchBuffers_;
   Mutex sessionLock_;
   std::map<MacAddress, std::unique_ptr<Installator>> sessions_;
   uint64_t maxWaitUs_ = 1'000'000;
+  // No session's deadline is before this (0: scan at the next pass).
+  uint64_t nextScanUs_ = 0;
+  bool scanDue_ = true;
+  uint64_t batch_ = 1;
 };
 
 }  // namespace tarnlift

@@ -27,6 +27,26 @@ class DatagramTransport {
   virtual int waitReceive(uint8_t* buffer, uint64_t timeoutUs) = 0;
   // The MAC of the interface the transport serves.
   virtual MacAddress localMac() const = 0;
+
+  // Receiving and sending in batches, where the platform allows it. By
+  // default a transport takes one datagram per wait and sends each at once.
+  //
+  // How many datagrams one waitReceiveBatch may bring.
+  virtual size_t receiveBatchSize() const { return 1; }
+  // Waits like waitReceive for a first datagram, then takes those that are
+  // already waiting, at most count (<= receiveBatchSize()). Fills buffers[i]
+  // (kDatagramBufferSize bytes each) and lengths[i] (-1: nothing usable) and
+  // returns how many entries it filled.
+  virtual size_t waitReceiveBatch(uint8_t* const* buffers, int* lengths, size_t count, uint64_t timeoutUs) {
+    (void)count;
+    lengths[0] = waitReceive(buffers[0], timeoutUs);
+    return 1;
+  }
+  // After holdSends, send may only take note of a datagram (and return its
+  // length); flushSends sends what was noted, in order. The caller leaves
+  // each noted buffer unchanged until flushSends.
+  virtual void holdSends() {}
+  virtual void flushSends() {}
 };
 
 // What the transport learns about the interface that reaches the client

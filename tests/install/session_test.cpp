@@ -378,12 +378,31 @@ TEST_F(SessionTest, DestroyingSessionDeletesAutorunFile) {
 
 TEST_F(SessionTest, RemovalRequestedSessionGoesAtNextPass) {
   server.start(request({}), true);
-  {
-    MutexLock hold(server.sessionLock());
-    session()->removalRequested = true;
-  }
+  server.pollOnce();
+  EXPECT_EQ(server.sessionCount(), 1u);
+  server.requestRemoval(kRouterMac);
   server.pollOnce();
   EXPECT_EQ(server.sessionCount(), 0u);
+}
+
+TEST_F(SessionTest, TimeOutScanFollowsTheEarliestDeadline) {
+  // Sessions are looked at only when a deadline may have passed; a
+  // deadline that a datagram brought forward must still be kept.
+  dir.write("a.npk", "abc");
+  toTransfer(request({"a.npk"}));
+  EXPECT_EQ(say("RETR"), "FILE\na.npk\n3\n");
+  EXPECT_EQ(say("RETR"), "abc");
+  EXPECT_EQ(say("RETR"), "");
+  EXPECT_EQ(say("RETR"), "FILE\n");  // 30 s from now
+  EXPECT_EQ(session()->state(), InstallState::AwaitTerminate);
+  say("WTRM");  // 3 s from now
+  clock.advanceMillis(2'999);
+  server.pollOnce();
+  EXPECT_EQ(session()->state(), InstallState::AwaitTerminate);
+  EXPECT_LE(transport.waits.back(), 1000u);
+  clock.advanceMillis(1);
+  server.pollOnce();
+  EXPECT_EQ(status().statusText, "Installation finished successfully");
 }
 
 TEST_F(SessionTest, StatusOfUnknownRouterIsZero) {
