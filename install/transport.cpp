@@ -1,5 +1,6 @@
 #include "install/transport.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "app/failure.h"
@@ -71,9 +72,33 @@ void InstallTransport::open() {
 }
 
 int InstallTransport::send(const uint8_t* buffer, size_t length) {
+  if (holding_) {
+    if (heldCount_ == net::UdpSocket::kBatchLimit) {
+      flushSends();
+      holding_ = true;
+    }
+    held_[heldCount_++] = {buffer, length};
+    return static_cast<int>(length);
+  }
   if (!socket_.isOpen()) open();
   if (!socket_.isOpen()) return -1;
   return socket_.sendTo(buffer, length, options_.broadcastAddress, port_);
+}
+
+void InstallTransport::holdSends() { holding_ = net::UdpSocket::batchesAvailable(); }
+
+void InstallTransport::flushSends() {
+  holding_ = false;
+  if (heldCount_ == 0) return;
+  size_t count = heldCount_;
+  heldCount_ = 0;
+  if (!socket_.isOpen()) open();
+  if (!socket_.isOpen()) return;
+  socket_.sendBatch(held_, count, options_.broadcastAddress, port_);
+}
+
+size_t InstallTransport::receiveBatchSize() const {
+  return net::UdpSocket::batchesAvailable() ? net::UdpSocket::kBatchLimit : 1;
 }
 
 int InstallTransport::receive(uint8_t* buffer) {
@@ -94,7 +119,12 @@ int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
   }
   int count = socket_.receiveWithin(buffer, kDatagramBufferSize, timeoutUs, &sourceAddress_, &sourcePort_);
   if (count >= 0) return sourcePort_ == port_ ? count : -1;
-  if (count != net::UdpSocket::kTimedOut && count != net::UdpSocket::kWaitFailed) {
+  afterSilence(count);
+  return -1;
+}
+
+void InstallTransport::afterSilence(int result) {
+  if (result != net::UdpSocket::kTimedOut && result != net::UdpSocket::kWaitFailed) {
     std::string message = "recvfrom() failed";
     reportSocketFailure(message, true);
   }
@@ -103,7 +133,29 @@ int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
   // byte to our own address; a failure means it went away, so start again.
   uint8_t probe = 0;
   if (socket_.sendTo(&probe, 1, served_.address, kProbePort) < 0) open();
-  return -1;
+}
+
+size_t InstallTransport::waitReceiveBatch(uint8_t* const* buffers, int* lengths, size_t count, uint64_t timeoutUs) {
+  if (count <= 1 || !socket_.isOpen()) {
+    lengths[0] = waitReceive(buffers[0], timeoutUs);
+    return 1;
+  }
+  net::UdpSocket::Incoming incoming[net::UdpSocket::kBatchLimit];
+  count = std::min(count, net::UdpSocket::kBatchLimit);
+  for (size_t i = 0; i < count; ++i) incoming[i] = {buffers[i], kDatagramBufferSize, -1, 0, 0};
+  int received = socket_.receiveBatchWithin(incoming, count, timeoutUs);
+  if (received > 0) {
+    // As receive does for each: only datagrams from our own port count.
+    for (int i = 0; i < received; ++i) {
+      lengths[i] = incoming[i].port == port_ ? incoming[i].length : -1;
+      sourceAddress_ = incoming[i].address;
+      sourcePort_ = incoming[i].port;
+    }
+    return static_cast<size_t>(received);
+  }
+  lengths[0] = -1;
+  afterSilence(received);
+  return 1;
 }
 
 void InstallTransport::close() { socket_.close(); }

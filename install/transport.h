@@ -86,6 +86,11 @@ class InstallTransport : public DatagramTransport {
   int waitReceive(uint8_t* buffer, uint64_t timeoutUs) override;
   void close();
   MacAddress localMac() const override { return localMac_; }
+  // Batches where the socket has them (Linux); the plain path elsewhere.
+  size_t receiveBatchSize() const override;
+  size_t waitReceiveBatch(uint8_t* const* buffers, int* lengths, size_t count, uint64_t timeoutUs) override;
+  void holdSends() override;
+  void flushSends() override;
 
   uint16_t port() const { return port_; }
   bool isOpen() const { return socket_.isOpen(); }
@@ -96,6 +101,10 @@ class InstallTransport : public DatagramTransport {
   intptr_t socketHandle() const { return socket_.nativeHandle(); }
 
  private:
+  // After a wait that brought nothing: a failed receive is fatal; otherwise
+  // the probe of the interface.
+  void afterSilence(int result);
+
   Options options_;
   MacAddress localMac_{};
   std::optional<std::string> label_;
@@ -105,6 +114,9 @@ class InstallTransport : public DatagramTransport {
   InstallInterface served_;
   uint32_t sourceAddress_ = 0;
   uint16_t sourcePort_ = 0;
+  bool holding_ = false;
+  size_t heldCount_ = 0;
+  net::UdpSocket::Outgoing held_[net::UdpSocket::kBatchLimit];
 };
 
 // The "you have to etherboot" broadcast that asks routers on the segment to

@@ -83,10 +83,37 @@ class UdpSocket {
 
   intptr_t nativeHandle() const { return handle_; }
 
+  // Many datagrams per system call where the platform allows it (Linux);
+  // elsewhere these take one call per datagram.
+  static constexpr size_t kBatchLimit = 64;
+  // Whether the platform moves several datagrams per call.
+  static bool batchesAvailable();
+  struct Outgoing {
+    const void* data;
+    size_t size;
+  };
+  // Sends the datagrams to (address, port) in their order. Linux sends them
+  // in one call, and a run of datagrams of one size (the last may be
+  // shorter) as one segmented send that the system cuts into the same
+  // datagrams. Returns how many the system took.
+  size_t sendBatch(const Outgoing* datagrams, size_t count, uint32_t address, uint16_t port);
+  struct Incoming {
+    void* buffer;
+    size_t size;
+    int length;  // filled in
+    uint32_t address;
+    uint16_t port;
+  };
+  // Waits at most timeoutUs (0: without limit) for a first datagram like
+  // receiveWithin, then takes those already waiting, at most count (up to
+  // kBatchLimit). Returns how many were received, kTimedOut or -1.
+  int receiveBatchWithin(Incoming* datagrams, size_t count, uint64_t timeoutUs);
+
  private:
   static constexpr intptr_t kNoHandle = -1;
   intptr_t handle_ = kNoHandle;
   uint64_t armedTimeoutUs_ = 0;  // the receive time-out the socket is set to; 0 none
+  bool segmentedSends_ = true;   // false once the system refused a segmented send
 };
 
 }  // namespace tarnlift::net

@@ -1,6 +1,8 @@
 // routersim: plays one or more routers on an Ethernet segment for tests,
 // benchmarks and demonstrations. See docs/install.md for the options.
 #include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -20,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "net/udp_socket.h"
 #include "tools/routersim/sim_router.h"
 
 using namespace tarnlift;
@@ -168,10 +171,12 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  int s = ::socket(AF_INET, SOCK_DGRAM, 0);
-  int on = 1;
-  ::setsockopt(s, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-  ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  net::UdpSocket socket;
+  if (!socket.open() || !socket.setBroadcast() || !socket.setReuseAddress()) {
+    std::perror("routersim: socket");
+    return 2;
+  }
+  int s = static_cast<int>(socket.nativeHandle());
   // A router that has just booted has no IP configuration: tie the socket to
   // the device so that broadcasts need no route.
   if (::setsockopt(s, SOL_SOCKET, SO_BINDTODEVICE, interfaceName.c_str(),
@@ -181,26 +186,48 @@ int main(int argc, char** argv) {
   }
   int bufferSize = 4 << 20;
   ::setsockopt(s, SOL_SOCKET, SO_RCVBUF, &bufferSize, sizeof bufferSize);
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_port = htons(port);
-  local.sin_addr.s_addr = htonl(INADDR_ANY);
-  if (::bind(s, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+  // The system hands us copies of our own broadcasts; with many routers they
+  // would cost the simulator as much as the server's answers. Drop them
+  // before they are queued.
+  sock_filter ownCopies[] = {
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_LOOPBACK, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),
+  };
+  sock_fprog program{static_cast<unsigned short>(sizeof ownCopies / sizeof ownCopies[0]), ownCopies};
+  ::setsockopt(s, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
+  if (!socket.bind(0, port)) {
     std::perror("routersim: bind");
     return 2;
   }
-  sockaddr_in broadcast{};
-  broadcast.sin_family = AF_INET;
-  broadcast.sin_port = htons(port);
-  broadcast.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-
   std::mt19937 random(seed);
   std::uniform_real_distribution<double> chance(0.0, 1.0);
   std::priority_queue<Pending, std::vector<Pending>, std::greater<Pending>> pending;
   uint64_t order = 0;
 
+  // What the routers send goes out in batches: after each round of
+  // datagrams and ticks, all at once (the requests of many routers are
+  // datagrams of one size, which the system takes in one segmented send).
+  std::vector<uint8_t> outgoingBytes;
+  std::vector<size_t> outgoingSizes;
   auto transmit = [&](const uint8_t* data, size_t length) {
-    ::sendto(s, data, length, 0, reinterpret_cast<sockaddr*>(&broadcast), sizeof broadcast);
+    outgoingBytes.insert(outgoingBytes.end(), data, data + length);
+    outgoingSizes.push_back(length);
+  };
+  auto flush = [&]() {
+    std::vector<net::UdpSocket::Outgoing> batch;
+    size_t offset = 0;
+    for (size_t size : outgoingSizes) {
+      batch.push_back({outgoingBytes.data() + offset, size});
+      offset += size;
+    }
+    for (size_t done = 0; done < batch.size(); done += net::UdpSocket::kBatchLimit) {
+      size_t n = std::min(batch.size() - done, net::UdpSocket::kBatchLimit);
+      socket.sendBatch(batch.data() + done, n, net::kBroadcastAddress, port);
+    }
+    outgoingBytes.clear();
+    outgoingSizes.clear();
   };
   // Impairments apply to both directions: each datagram may be lost,
   // duplicated and delayed.
@@ -224,8 +251,13 @@ int main(int argc, char** argv) {
     config.mac[4] = static_cast<uint8_t>(low >> 8);
     config.mac[5] = static_cast<uint8_t>(low);
     if (count > 1 || !labelGiven) config.label = base.label + (count > 1 ? "-" + std::to_string(i + 1) : "");
-    auto router = std::make_unique<SimRouter>(
-        config, [&](const uint8_t* data, size_t length) { impair(true, data, length, nowMs()); });
+    auto router = std::make_unique<SimRouter>(config, [&](const uint8_t* data, size_t length) {
+      if (loss == 0 && dup == 0 && delayMs == 0) {
+        transmit(data, length);
+      } else {
+        impair(true, data, length, nowMs());
+      }
+    });
     byMac[config.mac] = router.get();
     routers.push_back(std::move(router));
   }
@@ -235,7 +267,10 @@ int main(int argc, char** argv) {
   std::cerr << "routersim: ready on " << interfaceName << " with " << count << " router(s)" << std::endl;
 
   int64_t deadline = nowMs() + timeoutS * 1000;
-  std::vector<uint8_t> buffer(65536);
+  constexpr size_t kBatch = net::UdpSocket::kBatchLimit;
+  std::vector<uint8_t> buffers(kBatch * kDatagramBufferSize);
+  mmsghdr messages[kBatch];
+  iovec pieces[kBatch];
   bool timedOut = false;
   while (!gStop) {
     int64_t now = nowMs();
@@ -263,23 +298,37 @@ int main(int argc, char** argv) {
         if (it != byMac.end()) it->second->onDatagram(next.data.data(), next.data.size(), now);
       }
     }
+    flush();
     if (!pending.empty()) wake = std::min(wake, pending.top().at);
     int waitMs = static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(wake - now, 50)));
     pollfd entry{s, POLLIN, 0};
     if (::poll(&entry, 1, waitMs) > 0) {
-      // Drain everything that is waiting before the next round of ticks.
+      // Drain everything that is waiting before the next round of ticks,
+      // many datagrams per call, and answer each round at once.
       while (true) {
-        ssize_t n = ::recv(s, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (n < 0) break;
-        if (n < static_cast<ssize_t>(kHeaderSize)) continue;
-        if (byMac.count(toMac(sourceMacOf(buffer.data()))) != 0) continue;  // our own broadcasts
-        if (byMac.count(toMac(destinationMacOf(buffer.data()))) == 0) continue;
-        int64_t at = nowMs();
-        if (loss == 0 && dup == 0 && delayMs == 0) {
-          byMac[toMac(destinationMacOf(buffer.data()))]->onDatagram(buffer.data(), static_cast<size_t>(n), at);
-        } else {
-          impair(false, buffer.data(), static_cast<size_t>(n), at);
+        std::memset(messages, 0, sizeof messages);
+        for (size_t i = 0; i < kBatch; ++i) {
+          pieces[i] = {buffers.data() + i * kDatagramBufferSize, kDatagramBufferSize};
+          messages[i].msg_hdr.msg_iov = &pieces[i];
+          messages[i].msg_hdr.msg_iovlen = 1;
         }
+        int received = ::recvmmsg(s, messages, kBatch, MSG_DONTWAIT, nullptr);
+        if (received <= 0) break;
+        int64_t at = nowMs();
+        for (int i = 0; i < received; ++i) {
+          const uint8_t* datagram = buffers.data() + static_cast<size_t>(i) * kDatagramBufferSize;
+          size_t n = messages[i].msg_len;
+          if (n < kHeaderSize) continue;
+          if (byMac.count(toMac(sourceMacOf(datagram))) != 0) continue;  // our own broadcasts
+          auto it = byMac.find(toMac(destinationMacOf(datagram)));
+          if (it == byMac.end()) continue;
+          if (loss == 0 && dup == 0 && delayMs == 0) {
+            it->second->onDatagram(datagram, n, at);
+          } else {
+            impair(false, datagram, n, at);
+          }
+        }
+        flush();
       }
     }
   }
@@ -296,7 +345,7 @@ int main(int argc, char** argv) {
     if (!router->finished()) unfinished = true;
   }
   std::cout.flush();
-  ::close(s);
+  socket.close();
   if (timedOut) std::cerr << "routersim: timed out\n";
   if (inconsistent) return 1;
   if (unfinished) return 3;
