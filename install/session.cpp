@@ -391,17 +391,11 @@ uint64_t InstallServer::scanSessions() {
 
 bool InstallServer::pollOnce() {
   uint64_t wait = scanSessions();
-  size_t capacity = std::min(transport_.receiveBatchSize(), kReceiveBatch);
-  uint8_t* buffers[kReceiveBatch];
-  int lengths[kReceiveBatch];
-  buffers[0] = receiveBuffer_;
-  if (capacity > 1 && !batchBuffers_) {
-    batchBuffers_ = std::make_unique<uint8_t[]>((kReceiveBatch - 1) * kDatagramBufferSize);
-  }
-  for (size_t i = 1; i < capacity; ++i) buffers[i] = batchBuffers_.get() + (i - 1) * kDatagramBufferSize;
-  size_t count = transport_.waitReceiveBatch(buffers, lengths, std::max<size_t>(capacity, 1), std::max<uint64_t>(wait, 1));
+  DatagramTransport::Received received[kReceiveBatch];
+  size_t capacity = std::clamp<size_t>(transport_.receiveBatchSize(), 1, kReceiveBatch);
+  size_t count = transport_.waitReceiveBatch(receiveBuffer_, received, capacity, std::max<uint64_t>(wait, 1));
   bool arrived = false;
-  for (size_t i = 0; i < count; ++i) arrived = arrived || lengths[i] >= 0;
+  for (size_t i = 0; i < count; ++i) arrived = arrived || received[i].length >= 0;
   if (!arrived) return false;
   // One time for the whole batch: the datagrams arrived together.
   uint64_t now = clock_.nowMicros();
@@ -410,7 +404,7 @@ bool InstallServer::pollOnce() {
   // until then each stays in its session's buffer.
   transport_.holdSends();
   for (size_t i = 0; i < count; ++i) {
-    if (lengths[i] >= 0) dispatch(buffers[i], lengths[i], now);
+    if (received[i].length >= 0) dispatch(received[i].data, received[i].length, now);
   }
   flushBatch();
   return true;
@@ -421,7 +415,7 @@ void InstallServer::flushBatch() {
   ++batch_;
 }
 
-void InstallServer::dispatch(uint8_t* datagram, int length, uint64_t nowUs) {
+void InstallServer::dispatch(const uint8_t* datagram, int length, uint64_t nowUs) {
   if (length < static_cast<int>(kHeaderSize)) return;
   if (static_cast<size_t>(length) - kHeaderSize != payloadLengthOf(datagram)) return;
   if (isZeroMac(sourceMacOf(datagram))) return;

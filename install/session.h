@@ -191,7 +191,7 @@ class InstallServer : public Thread {
   static constexpr size_t kReceiveBatch = 64;
   // The time-out scan and removal; returns how long the next wait may be.
   uint64_t scanSessions();
-  void dispatch(uint8_t* datagram, int length, uint64_t nowUs);
+  void dispatch(const uint8_t* datagram, int length, uint64_t nowUs);
   // A deadline somebody set: the next scan is due no later.
   void noteDeadline(uint64_t deadline);
   // Sends what the transport holds back and starts a new batch.
@@ -203,9 +203,6 @@ class InstallServer : public Thread {
   Event stopEvent_;
   DiscoveredRouterQueue queue_;
   uint8_t receiveBuffer_[kDatagramBufferSize];
-  // Further receive buffers for datagrams that arrive together; allocated
-  // on first use by a transport that receives several at once.
-  std::unique_ptr<uint8_t[]> batchBuffers_;
   Mutex sessionLock_;
   std::map<MacAddress, std::unique_ptr<Installator>> sessions_;
   uint64_t maxWaitUs_ = 1'000'000;

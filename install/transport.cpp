@@ -56,6 +56,10 @@ void InstallTransport::open() {
   }
   socket_.ignoreConnectionResets();
   if (!isZeroMac(localMac_)) socket_.dropDatagramsFrom(localMac_.data());
+  // Where batches exist, runs of datagrams (our own looped back, a
+  // router's) come in one piece instead of being cut up one by one.
+  incomingCount_ = nextMessage_ = nextOffset_ = 0;
+  joined_ = net::UdpSocket::batchesAvailable() && socket_.receiveJoined();
   if (!socket_.bindOnInterface(served_.address, port_, served_.name)) {
     if (socket_.bindOnInterface(served_.address, options_.backupPort, served_.name)) {
       logLine() << "bound to backup port";
@@ -135,27 +139,51 @@ void InstallTransport::afterSilence(int result) {
   if (socket_.sendTo(&probe, 1, served_.address, kProbePort) < 0) open();
 }
 
-size_t InstallTransport::waitReceiveBatch(uint8_t* const* buffers, int* lengths, size_t count, uint64_t timeoutUs) {
-  if (count <= 1 || !socket_.isOpen()) {
-    lengths[0] = waitReceive(buffers[0], timeoutUs);
+size_t InstallTransport::waitReceiveBatch(uint8_t* scratch, Received* received, size_t count, uint64_t timeoutUs) {
+  if (count <= 1 || !socket_.isOpen() || !net::UdpSocket::batchesAvailable()) {
+    received[0] = {scratch, waitReceive(scratch, timeoutUs)};
     return 1;
   }
-  net::UdpSocket::Incoming incoming[net::UdpSocket::kBatchLimit];
-  count = std::min(count, net::UdpSocket::kBatchLimit);
-  for (size_t i = 0; i < count; ++i) incoming[i] = {buffers[i], kDatagramBufferSize, -1, 0, 0};
-  int received = socket_.receiveBatchWithin(incoming, count, timeoutUs);
-  if (received > 0) {
-    // As receive does for each: only datagrams from our own port count.
-    for (int i = 0; i < received; ++i) {
-      lengths[i] = incoming[i].port == port_ ? incoming[i].length : -1;
-      sourceAddress_ = incoming[i].address;
-      sourcePort_ = incoming[i].port;
+  // A joined message can be as long as a UDP datagram can; a plain one is
+  // cut at the receive buffer's size, as a single receive would cut it.
+  size_t messageSize = joined_ ? 65536 : kDatagramBufferSize;
+  if (nextMessage_ == incomingCount_) {
+    if (!receiveArea_) {
+      // Not cleared: only the pages that datagrams reach become resident.
+      receiveArea_ = std::make_unique_for_overwrite<uint8_t[]>(net::UdpSocket::kBatchLimit * 65536);
     }
-    return static_cast<size_t>(received);
+    for (size_t i = 0; i < net::UdpSocket::kBatchLimit; ++i) {
+      incoming_[i] = {receiveArea_.get() + i * messageSize, messageSize, -1, 0, 0, 0};
+    }
+    int got = socket_.receiveBatchWithin(incoming_, net::UdpSocket::kBatchLimit, timeoutUs);
+    if (got <= 0) {
+      incomingCount_ = nextMessage_ = 0;
+      received[0] = {scratch, -1};
+      afterSilence(got);
+      return 1;
+    }
+    incomingCount_ = static_cast<size_t>(got);
+    nextMessage_ = nextOffset_ = 0;
   }
-  lengths[0] = -1;
-  afterSilence(received);
-  return 1;
+  // Hand out the datagrams one by one, those of a joined message too.
+  size_t n = 0;
+  while (n < count && nextMessage_ < incomingCount_) {
+    const net::UdpSocket::Incoming& message = incoming_[nextMessage_];
+    size_t total = static_cast<size_t>(std::max(message.length, 0));
+    size_t piece = message.segmentSize != 0 ? message.segmentSize : total;
+    piece = std::min(piece, total - nextOffset_);
+    int length = static_cast<int>(std::min(piece, kDatagramBufferSize));
+    // As receive does for each: only datagrams from our own port count.
+    sourceAddress_ = message.address;
+    sourcePort_ = message.port;
+    received[n++] = {static_cast<const uint8_t*>(message.buffer) + nextOffset_, message.port == port_ ? length : -1};
+    nextOffset_ += piece;
+    if (nextOffset_ >= total) {
+      ++nextMessage_;
+      nextOffset_ = 0;
+    }
+  }
+  return n;
 }
 
 void InstallTransport::close() { socket_.close(); }

@@ -33,13 +33,18 @@ class DatagramTransport {
   //
   // How many datagrams one waitReceiveBatch may bring.
   virtual size_t receiveBatchSize() const { return 1; }
+  struct Received {
+    const uint8_t* data;
+    int length;  // -1: nothing usable
+  };
   // Waits like waitReceive for a first datagram, then takes those that are
-  // already waiting, at most count (<= receiveBatchSize()). Fills buffers[i]
-  // (kDatagramBufferSize bytes each) and lengths[i] (-1: nothing usable) and
-  // returns how many entries it filled.
-  virtual size_t waitReceiveBatch(uint8_t* const* buffers, int* lengths, size_t count, uint64_t timeoutUs) {
+  // already waiting, at most count (<= receiveBatchSize()), and returns how
+  // many entries of received it filled. The datagrams stay where they are
+  // until the next call; scratch (kDatagramBufferSize bytes) is where a
+  // transport without batches receives its one.
+  virtual size_t waitReceiveBatch(uint8_t* scratch, Received* received, size_t count, uint64_t timeoutUs) {
     (void)count;
-    lengths[0] = waitReceive(buffers[0], timeoutUs);
+    received[0] = {scratch, waitReceive(scratch, timeoutUs)};
     return 1;
   }
   // After holdSends, send may only take note of a datagram (and return its
@@ -88,7 +93,7 @@ class InstallTransport : public DatagramTransport {
   MacAddress localMac() const override { return localMac_; }
   // Batches where the socket has them (Linux); the plain path elsewhere.
   size_t receiveBatchSize() const override;
-  size_t waitReceiveBatch(uint8_t* const* buffers, int* lengths, size_t count, uint64_t timeoutUs) override;
+  size_t waitReceiveBatch(uint8_t* scratch, Received* received, size_t count, uint64_t timeoutUs) override;
   void holdSends() override;
   void flushSends() override;
 
@@ -117,6 +122,14 @@ class InstallTransport : public DatagramTransport {
   bool holding_ = false;
   size_t heldCount_ = 0;
   net::UdpSocket::Outgoing held_[net::UdpSocket::kBatchLimit];
+  // The last batch received: its messages, and which datagram is next
+  // (a joined message holds several).
+  bool joined_ = false;  // the socket hands over joined runs of datagrams
+  std::unique_ptr<uint8_t[]> receiveArea_;
+  net::UdpSocket::Incoming incoming_[net::UdpSocket::kBatchLimit];
+  size_t incomingCount_ = 0;
+  size_t nextMessage_ = 0;
+  size_t nextOffset_ = 0;
 };
 
 // The "you have to etherboot" broadcast that asks routers on the segment to

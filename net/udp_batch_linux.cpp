@@ -11,6 +11,9 @@
 #ifndef UDP_SEGMENT
 #define UDP_SEGMENT 103
 #endif
+#ifndef UDP_GRO
+#define UDP_GRO 104
+#endif
 
 namespace tarnlift::net {
 
@@ -25,6 +28,11 @@ constexpr size_t kMaxSegmentSize = 1500 - 20 - 8;
 }  // namespace
 
 bool UdpSocket::batchesAvailable() { return true; }
+
+bool UdpSocket::receiveJoined() {
+  int on = 1;
+  return setsockopt(static_cast<int>(handle_), IPPROTO_UDP, UDP_GRO, &on, sizeof on) == 0;
+}
 
 size_t UdpSocket::sendBatch(const Outgoing* datagrams, size_t count, uint32_t address, uint16_t port) {
   sockaddr_in peer{};
@@ -116,6 +124,7 @@ int UdpSocket::receiveBatchWithin(Incoming* datagrams, size_t count, uint64_t ti
                                  &datagrams[0].port);
       if (length < 0) return length;
       datagrams[0].length = length;
+      datagrams[0].segmentSize = 0;
       return 1;
     }
     armedTimeoutUs_ = timeoutUs;
@@ -123,6 +132,7 @@ int UdpSocket::receiveBatchWithin(Incoming* datagrams, size_t count, uint64_t ti
   mmsghdr messages[kBatchLimit];
   iovec pieces[kBatchLimit];
   sockaddr_in peers[kBatchLimit];
+  alignas(cmsghdr) char controls[kBatchLimit][CMSG_SPACE(sizeof(int))];
   std::memset(messages, 0, sizeof(mmsghdr) * count);
   for (size_t i = 0; i < count; ++i) {
     pieces[i] = {datagrams[i].buffer, datagrams[i].size};
@@ -130,6 +140,8 @@ int UdpSocket::receiveBatchWithin(Incoming* datagrams, size_t count, uint64_t ti
     messages[i].msg_hdr.msg_namelen = sizeof peers[i];
     messages[i].msg_hdr.msg_iov = &pieces[i];
     messages[i].msg_hdr.msg_iovlen = 1;
+    messages[i].msg_hdr.msg_control = controls[i];
+    messages[i].msg_hdr.msg_controllen = sizeof controls[i];
   }
   // The first receive waits (the socket's receive time-out); the others
   // take only what is already there.
@@ -137,6 +149,15 @@ int UdpSocket::receiveBatchWithin(Incoming* datagrams, size_t count, uint64_t ti
   if (received < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? kTimedOut : -1;
   for (int i = 0; i < received; ++i) {
     datagrams[i].length = static_cast<int>(messages[i].msg_len);
+    datagrams[i].segmentSize = 0;
+    for (cmsghdr* header = CMSG_FIRSTHDR(&messages[i].msg_hdr); header != nullptr;
+         header = CMSG_NXTHDR(&messages[i].msg_hdr, header)) {
+      if (header->cmsg_level == SOL_UDP && header->cmsg_type == UDP_GRO) {
+        int size = 0;
+        std::memcpy(&size, CMSG_DATA(header), sizeof size);
+        datagrams[i].segmentSize = static_cast<uint16_t>(size);
+      }
+    }
     datagrams[i].address = peers[i].sin_addr.s_addr;
     datagrams[i].port = ntohs(peers[i].sin_port);
   }

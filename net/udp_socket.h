@@ -97,10 +97,18 @@ class UdpSocket {
   // shorter) as one segmented send that the system cuts into the same
   // datagrams. Returns how many the system took.
   size_t sendBatch(const Outgoing* datagrams, size_t count, uint32_t address, uint16_t port);
+  // Lets the system hand over a run of datagrams that came as one
+  // segmented send (or that the device joined) in one piece, without
+  // cutting it up first; receiveBatchWithin then tells the size of the
+  // pieces. Returns whether the platform does this (Linux).
+  bool receiveJoined();
   struct Incoming {
     void* buffer;
     size_t size;
-    int length;  // filled in
+    // Filled in: the bytes received; with receiveJoined, segmentSize > 0
+    // says they are several datagrams of that size (the last may be shorter).
+    int length;
+    uint16_t segmentSize;
     uint32_t address;
     uint16_t port;
   };

@@ -3,10 +3,15 @@
 // file of the given size made of one 1452-byte block), with no sessions,
 // locks, files or time-outs. The router simulator against this responder
 // shows what the network and the simulator cost; the difference to the real
-// server is the server's own cost.
+// server is the server's own cost. It takes one datagram per call and sends
+// one per call, as a plain server does.
 //
-//   install_floor_responder IFACE SIZE_BYTES [PORT]
+//   install_floor_responder IFACE SIZE_BYTES [PORT [PEERS]]
+//
+// With PEERS it ends once that many routers were told "TERM".
 #include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_packet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,17 +38,29 @@ struct Peer {
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    std::fprintf(stderr, "usage: install_floor_responder IFACE SIZE_BYTES [PORT]\n");
+    std::fprintf(stderr, "usage: install_floor_responder IFACE SIZE_BYTES [PORT [PEERS]]\n");
     return 2;
   }
   std::string device = argv[1];
   int64_t size = std::atoll(argv[2]);
   uint16_t port = static_cast<uint16_t>(argc > 3 ? std::atoi(argv[3]) : 5000);
+  long peersToServe = argc > 4 ? std::atol(argv[4]) : 0;
+  long peersServed = 0;
   int s = ::socket(AF_INET, SOCK_DGRAM, 0);
   int on = 1;
   ::setsockopt(s, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
   ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   ::setsockopt(s, SOL_SOCKET, SO_BINDTODEVICE, device.c_str(), static_cast<socklen_t>(device.size()));
+  // Our own broadcasts come back to us: drop them before they are queued,
+  // as the server does, so that they cost neither side a wake-up.
+  sock_filter ownCopies[] = {
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_LOOPBACK, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),
+  };
+  sock_fprog program{static_cast<unsigned short>(sizeof ownCopies / sizeof ownCopies[0]), ownCopies};
+  ::setsockopt(s, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_port = htons(port);
@@ -112,6 +129,8 @@ int main(int argc, char** argv) {
       }
     } else if (payloadHasTag(payload, length, "WTRM")) {
       send(peer, "TERM\nInstallation successful\n", 29);
+      if (peersToServe > 0 && ++peersServed == peersToServe) break;
     }
   }
+  return 0;
 }

@@ -1,16 +1,38 @@
 #!/bin/bash
 # Network throughput of the installation server through a veth pair, as root
-# in two network namespaces (not part of CI):
+# in two network namespaces (a benchmark, not part of CI):
 #   1. one router installing a 64 MiB package: `tarnlift serve` against the
-#      floor (install_floor_responder answers every request from memory),
-#      with the same router simulator answering at once;
-#   2. 100 routers at once: aggregate MB/s, the server's CPU time per MB and
-#      its resident memory, with small and large packages (memory must not
-#      follow the package size) and sampled over time.
+#      floor (install_floor_responder answers every request from memory, one
+#      system call per datagram), with the same router simulator;
+#   2. the scaling table: 1, 10, 100 and 250 routers at once with 1 MiB and
+#      8 MiB packages, for the server and for the floor: aggregate MiB/s,
+#      processor time (user + system) per MiB, peak resident memory and the
+#      longest transfer. Every file the routers receive is compared with the
+#      package it came from. The server's resident memory is sampled every
+#      half second as well (it must not follow the package size or the time).
 #
-#   bench/install/throughput.sh [BUILD_DIR]      default build/linux
+#   bench/install/throughput.sh [BUILD_DIR] [--routers "1 10 100 250"] [--sizes "1 8"]
+#                               [--runs N] [--no-single]
+#
+# BUILD_DIR defaults to build/linux. Each case runs N times (default 3) and
+# the run with the least processor time per MiB counts: the machine may be
+# shared, and other work only ever adds to the figures.
 set -u
-build=${1:-build/linux}
+build=build/linux
+routers_list="1 10 100 250"
+sizes_list="1 8"
+runs=3
+single=1
+while [ $# -gt 0 ]; do
+  case $1 in
+    --routers) routers_list=$2; shift 2 ;;
+    --sizes) sizes_list=$2; shift 2 ;;
+    --runs) runs=$2; shift 2 ;;
+    --no-single) single=0; shift ;;
+    -*) echo "unknown option $1"; exit 2 ;;
+    *) build=$1; shift ;;
+  esac
+done
 bin=$build/bin
 floor=$build/bench/install_floor_responder
 [ "$(id -u)" = 0 ] || { echo "needs root"; exit 77; }
@@ -34,76 +56,119 @@ ip -n $srv addr add 192.168.88.2/24 dev $a
 ip -n $srv link set $a up && ip -n $srv link set lo up
 ip -n $rtr link set $b up && ip -n $rtr link set lo up
 export HOME=$work
-mkdir -p "$work/pk64" "$work/pk1" "$work/pk8"
-"$bin/tarnlift-mkpkg" "$work/pk64/big-6.41.npk" --package big 6.41 --arch arm --data $((64 << 20)) > /dev/null
-"$bin/tarnlift-mkpkg" "$work/pk1/small-6.41.npk" --package small 6.41 --arch arm --data $((1 << 20)) > /dev/null
-"$bin/tarnlift-mkpkg" "$work/pk8/mid-6.41.npk" --package mid 6.41 --arch arm --data $((8 << 20)) > /dev/null
+for size in 64 $sizes_list; do
+  mkdir -p "$work/pk$size"
+  "$bin/tarnlift-mkpkg" "$work/pk$size/p$size-6.41.npk" --package p$size 6.41 --arch arm --data $((size << 20)) > /dev/null
+done
 
 mbps() { awk -v b="$1" -v ms="$2" 'BEGIN { if (ms > 0) printf "%.1f", b / 1048576 / (ms / 1000); else print "inf" }'; }
 field() { grep -o "$1=[0-9-]*" | head -1 | cut -d= -f2; }
 
-# serve with /usr/bin/time; prints "user sys maxrss_kb" into $work/time.txt
+# serve under /usr/bin/time ("user sys maxrss_kb" into $work/time.txt)
 run_serve() {
-  local dir=$1 file=$2 count=$3
+  local size=$1 count=$2
   (ip netns exec $srv /usr/bin/time -f "%U %S %M" -o "$work/time.txt" "$bin/tarnlift" serve \
-     --client-address 192.168.88.1 --packages "$dir" --select "$file" --default-config --count "$count" \
-     > "$work/serve.out" 2> "$work/serve.err") &
+     --client-address 192.168.88.1 --packages "$work/pk$size" --select "p$size-6.41.npk" --default-config \
+     --count "$count" > "$work/serve.out" 2> "$work/serve.err") &
   serve_job=$!
+}
+run_floor() {
+  local size=$1 count=$2
+  (ip netns exec $srv /usr/bin/time -f "%U %S %M" -o "$work/time.txt" "$floor" $a $((size << 20)) 5000 "$count" \
+     2> /dev/null) &
+  serve_job=$!
+  sleep 0.3
 }
 sample_rss() {
   local out=$1
   : > "$out"
-  for _ in $(seq 1 600); do
+  for _ in $(seq 1 2400); do
     pid=$(pgrep -n -f "tarnlift serve --client-address 192.168.88.1" | head -1)
     [ -n "$pid" ] && awk '/VmRSS/ { print $2 }' /proc/$pid/status 2> /dev/null >> "$out"
     sleep 0.5
     kill -0 $serve_job 2> /dev/null || break
   done
 }
-
-echo "== one router, 64 MiB (three runs each, interleaved; the machine may be shared, so the best counts)"
-best_serve=999999999 best_floor=999999999
-for run in 1 2 3; do
-  run_serve "$work/pk64" big-6.41.npk 1
-  ip netns exec $rtr "$bin/routersim" --interface $b --repeat-ms 200 > "$work/sim.out" 2> /dev/null
-  wait $serve_job
-  serve_ms=$(field transfer_ms < "$work/sim.out")
-  bytes=$(field bytes < "$work/sim.out")
-  echo "serve:  $bytes bytes in $serve_ms ms = $(mbps "$bytes" "$serve_ms") MiB/s   (server user/sys s, max RSS KiB: $(cat "$work/time.txt"))"
-  [ "$serve_ms" -lt "$best_serve" ] && best_serve=$serve_ms
-  (ip netns exec $srv "$floor" $a $((64 << 20)) 2> /dev/null) &
-  floor_job=$!
-  sleep 0.3
-  ip netns exec $rtr "$bin/routersim" --interface $b --repeat-ms 200 --term-wait-ms 100 > "$work/floor.out" 2> /dev/null
-  kill $floor_job 2> /dev/null
-  wait $floor_job 2> /dev/null
-  floor_ms=$(field transfer_ms < "$work/floor.out")
-  fbytes=$(field bytes < "$work/floor.out")
-  echo "floor:  $fbytes bytes in $floor_ms ms = $(mbps "$fbytes" "$floor_ms") MiB/s"
-  [ "$floor_ms" -lt "$best_floor" ] && best_floor=$floor_ms
-done
-chunks=$(( (64 << 20) / 1452 + 3 ))
-awk -v s="$best_serve" -v f="$best_floor" -v c="$chunks" 'BEGIN {
-  printf "best: serve %.1f MiB/s, floor %.1f MiB/s; round trip: serve %.1f us, floor %.1f us; server share %.1f%%\n",
-         64000 / s, 64000 / f, s * 1000 / c, f * 1000 / c, (s - f) * 100 / s }'
-
-for size in 1 8; do
-  echo "== 100 routers at once, ${size} MiB each"
-  case $size in 1) dir=$work/pk1 file=small-6.41.npk ;; 8) dir=$work/pk8 file=mid-6.41.npk ;; esac
-  run_serve "$dir" "$file" 100
-  sample_rss "$work/rss$size.txt" &
-  sampler=$!
-  start=$(date +%s%N)
-  ip netns exec $rtr "$bin/routersim" --interface $b --count 100 --repeat-ms 500 --term-wait-ms 100 \
-    --timeout-s 600 > "$work/sim100.out" 2> /dev/null
-  end=$(date +%s%N)
-  wait $serve_job
-  wait $sampler 2> /dev/null
-  total=$(awk -F'\t' '{ split($4, b, "="); s += b[2] } END { print s }' "$work/sim100.out")
-  longest=$(grep -o 'transfer_ms=[0-9]*' "$work/sim100.out" | cut -d= -f2 | sort -n | tail -1)
-  ok=$(grep -c $'\tInstallation finished successfully$' "$work/serve.out")
+# The simulator for count routers; the report into $work/sim.out.
+run_sim() {
+  local count=$1 size=$2
+  ip netns exec $rtr "$bin/routersim" --interface $b --count "$count" --repeat-ms 500 --term-wait-ms 100 \
+    --timeout-s 900 --compare "$work/pk$size" > "$work/sim.out" 2> "$work/sim.err"
+}
+# One line of figures for the run just made: ok bytes longest_ms user sys maxrss identical
+figures() {
+  local total longest ok identical user sys maxrss
+  total=$(awk -F'\t' '{ split($4, v, "="); s += v[2] } END { print s + 0 }' "$work/sim.out")
+  longest=$(grep -o 'transfer_ms=[0-9-]*' "$work/sim.out" | cut -d= -f2 | sort -n | tail -1)
+  ok=$(grep -c $'\tinstalled\t' "$work/sim.out")
+  identical=$(grep -o '[0-9]* files identical' "$work/sim.err" | cut -d' ' -f1)
   read -r user sys maxrss < "$work/time.txt"
-  echo "routers done: $ok/100; $total bytes; longest transfer $longest ms: $(mbps "$total" "$longest") MiB/s aggregate"
-  awk -v u="$user" -v s="$sys" -v b="$total" 'BEGIN { printf "server cpu: %.2f s user + %.2f s sys = %.1f ms per MiB\n", u, s, (u + s) * 1000 / (b / 1048576) }'
-  echo "server max RSS: ${maxrss} KiB; RSS samples (KiB, every 0.5 s): $(tr '\n' ' ' < "$work/rss$size.txt" | cut -c1-200)"
+  echo "$ok $total ${longest:-0} $user $sys $maxrss ${identical:-0}"
+}
+
+if [ $single = 1 ]; then
+  echo "== one router, 64 MiB ($runs runs each, interleaved; the best counts)"
+  best_serve=999999999 best_floor=999999999
+  for run in $(seq 1 "$runs"); do
+    run_serve 64 1
+    run_sim 1 64
+    wait $serve_job
+    read -r ok bytes ms user sys maxrss identical <<< "$(figures)"
+    echo "serve:  $bytes bytes in $ms ms = $(mbps "$bytes" "$ms") MiB/s; server $user s user + $sys s sys, max RSS $maxrss KiB; identical files: $identical"
+    [ "$ms" -lt "$best_serve" ] && best_serve=$ms
+    run_floor 64 1
+    run_sim 1 64
+    wait $serve_job
+    read -r ok bytes ms user sys maxrss identical <<< "$(figures)"
+    echo "floor:  $bytes bytes in $ms ms = $(mbps "$bytes" "$ms") MiB/s; floor $user s user + $sys s sys"
+    [ "$ms" -lt "$best_floor" ] && best_floor=$ms
+  done
+  chunks=$(((64 << 20) / 1452 + 3))
+  awk -v s="$best_serve" -v f="$best_floor" -v c="$chunks" 'BEGIN {
+    printf "best: serve %.1f MiB/s, floor %.1f MiB/s; round trip: serve %.1f us, floor %.1f us; server share %.1f%%\n",
+           64000 / s, 64000 / f, s * 1000 / c, f * 1000 / c, (s - f) * 100 / s }'
+fi
+
+# One case of the table: the best of $runs runs, as
+# "MiB/s cpu_ms_per_MiB peak_rss_MiB longest_s ok identical" into $work/best.txt.
+measure() {
+  local who=$1 count=$2 size=$3 best=""
+  for run in $(seq 1 "$runs"); do
+    if [ "$who" = serve ]; then
+      run_serve "$size" "$count"
+      sample_rss "$work/rss.txt" &
+      sampler=$!
+    else
+      run_floor "$size" "$count"
+    fi
+    run_sim "$count" "$size"
+    wait $serve_job
+    [ "$who" = serve ] && wait $sampler 2> /dev/null
+    read -r ok bytes ms user sys maxrss identical <<< "$(figures)"
+    line=$(awk -v ok="$ok" -v b="$bytes" -v ms="$ms" -v u="$user" -v s="$sys" -v m="$maxrss" -v id="$identical" 'BEGIN {
+      mib = b / 1048576
+      printf "%.1f %.2f %.1f %.2f %d %d", (ms > 0 ? mib / (ms / 1000) : 0), (u + s) * 1000 / (mib > 0 ? mib : 1),
+             m / 1024, ms / 1000, ok, id }')
+    echo "  $who $count x $size MiB, run $run: MiB/s cpu_ms/MiB rss_MiB longest_s ok identical = $line" >&2
+    if [ "$who" = serve ]; then
+      echo "    RSS KiB every 0.5 s: $(tr '\n' ' ' < "$work/rss.txt" | cut -c1-300)" >&2
+    fi
+    if [ -z "$best" ] || awk -v a="$line" -v b="$best" 'BEGIN { split(a, x, " "); split(b, y, " "); exit !(x[2] < y[2]) }'; then
+      best=$line
+    fi
+  done
+  echo "$best"
+}
+
+echo "== scaling: routers ($routers_list) x packages ($sizes_list MiB), $runs runs each, the best counts"
+table="| Routers | MiB each | Server MiB/s | Server CPU ms/MiB | Server peak RSS MiB | Server longest s | Floor MiB/s | Floor CPU ms/MiB | Floor peak RSS MiB | Floor longest s | Installed, identical |
+|---|---|---|---|---|---|---|---|---|---|---|"
+for count in $routers_list; do
+  for size in $sizes_list; do
+    read -r s_rate s_cpu s_rss s_long s_ok s_id <<< "$(measure serve "$count" "$size")"
+    read -r f_rate f_cpu f_rss f_long f_ok f_id <<< "$(measure floor "$count" "$size")"
+    table="$table
+| $count | $size | $s_rate | $s_cpu | $s_rss | $s_long | $f_rate | $f_cpu | $f_rss | $f_long | $s_ok/$count, $s_id |"
+  done
 done
+echo "$table"

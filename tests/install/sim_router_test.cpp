@@ -34,13 +34,17 @@ class MemorySegment : public DatagramTransport {
     return static_cast<int>(length);
   }
   size_t receiveBatchSize() const override { return batch_; }
-  size_t waitReceiveBatch(uint8_t* const* buffers, int* lengths, size_t count, uint64_t timeoutUs) override {
-    size_t n = 0;
-    do {
-      lengths[n] = waitReceive(buffers[n], timeoutUs);
-      ++n;
-    } while (n < count && !toServer.empty());
-    return n;
+  size_t waitReceiveBatch(uint8_t*, Received* received, size_t count, uint64_t) override {
+    lastBatch_.clear();
+    while (lastBatch_.size() < count && !toServer.empty()) {
+      lastBatch_.push_back(toServer.front());
+      toServer.pop_front();
+    }
+    for (size_t i = 0; i < lastBatch_.size(); ++i) {
+      received[i] = {lastBatch_[i].data(), static_cast<int>(lastBatch_[i].size())};
+    }
+    if (lastBatch_.empty()) received[0] = {nullptr, -1};
+    return std::max<size_t>(lastBatch_.size(), 1);
   }
   void holdSends() override { holding_ = batch_ > 1; }
   void flushSends() override {
@@ -75,6 +79,7 @@ class MemorySegment : public DatagramTransport {
   size_t batch_;
   bool holding_ = false;
   std::vector<std::pair<const uint8_t*, size_t>> held_;
+  std::vector<std::vector<uint8_t>> lastBatch_;
 };
 
 struct Rig {

@@ -57,6 +57,8 @@ const char* kUsage =
     "  --reannounce-ms N       after the first offer wait N ms, announce once, then answer\n"
     "  --stop-after-retr N     go silent after N requests\n"
     "  --output DIR            store files as DIR/<MAC>/<name> (default: check only)\n"
+    "  --compare DIR           at the end, compare every received file that DIR also\n"
+    "                          holds (by name) with it; a difference is inconsistent\n"
     "  --loss P --dup P        loss and duplication probability (0..1), both directions\n"
     "  --delay-ms N            delay every datagram by N ms, both directions\n"
     "  --seed S                seed of the impairments, default 1\n"
@@ -86,6 +88,7 @@ int main(int argc, char** argv) {
   uint16_t port = 5000;
   int64_t timeoutS = 300;
   bool labelGiven = false;
+  std::string compareDir;
 
   for (int i = 1; i < argc; ++i) {
     std::string option = argv[i];
@@ -146,6 +149,8 @@ int main(int argc, char** argv) {
       base.stopAfterRetr = number();
     else if (option == "--output")
       base.outputDir = value();
+    else if (option == "--compare")
+      compareDir = value();
     else if (option == "--loss")
       loss = std::atof(value().c_str());
     else if (option == "--dup")
@@ -267,10 +272,16 @@ int main(int argc, char** argv) {
   std::cerr << "routersim: ready on " << interfaceName << " with " << count << " router(s)" << std::endl;
 
   int64_t deadline = nowMs() + timeoutS * 1000;
+  // Received in batches; a run of the server's datagrams that came as one
+  // segmented send stays in one piece (a router's own network stack would
+  // see single frames, but cutting them up here would be work billed to the
+  // sender on a veth pair, not work of the network).
   constexpr size_t kBatch = net::UdpSocket::kBatchLimit;
-  std::vector<uint8_t> buffers(kBatch * kDatagramBufferSize);
-  mmsghdr messages[kBatch];
-  iovec pieces[kBatch];
+  constexpr size_t kMessageSize = 65536;
+  socket.setNonBlocking();
+  socket.receiveJoined();
+  std::vector<uint8_t> buffers(kBatch * kMessageSize);
+  net::UdpSocket::Incoming incoming[kBatch];
   bool timedOut = false;
   while (!gStop) {
     int64_t now = nowMs();
@@ -306,26 +317,26 @@ int main(int argc, char** argv) {
       // Drain everything that is waiting before the next round of ticks,
       // many datagrams per call, and answer each round at once.
       while (true) {
-        std::memset(messages, 0, sizeof messages);
-        for (size_t i = 0; i < kBatch; ++i) {
-          pieces[i] = {buffers.data() + i * kDatagramBufferSize, kDatagramBufferSize};
-          messages[i].msg_hdr.msg_iov = &pieces[i];
-          messages[i].msg_hdr.msg_iovlen = 1;
-        }
-        int received = ::recvmmsg(s, messages, kBatch, MSG_DONTWAIT, nullptr);
+        for (size_t i = 0; i < kBatch; ++i) incoming[i] = {buffers.data() + i * kMessageSize, kMessageSize, -1, 0, 0, 0};
+        int received = socket.receiveBatchWithin(incoming, kBatch, 1);
         if (received <= 0) break;
         int64_t at = nowMs();
         for (int i = 0; i < received; ++i) {
-          const uint8_t* datagram = buffers.data() + static_cast<size_t>(i) * kDatagramBufferSize;
-          size_t n = messages[i].msg_len;
-          if (n < kHeaderSize) continue;
-          if (byMac.count(toMac(sourceMacOf(datagram))) != 0) continue;  // our own broadcasts
-          auto it = byMac.find(toMac(destinationMacOf(datagram)));
-          if (it == byMac.end()) continue;
-          if (loss == 0 && dup == 0 && delayMs == 0) {
-            it->second->onDatagram(datagram, n, at);
-          } else {
-            impair(false, datagram, n, at);
+          const uint8_t* message = static_cast<const uint8_t*>(incoming[i].buffer);
+          size_t total = static_cast<size_t>(incoming[i].length);
+          size_t piece = incoming[i].segmentSize != 0 ? incoming[i].segmentSize : total;
+          for (size_t offset = 0; offset < total; offset += piece) {
+            const uint8_t* datagram = message + offset;
+            size_t n = std::min(piece, total - offset);
+            if (n < kHeaderSize) continue;
+            if (byMac.count(toMac(sourceMacOf(datagram))) != 0) continue;  // our own broadcasts
+            auto it = byMac.find(toMac(destinationMacOf(datagram)));
+            if (it == byMac.end()) continue;
+            if (loss == 0 && dup == 0 && delayMs == 0) {
+              it->second->onDatagram(datagram, n, at);
+            } else {
+              impair(false, datagram, n, at);
+            }
           }
         }
         flush();
@@ -346,6 +357,36 @@ int main(int argc, char** argv) {
   }
   std::cout.flush();
   socket.close();
+  if (!compareDir.empty()) {
+    // What every router received against the files it should have: the
+    // checksum of each reference file, once.
+    std::map<std::string, uint64_t> references;
+    size_t identical = 0;
+    size_t different = 0;
+    for (auto& router : routers) {
+      for (const ReceivedFile& f : router->files()) {
+        auto it = references.find(f.name);
+        if (it == references.end()) {
+          std::FILE* in = std::fopen((compareDir + "/" + f.name).c_str(), "rb");
+          if (in == nullptr) continue;
+          uint64_t hash = kFnvStart;
+          std::vector<uint8_t> block(1 << 16);
+          for (size_t n; (n = std::fread(block.data(), 1, block.size(), in)) > 0;) hash = fnv1a(hash, block.data(), n);
+          std::fclose(in);
+          it = references.emplace(f.name, hash).first;
+        }
+        if (it->second == f.checksum) {
+          ++identical;
+        } else {
+          ++different;
+          std::cerr << macText(router->config().mac) << ": " << f.name << " differs from " << compareDir << "\n";
+        }
+      }
+    }
+    std::cerr << "routersim: " << identical << " files identical to " << compareDir << ", " << different
+              << " different" << std::endl;
+    if (different != 0) inconsistent = true;
+  }
   if (timedOut) std::cerr << "routersim: timed out\n";
   if (inconsistent) return 1;
   if (unfinished) return 3;

@@ -7,13 +7,7 @@
 namespace tarnlift::routersim {
 
 namespace {
-constexpr uint64_t kFnvOffset = 1469598103934665603ull;
 constexpr uint64_t kFnvPrime = 1099511628211ull;
-
-uint64_t fnv(uint64_t hash, const uint8_t* data, size_t length) {
-  for (size_t i = 0; i < length; ++i) hash = (hash ^ data[i]) * kFnvPrime;
-  return hash;
-}
 
 std::vector<uint8_t> makeDatagram(const MacAddress& source, const MacAddress& destination, uint16_t seq, uint16_t ack,
                                   const std::string& payload) {
@@ -34,6 +28,11 @@ std::string dashedMac(const MacAddress& mac) {
   return text;
 }
 }  // namespace
+
+uint64_t fnv1a(uint64_t hash, const uint8_t* data, size_t length) {
+  for (size_t i = 0; i < length; ++i) hash = (hash ^ data[i]) * kFnvPrime;
+  return hash;
+}
 
 SimRouter::SimRouter(SimRouterConfig config, Sender send) : config_(std::move(config)), send_(std::move(send)) {}
 
@@ -192,7 +191,7 @@ void SimRouter::handleTransferAnswer(const uint8_t* payload, size_t length, int6
       finish("failed");
       return;
     }
-    current_.checksum = kFnvOffset;
+    current_.checksum = kFnvStart;
     currentBytes_ = 0;
     inFile_ = true;
     if (!config_.outputDir.empty()) {
@@ -214,7 +213,7 @@ void SimRouter::handleTransferAnswer(const uint8_t* payload, size_t length, int6
     if (currentBytes_ + length > current_.size) error("file " + current_.name + " longer than announced");
     currentBytes_ += length;
     bytes_ += length;
-    current_.checksum = fnv(current_.checksum, payload, length);
+    current_.checksum = fnv1a(current_.checksum, payload, length);
     if (out_ != nullptr && std::fwrite(payload, 1, length, out_) != length) error("cannot write " + current_.name);
   }
   if (config_.stopAfterRetr >= 0 && retrCount_ >= config_.stopAfterRetr) {

@@ -49,6 +49,10 @@ enum class SimState {
   Finished,
 };
 
+// The checksum of received files: FNV-1a, 64 bits, started from kFnvStart.
+inline constexpr uint64_t kFnvStart = 1469598103934665603ull;
+uint64_t fnv1a(uint64_t hash, const uint8_t* data, size_t length);
+
 struct ReceivedFile {
   std::string name;
   uint64_t size = 0;
