@@ -94,6 +94,50 @@ TEST(InstallTransportTest, SendsAndHearsItselfAndFiltersSourcePort) {
   EXPECT_TRUE(transport.isOpen());
 }
 
+TEST(InstallTransportTest, HeldSendsGoOutInOrderAndComeBackOneByOne) {
+  // The loop's way: answers held until the batch is done, then sent
+  // together (a run of full chunks as one segmented send where the system
+  // can); received in batches, a run that came in one piece handed out as
+  // the datagrams it holds, a few per call.
+  TransportRig rig;
+  rig.served = {loopback(), {2, 0, 0, 0, 0, 7}, "lo"};
+  InstallTransport transport(rig.options(randomPort()));
+  transport.init(MacAddress{}, std::nullopt, randomPort());
+  ASSERT_TRUE(transport.isOpen());
+  std::vector<std::vector<uint8_t>> sent;
+  for (int i = 0; i < 30; ++i) sent.push_back(std::vector<uint8_t>(kHeaderSize + kChunkSize, static_cast<uint8_t>(i + 1)));
+  sent.push_back(std::vector<uint8_t>(kHeaderSize + 100, 0xEE));
+  sent.push_back(std::vector<uint8_t>(kHeaderSize, 0xDD));
+  transport.holdSends();
+  for (const auto& d : sent) EXPECT_EQ(transport.send(d.data(), d.size()), static_cast<int>(d.size()));
+  transport.flushSends();
+  std::vector<std::vector<uint8_t>> received;
+  uint8_t scratch[kDatagramBufferSize];
+  for (int calls = 0; received.size() < sent.size() && calls < 100; ++calls) {
+    DatagramTransport::Received batch[8];
+    size_t n = transport.waitReceiveBatch(scratch, batch, 8, 2'000'000);
+    ASSERT_GE(n, 1u);
+    ASSERT_LE(n, 8u);
+    for (size_t i = 0; i < n; ++i) {
+      ASSERT_GE(batch[i].length, 0);
+      received.emplace_back(batch[i].data, batch[i].data + batch[i].length);
+    }
+  }
+  EXPECT_EQ(received, sent);
+  // Sends outside a batch go at once.
+  ASSERT_EQ(transport.send(sent[0].data(), sent[0].size()), static_cast<int>(sent[0].size()));
+  DatagramTransport::Received one[4];
+  ASSERT_EQ(transport.waitReceiveBatch(scratch, one, 4, 2'000'000), 1u);
+  EXPECT_EQ(one[0].length, static_cast<int>(sent[0].size()));
+  // From another source port: reported as nothing usable.
+  ASSERT_TRUE(testing::sendFromOtherPort(transport.port(), sent[1].data(), 24));
+  ASSERT_EQ(transport.waitReceiveBatch(scratch, one, 4, 2'000'000), 1u);
+  EXPECT_EQ(one[0].length, -1);
+  // Nothing at all: a time-out, one entry with -1.
+  ASSERT_EQ(transport.waitReceiveBatch(scratch, one, 4, 20'000), 1u);
+  EXPECT_EQ(one[0].length, -1);
+}
+
 TEST(InstallTransportTest, TakenPortFallsBackToBackupPort) {
   testing::CapturedLog log;
   TransportRig rig;
