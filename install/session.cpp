@@ -402,10 +402,12 @@ bool InstallServer::pollOnce() {
   MutexLock hold(sessionLock_, 10000);
   // The answers go out together after the batch (where the transport can);
   // until then each stays in its session's buffer.
+  inBatch_ = true;
   transport_.holdSends();
   for (size_t i = 0; i < count; ++i) {
     if (received[i].length >= 0) dispatch(received[i].data, received[i].length, now);
   }
+  inBatch_ = false;
   flushBatch();
   return true;
 }
@@ -413,6 +415,8 @@ bool InstallServer::pollOnce() {
 void InstallServer::flushBatch() {
   transport_.flushSends();
   ++batch_;
+  // In the middle of a batch the rest of it is held again.
+  if (inBatch_) transport_.holdSends();
 }
 
 void InstallServer::dispatch(const uint8_t* datagram, int length, uint64_t nowUs) {

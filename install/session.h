@@ -210,6 +210,7 @@ class InstallServer : public Thread {
   uint64_t nextScanUs_ = 0;
   bool scanDue_ = true;
   uint64_t batch_ = 1;
+  bool inBatch_ = false;
 };
 
 }  // namespace tarnlift

@@ -411,6 +411,61 @@ TEST_F(SessionTest, StatusOfUnknownRouterIsZero) {
   EXPECT_EQ(s.statusText, "");
 }
 
+// A transport that takes every queued datagram in one batch and, while
+// holding, notes only where each answer is: what is there at the flush goes.
+class BatchingTransport : public FakeTransport {
+ public:
+  std::vector<std::pair<const uint8_t*, size_t>> held;
+  bool holding = false;
+  std::vector<std::vector<uint8_t>> lastBatch;
+  int send(const uint8_t* buffer, size_t length) override {
+    if (!holding) return FakeTransport::send(buffer, length);
+    held.push_back({buffer, length});
+    return static_cast<int>(length);
+  }
+  size_t receiveBatchSize() const override { return 16; }
+  size_t waitReceiveBatch(uint8_t*, Received* received, size_t count, uint64_t) override {
+    lastBatch.assign(incoming.begin(), incoming.begin() + static_cast<long>(std::min(count, incoming.size())));
+    incoming.erase(incoming.begin(), incoming.begin() + static_cast<long>(lastBatch.size()));
+    for (size_t i = 0; i < lastBatch.size(); ++i) received[i] = {lastBatch[i].data(), static_cast<int>(lastBatch[i].size())};
+    if (lastBatch.empty()) received[0] = {nullptr, -1};
+    return std::max<size_t>(lastBatch.size(), 1);
+  }
+  void holdSends() override { holding = true; }
+  void flushSends() override {
+    holding = false;
+    for (const auto& [buffer, length] : held) FakeTransport::send(buffer, length);
+    held.clear();
+  }
+};
+
+TEST(SessionBatchTest, AnswersHeldInABatchLeaveBeforeTheSessionWritesAgain) {
+  // "YACK" and "STRT" in one batch: both answers are empty datagrams built
+  // in the session's one buffer. The first must leave as it was built.
+  BatchingTransport transport;
+  ManualClock clock;
+  InstallServer server(transport, clock, [](const RouterRecord&, std::string&) { return std::string(); });
+  RouterRecord r;
+  r.mac = kRouterMac;
+  r.defaultConfig = true;
+  server.start(r, true);
+  ASSERT_EQ(transport.sent.size(), 1u);
+  ScriptedRouter router;
+  router.heard(transport.sent.back());
+  transport.incoming.push_back(router.next("YACK"));
+  transport.incoming.push_back(router.next("STRT"));
+  transport.incoming.push_back(router.next("RETR"));
+  server.pollOnce();
+  ASSERT_EQ(transport.sent.size(), 4u);
+  EXPECT_EQ(sequenceOf(transport.sent[1].data()), 2);
+  EXPECT_EQ(transport.sent[1].size(), kHeaderSize);
+  EXPECT_EQ(sequenceOf(transport.sent[2].data()), 3);
+  EXPECT_EQ(transport.sent[2].size(), kHeaderSize);
+  EXPECT_EQ(sequenceOf(transport.sent[3].data()), 4);
+  EXPECT_EQ(FakeTransport::payloadOf(transport.sent[3]), "FILE\n");
+  EXPECT_FALSE(transport.holding);
+}
+
 TEST_F(SessionTest, LoopDropsMalformedAndZeroSourceDatagrams) {
   server.start(request({}), true);
   size_t before = transport.sent.size();
