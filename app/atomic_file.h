@@ -15,4 +15,12 @@ std::string temporaryPathFor(const std::string& path);
 
 uint32_t replaceFileAtomically(const std::string& path, const std::string& bytes);
 
+// Deletes the temporary files that writers of path left behind when they
+// died in the middle of a replacement (their process no longer exists).
+// Returns how many were deleted.
+int removeStaleTemporaries(const std::string& path);
+
+// Platform half: whether the process with this id still runs.
+bool processExists(uint32_t processId);
+
 }  // namespace tarnlift

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,10 @@
 namespace tarnlift {
 
 std::string temporaryPathFor(const std::string& path) { return path + ".tmp." + std::to_string(getpid()); }
+
+bool processExists(uint32_t processId) {
+  return processId != 0 && (kill(static_cast<pid_t>(processId), 0) == 0 || errno != ESRCH);
+}
 
 uint32_t replaceFileAtomically(const std::string& path, const std::string& bytes) {
   std::string temporary = temporaryPathFor(path);

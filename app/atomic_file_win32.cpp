@@ -6,6 +6,14 @@ namespace tarnlift {
 
 std::string temporaryPathFor(const std::string& path) { return path + ".tmp." + std::to_string(GetCurrentProcessId()); }
 
+bool processExists(uint32_t processId) {
+  HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, processId);
+  if (process == nullptr) return GetLastError() != ERROR_INVALID_PARAMETER;
+  bool running = WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+  CloseHandle(process);
+  return running;
+}
+
 uint32_t replaceFileAtomically(const std::string& path, const std::string& bytes) {
   std::string temporary = temporaryPathFor(path);
   HANDLE file =

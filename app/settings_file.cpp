@@ -170,6 +170,8 @@ class SettingsFileStore : public SettingsTreeStore {
 
  private:
   void load() {
+    // Writers killed in the middle of a save leave their temporary file.
+    removeStaleTemporaries(path_);
     std::error_code error;
     if (!std::filesystem::exists(path_, error)) return;
     auto fresh = std::make_unique<SettingsNode>();
