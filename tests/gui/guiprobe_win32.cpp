@@ -6,6 +6,8 @@
 //   guiprobe close TITLE TIMEOUT_MS  asks a top-level window to close
 //   guiprobe keyup|keydown TITLE ID  posts an Enter release/press to control ID
 //
+// "-o FILE" before everything sends the output to FILE.
+//
 // Scripts: commands separated by "--", run in order against a target window
 // chosen by "win" or "dlg"; the first failing command ends the run with 1.
 //   win TITLE [MS]          target := visible top-level window whose title starts with TITLE
@@ -25,6 +27,8 @@
 //   key ID VK               press and release a key in a control (ID 0: the target)
 //   keyup ID VK             release only
 //   sysclose                the close box of the target (WM_SYSCOMMAND SC_CLOSE)
+//   move L T W H            move and size the target
+//   minimize                the minimise box of the target
 //   sync                    wait until the target's thread has handled what was posted
 //   sleep MS
 //   waittext ID TEXT MS     poll until the control's text is TEXT
@@ -452,6 +456,15 @@ int run(const std::vector<std::string>& a) {
     std::printf("%ld %ld %ld %ld\n", r.left, r.top, r.right, r.bottom);
     return 0;
   }
+  if (name == "move" && a.size() >= 5) {
+    SetWindowPos(gTarget, nullptr, std::atoi(a[1].c_str()), std::atoi(a[2].c_str()), std::atoi(a[3].c_str()),
+                 std::atoi(a[4].c_str()), SWP_NOZORDER | SWP_NOACTIVATE);
+    return sync(gTarget) ? 0 : fail("the window does not answer");
+  }
+  if (name == "minimize") {
+    PostMessageA(gTarget, WM_SYSCOMMAND, SC_MINIMIZE, 0);
+    return sync(gTarget) ? 0 : fail("the window does not answer");
+  }
   if (name == "sysclose") {
     PostMessageA(gTarget, WM_SYSCOMMAND, SC_CLOSE, 0);
     return 0;
@@ -588,6 +601,12 @@ int main(int argc, char** argv) {
   // Texts go out byte for byte: a CR LF in a control stays CR LF.
   _setmode(_fileno(stdout), _O_BINARY);
   std::vector<std::string> args(argv + 1, argv + argc);
+  // "-o FILE": print there (a program started on a Wine virtual desktop has
+  // no standard output of its own).
+  if (args.size() >= 2 && args[0] == "-o") {
+    if (std::freopen(args[1].c_str(), "wb", stdout) == nullptr) return fail("cannot write '%s'", args[1]);
+    args.erase(args.begin(), args.begin() + 2);
+  }
   // The short forms kept for the older scripts.
   if (args.size() == 3 && (args[0] == "close")) {
     HWND window = waitForWindow(nullptr, args[1], false, static_cast<DWORD>(std::strtoul(args[2].c_str(), nullptr, 10)));
