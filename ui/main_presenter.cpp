@@ -322,9 +322,10 @@ void MainPresenter::refreshControlState() {
 }
 
 void MainPresenter::updateCaptionAndProgress() {
-  RouterRecord* r = desk_ ? desk_->table().find(shownRouter_) ? &desk_->table().find(shownRouter_)->record : nullptr
-                          : nullptr;
-  if (!haveShownRouter_) r = nullptr;
+  // The router whose values the controls show (the selected one as of the
+  // last refresh).
+  RouterRow* shown = desk_ && haveShownRouter_ ? desk_->table().find(shownRouter_) : nullptr;
+  RouterRecord* r = shown != nullptr ? &shown->record : nullptr;
   std::string caption;
   if (r != nullptr) caption = r->status == kStatusReady ? selectedText(r->files.size()) : r->statusText;
   view_.setText(kIdCaption, caption);
