@@ -486,10 +486,12 @@ INT_PTR CALLBACK mainProc(HWND window, UINT message, WPARAM wParam, LPARAM lPara
 
 }  // namespace
 
-void* buildMainWindow(const StartupOptions& options) {
+void* buildMainWindow(const StartupOptions& options) { return buildMainWindow(options, nullptr); }
+
+void* buildMainWindow(const StartupOptions& options, std::unique_ptr<DriveInstaller> drives) {
   gWindow = new MainWindow;
   gWindow->view = std::make_unique<Win32MainView>();
-  gWindow->workers = std::make_unique<ui::SystemMainWorkers>();
+  gWindow->workers = std::make_unique<ui::SystemMainWorkers>(std::move(drives));
   gWindow->presenter = std::make_unique<ui::MainPresenter>(*gWindow->view, *gWindow->workers, options);
   CreateDialogParamA(module(), MAKEINTRESOURCEA(IDD_MAIN), nullptr, &mainProc, 0);
   return gWindow->view->window();

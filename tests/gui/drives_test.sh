@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# Local drives in the window, over a pretend drive installer (Wine's drives
+# are not disks): the two rows with their media texts and pictures; a drive
+# installs with the ticked packages in dependency order and ends "Done";
+# another is cancelled while installing and is "Ready" again; the window
+# closes with exit code 0.
+#   drives_test.sh FAKEDRIVES_EXE GUIPROBE MKPKG [SCREENSHOT_DIR]
+set -u
+gui=$(realpath "$1")
+probe=$(realpath "$2")
+mkpkg=$3
+shots=${4:+$(realpath -m "$4")}
+[ -x "$mkpkg" ] || { echo "SKIP: no package writer at $mkpkg"; exit 77; }
+if [ -z "${DISPLAY:-}" ]; then
+  command -v xvfb-run > /dev/null || { echo "SKIP: no display and no xvfb-run"; exit 77; }
+  exec xvfb-run -a "$0" "$@"
+fi
+command -v wine > /dev/null || { echo "SKIP: needs wine"; exit 77; }
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d /tmp/tl-drives-XXXXXX)
+export WINEPREFIX=$work/wine WINEDEBUG=-all
+gui_pid=
+cleanup() {
+  [ -n "$gui_pid" ] && kill "$gui_pid" 2> /dev/null
+  wineserver -k 2> /dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+exec 3>&1
+fail() {
+  exec 1>&3
+  echo "FAIL: $*"
+  echo "--- window log (tail)"; tr -d '\r' < "$work/gui.log" 2> /dev/null | grep -v '^iface: ' | tail -30
+  echo "--- driver errors (tail)"; tail -10 "$work/probe.err" 2> /dev/null
+  exit 1
+}
+# shellcheck source=gui_lib.sh
+source "$here/gui_lib.sh"
+title="Quenlark Tarnlift for Brisvane"
+win() { drive_ok win "$title" 30000 -- "$@"; }
+winpath() { local p=${1//\//\\}; echo "Z:$p"; }
+row_of() { drive win "$title" 5000 -- rows 1002 | awk -F'\t' -v l="$1" '$5 == l { print $1; exit }'; }
+package_row() { drive win "$title" 5000 -- rows 1001 | awk -F'\t' -v n="$1" '$5 == n { print $1; exit }'; }
+log_has() { tr -d '\r' < "$work/gui.log" | grep -qxF "$1"; }
+
+wineboot -i > /dev/null 2>&1
+wine_title_bars
+mkdir -p "$work/start" "$work/pk"
+"$mkpkg" "$work/pk/system-6.41.npk" --package system 6.41 --arch arm --data 5000 > /dev/null || fail "mkpkg"
+"$mkpkg" "$work/pk/extra-6.41.npk" --package extra 6.41 --arch arm --depends system:6.41 > /dev/null || fail "mkpkg"
+
+(cd "$work/start" && exec wine "$gui") > "$work/gui.log" 2>&1 &
+gui_pid=$!
+win > /dev/null
+expect_eq "drive rows" "$(win -- rows 1002 | cut -f3,5-8 | tr '\t\n' '| ')" \
+  "3|DATA|Hard disk|Ready| 4|FLASH|Removable media|Ready| "
+# A drive keeps the folder it was listed with until the folder is changed
+# while it is selected.
+choose_folder() { win -- settext 1003 "$(winpath "$work/pk")" -- keyup 1003 13 -- sync -- sleep 300 -- sync; }
+
+# FLASH: options that only a network router has stay locked.
+flash=$(row_of FLASH)
+win -- selectrow 1002 "$flash" -- sync -- sleep 300 -- sync
+choose_folder
+expect_eq "address locked" "$(win -- state 1006 | cut -d' ' -f3)" "readonly=1"
+expect_eq "keep config off" "$(win -- state 1028 | cut -d' ' -f1)" "enabled=0"
+win -- clickrow 1001 "$(package_row extra)" -- sync -- sleep 200 -- sync
+expect_eq "ticked" "$(win -- rows 1001 | cut -f2 | tr '\n' ' ')" "1 1 "
+win -- click 1023
+drive_ok win "$title" -- waitcell 1002 "$flash" 2 Installing 10000
+sleep 1
+shot main_window_drive_installing "$title"
+drive_ok win "$title" -- waitcell 1002 "$flash" 2 Done 20000
+log_has "fake drive start: FLASH files=system-6.41.npk,extra-6.41.npk" || fail "the drive got other files"
+
+# DATA: cancelled while installing, it is ready again.
+data=$(row_of DATA)
+win -- selectrow 1002 "$data" -- sync -- sleep 300 -- sync
+choose_folder
+win -- clickrow 1001 "$(package_row system)" -- sync -- sleep 200 -- sync
+win -- click 1023
+drive_ok win "$title" -- waitcell 1002 "$data" 2 Installing 10000
+expect_eq "Cancel while installing" "$(win -- state 1024 | cut -d' ' -f1)" "enabled=1"
+win -- click 1024
+drive_ok win "$title" -- waitcell 1002 "$data" 2 Ready 10000
+log_has "fake drive cancel" || fail "the drive's installation was not cancelled"
+expect_eq "Install again" "$(win -- sync -- state 1023 | cut -d' ' -f1)" "enabled=1"
+
+win -- sysclose
+timeout 60 tail --pid="$gui_pid" -f /dev/null
+wait "$gui_pid"
+rc=$?
+gui_pid=
+expect_eq "exit code" "$rc" 0
+echo "PASS: local drives in the window"
