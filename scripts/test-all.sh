@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds every configuration and runs every test: native, with AddressSanitizer
 # and UndefinedBehaviorSanitizer, with ThreadSanitizer, the Windows build under
-# Wine (with Xvfb for windows), and the fuzz targets for a bounded time. Network tests make
-# their own namespaces, so run it as root for full coverage.
+# Wine (with Xvfb for windows), and the fuzz targets for a bounded time.
+# Network tests make their own namespaces: it runs as root (and asks sudo for
+# that when started as a user).
 set -uo pipefail
 # The network tests make their own namespaces: root (asked through sudo when
 # started as a user).
