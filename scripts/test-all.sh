@@ -5,8 +5,6 @@
 # Network tests make their own namespaces: it runs as root (and asks sudo for
 # that when started as a user).
 set -uo pipefail
-# The network tests make their own namespaces: root (asked through sudo when
-# started as a user).
 # shellcheck source=as_root.sh
 source "$(dirname "$0")/as_root.sh"
 as_root test-all "$@"
