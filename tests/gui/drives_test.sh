@@ -2,8 +2,8 @@
 # Local drives in the window, over a pretend drive installer (Wine's drives
 # are not disks): the two rows with their media texts and pictures; a drive
 # installs with the ticked packages in dependency order and ends "Done";
-# another is cancelled while installing and is "Ready" again; the window
-# closes with exit code 0.
+# another, whose folder is dropped on the window, is cancelled while
+# installing and is "Ready" again; the window closes with exit code 0.
 #   drives_test.sh FAKEDRIVES_EXE GUIPROBE MKPKG [SCREENSHOT_DIR]
 set -u
 gui=$(realpath "$1")
@@ -76,7 +76,9 @@ log_has "fake drive start: FLASH files=system-6.41.npk,extra-6.41.npk" || fail "
 # DATA: cancelled while installing, it is ready again.
 data=$(row_of DATA)
 win -- selectrow 1002 "$data" -- sync -- sleep 300 -- sync
-choose_folder
+# This time the folder is dropped on the window.
+win -- drop "$(winpath "$work/pk")" -- sync
+expect_eq "dropped folder" "$(win -- text 1003)" "$(winpath "$work/pk")"
 win -- clickrow 1001 "$(package_row system)" -- sync -- sleep 200 -- sync
 win -- click 1023
 drive_ok win "$title" -- waitcell 1002 "$data" 2 Installing 10000

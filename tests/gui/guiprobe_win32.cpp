@@ -29,6 +29,7 @@
 //   sysclose                the close box of the target (WM_SYSCOMMAND SC_CLOSE)
 //   move L T W H            move and size the target
 //   minimize                the minimise box of the target
+//   drop PATH               drop a file or folder on the target
 //   sync                    wait until the target's thread has handled what was posted
 //   sleep MS
 //   waittext ID TEXT MS     poll until the control's text is TEXT
@@ -44,6 +45,7 @@
 #include <windows.h>
 
 #include <commctrl.h>
+#include <shlobj.h>
 
 #include <fcntl.h>
 #include <io.h>
@@ -460,6 +462,24 @@ int run(const std::vector<std::string>& a) {
     SetWindowPos(gTarget, nullptr, std::atoi(a[1].c_str()), std::atoi(a[2].c_str()), std::atoi(a[3].c_str()),
                  std::atoi(a[4].c_str()), SWP_NOZORDER | SWP_NOACTIVATE);
     return sync(gTarget) ? 0 : fail("the window does not answer");
+  }
+  if (name == "drop" && need(1)) {
+    // A drop handle in the program's own memory: a fixed block is its own
+    // handle, so the shell's query calls read it where it lies.
+    std::vector<char> block(sizeof(DROPFILES) + a[1].size() + 2, '\0');
+    DROPFILES header{};
+    header.pFiles = sizeof(DROPFILES);
+    header.fWide = FALSE;
+    std::memcpy(block.data(), &header, sizeof header);
+    std::memcpy(block.data() + sizeof header, a[1].c_str(), a[1].size());
+    RemoteBuffer remote(gTarget, block.size());
+    if (!remote.ok() || !remote.write(0, block.data(), block.size())) return fail("cannot reach the window's process");
+    // Sent, so that the block outlives the message's handling.
+    DWORD_PTR result = 0;
+    if (!SendMessageTimeoutA(gTarget, WM_DROPFILES, reinterpret_cast<WPARAM>(remote.at(0)), 0, SMTO_BLOCK, 10000,
+                             &result))
+      return fail("the window does not answer");
+    return 0;
   }
   if (name == "minimize") {
     PostMessageA(gTarget, WM_SYSCOMMAND, SC_MINIMIZE, 0);
