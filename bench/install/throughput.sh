@@ -72,6 +72,16 @@ run_serve() {
      --count "$count" > "$work/serve.out" 2> "$work/serve.err") &
   serve_job=$!
 }
+# The floor ends after count routers were told "TERM"; when a router's
+# "WTRM" got lost every time, it would wait for ever: stop it once the
+# simulator is done.
+stop_floor() {
+  for _ in $(seq 1 30); do
+    kill -0 $serve_job 2> /dev/null || return
+    sleep 0.1
+  done
+  pkill -f "^$floor $a " 2> /dev/null
+}
 run_floor() {
   local size=$1 count=$2
   (ip netns exec $srv /usr/bin/time -f "%U %S %M" -o "$work/time.txt" "$floor" $a $((size << 20)) 5000 "$count" \
@@ -83,7 +93,8 @@ sample_rss() {
   local out=$1
   : > "$out"
   for _ in $(seq 1 2400); do
-    pid=$(pgrep -n -f "tarnlift serve --client-address 192.168.88.1" | head -1)
+    # Ours only: others may run a server with the same options meanwhile.
+    pid=$(pgrep -n -f "^$bin/tarnlift serve .*--packages $work/" | head -1)
     [ -n "$pid" ] && awk '/VmRSS/ { print $2 }' /proc/$pid/status 2> /dev/null >> "$out"
     sleep 0.5
     kill -0 $serve_job 2> /dev/null || break
@@ -102,7 +113,8 @@ figures() {
   longest=$(grep -o 'transfer_ms=[0-9-]*' "$work/sim.out" | cut -d= -f2 | sort -n | tail -1)
   ok=$(grep -c $'\tinstalled\t' "$work/sim.out")
   identical=$(grep -o '[0-9]* files identical' "$work/sim.err" | cut -d' ' -f1)
-  read -r user sys maxrss < "$work/time.txt"
+  # The last line: a stopped floor responder's has "terminated by signal" before.
+  read -r user sys maxrss < <(tail -1 "$work/time.txt")
   echo "$ok $total ${longest:-0} $user $sys $maxrss ${identical:-0}"
 }
 
@@ -118,6 +130,7 @@ if [ $single = 1 ]; then
     [ "$ms" -lt "$best_serve" ] && best_serve=$ms
     run_floor 64 1
     run_sim 1 64
+    stop_floor
     wait $serve_job
     read -r ok bytes ms user sys maxrss identical <<< "$(figures)"
     echo "floor:  $bytes bytes in $ms ms = $(mbps "$bytes" "$ms") MiB/s; floor $user s user + $sys s sys"
@@ -142,6 +155,7 @@ measure() {
       run_floor "$size" "$count"
     fi
     run_sim "$count" "$size"
+    [ "$who" = floor ] && stop_floor
     wait $serve_job
     [ "$who" = serve ] && wait $sampler 2> /dev/null
     read -r ok bytes ms user sys maxrss identical <<< "$(figures)"
