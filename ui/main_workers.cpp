@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "app/log.h"
 #include "install/install_service.h"
 #include "install/transport.h"
 #include "netboot/netboot_server.h"
@@ -29,8 +30,17 @@ class SystemMainWorkers::Beacon : public BeaconWorker {
   }
 };
 
+std::unique_ptr<DriveInstaller> SystemMainWorkers::defaultDriveInstaller(bool underWine) {
+  if (underWine) {
+    logLine() << "local drives: none under Wine";
+    return std::make_unique<NoDriveInstaller>();
+  }
+  return std::make_unique<LocalDriveInstaller>();
+}
+
 SystemMainWorkers::SystemMainWorkers(std::unique_ptr<DriveInstaller> drives)
-    : drives_(drives ? std::move(drives) : std::make_unique<LocalDriveInstaller>()),
+    // Wine sets WINELOADER in the environment of every program it runs.
+    : drives_(drives ? std::move(drives) : defaultDriveInstaller(std::getenv("WINELOADER") != nullptr)),
       beacon_(std::make_unique<Beacon>()) {}
 
 SystemMainWorkers::~SystemMainWorkers() = default;

@@ -16,9 +16,14 @@ namespace tarnlift::ui {
 
 class SystemMainWorkers : public MainWorkers {
  public:
-  // drives: the local-drive installer to hand out (nullptr: the local disk
-  // installer of this machine's drives; tests give a fake).
+  // drives: the local-drive installer to hand out (nullptr: the default one
+  // below; tests give a fake).
   explicit SystemMainWorkers(std::unique_ptr<DriveInstaller> drives = nullptr);
+
+  // The local disk installer of this machine's drives; under Wine none at
+  // all, since Wine's drive letters are folders of the host's file system,
+  // and raw access through them could reach the host's own disks.
+  static std::unique_ptr<DriveInstaller> defaultDriveInstaller(bool underWine);
   ~SystemMainWorkers() override;
 
   RouterInstaller& startRouterInstaller() override;

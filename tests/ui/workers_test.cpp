@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "tests/app/capture_log.h"
 #include "tests/ui/fakes.h"
 
 namespace tarnlift::ui {
@@ -38,6 +39,21 @@ TEST(SystemMainWorkersTest, AnswersAboutEnvironmentFilesAndFolders) {
   EXPECT_EQ(workers.currentDirectory(), std::filesystem::current_path().string());
   uint64_t before = workers.clock().nowMicros();
   EXPECT_GE(workers.clock().nowMicros(), before);
+}
+
+TEST(SystemMainWorkersTest, UnderWineNoLocalDrivesAreOffered) {
+  tarnlift::testing::CapturedLog log;
+  std::unique_ptr<DriveInstaller> drives = SystemMainWorkers::defaultDriveInstaller(true);
+  EXPECT_TRUE(drives->listDrives().empty());
+  EXPECT_TRUE(log.contains("local drives: none under Wine\n"));
+  EXPECT_NE(dynamic_cast<NoDriveInstaller*>(drives.get()), nullptr);
+  std::unique_ptr<DriveInstaller> native = SystemMainWorkers::defaultDriveInstaller(false);
+  EXPECT_EQ(dynamic_cast<NoDriveInstaller*>(native.get()), nullptr);
+  // Wine runs this test program too: the default then offers nothing.
+  if (std::getenv("WINELOADER") != nullptr) {
+    SystemMainWorkers workers;
+    EXPECT_TRUE(workers.makeDriveInstaller().listDrives().empty());
+  }
 }
 
 }  // namespace
