@@ -29,3 +29,12 @@ function(tarnlift_add_test name target)
   add_test(NAME ${name} COMMAND ${target} ${ARGN})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
 endfunction()
+
+# Hardening of the Linux programs (the Debian package is made from this
+# build): checked string and memory calls where the compiler optimises, and
+# relocations bound and made read-only at start-up. Not with the sanitizers
+# and the fuzzer, which bring their own checks and interceptors.
+if(NOT WIN32 AND NOT TARNLIFT_SANITIZE AND NOT TARNLIFT_TSAN AND NOT TARNLIFT_FUZZ)
+  add_compile_definitions($<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+  add_link_options(-Wl,-z,relro,-z,now)
+endif()
