@@ -4,12 +4,14 @@
 // ticking boxes does, and the installation runs on its own thread.
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "app/log.h"
 #include "app/registry.h"
 #include "app/sync.h"
+#include "cli/choice_options.h"
 #include "cli/command.h"
 #include "install/headless.h"
 #include "install/install_command.h"
@@ -30,21 +32,10 @@ struct DiskOptions {
   std::string target;
   uint64_t imageMiB = 256;
   std::string bootImages;
-  std::string packageDir;
   bool havePackages = false;
-  std::vector<std::string> select;
-  std::string setName;
-  InstallOptions install;
+  HeadlessOptions choice;  // the packages, scripts and baud rate
   bool yes = false;
 };
-
-bool parseNumber(const std::string& text, uint64_t& value, uint64_t limit) {
-  char* end = nullptr;
-  unsigned long long n = std::strtoull(text.c_str(), &end, 10);
-  if (text.empty() || *end != 0 || text[0] == '-' || n > limit) return false;
-  value = n;
-  return true;
-}
 
 // The Install command's messages, printed; every question is answered yes.
 class PrintingPrompter : public InstallPrompter {
@@ -91,31 +82,14 @@ int parse(const std::vector<std::string>& arguments, DiskOptions& options) {
       return true;
     };
     std::string text;
-    if (option == "--image-size") {
-      if (!value(text) || !parseNumber(text, options.imageMiB, 1u << 20) || options.imageMiB < 33) {
+    if (std::optional<int> code = takeChoiceOption(arguments, i, options.choice, options.havePackages)) {
+      if (*code != kExitOk) return *code;
+    } else if (option == "--image-size") {
+      if (!value(text) || !parseUnsigned(text, options.imageMiB, 1u << 20) || options.imageMiB < 33) {
         return usageError("--image-size needs a size in MiB of at least 33 (FAT32's smallest volume)");
       }
     } else if (option == "--boot-images") {
       if (!value(options.bootImages)) return usageError("--boot-images needs a folder");
-    } else if (option == "--packages") {
-      if (!value(options.packageDir)) return usageError("--packages needs a folder");
-      options.havePackages = true;
-    } else if (option == "--select") {
-      if (!value(text)) return usageError("--select needs a package file name");
-      options.select.push_back(text);
-    } else if (option == "--set") {
-      if (!value(options.setName)) return usageError("--set needs a package set name");
-    } else if (option == "--script") {
-      if (!value(options.install.scriptPath)) return usageError("--script needs a file");
-      options.install.scriptEnabled = true;
-    } else if (option == "--mode-script") {
-      if (!value(options.install.modeScriptPath)) return usageError("--mode-script needs a file");
-      options.install.modeScriptEnabled = true;
-    } else if (option == "--baud") {
-      uint64_t baud = 0;
-      if (!value(options.install.baudText) || !parseNumber(options.install.baudText, baud, 0xFFFFFFFFu)) {
-        return usageError("--baud needs a number");
-      }
     } else if (option == "--yes") {
       options.yes = true;
     } else if (!option.empty() && option[0] == '-') {
@@ -127,8 +101,7 @@ int parse(const std::vector<std::string>& arguments, DiskOptions& options) {
     }
   }
   if (options.target.empty()) return usageError(std::string("disk needs a TARGET (usage: disk ") + kDiskUsage + ")");
-  if (!options.setName.empty() && !options.select.empty()) return usageError("--set and --select exclude each other");
-  return kExitOk;
+  return checkChoiceOptions(options.choice);
 }
 
 bool confirm(const std::string& target) {
@@ -194,7 +167,7 @@ int runDisk(const std::vector<std::string>& arguments) {
 
   Registry settings;
   settings.openRoot(kSettingsKeyPath);
-  if (!options.havePackages) options.packageDir = settings.readString("Package Path", ".");
+  if (!options.havePackages) options.choice.packageDir = settings.readString("Package Path", ".");
   packages::PackageSets sets;
   sets.loadSets(settings);
 
@@ -203,18 +176,18 @@ int runDisk(const std::vector<std::string>& arguments) {
   packages::PackageCatalogue catalogue;
   packages::PackageChoice choice;
   const uint32_t architecture = 0;  // a drive row takes packages of any architecture
-  if (!options.setName.empty()) {
-    if (!sets.chooseSet(choice, options.setName)) {
-      std::cerr << "tarnlift: no package set named " << options.setName << std::endl;
+  if (!options.choice.setName.empty()) {
+    if (!sets.chooseSet(choice, options.choice.setName)) {
+      std::cerr << "tarnlift: no package set named " << options.choice.setName << std::endl;
       return kExitFailed;
     }
     catalogue.setFolder(choice.folder, architecture);
     catalogue.applySelection(choice.files);
   } else {
-    choice.folder = options.packageDir;
+    choice.folder = options.choice.packageDir;
     catalogue.setFolder(choice.folder, architecture);
     catalogue.applySelection(choice.files);
-    for (const std::string& name : options.select) {
+    for (const std::string& name : options.choice.select) {
       int index = catalogue.findByFileName(name);
       if (index < 0) {
         std::cerr << "tarnlift: " << name << " is not a package of " << choice.folder << std::endl;
@@ -242,10 +215,10 @@ int runDisk(const std::vector<std::string>& arguments) {
   }
 
   RouterRecord& row = target.row;
-  row.scriptEnabled = options.install.scriptEnabled;
-  row.scriptPath = options.install.scriptPath;
-  row.modeScriptEnabled = options.install.modeScriptEnabled;
-  row.modeScriptPath = options.install.modeScriptPath;
+  row.scriptEnabled = options.choice.install.scriptEnabled;
+  row.scriptPath = options.choice.install.scriptPath;
+  row.modeScriptEnabled = options.choice.install.modeScriptEnabled;
+  row.modeScriptPath = options.choice.install.modeScriptPath;
   RememberedChoices remembered;
   remembered.load(settings);
   PrintingPrompter prompter;
@@ -255,7 +228,7 @@ int runDisk(const std::vector<std::string>& arguments) {
                            request = filled;
                            started = true;
                          }};
-  InstallOutcome outcome = runInstallCommand(&row, options.install, context);
+  InstallOutcome outcome = runInstallCommand(&row, options.choice.install, context);
   if (outcome != InstallOutcome::Started || !started) {
     std::cerr << "tarnlift: " << prompter.refusal << std::endl;
     if (target.createdFile) std::remove(options.target.c_str());

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "app/log.h"
 #include "app/registry.h"
 #include "app/sync.h"
+#include "cli/choice_options.h"
 #include "cli/command.h"
 #include "cli/server_guard.h"
 #include "install/headless.h"
@@ -36,9 +38,8 @@ const char* kServeUsage =
     "[--netboot [--boot-images DIR] [--kernel FILE]]";
 
 bool parseCount(const std::string& text, uint32_t& value) {
-  char* end = nullptr;
-  unsigned long n = std::strtoul(text.c_str(), &end, 10);
-  if (text.empty() || *end != 0 || text[0] == '-' || n > 0xFFFFFFFFul) return false;
+  uint64_t n = 0;
+  if (!parseUnsigned(text, n, 0xFFFFFFFFu)) return false;
   value = static_cast<uint32_t>(n);
   return true;
 }
@@ -62,16 +63,10 @@ int runServe(const std::vector<std::string>& commandArguments) {
       return true;
     };
     std::string text;
-    if (option == "--client-address") {
+    if (std::optional<int> code = takeChoiceOption(arguments, i, options, havePackages)) {
+      if (*code != kExitOk) return *code;
+    } else if (option == "--client-address") {
       if (!value(clientText)) return usageError("--client-address needs an IPv4 address");
-    } else if (option == "--packages") {
-      if (!value(options.packageDir)) return usageError("--packages needs a folder");
-      havePackages = true;
-    } else if (option == "--select") {
-      if (!value(text)) return usageError("--select needs a package file name");
-      options.select.push_back(text);
-    } else if (option == "--set") {
-      if (!value(options.setName)) return usageError("--set needs a package set name");
     } else if (option == "--keep-config") {
       options.install.keepConfig = true;
     } else if (option == "--address") {
@@ -83,21 +78,10 @@ int runServe(const std::vector<std::string>& commandArguments) {
     } else if (option == "--gateway") {
       if (!value(options.install.gatewayText)) return usageError("--gateway needs an IPv4 address");
       if (addressFromText(options.install.gatewayText) == 0) return usageError("bad gateway address");
-    } else if (option == "--baud") {
-      uint32_t baud = 0;
-      if (!value(options.install.baudText) || !parseCount(options.install.baudText, baud)) {
-        return usageError("--baud needs a number");
-      }
     } else if (option == "--default-config") {
       options.install.defaultConfig = true;
     } else if (option == "--remove-branding") {
       options.install.keepBranding = false;
-    } else if (option == "--script") {
-      if (!value(options.install.scriptPath)) return usageError("--script needs a file");
-      options.install.scriptEnabled = true;
-    } else if (option == "--mode-script") {
-      if (!value(options.install.modeScriptPath)) return usageError("--mode-script needs a file");
-      options.install.modeScriptEnabled = true;
     } else if (option == "--after") {
       if (!value(text)) return usageError("--after needs reboot, shutdown or none");
       if (text == "reboot") {
@@ -123,7 +107,7 @@ int runServe(const std::vector<std::string>& commandArguments) {
   }
   uint32_t client = addressFromText(clientText);
   if (client == 0) return usageError("serve needs --client-address A.B.C.D");
-  if (!options.setName.empty() && !options.select.empty()) return usageError("--set and --select exclude each other");
+  if (int code = checkChoiceOptions(options); code != kExitOk) return code;
   if (!acquireServerGuard()) return kExitOk;
 
   Registry settings;
