@@ -2,6 +2,8 @@
 // rules of a formatter run, on fakes.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -44,6 +46,33 @@ TEST(LocalDrives, OpticalNetworkAndRamDrivesNeverAppear) {
   drives.list = {root('D', kDriveCdRom), root('G', kDriveRemote),  root('R', kDriveRamDisk),
                  root('U', kDriveUnknown), root('H', kDriveFixed), root('J', 1)};
   EXPECT_EQ(labels(listLocalDrives(drives)), (std::vector<std::string>{"H:\\"}));
+}
+
+// The platform's own list, through the same rule: every drive that may be
+// used is a row, in order, and nothing else. On Windows the drive of the
+// system folder (named by SystemRoot) is among the roots and is marked as
+// the system's, so it can never become a row.
+TEST(LocalDrives, ThePlatformsListKeepsOnlyUsableDrivesAndNeverTheSystems) {
+  std::unique_ptr<DriveEnumerator> enumerator = makePlatformDriveEnumerator();
+  std::vector<DriveCandidate> all = enumerator->candidates();
+  std::vector<std::string> usable;
+  for (const DriveCandidate& candidate : all) {
+    bool kind = candidate.type == kDriveRemovable || candidate.type == kDriveFixed;
+    if (kind && !candidate.system && std::toupper(candidate.letter) != 'A') usable.push_back(candidate.label);
+  }
+  std::vector<RouterRecord> rows = listLocalDrives();
+  EXPECT_EQ(labels(rows), usable);
+  const char* systemRoot = std::getenv("SystemRoot");
+  if (systemRoot == nullptr || systemRoot[0] == 0) return;
+  int systemLetter = std::toupper(static_cast<unsigned char>(systemRoot[0]));
+  bool seen = false;
+  for (const DriveCandidate& candidate : all) {
+    if (std::toupper(candidate.letter) != systemLetter) continue;
+    seen = true;
+    EXPECT_TRUE(candidate.system) << candidate.label;
+  }
+  EXPECT_TRUE(seen) << "no root for " << systemRoot;
+  for (const RouterRecord& row : rows) EXPECT_NE(std::toupper(row.mac[5]), systemLetter) << row.label;
 }
 
 TEST(LocalDrives, RowsKeepThePlatformsOrderAndLookLikeFreshRows) {
