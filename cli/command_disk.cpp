@@ -2,7 +2,7 @@
 // bootable disk of the router operating system, as the window's Install
 // does for a drive row: the packages are chosen through the catalogue as
 // ticking boxes does, and the installation runs on its own thread.
-#include <cstdlib>
+#include <cstdio>
 #include <iostream>
 #include <optional>
 #include <string>
