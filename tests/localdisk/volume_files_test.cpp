@@ -122,6 +122,33 @@ TEST_F(VolumeFilesTest, TheImageIsItsOwnDiskAndSectorZeroCanBeReplaced) {
   EXPECT_EQ(devices->bootLoaderTarget(drive_), drive_.path);
   EXPECT_EQ(devices->openPhysical(number.deviceNumber + 7), nullptr);
 }
+
+// Every device wrapper logs its own line and answers its failure value:
+// a whole disk has no device number, and a closed device can do nothing.
+TEST_F(VolumeFilesTest, TheDeviceWrappersLogTheirFailuresAndAnswerAFailureValue) {
+  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
+  std::unique_ptr<Device> volume = devices->openVolume(drive_);
+  ASSERT_NE(volume, nullptr);
+  StorageDeviceNumber number;
+  ASSERT_EQ(volume->deviceNumber(number), kStorageDeviceNumberSize);
+  ASSERT_TRUE(volume->close());
+  std::unique_ptr<Device> disk = devices->openPhysical(number.deviceNumber);
+  ASSERT_NE(disk, nullptr);
+  tarnlift::testing::CapturedLog log;
+  EXPECT_EQ(disk->deviceNumber(number), -1);
+  EXPECT_TRUE(log.contains("I/O Operation failed\n")) << log.text();
+  ASSERT_TRUE(disk->close());
+  EXPECT_FALSE(log.contains("Closing handle failed"));
+  uint8_t sector[512] = {};
+  EXPECT_EQ(disk->read(sector, 512), -1);
+  EXPECT_TRUE(log.contains("Read from device failed\n")) << log.text();
+  EXPECT_EQ(disk->write(sector, 512), -1);
+  EXPECT_TRUE(log.contains("Write from device failed\n")) << log.text();
+  EXPECT_FALSE(disk->seek(0));
+  EXPECT_TRUE(log.contains("Seeking device failed\n")) << log.text();
+  EXPECT_FALSE(disk->close());
+  EXPECT_TRUE(log.contains("Closing handle failed\n")) << log.text();
+}
 #endif
 
 TEST(PlatformDiskAccess, ADriveThatDoesNotExistCannotBeOpened) {
