@@ -151,6 +151,26 @@ TEST_F(VolumeFilesTest, TheDeviceWrappersLogTheirFailuresAndAnswerAFailureValue)
 }
 #endif
 
+#ifdef _WIN32
+// The Windows wrappers on the volume of the temporary folder's drive, once
+// it is closed: each logs its own line and answers its failure value.
+TEST_F(VolumeFilesTest, AClosedVolumeFailsThroughTheDeviceWrappers) {
+  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
+  std::unique_ptr<Device> volume = devices->openVolume(drive_);
+  if (volume == nullptr) GTEST_SKIP() << "the volume " << drive_.letter << ": cannot be opened here";
+  ASSERT_TRUE(volume->close());
+  tarnlift::testing::CapturedLog log;
+  uint8_t sector[512] = {};
+  EXPECT_EQ(volume->read(sector, 512), -1);
+  EXPECT_TRUE(log.contains("Read from device failed\n")) << log.text();
+  EXPECT_EQ(volume->write(sector, 512), -1);
+  EXPECT_TRUE(log.contains("Write from device failed\n")) << log.text();
+  StorageDeviceNumber number;
+  EXPECT_EQ(volume->deviceNumber(number), -1);
+  EXPECT_TRUE(log.contains("I/O Operation failed\n")) << log.text();
+}
+#endif
+
 TEST(PlatformDiskAccess, ADriveThatDoesNotExistCannotBeOpened) {
   tarnlift::testing::CapturedLog log;
   std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
