@@ -29,13 +29,6 @@ namespace {
 constexpr uint32_t kToolTimeoutMs = 600000;
 constexpr uint32_t kDiskDeviceType = 7;  // a disk, as the Windows query calls it
 
-std::string readLine(const std::string& path) {
-  std::ifstream in(path);
-  std::string line;
-  std::getline(in, line);
-  return line;
-}
-
 bool exists(const std::string& path) {
   struct stat info {};
   return stat(path.c_str(), &info) == 0;
@@ -255,6 +248,13 @@ std::unique_ptr<DiskAccess> makePlatformDiskAccess() { return std::make_unique<L
 std::unique_ptr<VolumeFiles> makePlatformVolumeFiles() { return std::make_unique<MtoolsVolumeFiles>(); }
 const char* bootLoaderInstallerName() { return "syslinux"; }
 
+std::string firstLineOf(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  std::getline(in, line);
+  return line;
+}
+
 std::string wholeDiskPath(const std::string& path) {
   struct stat info {};
   if (path.empty() || stat(path.c_str(), &info) != 0) return {};
@@ -270,7 +270,7 @@ uint32_t partitionNumberOf(const std::string& path) {
   bool isBlock = false;
   std::string sys = sysDirectoryOf(path, isBlock);
   if (sys.empty()) return 0;
-  return static_cast<uint32_t>(std::strtoul(readLine(sys + "/partition").c_str(), nullptr, 10));
+  return static_cast<uint32_t>(std::strtoul(firstLineOf(sys + "/partition").c_str(), nullptr, 10));
 }
 
 DiskUse diskUse(const std::string& name) {
@@ -282,11 +282,11 @@ DiskUse diskUse(const std::string& name) {
     if (exists(base + "/" + entry + "/partition")) parts.push_back(base + "/" + entry);
   }
   for (const std::string& part : parts) {
-    std::string dev = readLine(part + "/dev");
+    std::string dev = firstLineOf(part + "/dev");
     if (!dev.empty()) devices.insert(dev);
     for (const std::string& holder : entries(part + "/holders")) {
       use.held = true;
-      std::string holderDev = readLine("/sys/block/" + holder + "/dev");
+      std::string holderDev = firstLineOf("/sys/block/" + holder + "/dev");
       if (!holderDev.empty()) devices.insert(holderDev);
     }
   }

@@ -29,4 +29,8 @@ std::string wholeDiskPath(const std::string& path);
 // The partition number of a block device path (0 for a whole disk or file).
 uint32_t partitionNumberOf(const std::string& path);
 
+// The first line of a small file such as a /sys attribute; empty when it
+// cannot be read.
+std::string firstLineOf(const std::string& path);
+
 }  // namespace tarnlift::localdisk

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 
 #include "app/log.h"
 #include "localdisk/child_process.h"
@@ -12,13 +11,6 @@
 
 namespace tarnlift::localdisk {
 namespace {
-
-std::string readLine(const std::string& path) {
-  std::ifstream in(path);
-  std::string line;
-  std::getline(in, line);
-  return line;
-}
 
 class SysBlockEnumerator : public DriveEnumerator {
  public:
@@ -108,7 +100,7 @@ uint32_t blockDiskType(const std::string& name) {
   if (startsWith("ram") || startsWith("zram")) return kDriveRamDisk;
   if (startsWith("nbd")) return kDriveRemote;
   if (startsWith("loop") || startsWith("dm-") || startsWith("md") || startsWith("fd")) return kDriveUnknown;
-  return readLine("/sys/block/" + name + "/removable") == "1" ? kDriveRemovable : kDriveFixed;
+  return firstLineOf("/sys/block/" + name + "/removable") == "1" ? kDriveRemovable : kDriveFixed;
 }
 
 }  // namespace tarnlift::localdisk
