@@ -98,16 +98,23 @@ TEST_F(VolumeFilesTest, CopiesOverwriteAndAMissingSourceFails) {
 }
 
 #ifndef _WIN32
+// The disk under the image's volume, found as the installation finds it:
+// the volume's device number, the volume closed, the disk opened.
+std::unique_ptr<Device> openDiskOfVolume(DiskAccess& devices, const DriveId& drive, StorageDeviceNumber& number) {
+  std::unique_ptr<Device> volume = devices.openVolume(drive);
+  EXPECT_NE(volume, nullptr);
+  if (volume == nullptr) return nullptr;
+  EXPECT_EQ(volume->deviceNumber(number), kStorageDeviceNumberSize);
+  EXPECT_TRUE(volume->close());
+  return devices.openPhysical(number.deviceNumber);
+}
+
 TEST_F(VolumeFilesTest, TheImageIsItsOwnDiskAndSectorZeroCanBeReplaced) {
   std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
-  std::unique_ptr<Device> volume = devices->openVolume(drive_);
-  ASSERT_NE(volume, nullptr);
   StorageDeviceNumber number;
-  EXPECT_EQ(volume->deviceNumber(number), kStorageDeviceNumberSize);
-  EXPECT_EQ(number.partitionNumber, 0u);
-  EXPECT_TRUE(volume->close());
-  std::unique_ptr<Device> disk = devices->openPhysical(number.deviceNumber);
+  std::unique_ptr<Device> disk = openDiskOfVolume(*devices, drive_, number);
   ASSERT_NE(disk, nullptr);
+  EXPECT_EQ(number.partitionNumber, 0u);
   uint8_t sector[512];
   ASSERT_TRUE(disk->seek(0));
   ASSERT_EQ(disk->read(sector, 512), 512);
@@ -127,12 +134,8 @@ TEST_F(VolumeFilesTest, TheImageIsItsOwnDiskAndSectorZeroCanBeReplaced) {
 // a whole disk has no device number, and a closed device can do nothing.
 TEST_F(VolumeFilesTest, TheDeviceWrappersLogTheirFailuresAndAnswerAFailureValue) {
   std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
-  std::unique_ptr<Device> volume = devices->openVolume(drive_);
-  ASSERT_NE(volume, nullptr);
   StorageDeviceNumber number;
-  ASSERT_EQ(volume->deviceNumber(number), kStorageDeviceNumberSize);
-  ASSERT_TRUE(volume->close());
-  std::unique_ptr<Device> disk = devices->openPhysical(number.deviceNumber);
+  std::unique_ptr<Device> disk = openDiskOfVolume(*devices, drive_, number);
   ASSERT_NE(disk, nullptr);
   tarnlift::testing::CapturedLog log;
   EXPECT_EQ(disk->deviceNumber(number), -1);
