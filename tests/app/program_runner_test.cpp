@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -61,14 +62,40 @@ class RecordSource : public ProgramSource {
   int lookups = 0;
 };
 
-// The platform's variable naming the temporary directory.
-void setTemporaryDirectory(const std::string& directory) {
+// The platform's variables naming the temporary directory.
 #ifdef _WIN32
-  SetEnvironmentVariableA("TMP", directory.c_str());
-  SetEnvironmentVariableA("TEMP", directory.c_str());
+const char* const kTemporaryVariables[] = {"TMP", "TEMP"};
 #else
-  setenv("TMPDIR", directory.c_str(), 1);
+const char* const kTemporaryVariables[] = {"TMPDIR"};
 #endif
+
+std::optional<std::string> readVariable(const char* name) {
+#ifdef _WIN32
+  std::vector<char> buffer(32768);
+  DWORD length = GetEnvironmentVariableA(name, buffer.data(), static_cast<DWORD>(buffer.size()));
+  if (length == 0 || length >= buffer.size()) return std::nullopt;
+  return std::string(buffer.data(), length);
+#else
+  const char* value = std::getenv(name);
+  if (value == nullptr) return std::nullopt;
+  return std::string(value);
+#endif
+}
+
+void writeVariable(const char* name, const std::optional<std::string>& value) {
+#ifdef _WIN32
+  SetEnvironmentVariableA(name, value ? value->c_str() : nullptr);
+#else
+  if (value) {
+    setenv(name, value->c_str(), 1);
+  } else {
+    unsetenv(name);
+  }
+#endif
+}
+
+void setTemporaryDirectory(const std::string& directory) {
+  for (const char* name : kTemporaryVariables) writeVariable(name, directory);
 }
 
 bool isExecutable(const std::string& path) {
@@ -98,6 +125,7 @@ class ProgramRunnerTest : public ::testing::Test {
     fs::create_directories(base_ / "tmp");
     fs::create_directories(base_ / "work");
     tmp_ = (base_ / "tmp").string();
+    for (const char* name : kTemporaryVariables) savedVariables_.push_back(readVariable(name));
     setTemporaryDirectory(tmp_);
     previous_ = fs::current_path();
     fs::current_path(base_ / "work");
@@ -106,6 +134,9 @@ class ProgramRunnerTest : public ::testing::Test {
     source_.records[134] = recordOf(program, 7);
   }
   void TearDown() override {
+    // The folder goes away: later tests (and the test framework's own
+    // temporary files) must not be sent into it.
+    for (size_t i = 0; i < savedVariables_.size(); ++i) writeVariable(kTemporaryVariables[i], savedVariables_[i]);
     fs::current_path(previous_);
     std::error_code ignored;
     fs::remove_all(base_, ignored);
@@ -129,6 +160,7 @@ class ProgramRunnerTest : public ::testing::Test {
   fs::path base_;
   fs::path previous_;
   std::string tmp_;
+  std::vector<std::optional<std::string>> savedVariables_;
   RecordSource source_;
 };
 
