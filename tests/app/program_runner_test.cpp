@@ -94,6 +94,14 @@ void writeVariable(const char* name, const std::optional<std::string>& value) {
 #endif
 }
 
+unsigned long processId() {
+#ifdef _WIN32
+  return GetCurrentProcessId();
+#else
+  return static_cast<unsigned long>(getpid());
+#endif
+}
+
 void setTemporaryDirectory(const std::string& directory) {
   for (const char* name : kTemporaryVariables) writeVariable(name, directory);
 }
@@ -119,8 +127,10 @@ class ProgramRunnerTest : public ::testing::Test {
   void SetUp() override {
     // TempDir() follows the variable the tests change: take it once.
     static const std::string kTempDir = ::testing::TempDir();
-    base_ = fs::path(kTempDir) /
-            ("runner-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    // The process id keeps runs of this program side by side (other
+    // checkouts on the same machine) out of each other's folders.
+    base_ = fs::path(kTempDir) / ("runner-" + std::to_string(processId()) + "-" +
+                                  ::testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(base_);
     fs::create_directories(base_ / "tmp");
     fs::create_directories(base_ / "work");
