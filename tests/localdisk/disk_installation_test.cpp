@@ -10,6 +10,7 @@
 
 #include "localdisk/disk_installation.h"
 #include "tests/app/capture_log.h"
+#include "tests/app/private_temp.h"
 #include "tests/localdisk/fake_disk.h"
 
 namespace tarnlift::localdisk {
@@ -19,8 +20,8 @@ namespace fs = std::filesystem;
 using namespace localdisk::testing;
 
 std::string tempDir() {
-  fs::path dir = fs::path(::testing::TempDir()) /
-                 ("tl-disk-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+  fs::path dir = tarnlift::testing::privateTempPath(
+      "tl-disk-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
   fs::remove_all(dir);
   fs::create_directories(dir);
   return dir.string();

@@ -9,6 +9,7 @@
 #include "localdisk/child_process.h"
 #include "localdisk/disk_access.h"
 #include "localdisk/linux_disks.h"
+#include "tests/app/private_temp.h"
 
 namespace tarnlift::localdisk {
 namespace {
@@ -51,7 +52,7 @@ TEST(FindProgram, LooksInPathAndTheSystemFolders) {
 }
 
 TEST(LinuxTargets, AnImageFileStandsForItself) {
-  std::string path = ::testing::TempDir() + "tl-linux-disks.img";
+  std::string path = tarnlift::testing::privateTempPath("tl-linux-disks.img");
   { std::ofstream(path) << "x"; }
   EXPECT_EQ(wholeDiskPath(path), path);
   EXPECT_EQ(partitionNumberOf(path), 0u);

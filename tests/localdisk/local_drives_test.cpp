@@ -9,6 +9,7 @@
 
 #include "localdisk/local_drives.h"
 #include "tests/app/capture_log.h"
+#include "tests/app/private_temp.h"
 
 namespace tarnlift::localdisk {
 namespace {
@@ -109,7 +110,7 @@ TEST(LocalDrives, TheTypeTexts) {
 }
 
 TEST(LocalDrives, FileSizeOfAFileAndOfNone) {
-  std::string path = ::testing::TempDir() + "tl-filesize.bin";
+  std::string path = tarnlift::testing::privateTempPath("tl-filesize.bin");
   {
     std::ofstream out(path, std::ios::binary);
     out << std::string(1234, 'x');

@@ -11,6 +11,7 @@
 #include "localdisk/child_process.h"
 #include "localdisk/disk_access.h"
 #include "tests/app/capture_log.h"
+#include "tests/app/private_temp.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -31,8 +32,8 @@ std::string readWhole(const std::string& path) {
 class VolumeFilesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = fs::path(::testing::TempDir()) /
-           ("tl-volume-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    dir_ = tarnlift::testing::privateTempPath(
+        "tl-volume-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     fs::remove_all(dir_);
     fs::create_directories(dir_);
     source_ = (dir_ / "source.npk").string();
