@@ -11,7 +11,7 @@ as_root test-all "$@"
 cd "$(dirname "$0")/.."
 jobs=${JOBS:-$(nproc)}
 # Seconds of fuzzing, shared by all the fuzz targets.
-fuzz_seconds=${FUZZ_SECONDS:-150}
+fuzz_seconds=${FUZZ_SECONDS:-60}
 status=0
 summary=()
 started=$(date +%s)
