@@ -50,8 +50,9 @@ std::unique_ptr<BootImageStore> makeDirectoryBootImageStore(const std::string& d
 //   1. Windows only: the RCDATA resources of the executable;
 //   2. the directory given with setBootImageDirectory (`--boot-images DIR`);
 //      when none was given, the per-user folder and then the system folder;
-//   3. Windows only: the placeholder image built into the executable, for
-//      number 143 (on Linux the placeholder is a file of the system folder).
+//   3. the placeholders built into the program, for 143 (UEFI) and 125
+//      (BIOS): whatever folders are named, a PXE client never meets a
+//      missing record (Windows: resources, elsewhere compiled-in arrays).
 // Tests install their own store instead (the caller keeps it alive).
 void setBootImageDirectory(const std::string& directory);
 std::string bootImageDirectory();
@@ -112,8 +113,8 @@ long long writeNewFile(const std::string& path, const uint8_t* data, size_t size
 // resources), or null; with its place as listed.
 BootImageStore* platformBootImageStore();
 std::string platformBootImagePlace();
-// The built-in placeholder searched last (Windows: a resource of the
-// executable that answers number 143), or null.
+// The built-in placeholders searched last (numbers 143 and 125), or null
+// when the build made none.
 BootImageStore* placeholderBootImageStore();
 bool directoryExists(const std::string& path);
 // The per-user folder (empty when the environment names no home) and the

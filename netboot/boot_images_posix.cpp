@@ -1,5 +1,6 @@
 // Linux half of the boot image store: records are files, mapped read-only
-// so that transfers send straight from the page cache.
+// so that transfers send straight from the page cache; the placeholders are
+// compiled in and searched last.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 
 #include "netboot/boot_images.h"
+#include "netboot/placeholder_records.h"
 
 namespace tarnlift::netboot {
 namespace {
@@ -29,6 +31,20 @@ class PosixMappedFile : public MappedFile {
  private:
   void* address_;
   size_t size_;
+};
+
+// The placeholders compiled into the program.
+class EmbeddedPlaceholderStore : public BootImageStore {
+ public:
+  bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
+    for (const EmbeddedRecord& embedded : builtInPlaceholderRecords()) {
+      if (embedded.number != number) continue;
+      record = embedded.record;
+      storedSize = embedded.storedSize;
+      return true;
+    }
+    return false;
+  }
 };
 
 std::string executableDirectory() {
@@ -79,7 +95,11 @@ long long writeNewFile(const std::string& path, const uint8_t* data, size_t size
 
 BootImageStore* platformBootImageStore() { return nullptr; }
 std::string platformBootImagePlace() { return {}; }
-BootImageStore* placeholderBootImageStore() { return nullptr; }
+BootImageStore* placeholderBootImageStore() {
+  if (builtInPlaceholderRecords().empty()) return nullptr;
+  static EmbeddedPlaceholderStore store;
+  return &store;
+}
 
 bool directoryExists(const std::string& path) {
   struct stat info {};

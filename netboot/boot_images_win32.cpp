@@ -1,10 +1,11 @@
 // Windows half of the boot image store: the executable's RCDATA records
-// (searched first) and its placeholder for 143 (searched last), which stay
+// (searched first) and its placeholders for 143 and 125 (searched last), which stay
 // mapped for the life of the process; file mappings for the folders searched
 // between them, and where those folders are.
 #include <windows.h>
 
 #include <functional>
+#include <string>
 
 #include "netboot/boot_images.h"
 #include "netboot/resource_lookup.h"
@@ -34,15 +35,16 @@ class ResourceStore : public BootImageStore {
   }
 };
 
-// The placeholder image for number 143, kept under a name of its own so that
-// it is found only after every folder: a deployer's real image, put in a
-// folder, wins over it.
+// The placeholder images (143 for UEFI PCs, 125 for BIOS PCs), kept under
+// names of their own (TARNLIFT_PLACEHOLDER_<number>) so that they are found
+// only after every folder: a deployer's real image, put in a folder, wins.
 class PlaceholderStore : public BootImageStore {
  public:
   bool findRecord(int number, const uint8_t*& record, size_t& storedSize) override {
-    if (number != kImageEfiX64) return false;
-    static const ResourceLookup lookup = resourceSteps([](HMODULE module, int) -> void* {
-      return FindResourceA(module, "TARNLIFT_PLACEHOLDER", MAKEINTRESOURCEA(10));
+    if (number != kImageEfiX64 && number != kImageBiosPxe) return false;
+    static const ResourceLookup lookup = resourceSteps([](HMODULE module, int n) -> void* {
+      std::string name = "TARNLIFT_PLACEHOLDER_" + std::to_string(n);
+      return FindResourceA(module, name.c_str(), MAKEINTRESOURCEA(10));
     });
     return lookUpResourceRecord(lookup, number, record, storedSize);
   }

@@ -11,12 +11,13 @@ the content has an odd length. The TFTP server ends a transfer when the last
 block is acknowledged and sends no closing empty block, so a client of a file
 whose length is a multiple of its block size would wait for one forever; an
 odd length is a multiple of no usual (even) block size. Bytes behind the
-last section of a UEFI image are not loaded, so the trailer changes nothing.
+last section of a UEFI image are not loaded, and a BIOS boot program never
+runs into its tail, so the trailer changes nothing. The trailer names the
+record number, taken from RECORD's file name ("125.bin").
 """
+import os
 import struct
 import sys
-
-TRAILER = b"\nTARNLIFT PLACEHOLDER BOOT IMAGE 143\n"
 
 
 def main():
@@ -27,7 +28,8 @@ def main():
         sys.exit(__doc__)
     content = open(args[0], "rb").read()
     if odd:
-        content += TRAILER
+        number = os.path.basename(args[1]).split(".")[0]
+        content += b"\nTARNLIFT PLACEHOLDER BOOT IMAGE " + number.encode() + b"\n"
         if len(content) % 2 == 0:
             content += b"\n"
     with open(args[1], "wb") as out:

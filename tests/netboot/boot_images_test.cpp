@@ -18,6 +18,7 @@
 #include <iterator>
 #include <string>
 
+#include "netboot/bootp.h"
 #include "netboot/resource_lookup.h"
 #include "tests/app/capture_log.h"
 #include "tests/netboot/fake_network.h"
@@ -273,6 +274,67 @@ TEST(ShippedBootImages, AreTheTestImagesAndThePlaceholder) {
   setBootImageDirectory("");
 }
 
+// The BIOS placeholder (125) is a real-mode PXE boot program that says what
+// it is and what is missing, then hands the PC back to its firmware.
+TEST(ShippedBootImages, BiosPlaceholderSaysWhatIsMissingAndGivesThePcBack) {
+  std::string empty = tempPath("bios_placeholder");
+  ASSERT_TRUE(makeDirectory(empty));
+  setBootImageDirectory(empty);
+  BootImageLocation location;
+  ASSERT_TRUE(locateBootImage(kImageBiosPxe, location));
+  EXPECT_EQ(location.place, "placeholder built into the program");
+  BootImage image = loadBootImage(kImageBiosPxe);
+  std::string bytes(reinterpret_cast<const char*>(image.data), image.length);
+  // Loaded at 0000:7C00 below the firmware's data: a few KiB at most.
+  EXPECT_GT(image.length, 100u);
+  EXPECT_LT(image.length, 32768u);
+  EXPECT_EQ(image.length % 2, 1u) << "an odd length is a multiple of no usual block size";
+  EXPECT_NE(bytes.find("Tarnlift placeholder boot image (record 125)"), std::string::npos);
+  EXPECT_NE(bytes.find("must be supplied as record 125"), std::string::npos);
+  EXPECT_NE(bytes.find("--boot-images DIR"), std::string::npos);
+  EXPECT_NE(bytes.find("TARNLIFT PLACEHOLDER BOOT IMAGE 125"), std::string::npos);
+  EXPECT_NE(bytes.find(std::string("\xCD\x18", 2)), std::string::npos) << "int 18h: the next boot device";
+  setBootImageDirectory("");
+}
+
+// A legacy BIOS PC that network-boots on the segment makes the reply look up
+// record 125. Whatever folder is given, and even when it holds nothing, the
+// lookup finds the placeholder instead of ending the server; option 13
+// announces the placeholder's size.
+TEST(BiosPxeClient, IsAnsweredWithThePlaceholderWhateverFolderIsGiven) {
+  std::string empty = tempPath("bios_client");
+  ASSERT_TRUE(makeDirectory(empty));
+  setBootImageDirectory(empty);
+  BootpClassifier classifier;
+  std::vector<uint8_t> request =
+      makeBootpRequest(MacAddress{0x52, 0x54, 0x00, 0x12, 0x34, 0x56}, "PXEClient:Arch:00000:UNDI:002001", 0, 7);
+  ASSERT_TRUE(classifier.classify(request.data(), request.size()));
+  ASSERT_EQ(classifier.clientClass(), kImageBiosPxe);
+  std::vector<uint8_t> buffer(kBootpBufferSize, 0);
+  std::copy(request.begin(), request.end(), buffer.begin());
+  size_t length = buildBootpReply(buffer.data(), classifier.clientClass(), 0x0158a8c0, 0x0258a8c0, 0x00ffffff, "image");
+  ASSERT_GT(length, kBootpOptionsOffset + 4);
+  EXPECT_EQ(buffer[kBootpOptionsOffset], 13);
+  uint32_t blocks = uint32_t(buffer[kBootpOptionsOffset + 2]) << 8 | buffer[kBootpOptionsOffset + 3];
+  EXPECT_EQ(blocks, loadBootImage(kImageBiosPxe).length / 512 + 1);
+  setBootImageDirectory("");
+}
+
+// A deployer's 125 (say a network boot loader) in a folder wins over the
+// placeholder.
+TEST(BiosPxeClient, DeployersRecordWinsOverThePlaceholder) {
+  std::string folder = tempPath("bios_deployer");
+  ASSERT_TRUE(makeDirectory(folder));
+  writeRecord(folder + "/125.bin", "a real BIOS boot loader");
+  setBootImageDirectory(folder);
+  BootImageLocation location;
+  ASSERT_TRUE(locateBootImage(kImageBiosPxe, location));
+  EXPECT_EQ(location.place, folder);
+  BootImage image = loadBootImage(kImageBiosPxe);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(image.data), image.length), "a real BIOS boot loader");
+  setBootImageDirectory("");
+}
+
 // The search goes record by record: a record missing from the first place
 // is taken from the next, and the first place that has it wins.
 TEST(BootImageSearch, EachRecordComesFromTheFirstPlaceThatHasIt) {
@@ -309,13 +371,13 @@ TEST(BootImageSearch, EachRecordComesFromTheFirstPlaceThatHasIt) {
   EXPECT_FALSE(locateBootImage(9003, location)) << "the per-user folder is not searched";
   std::vector<BootImageSource> sources = bootImageSources();
   ASSERT_FALSE(sources.empty());
+  EXPECT_EQ(sources.back().place, "placeholder built into the program") << "the placeholders come last";
 #ifdef _WIN32
   EXPECT_EQ(sources.front().place.rfind("resources of ", 0), 0u) << "the program's resources come first";
-  EXPECT_EQ(sources.back().place, "placeholder built into the program");
   ASSERT_EQ(sources.size(), 3u);
   EXPECT_EQ(sources[1].place, first);
 #else
-  ASSERT_EQ(sources.size(), 1u);
+  ASSERT_EQ(sources.size(), 2u);
   EXPECT_EQ(sources[0].place, first);
 #endif
   setBootImageDirectory("");

@@ -120,6 +120,26 @@ same() {  # FILE NUMBER
 }
 
 check="--client 192.168.88.1 --server 192.168.88.2"
+
+# A legacy BIOS PC on the segment whose record 125 nobody supplied: it is
+# answered with the placeholder built into the program (searched after the
+# --boot-images folder), and the server goes on running.
+bios_placeholder_check() {  # MAC
+  rm -f "$work/images/125.bin" "$work/expect/125"
+  # shellcheck disable=SC2086
+  HOME=$work $tarnlift_cmd bootimage extract 125 "$work/expect/125" --boot-images "$work/images" > /dev/null 2>&1 ||
+    fail "no placeholder 125 to extract"
+  grep -q "TARNLIFT PLACEHOLDER BOOT IMAGE 125" "$work/expect/125" || fail "125 is not the placeholder"
+  # shellcheck disable=SC2086
+  out=$(bootp "$1" PXEClient:Arch:00000:UNDI:002001 --arch 0 $check --pxe --netmask 255.255.255.0 \
+    --image-length "$(stat -c %s "$work/expect/125")") || fail "BOOTP BIOS: $out"
+  in_rtr curl -s -m 30 -o "$work/got/bios" "tftp://192.168.88.2/image" || fail "download of the BIOS placeholder"
+  same "$work/got/bios" 125
+  sleep 0.5
+  kill -0 "$server_pid" 2> /dev/null || fail "the server ended after a BIOS client: $(tail -3 "$work/server.out")"
+  grep -q "ResourceID=125" "$work/server.out" && fail "record 125 was missing"
+  echo "BIOS client got the placeholder ($(stat -c %s "$work/got/bios") bytes); the server runs on"
+}
 case $case_name in
   classes)
     # Every vendor class of the table, each from its own MAC; the reply is
@@ -192,6 +212,7 @@ EOF
       sleep 0.1
     done
     grep -q "serve: installing on 192.168.88.2" "$work/server.err" || fail "the installer did not start beside it"
+    bios_placeholder_check 02:00:5E:00:06:02
     ;;
   concurrent)
     out=$(bootp 02:00:5E:00:03:01 tile_boot $check) || fail "BOOTP: $out"
@@ -238,6 +259,7 @@ EOF
     echo "BOOTP EFI: $out"
     in_rtr curl -s -m 30 -o "$work/got/w143" "tftp://192.168.88.2/bootx64.efi" || fail "curl efi"
     same "$work/got/w143" 143
+    bios_placeholder_check 02:00:5E:00:04:03
     ;;
   *) fail "unknown case" ;;
 esac
