@@ -111,6 +111,14 @@ bool BootpClassifier::classify(const uint8_t* request, size_t length) {
   return std::memcmp(clientMac_.data(), request + kChaddrOffset, 6) == 0;
 }
 
+bool bootFileSizeBlocks(uint32_t length, uint32_t& blocks) {
+  // In 512-byte blocks, always one more than whole blocks.
+  uint32_t count = length / 512 + 1;
+  if (count > kBootFileSizeMaxBlocks) return false;
+  blocks = count;
+  return true;
+}
+
 size_t buildBootpReply(uint8_t* buffer, int clientClass, uint32_t clientAddress, uint32_t serverAddress,
                        uint32_t serverNetmask, const std::string& bootFileName) {
   buffer[0] = 2;
@@ -123,12 +131,13 @@ size_t buildBootpReply(uint8_t* buffer, int clientClass, uint32_t clientAddress,
     std::memcpy(buffer + kFileOffset, bootFileName.data(),
                 bootFileName.size() < kFileSize ? bootFileName.size() : kFileSize);
     BootImage image = loadBootImage(clientClass == kClassPxe ? kImageBiosPxe : kImageEfiX64);
-    // In 512-byte blocks, always one more than whole blocks.
-    uint16_t blocks = static_cast<uint16_t>(image.length / 512 + 1);
-    buffer[pos++] = kOptionBootFileSize;
-    buffer[pos++] = 2;
-    buffer[pos++] = static_cast<uint8_t>(blocks >> 8);
-    buffer[pos++] = static_cast<uint8_t>(blocks);
+    uint32_t blocks = 0;
+    if (bootFileSizeBlocks(image.length, blocks)) {
+      buffer[pos++] = kOptionBootFileSize;
+      buffer[pos++] = 2;
+      buffer[pos++] = static_cast<uint8_t>(blocks >> 8);
+      buffer[pos++] = static_cast<uint8_t>(blocks);
+    }
     buffer[pos++] = kOptionSubnetMask;
     buffer[pos++] = 4;
     std::memcpy(buffer + pos, &serverNetmask, 4);

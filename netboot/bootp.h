@@ -44,10 +44,19 @@ class BootpClassifier {
   int clientClass_ = kClassNone;
 };
 
+// Option 13, the boot file size, counts 512-byte blocks in 16 bits; it is
+// always one more than the whole blocks of the image. False when that count
+// does not fit, that is for images of 65,535 * 512 = 33,553,920 bytes and
+// more: the reply then leaves the option out, and a PXE client asks the
+// TFTP server for the size ("tsize") instead of being told a wrapped one.
+inline constexpr uint32_t kBootFileSizeMaxBlocks = 0xFFFF;
+bool bootFileSizeBlocks(uint32_t length, uint32_t& blocks);
+
 // Turns the request in buffer (kBootpBufferSize bytes, the request at its
 // start, zeros behind it) into the reply for clientClass and returns the
-// length to send. PXE classes get the boot file name and options 13 and 1;
-// the boot image for option 13 is looked up in the store (fatal if absent).
+// length to send. PXE classes get the boot file name, option 13 (when the
+// size fits, see above) and option 1; the boot image is looked up in the
+// store (fatal if absent).
 size_t buildBootpReply(uint8_t* buffer, int clientClass, uint32_t clientAddress, uint32_t serverAddress,
                        uint32_t serverNetmask, const std::string& bootFileName);
 

@@ -242,6 +242,39 @@ TEST_F(BootpReplyTest, BootFileSizeIsAlwaysRoundedUpByOneBlock) {
   EXPECT_EQ(store.lookups.back(), 125);
 }
 
+// The 16-bit block count holds images up to 65,534 whole blocks and a part;
+// from 65,535 * 512 bytes on it would wrap (32 MiB announced as 0 bytes,
+// 40 MiB as 8,389,120).
+TEST(BootFileSize, FitsUpToTheLastCountSixteenBitsHold) {
+  uint32_t blocks = 0;
+  ASSERT_TRUE(bootFileSizeBlocks(0, blocks));
+  EXPECT_EQ(blocks, 1u);
+  ASSERT_TRUE(bootFileSizeBlocks(65534u * 512 + 511, blocks));
+  EXPECT_EQ(blocks, 65535u);
+  blocks = 7;
+  EXPECT_FALSE(bootFileSizeBlocks(65535u * 512, blocks));
+  EXPECT_EQ(blocks, 7u) << "left alone when it does not fit";
+  EXPECT_FALSE(bootFileSizeBlocks(32u << 20, blocks));
+  EXPECT_FALSE(bootFileSizeBlocks(40u << 20, blocks));
+  EXPECT_FALSE(bootFileSizeBlocks(0xFFFFFFFFu, blocks));
+}
+
+TEST_F(BootpReplyTest, ImagesTooBigForOption13GetNoBootFileSize) {
+  store.addSized(143, 65534u * 512 + 511);
+  ScopedBootImageStore scoped(store);
+  std::vector<uint8_t> reply = replyFor(143, request("PXEClient", 7));
+  const uint8_t largest[] = {13, 2, 0xFF, 0xFF, 1, 4, 255, 255, 255, 0, 255};
+  ASSERT_EQ(reply.size(), 240 + sizeof largest);
+  EXPECT_EQ(std::memcmp(reply.data() + 240, largest, sizeof largest), 0);
+
+  store.addSized(143, 65535u * 512);
+  reply = replyFor(143, request("PXEClient", 7));
+  const uint8_t withoutSize[] = {1, 4, 255, 255, 255, 0, 255};
+  ASSERT_EQ(reply.size(), 240 + sizeof withoutSize);
+  EXPECT_EQ(std::memcmp(reply.data() + 240, withoutSize, sizeof withoutSize), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(reply.data() + 108)), "/image") << "the file name stays";
+}
+
 TEST_F(BootpReplyTest, OtherClassesGetNoOptionsAndKeepTheFileField) {
   ScopedBootImageStore scoped(store);
   std::vector<uint8_t> bytes = request("Powerboot");

@@ -63,10 +63,13 @@ std::vector<uint8_t> expectedReply(const std::vector<uint8_t>& request, const Op
   if (o.pxe) {
     std::memset(reply.data() + 108, 0, 128);
     std::memcpy(reply.data() + 108, "/image", 6);
-    unsigned blocks = static_cast<unsigned>(o.imageLength / 512 + 1);
+    // The boot file size in 512-byte blocks, one more than whole blocks; an
+    // image whose count does not fit 16 bits gets no option 13 at all.
+    unsigned long blocks = static_cast<unsigned long>(o.imageLength / 512 + 1);
+    if (blocks <= 0xFFFF) options = {13, 2, uint8_t(blocks >> 8), uint8_t(blocks)};
     in_addr_t mask = inet_addr(o.netmask.c_str());
     const uint8_t* m = reinterpret_cast<const uint8_t*>(&mask);
-    options = {13, 2, uint8_t(blocks >> 8), uint8_t(blocks), 1, 4, m[0], m[1], m[2], m[3]};
+    options.insert(options.end(), {1, 4, m[0], m[1], m[2], m[3]});
   }
   options.push_back(255);
   reply.resize(240);
