@@ -1,5 +1,6 @@
 #include "netboot/tftp.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -81,6 +82,15 @@ TftpOptions parseTftpOptions(const uint8_t* data, size_t length) {
       logLine() << "blksize " << value;
       options.wantsBlksize = true;
       options.needsOack = true;
+    } else if (equalsIgnoringCase(name, "windowsize")) {
+      long long asked = readDecimal(value);
+      // Outside 1..65535 the option is invalid: ignored, left out of the
+      // OACK, and the transfer goes in lock step.
+      if (asked >= 1 && asked <= kTftpWindowSizeLimit) {
+        options.windowSize = asked > kTftpMaxWindowSize ? kTftpMaxWindowSize : static_cast<uint32_t>(asked);
+        options.wantsWindowsize = true;
+        options.needsOack = true;
+      }
     }
   }
   return options;
@@ -106,6 +116,10 @@ std::vector<uint8_t> makeTftpOack(const TftpOptions& options, uint32_t fileSize)
   if (options.wantsBlksize) {
     appendText(packet, "blksize");
     appendText(packet, std::to_string(options.blockSize));
+  }
+  if (options.wantsWindowsize) {
+    appendText(packet, "windowsize");
+    appendText(packet, std::to_string(options.windowSize));
   }
   return packet;
 }
@@ -137,6 +151,52 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
   }
   logLine() << "sendFile " << length;
 
+  bool done = options_.windowSize > 1 ? sendWindowed(content, length) : sendLockStep(content, length);
+  if (!done) {
+    socket_.reset();
+    return false;
+  }
+
+  // Read requests the client repeated meanwhile must not start a second
+  // transfer of the same file.
+  if (tftpSocket != nullptr) {
+    uint8_t buffer[kTftpRequestSize];
+    while (true) {
+      int flushed = tftpSocket->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
+      if (flushed < 0) break;
+      logLine() << "flush tftpSk: " << flushed;
+    }
+  }
+  socket_.reset();
+  return true;
+}
+
+int TftpTransfer::awaitAck(int& budget, uint16_t& acked) {
+  DatagramSocket* socket = socket_.get();
+  bool readable = false;
+  int ready = network_.waitReadable(&socket, 1, kTftpWaitMs, &readable);
+  if (ready < 0) fatalFailure("select failed");
+  if (ready == 0 || !readable) {
+    if (budget == 1) {
+      logLine() << "TFTP timeout";
+      return -2;
+    }
+    --budget;
+    return -1;
+  }
+  uint8_t buffer[kTftpRequestSize];
+  int received = socket_->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
+  if (received < 0) {
+    std::string message = "recvfrom failed";
+    reportSocketFailure(message, true);
+  }
+  budget = kTftpBudget;
+  if (received != 4 || buffer[0] != 0 || buffer[1] != kTftpOpAck) return 0;
+  acked = static_cast<uint16_t>(buffer[2] << 8 | buffer[3]);
+  return 1;
+}
+
+bool TftpTransfer::sendLockStep(const uint8_t* content, uint32_t length) {
   uint32_t sent = 0;
   auto sendNextBlock = [&] {
     uint32_t remaining = length - sent;
@@ -153,18 +213,11 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
   };
 
   int budget = kTftpFirstBudget;
-  uint8_t buffer[kTftpRequestSize];
   while (true) {
-    DatagramSocket* socket = socket_.get();
-    bool readable = false;
-    int ready = network_.waitReadable(&socket, 1, kTftpWaitMs, &readable);
-    if (ready < 0) fatalFailure("select failed");
-    if (ready == 0 || !readable) {
-      if (budget == 1) {
-        logLine() << "TFTP timeout";
-        socket_.reset();
-        return false;
-      }
+    uint16_t acked = 0;
+    int got = awaitAck(budget, acked);
+    if (got == -2) return false;
+    if (got == -1) {
       // A request without options has nothing to repeat yet: its first
       // time-out sends block 1, as if block 0 had been acknowledged.
       if (lastPacket_.empty()) {
@@ -172,25 +225,16 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
       } else {
         sendPacket(lastPacket_);
       }
-      --budget;
       continue;
     }
-    int received = socket_->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
-    if (received < 0) {
-      std::string message = "recvfrom failed";
-      reportSocketFailure(message, true);
-    }
-    budget = kTftpBudget;
-    if (received != 4 || buffer[0] != 0 || buffer[1] != kTftpOpAck) continue;
-    uint16_t acked = static_cast<uint16_t>(buffer[2] << 8 | buffer[3]);
+    if (got == 0) continue;
     if (acked == static_cast<uint16_t>(blockNumber_)) {
-      if (sent >= length) break;
+      if (sent >= length) return true;
       // A negotiated block size of 0 moves no data, however long the client
       // keeps acknowledging: give up as a transfer that ran out of time, so
       // that no client can hold the boot server's only thread.
       if (options_.blockSize == 0) {
         logLine() << "TFTP timeout";
-        socket_.reset();
         return false;
       }
       sendNextBlock();
@@ -198,18 +242,73 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
       sendPacket(lastPacket_);
     }
   }
+}
 
-  // Read requests the client repeated meanwhile must not start a second
-  // transfer of the same file.
-  if (tftpSocket != nullptr) {
-    while (true) {
-      int flushed = tftpSocket->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
-      if (flushed < 0) break;
-      logLine() << "flush tftpSk: " << flushed;
+void TftpTransfer::sendBlock(uint64_t block, const uint8_t* content, uint32_t length) {
+  uint64_t offset = (block - 1) * options_.blockSize;
+  uint64_t remaining = offset < length ? length - offset : 0;
+  size_t chunk = static_cast<size_t>(remaining < options_.blockSize ? remaining : options_.blockSize);
+  blockPacket_.resize(4 + chunk);
+  blockPacket_[0] = 0;
+  blockPacket_[1] = static_cast<uint8_t>(kTftpOpData);
+  blockPacket_[2] = static_cast<uint8_t>(block >> 8);
+  blockPacket_[3] = static_cast<uint8_t>(block);
+  if (chunk != 0) std::memcpy(blockPacket_.data() + 4, content + offset, chunk);
+  sendPacket(blockPacket_);
+}
+
+bool TftpTransfer::sendWindowed(const uint8_t* content, uint32_t length) {
+  // Block counts run on in 64 bits; on the wire they are the low 16 bits,
+  // which roll over to 0 after 65535.
+  const uint64_t blockSize = options_.blockSize;
+  const uint64_t total =
+      blockSize == 0 ? (length == 0 ? 0 : UINT64_MAX) : (uint64_t(length) + blockSize - 1) / blockSize;
+  const uint64_t window = options_.windowSize;
+  uint64_t acked = 0;     // every block up to this one has been acknowledged
+  uint64_t sentUpTo = 0;  // the highest block sent so far
+  bool started = false;   // the client acknowledged the OACK
+  auto sendWindow = [&] {
+    uint64_t last = acked + window < total ? acked + window : total;
+    for (uint64_t block = acked + 1; block <= last; ++block) sendBlock(block, content, length);
+    if (last > sentUpTo) sentUpTo = last;
+  };
+
+  int budget = kTftpFirstBudget;
+  while (true) {
+    uint16_t ack = 0;
+    int got = awaitAck(budget, ack);
+    if (got == -2) return false;
+    if (got == -1) {
+      // The client missed the OACK or the window (or its acknowledgement
+      // was lost): go again from the block after the last acknowledged one.
+      if (started) {
+        sendWindow();
+      } else {
+        sendPacket(lastPacket_);
+      }
+      continue;
     }
+    if (got == 0) continue;
+    if (!started) {
+      if (ack != 0) continue;
+      started = true;
+    } else {
+      // Only blocks sent and not yet acknowledged count: at most a window
+      // ahead of the last acknowledged one, so the 16-bit number names one.
+      // A repeat of the last acknowledgement (a duplicate datagram, or the
+      // client's own time-out) is left to our time-out, which resends the
+      // window anyway: answering every copy would double the traffic.
+      uint64_t ahead = static_cast<uint16_t>(ack - static_cast<uint16_t>(acked));
+      if (ahead == 0 || ahead > sentUpTo - acked) continue;
+      acked += ahead;
+    }
+    if (acked >= total) return true;
+    if (blockSize == 0) {
+      logLine() << "TFTP timeout";
+      return false;
+    }
+    sendWindow();
   }
-  socket_.reset();
-  return true;
 }
 
 }  // namespace tarnlift::netboot

@@ -24,12 +24,19 @@ inline constexpr uint16_t kTftpOpOack = 6;
 inline constexpr int kTftpFirstBudget = 50;
 inline constexpr int kTftpBudget = 10;
 inline constexpr uint32_t kTftpWaitMs = 200;
+// RFC 7440 window sizes: a request may name 1 to 65,535 blocks per
+// acknowledgement; the server grants at most 64 (a burst a small switch or a
+// firmware's receive ring still takes whole).
+inline constexpr uint32_t kTftpMaxWindowSize = 64;
+inline constexpr long long kTftpWindowSizeLimit = 65535;
 
 struct TftpOptions {
   bool wantsTsize = false;
   bool wantsBlksize = false;
+  bool wantsWindowsize = false;
   bool needsOack = false;
   uint32_t blockSize = kTftpDefaultBlockSize;
+  uint32_t windowSize = 1;
 };
 
 struct TftpReadRequest {
@@ -43,20 +50,32 @@ bool isTftpReadRequest(const uint8_t* data, size_t length);
 // The file name: the NUL-terminated text at offset 2 (cut at the end of the
 // datagram when the NUL is missing).
 std::string tftpFileName(const uint8_t* data, size_t length);
-// Reads the name/value pairs after the file name and mode: "tsize" and
+// Reads the name/value pairs after the file name and mode: "tsize",
 // "blksize" (names in any letter case; the block size capped at 1468, no
-// lower bound); others are ignored. Logs "blksize " and the value.
+// lower bound) and "windowsize" (1 to 65,535 is granted up to 64; any other
+// value is invalid and the option is ignored, as RFC 7440 says); others are
+// ignored. Logs "blksize " and the value.
 TftpOptions parseTftpOptions(const uint8_t* data, size_t length);
 // Both of the above; false when not a read request.
 bool parseTftpReadRequest(const uint8_t* data, size_t length, TftpReadRequest& request);
 
 // The OACK for options and a content of fileSize bytes: "tsize" only when
-// asked for and the size is not 0, "blksize" when asked for.
+// asked for and the size is not 0, "blksize" and "windowsize" when asked for
+// (and granted).
 std::vector<uint8_t> makeTftpOack(const TftpOptions& options, uint32_t fileSize);
 
 // One transfer: its own socket on (serverAddress, a pseudo-random port of
 // 32768 or above), every packet to (peerAddress, peerPort). Blocks until the
 // last block is acknowledged or the retry budget runs out.
+//
+// Without a granted window of more than one block the transfer goes in lock
+// step, one block per acknowledgement, exactly as it always has. With a
+// window of W blocks (RFC 7440) it sends W blocks, then waits: an
+// acknowledgement of any block it has sent moves the window to start right
+// after that block (the client missed the next one, or took them all); a
+// repeat of the acknowledgement that started the current window is ignored;
+// a time-out sends the window again from the block after the last one
+// acknowledged.
 class TftpTransfer {
  public:
   TftpTransfer(DatagramNetwork& network, uint32_t serverAddress, uint32_t peerAddress, uint16_t peerPort);
@@ -76,6 +95,16 @@ class TftpTransfer {
 
  private:
   void sendPacket(const std::vector<uint8_t>& packet);
+  // The two ways of moving the content once the OACK (if any) is out; true
+  // when every block was acknowledged.
+  bool sendLockStep(const uint8_t* content, uint32_t length);
+  bool sendWindowed(const uint8_t* content, uint32_t length);
+  // Sends the data block with the given count (1 is the first) of content.
+  void sendBlock(uint64_t block, const uint8_t* content, uint32_t length);
+  // Waits for one datagram: 1 and an acknowledged block number when an ACK
+  // came, 0 for any other datagram, -1 on a time-out. Logs "TFTP timeout"
+  // and answers -2 once the time-out budget is spent.
+  int awaitAck(int& budget, uint16_t& acked);
 
   DatagramNetwork& network_;
   uint32_t serverAddress_;
@@ -86,6 +115,7 @@ class TftpTransfer {
   TftpOptions options_;
   std::unique_ptr<DatagramSocket> socket_;
   std::vector<uint8_t> lastPacket_;
+  std::vector<uint8_t> blockPacket_;
 };
 
 }  // namespace tarnlift::netboot

@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <set>
+#include <utility>
 
 #include "netboot/interfaces.h"
 #include "tests/app/capture_log.h"
@@ -333,6 +335,258 @@ TEST_F(TftpTest, SelectErrorIsFatal) {
         transfer(rrq("x"), content(10));
       },
       ::testing::ExitedWithCode(1), "BOX\\[select failed");
+}
+
+// A client that asked for a window of blocks (RFC 7440): it acknowledges
+// after each window of blocks in order and after the last (short) block; a
+// block out of order makes it acknowledge the last one it has, once. Its own
+// time-out (which the fake network runs at each of the server's) repeats
+// its last acknowledgement. Data blocks and acknowledgements can be lost on
+// the way by their count (1 is the first), acknowledgements can arrive twice.
+struct WindowClient {
+  WindowClient(FakeNetwork& fakeNetwork, uint32_t windowSize, uint32_t size)
+      : window(windowSize), blockSize(size), network(fakeNetwork) {
+    network.onSend = [this](FakeSocket& socket, const SentDatagram& d) {
+      if (socket.role != "transfer") return;
+      if (opcode(d) == kTftpOpOack) {
+        oack = d.bytes;
+        acknowledge(socket, 0);
+      } else if (opcode(d) == kTftpOpData) {
+        ++dataPackets;
+        if (lostData.count(dataPackets) != 0) return;
+        receive(socket, d);
+      }
+    };
+    network.onIdle = [this] {
+      ++clientTimeouts;
+      if (network.transfer != nullptr && !oack.empty()) acknowledge(*network.transfer, lastAcked);
+    };
+  }
+  void receive(FakeSocket& socket, const SentDatagram& d) {
+    size_t size = d.bytes.size() - 4;
+    if (blockOf(d) != static_cast<uint16_t>(expected)) {
+      if (!gapReported && blockOf(d) != static_cast<uint16_t>(expected - 1)) {
+        gapReported = true;
+        inWindow = 0;
+        acknowledge(socket, static_cast<uint16_t>(expected - 1));
+      }
+      return;
+    }
+    gapReported = false;
+    received.insert(received.end(), d.bytes.begin() + 4, d.bytes.end());
+    ++expected;
+    ++inWindow;
+    if (inWindow == window || size < blockSize) {
+      inWindow = 0;
+      acknowledge(socket, static_cast<uint16_t>(expected - 1));
+    }
+  }
+  void acknowledge(FakeSocket& socket, uint16_t block) {
+    lastAcked = block;
+    ++acksSent;
+    if (lostAcks.count(acksSent) != 0) return;
+    socket.deliver(ack(block));
+    if (duplicateAcks) socket.deliver(ack(block));
+  }
+  uint32_t window;
+  uint32_t blockSize;
+  FakeNetwork& network;
+  std::vector<uint8_t> received;
+  std::vector<uint8_t> oack;
+  std::set<int> lostData;
+  std::set<int> lostAcks;
+  bool duplicateAcks = false;
+  uint32_t expected = 1;
+  uint32_t inWindow = 0;
+  bool gapReported = false;
+  uint16_t lastAcked = 0;
+  int dataPackets = 0;
+  int acksSent = 0;
+  int clientTimeouts = 0;
+};
+
+std::vector<uint8_t> oackWith(const std::vector<std::pair<std::string, std::string>>& options) {
+  std::vector<uint8_t> oack{0, 6};
+  for (const auto& [name, value] : options) {
+    for (const std::string& text : {name, value}) {
+      for (char c : text) oack.push_back(static_cast<uint8_t>(c));
+      oack.push_back(0);
+    }
+  }
+  return oack;
+}
+
+TEST(TftpParse, WindowSizeIsGrantedUpTo64AndInvalidValuesAreIgnored) {
+  auto parse = [](const std::vector<uint8_t>& r) { return parseTftpOptions(r.data(), r.size()); };
+  TftpOptions none = parse(rrq("f"));
+  EXPECT_FALSE(none.wantsWindowsize);
+  EXPECT_EQ(none.windowSize, 1u);
+  for (auto [asked, granted] : std::vector<std::pair<std::string, uint32_t>>{
+           {"1", 1}, {"4", 4}, {"16", 16}, {"64", 64}, {"65", 64}, {"1000", 64}, {"65535", 64}}) {
+    TftpOptions o = parse(rrq("f", {{"WindowSize", asked}}));
+    EXPECT_TRUE(o.wantsWindowsize) << asked;
+    EXPECT_TRUE(o.needsOack) << asked;
+    EXPECT_EQ(o.windowSize, granted) << asked;
+  }
+  // RFC 7440: valid values are 1 to 65535; the option is ignored otherwise.
+  for (const char* invalid : {"0", "65536", "-4", "abc", "99999999999"}) {
+    TftpOptions o = parse(rrq("f", {{"windowsize", invalid}}));
+    EXPECT_FALSE(o.wantsWindowsize) << invalid;
+    EXPECT_FALSE(o.needsOack) << invalid;
+    EXPECT_EQ(o.windowSize, 1u) << invalid;
+  }
+  TftpOptions o = parse(rrq("f", {{"blksize", "1468"}, {"windowsize", "1000"}}));
+  std::vector<uint8_t> packet = makeTftpOack(o, 0);
+  EXPECT_EQ(packet, oackWith({{"blksize", "1468"}, {"windowsize", "64"}}));
+}
+
+class TftpWindowTest : public TftpTest, public ::testing::WithParamInterface<uint32_t> {};
+
+// Whole windows of 1, 4, 16 and 64 blocks, one acknowledgement each, then a
+// short last window: the content arrives whole, with no retransmission.
+TEST_P(TftpWindowTest, SendsAWindowPerAcknowledgement) {
+  uint32_t window = GetParam();
+  WindowClient client(network, window, 512);
+  const uint32_t blocks = window * 3 + 2;  // three whole windows and a short one
+  std::vector<uint8_t> bytes = content((blocks - 1) * 512 + 100);
+  ASSERT_TRUE(transfer(rrq("x", {{"tsize", "0"}, {"windowsize", std::to_string(window)}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(client.oack, oackWith({{"tsize", std::to_string(bytes.size())}, {"windowsize", std::to_string(window)}}));
+  EXPECT_EQ(client.dataPackets, static_cast<int>(blocks)) << "no block sent twice";
+  EXPECT_EQ(client.acksSent, static_cast<int>(1 + (blocks + window - 1) / window))
+      << "the OACK's, one per whole window and one for the short last one";
+  EXPECT_EQ(network.timeouts, 0);
+  // Between two acknowledgements the server sends one window.
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  ASSERT_EQ(sent.size(), 1 + blocks);
+  for (uint32_t i = 1; i <= blocks; ++i) EXPECT_EQ(blockOf(sent[i]), static_cast<uint16_t>(i));
+  EXPECT_EQ(options.windowSize, window);
+}
+
+INSTANTIATE_TEST_SUITE_P(Windows, TftpWindowTest, ::testing::Values(1u, 4u, 16u, 64u));
+
+// Asking for 1000 gets 64 blocks per acknowledgement, announced in the OACK.
+TEST_F(TftpTest, WindowSizeAboveTheCapGetsTheCap) {
+  WindowClient client(network, 64, 1468);
+  std::vector<uint8_t> bytes = content(1468 * 200 + 1);
+  ASSERT_TRUE(transfer(rrq("x", {{"blksize", "1468"}, {"windowsize", "1000"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(client.oack, oackWith({{"blksize", "1468"}, {"windowsize", "64"}}));
+  EXPECT_EQ(client.acksSent, 1 + 4) << "windows of 64, 64, 64 and 9 blocks";
+  EXPECT_EQ(network.timeouts, 0);
+}
+
+// Windowsize 0 is invalid: no windowsize in the OACK and the transfer goes
+// in lock step, as for a client that does not ask.
+TEST_F(TftpTest, WindowSizeZeroIsIgnored) {
+  Client client(network);
+  std::vector<uint8_t> bytes = content(512 * 5 + 3);
+  ASSERT_TRUE(transfer(rrq("x", {{"tsize", "0"}, {"windowsize", "0"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(client.oack, oackWith({{"tsize", std::to_string(bytes.size())}}));
+  EXPECT_EQ(options.windowSize, 1u);
+}
+
+// A window of 1 granted moves the same datagrams as no window at all, the
+// OACK apart.
+TEST_F(TftpTest, WindowOfOneIsTheLockStep) {
+  std::vector<uint8_t> bytes = content(512 * 7 + 11);
+  std::vector<std::vector<uint8_t>> runs[2];
+  for (int run = 0; run < 2; ++run) {
+    FakeNetwork fresh;
+    Client client(fresh);
+    TftpTransfer t(fresh, kServer, kClient, 2000);
+    std::vector<uint8_t> request =
+        run == 0 ? rrq("x", {{"blksize", "512"}}) : rrq("x", {{"blksize", "512"}, {"windowsize", "1"}});
+    ASSERT_TRUE(t.send(request.data(), request.size(), bytes.data(), static_cast<uint32_t>(bytes.size()), nullptr));
+    for (const SentDatagram& d : fresh.sentBy("transfer")) runs[run].push_back(d.bytes);
+  }
+  ASSERT_EQ(runs[0].size(), runs[1].size());
+  EXPECT_EQ(runs[1][0], oackWith({{"blksize", "512"}, {"windowsize", "1"}}));
+  for (size_t i = 1; i < runs[0].size(); ++i) EXPECT_EQ(runs[0][i], runs[1][i]) << i;
+}
+
+// Block 3 of the first window of 4 is lost: the client acknowledges block 2
+// when block 4 arrives, and the server goes on from block 3 at once.
+TEST_F(TftpTest, LostBlockInsideAWindowResumesAfterTheAcknowledgedBlock) {
+  WindowClient client(network, 4, 512);
+  client.lostData = {3};
+  std::vector<uint8_t> bytes = content(512 * 10 + 5);
+  ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(network.timeouts, 0) << "no time-out needed";
+  std::vector<uint16_t> order;
+  for (const SentDatagram& d : network.sentBy("transfer")) {
+    if (opcode(d) == kTftpOpData) order.push_back(blockOf(d));
+  }
+  std::vector<uint16_t> expected{1, 2, 3, 4, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+  EXPECT_EQ(order, expected);
+}
+
+// The acknowledgement of the first window is lost: the server's time-out
+// sends the window again from the block after the last acknowledged one
+// (the OACK's 0), the client's repeats its acknowledgement, and the
+// transfer goes on.
+TEST_F(TftpTest, LostAcknowledgementResendsTheWindow) {
+  WindowClient client(network, 4, 512);
+  client.lostAcks = {2};  // the first is the OACK's
+  std::vector<uint8_t> bytes = content(512 * 9 + 5);
+  ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(network.timeouts, 1);
+  std::vector<uint16_t> order;
+  for (const SentDatagram& d : network.sentBy("transfer")) {
+    if (opcode(d) == kTftpOpData) order.push_back(blockOf(d));
+  }
+  std::vector<uint16_t> expected{1, 2, 3, 4, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+  EXPECT_EQ(order, expected);
+}
+
+// Every acknowledgement arrives twice: the copies start no extra windows.
+TEST_F(TftpTest, DuplicateAcknowledgementsStartNoExtraWindow) {
+  WindowClient client(network, 8, 512);
+  client.duplicateAcks = true;
+  std::vector<uint8_t> bytes = content(512 * 40 + 1);
+  ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "8"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(client.dataPackets, 41) << "each block once";
+  EXPECT_EQ(network.timeouts, 0);
+}
+
+// An acknowledgement of a block never sent, or long acknowledged, is stray.
+TEST_F(TftpTest, StrayAcknowledgementsDoNotMoveTheWindow) {
+  WindowClient client(network, 4, 512);
+  std::vector<uint8_t> bytes = content(512 * 6 + 1);
+  network.onOpen = [](FakeSocket& socket) {
+    socket.deliver(ack(0));
+    socket.deliver(ack(300));    // far ahead
+    socket.deliver(ack(65535));  // behind
+  };
+  ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  EXPECT_EQ(client.dataPackets, 7);
+}
+
+// A time-out budget runs out as in lock step: 50 before the first answer.
+TEST_F(TftpTest, WindowedTransferGivesUpAfterItsTimeOuts) {
+  std::vector<uint8_t> bytes = content(512 * 6 + 1);
+  EXPECT_FALSE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
+  EXPECT_EQ(network.timeouts, kTftpFirstBudget);
+  EXPECT_TRUE(log.contains("TFTP timeout"));
+  EXPECT_EQ(network.sentBy("transfer").size(), static_cast<size_t>(kTftpFirstBudget)) << "the OACK, and its repeats";
+}
+
+// Block numbers roll over to 0 after 65535 in windows too.
+TEST_F(TftpTest, WindowedBlockNumbersWrapAt16Bits) {
+  WindowClient client(network, 64, 2);
+  std::vector<uint8_t> bytes = content(2 * 66000 + 1);
+  ASSERT_TRUE(transfer(rrq("x", {{"blksize", "2"}, {"windowsize", "64"}}), bytes));
+  EXPECT_EQ(client.received, bytes);
+  std::vector<SentDatagram> sent = network.sentBy("transfer");
+  ASSERT_GT(sent.size(), 65537u);
+  EXPECT_EQ(blockOf(sent[65535]), 65535);
+  EXPECT_EQ(blockOf(sent[65536]), 0);
+  EXPECT_EQ(network.timeouts, 0);
 }
 
 TEST(TftpPort, AlwaysInTheUpperHalf) {
