@@ -16,6 +16,7 @@
 #   -t: the whole run's time limit in seconds (default 120).
 #   -c: keep a copy of the serial console there.
 #   -f: the PC's firmware (default uefi).
+#   -m: the PC's memory in MiB (default 256 for UEFI, 128 for BIOS).
 #   -F: a text that must also appear in the firmware's debug log (BIOS only:
 #       SeaBIOS writes it to its debug port), after the expected text.
 #   -w: a shell command run in the router namespace beside the PC from
@@ -29,10 +30,12 @@ set -u
 limit=120
 console_copy=
 firmware=uefi
+memory=
 firmware_text=
 side_command=
-while getopts "t:c:f:F:w:" option; do
+while getopts "t:c:f:F:m:w:" option; do
   case $option in
+    m) memory=$OPTARG ;;
     F) firmware_text=$OPTARG ;;
     t) limit=$OPTARG ;;
     c) console_copy=$OPTARG ;;
@@ -131,13 +134,13 @@ done
 : > "$work/console.log"
 if [ "$firmware" = bios ]; then
   : > "$work/firmware.log"
-  machine=(-machine pc -m 128 -chardev "file,id=firmware,path=$work/firmware.log"
+  machine=(-machine pc -m "${memory:-128}" -chardev "file,id=firmware,path=$work/firmware.log"
     -device isa-debugcon,iobase=0x402,chardev=firmware
     -netdev "tap,id=pxe,ifname=$tap,script=no,downscript=no"
     -device "e1000,netdev=pxe,romfile=$option_rom,bootindex=1")
 else
   cp "$vars" "$work/vars.fd"
-  machine=(-machine q35 -m 256
+  machine=(-machine q35 -m "${memory:-256}"
     -drive "if=pflash,format=raw,readonly=on,file=$code" -drive "if=pflash,format=raw,file=$work/vars.fd"
     -netdev "tap,id=pxe,ifname=$tap,script=no,downscript=no" -device virtio-net-pci,netdev=pxe,romfile=,bootindex=1)
 fi
