@@ -1,18 +1,28 @@
 #!/bin/bash
-# TFTP download throughput through a veth pair: the same 32 MiB file, the same
-# client (curl, block size 1468), served in turn by `tarnlift netboot`,
-# tftpd-hpa and dnsmasq, each in the server namespace. Prints MiB/s per server
-# (best and median of RUNS downloads) and the ratio to the faster reference.
+# TFTP download throughput through a veth pair: the same file (32 MiB by
+# default), the same client, served in turn by `tarnlift netboot`, tftpd-hpa
+# and dnsmasq, each in the server namespace. Prints MiB/s per server (best and
+# median of RUNS downloads) and the ratio to the faster reference.
 #
-# usage: bench/netboot/tftp_throughput.sh TARNLIFT BOOTPCLIENT [RUNS] [MIB]
-# Needs root (network namespaces), curl, in.tftpd and dnsmasq.
+# usage: bench/netboot/tftp_throughput.sh TARNLIFT BOOTPCLIENT [RUNS] [MIB] [WINDOW] [LOSS]
+#   WINDOW: 0 (default) downloads with curl at block size 1468, one block per
+#     round trip; N > 0 with atftp asking for block size 1468 and windowsize N
+#     (RFC 7440). The references grant no window and go one block per round
+#     trip whatever the client asks.
+#   LOSS: percent of the datagrams dropped at random on arrival in each
+#     namespace (nftables), both ways; 0 by default.
+# Needs root (network namespaces), curl or atftp, in.tftpd and dnsmasq; nft
+# for LOSS.
 set -u
 tarnlift=$1
 bootpclient=$2
 runs=${3:-5}
 mib=${4:-32}
+window=${5:-0}
+loss=${6:-0}
 [ "$(id -u)" = 0 ] || { echo "needs root"; exit 77; }
-for p in curl in.tftpd dnsmasq ip python3; do command -v $p > /dev/null || { echo "needs $p"; exit 77; }; done
+for p in curl atftp in.tftpd dnsmasq ip python3; do command -v $p > /dev/null || { echo "needs $p"; exit 77; }; done
+[ "$loss" = 0 ] || command -v nft > /dev/null || { echo "needs nft"; exit 77; }
 
 id=$$
 srv=tlbs$id
@@ -41,8 +51,20 @@ for ns in "$srv" "$rtr"; do ip -n "$ns" link set lo up; done
 ip -n "$srv" link set "$veth_a" up
 ip -n "$rtr" link set "$veth_b" up
 
+if [ "$loss" != 0 ]; then
+  for ns in "$srv" "$rtr"; do
+    ip netns exec "$ns" nft -f - << NFT || exit 1
+table inet tlloss {
+  chain in { type filter hook input priority 0; meta l4proto udp numgen random mod 100 < $loss drop; }
+}
+NFT
+  done
+fi
+
 mkdir -p "$work/root" "$work/images"
-head -c $((mib * 1048576)) /dev/urandom > "$work/root/image"
+# One byte more than whole MiB, so that the block size never divides it: the
+# server sends no closing empty block.
+head -c $((mib * 1048576 + 1)) /dev/urandom > "$work/root/image"
 chmod 644 "$work/root/image"
 "$tarnlift" bootimage wrap 129 "$work/root/image" "$work/images" > /dev/null || exit 1
 
@@ -51,8 +73,18 @@ measure() {  # NAME: prints best and median MiB/s over the runs
   for _ in $(seq 1 "$runs"); do
     rm -f "$work/got"
     local t
-    t=$(ip netns exec "$rtr" curl -s -m 120 --tftp-blksize 1468 -o "$work/got" -w '%{time_total}' \
-      "tftp://192.168.88.2/image") || { echo "$name: download failed"; return 1; }
+    if [ "$window" = 0 ]; then
+      t=$(ip netns exec "$rtr" curl -s -m 120 --tftp-blksize 1468 -o "$work/got" -w '%{time_total}' \
+        "tftp://192.168.88.2/image") || { echo "$name: download failed"; return 1; }
+    else
+      local start end
+      start=$(date +%s.%N)
+      ip netns exec "$rtr" timeout 300 atftp --tftp-timeout 1 --option "blksize 1468" --option "tsize 0" \
+        --option "windowsize $window" -g -r image -l "$work/got" 192.168.88.2 > /dev/null 2>&1 ||
+        { echo "$name: download failed"; return 1; }
+      end=$(date +%s.%N)
+      t=$(python3 -c "import sys; print(float(sys.argv[2]) - float(sys.argv[1]))" "$start" "$end")
+    fi
     cmp -s "$work/got" "$work/root/image" || { echo "$name: content differs"; return 1; }
     times+=("$t")
   done
@@ -97,6 +129,11 @@ wait_port || { echo "dnsmasq did not start"; exit 1; }
 dns=$(measure dnsmasq) || exit 1
 stop
 
+if [ "$window" = 0 ]; then
+  echo "client: curl, blksize 1468; $mib MiB; $loss % loss"
+else
+  echo "client: atftp, blksize 1468, windowsize $window; $mib MiB; $loss % loss"
+fi
 echo "$ours"
 echo "$hpa"
 echo "$dns"

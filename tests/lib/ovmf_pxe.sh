@@ -20,7 +20,8 @@
 #   -F: a text that must also appear in the firmware's debug log (BIOS only:
 #       SeaBIOS writes it to its debug port), after the expected text.
 #   -w: a shell command run in the router namespace beside the PC from
-#       power-on (TL_BRIDGE names the segment's bridge there, TL_WORK the
+#       power-on (TL_BRIDGE names the segment's bridge there, TL_TAP the
+#       PC's own tap device on it, TL_WORK the
 #       folder with the server's server.out and server.err); after the
 #       text, the run waits for it (within the time limit) and fails unless
 #       it exits 0. Its output is shown when the run fails.
@@ -146,7 +147,7 @@ else
 fi
 powered=$(date +%s)
 if [ -n "$side_command" ]; then
-  (TL_BRIDGE=$bridge TL_WORK=$work exec ip netns exec "$rtr" timeout "$limit" bash -c "$side_command" > "$work/side.out" 2>&1) &
+  (TL_BRIDGE=$bridge TL_TAP=$tap TL_WORK=$work exec ip netns exec "$rtr" timeout "$limit" bash -c "$side_command" > "$work/side.out" 2>&1) &
   side_pid=$!
 fi
 (exec ip netns exec "$rtr" timeout "$limit" qemu-system-x86_64 "${machine[@]}" -display none -no-user-config \
