@@ -7,6 +7,8 @@
 #include "app/version.h"
 #include "install/datagram.h"
 #include "netboot/netboot_settings.h"
+#include "ui/control_rules.h"
+#include "ui/router_actions.h"
 
 namespace tarnlift::ui {
 namespace {
@@ -15,8 +17,6 @@ namespace {
 constexpr int kMinimisedPosition = -32000;
 
 std::string dottedOrEmpty(uint32_t address) { return address == 0 ? std::string() : netboot::formatIpv4(address); }
-
-bool isBusyStatus(uint32_t status) { return status == kStatusInstalling || status == kStatusWaitingReboot; }
 
 int percentOf(const RouterRecord* record) {
   if (record == nullptr || record->totalSize == 0) return 0;
@@ -249,76 +249,60 @@ void MainPresenter::refreshPackageMarks() {
 
 void MainPresenter::refreshControlState() {
   RouterRecord* r = selectedRouter();
-  if (r != nullptr) {
-    if (r->packageDir.empty()) r->packageDir = catalogue_.folder();
-    if (r->packageDir != catalogue_.folder() || r->architecture != catalogue_.architectureCode()) {
-      catalogue_.setFolder(r->packageDir, r->architecture);
-      view_.setText(kIdPackageDir, r->packageDir);
-    }
-  }
+  if (r != nullptr && showRouterPackages(catalogue_, *r)) view_.setText(kIdPackageDir, r->packageDir);
   if (r != nullptr) {
     shownRouter_ = r->mac;
     haveShownRouter_ = true;
   } else {
     haveShownRouter_ = false;
   }
-  const bool ready = r != nullptr && r->status == kStatusReady;
-  const bool net = r != nullptr && r->kind == kKindRouter;
-  const bool keep = r != nullptr && r->keepConfig;
-  const bool applyDefault = r != nullptr && r->defaultConfig;
-  const bool script = r != nullptr && r->scriptEnabled;
-  const bool mode = r != nullptr && r->modeScriptEnabled;
+  std::string setName = r != nullptr && sets_.contains(r->setName) ? r->setName : std::string();
+  const ControlRules c = controlRulesFor(r, !setName.empty());
 
   // The set list shows the router's own set, when it still exists.
-  view_.setEnabled(kIdSets, ready);
-  std::string setName = r != nullptr && sets_.contains(r->setName) ? r->setName : std::string();
+  view_.setEnabled(kIdSets, c.sets);
   view_.selectItem(kIdSets, setName);
 
-  const bool fieldsWritable = net && ready && !keep && !applyDefault;
   view_.setText(kIdAddress, r != nullptr ? dottedOrEmpty(r->address) : "");
   view_.setText(kIdNetmask, r != nullptr && r->netmaskBits != 0 ? std::to_string(r->netmaskBits) : "");
   view_.setText(kIdGateway, r != nullptr ? dottedOrEmpty(r->gateway) : "");
-  for (int id : {kIdAddress, kIdNetmask, kIdGateway}) view_.setReadOnly(id, !fieldsWritable);
+  for (int id : {kIdAddress, kIdNetmask, kIdGateway}) view_.setReadOnly(id, !c.addressFields);
 
-  view_.setEnabled(kIdKeepConfig, net && ready && !applyDefault && !script && !mode);
-  view_.setChecked(kIdKeepConfig, keep);
+  view_.setEnabled(kIdKeepConfig, c.keepConfig);
+  view_.setChecked(kIdKeepConfig, r != nullptr && r->keepConfig);
 
-  view_.setEnabled(kIdBaud, ready && !keep && !applyDefault);
+  view_.setEnabled(kIdBaud, c.baud);
   view_.selectItem(kIdBaud, r != nullptr && r->baudRate != 0 ? std::to_string(r->baudRate) : "");
 
-  view_.setEnabled(kIdKeepBranding, ready && r->hasBranding);
+  view_.setEnabled(kIdKeepBranding, c.keepBranding);
   view_.setChecked(kIdKeepBranding, r != nullptr && r->keepBranding);
 
-  // A router that reported its branding protected has no default
-  // configuration of ours to apply.
-  view_.setEnabled(kIdDefaultConfig, ready && !keep && !script && r->unprotected);
-  view_.setChecked(kIdDefaultConfig, applyDefault);
+  view_.setEnabled(kIdDefaultConfig, c.defaultConfig);
+  view_.setChecked(kIdDefaultConfig, r != nullptr && r->defaultConfig);
 
-  view_.setEnabled(kIdScript, ready && !keep && !applyDefault);
-  view_.setChecked(kIdScript, script);
-  view_.setEnabled(kIdScriptPath, ready && !keep && !applyDefault && script);
-  view_.setEnabled(kIdScriptBrowse, ready && !keep && !applyDefault && script);
+  view_.setEnabled(kIdScript, c.script);
+  view_.setChecked(kIdScript, r != nullptr && r->scriptEnabled);
+  view_.setEnabled(kIdScriptPath, c.scriptPath);
+  view_.setEnabled(kIdScriptBrowse, c.scriptPath);
   view_.setText(kIdScriptPath, r != nullptr ? r->scriptPath : "");
 
-  view_.setEnabled(kIdModeScript, ready && !keep);
-  view_.setChecked(kIdModeScript, mode);
-  view_.setEnabled(kIdModeScriptPath, ready && !keep && mode);
-  view_.setEnabled(kIdModeScriptBrowse, ready && !keep && mode);
+  view_.setEnabled(kIdModeScript, c.modeScript);
+  view_.setChecked(kIdModeScript, r != nullptr && r->modeScriptEnabled);
+  view_.setEnabled(kIdModeScriptPath, c.modeScriptPath);
+  view_.setEnabled(kIdModeScriptBrowse, c.modeScriptPath);
   view_.setText(kIdModeScriptPath, r != nullptr ? r->modeScriptPath : "");
 
   updateCaptionAndProgress();
 
-  const bool canCommand = r != nullptr && (r->status == kStatusReady || r->status == kStatusWaitingReboot);
-  view_.setEnabled(kIdShutdown, canCommand);
-  view_.setEnabled(kIdReboot, canCommand);
-  view_.setEnabled(kIdInstall, canCommand);
-  view_.setEnabled(kIdCancel, r != nullptr);
+  view_.setEnabled(kIdShutdown, c.shutdown);
+  view_.setEnabled(kIdReboot, c.reboot);
+  view_.setEnabled(kIdInstall, c.install);
+  view_.setEnabled(kIdCancel, c.cancel);
 
-  const bool setShown = !setName.empty();
-  view_.setEnabled(kIdSaveSet, ready && !setShown);
-  view_.setEnabled(kIdDeleteSet, ready && setShown);
-  view_.setEnabled(kIdSelectAll, ready);
-  view_.setEnabled(kIdSelectNone, ready);
+  view_.setEnabled(kIdSaveSet, c.saveSet);
+  view_.setEnabled(kIdDeleteSet, c.deleteSet);
+  view_.setEnabled(kIdSelectAll, c.selectAll);
+  view_.setEnabled(kIdSelectNone, c.selectNone);
 }
 
 void MainPresenter::updateCaptionAndProgress() {
@@ -547,18 +531,7 @@ void MainPresenter::selectAll(bool all) {
 void MainPresenter::rebootOrShutdown(bool reboot) {
   RouterRecord* r = selectedRouter();
   if (r == nullptr || r->kind != kKindRouter) return;
-  MacAddress mac = r->mac;
-  bool wasReady = r->status == kStatusReady;
-  if (wasReady) routers_->start(*r, false);
-  if (reboot) {
-    routers_->reboot(mac);
-  } else {
-    routers_->shutdown(mac);
-  }
-  if (wasReady) {
-    routers_->remove(mac);
-    desk_->table().setStatus(mac, kStatusDone, r->totalSize, r->progress, "");
-  }
+  rebootOrShutdownRow(*desk_, *r, reboot);
   refreshRouterList();
   refreshControlState();
   refreshPackageMarks();
@@ -588,34 +561,10 @@ void MainPresenter::install() {
   options.modeScriptEnabled = view_.isChecked(kIdModeScript);
   options.modeScriptPath = view_.text(kIdModeScriptPath);
   options.baudText = view_.selectedText(kIdBaud);
-  packages::PackageChoice choice = choiceOf(*r);
-  bool drive = r->kind == kKindDrive;
-  InstallContext context{catalogue_, choice, sets_, remembered_, *this, [this, drive](const RouterRecord& request) {
-                           if (drive) {
-                             drives_->start(request);
-                           } else {
-                             routers_->start(request, true);
-                           }
-                         }};
-  MacAddress mac = r->mac;
-  InstallOutcome outcome = runInstallCommand(r, options, context);
+  InstallOutcome outcome = installRow(*desk_, catalogue_, sets_, remembered_, *this, *r, options);
   // The install may have made "Previous Install".
   listSets();
-  if (outcome == InstallOutcome::Started) {
-    // The row shows the session's first status at once.
-    SessionStatus s;
-    if (drive) {
-      if (!drives_->status(mac, s)) s = {kStatusInstalling, 0, 0, ""};
-    } else {
-      s = routers_->status(mac);
-    }
-    RouterRow* row = desk_->table().find(mac);
-    if (row != nullptr) {
-      desk_->table().setStatus(mac, s.status, s.total != 0 ? s.total : row->record.totalSize, s.progress,
-                               s.statusText);
-    }
-    refreshRouterList();
-  }
+  if (outcome == InstallOutcome::Started) refreshRouterList();
   refreshControlState();
   refreshPackageMarks();
 }
@@ -623,20 +572,7 @@ void MainPresenter::install() {
 void MainPresenter::cancel() {
   RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
-  MacAddress mac = r->mac;
-  if (r->kind == kKindDrive) {
-    drives_->cancel(mac);
-    desk_->prepareNewDrive(*r);
-    r->defaultConfig = remembered_.defaultConfig;
-    r->scriptEnabled = remembered_.scriptEnabled;
-    r->scriptPath = remembered_.scriptPath;
-    r->modeScriptEnabled = remembered_.modeScriptEnabled;
-    r->modeScriptPath = remembered_.modeScriptPath;
-    desk_->table().setStatus(mac, kStatusReady, r->totalSize, r->progress, "");
-  } else {
-    routers_->remove(mac);
-    desk_->table().remove(mac);
-  }
+  cancelRow(*desk_, remembered_, *r);
   refreshRouterList();
   refreshControlState();
   refreshPackageMarks();
@@ -695,11 +631,7 @@ void MainPresenter::onPackageClick(int index) {
 void MainPresenter::togglePackage(int index) {
   RouterRecord* r = selectedRouter();
   if (r == nullptr || index < 0 || static_cast<size_t>(index) >= catalogue_.size()) return;
-  if (r->status == kStatusNone || isBusyStatus(r->status)) return;
-  if (!catalogue_.canToggle(static_cast<size_t>(index))) return;
-  catalogue_.toggle(static_cast<size_t>(index), r->files);
-  // A choice changed by hand no longer comes from a set.
-  r->setName.clear();
+  if (!togglePackageOf(catalogue_, *r, static_cast<size_t>(index))) return;
   refreshControlState();
 }
 

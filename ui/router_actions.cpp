@@ -1,0 +1,106 @@
+#include "ui/router_actions.h"
+
+#include <string>
+
+#include "netboot/interfaces.h"
+#include "ui/control_rules.h"
+
+namespace tarnlift::ui {
+
+bool showRouterPackages(packages::PackageCatalogue& catalogue, RouterRecord& r) {
+  if (r.packageDir.empty()) r.packageDir = catalogue.folder();
+  if (r.packageDir == catalogue.folder() && r.architecture == catalogue.architectureCode()) return false;
+  catalogue.setFolder(r.packageDir, r.architecture);
+  return true;
+}
+
+bool togglePackageOf(packages::PackageCatalogue& catalogue, RouterRecord& r, size_t index) {
+  if (!packagesChangeable(&r) || index >= catalogue.size()) return false;
+  if (!catalogue.canToggle(index)) return false;
+  catalogue.toggle(index, r.files);
+  r.setName.clear();
+  return true;
+}
+
+void rebootOrShutdownRow(InstallDesk& desk, RouterRecord& r, bool reboot) {
+  if (r.kind != kKindRouter) return;
+  RouterInstaller& routers = desk.routers();
+  MacAddress mac = r.mac;
+  bool wasReady = r.status == kStatusReady;
+  if (wasReady) routers.start(r, false);
+  if (reboot) {
+    routers.reboot(mac);
+  } else {
+    routers.shutdown(mac);
+  }
+  if (wasReady) {
+    routers.remove(mac);
+    desk.table().setStatus(mac, kStatusDone, r.totalSize, r.progress, "");
+  }
+}
+
+void cancelRow(InstallDesk& desk, const RememberedChoices& remembered, RouterRecord& r) {
+  MacAddress mac = r.mac;
+  if (r.kind == kKindDrive) {
+    desk.drives().cancel(mac);
+    desk.prepareNewDrive(r);
+    r.defaultConfig = remembered.defaultConfig;
+    r.scriptEnabled = remembered.scriptEnabled;
+    r.scriptPath = remembered.scriptPath;
+    r.modeScriptEnabled = remembered.modeScriptEnabled;
+    r.modeScriptPath = remembered.modeScriptPath;
+    desk.table().setStatus(mac, kStatusReady, r.totalSize, r.progress, "");
+  } else {
+    desk.routers().remove(mac);
+    desk.table().remove(mac);
+  }
+}
+
+InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalogue, packages::PackageSets& sets,
+                          RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
+                          const InstallOptions& options) {
+  if (r.status != kStatusReady) return InstallOutcome::Refused;
+  packages::PackageChoice choice{r.setName, r.packageDir, r.files};
+  bool drive = r.kind == kKindDrive;
+  InstallContext context{catalogue, choice, sets, remembered, prompter, [&desk, drive](const RouterRecord& request) {
+                           if (drive) {
+                             desk.drives().start(request);
+                           } else {
+                             desk.routers().start(request, true);
+                           }
+                         }};
+  MacAddress mac = r.mac;
+  InstallOutcome outcome = runInstallCommand(&r, options, context);
+  if (outcome == InstallOutcome::Started) {
+    // The row shows the session's first status at once.
+    SessionStatus s;
+    if (drive) {
+      if (!desk.drives().status(mac, s)) s = {kStatusInstalling, 0, 0, ""};
+    } else {
+      s = desk.routers().status(mac);
+    }
+    RouterRow* row = desk.table().find(mac);
+    if (row != nullptr) {
+      desk.table().setStatus(mac, s.status, s.total != 0 ? s.total : row->record.totalSize, s.progress, s.statusText);
+    }
+  }
+  return outcome;
+}
+
+InstallOptions optionsShownFor(const RouterRecord& r) {
+  InstallOptions o;
+  o.keepConfig = r.keepConfig;
+  o.addressText = r.address != 0 ? netboot::formatIpv4(r.address) : "";
+  o.netmaskBitsText = r.netmaskBits != 0 ? std::to_string(r.netmaskBits) : "";
+  o.gatewayText = r.gateway != 0 ? netboot::formatIpv4(r.gateway) : "";
+  o.defaultConfig = r.defaultConfig;
+  o.keepBranding = r.keepBranding;
+  o.scriptEnabled = r.scriptEnabled;
+  o.scriptPath = r.scriptPath;
+  o.modeScriptEnabled = r.modeScriptEnabled;
+  o.modeScriptPath = r.modeScriptPath;
+  o.baudText = r.baudRate != 0 ? std::to_string(r.baudRate) : "";
+  return o;
+}
+
+}  // namespace tarnlift::ui

@@ -1,0 +1,46 @@
+// What the main window's buttons and check boxes do to one router row, apart
+// from reading and drawing the controls. The window calls these with the
+// selected row; the web console calls them with the row its request names,
+// so a router behaves the same whichever front end drives it.
+#pragma once
+
+#include <cstddef>
+
+#include "install/desk.h"
+#include "install/install_command.h"
+#include "install/router_record.h"
+#include "packages/package_catalogue.h"
+#include "packages/package_sets.h"
+
+namespace tarnlift::ui {
+
+// Shows r's package folder and architecture in the catalogue (an empty
+// folder takes the catalogue's). True when the catalogue was switched.
+bool showRouterPackages(packages::PackageCatalogue& catalogue, RouterRecord& r);
+
+// Ticks or clears package index for r, with the catalogue's rules; nothing
+// when r's packages cannot change or the row cannot be ticked. A choice
+// changed by hand no longer comes from a set. True when it toggled.
+bool togglePackageOf(packages::PackageCatalogue& catalogue, RouterRecord& r, size_t index);
+
+// "Reboot" and "Shutdown": a ready router is handed to the installer first,
+// told, its session dropped and the row marked "Done". Drives: nothing.
+void rebootOrShutdownRow(InstallDesk& desk, RouterRecord& r, bool reboot);
+
+// "Cancel": a drive's installation stops and the row starts over from the
+// saved and remembered choices; a router's session is dropped together with
+// its row (r is gone afterwards).
+void cancelRow(InstallDesk& desk, const RememberedChoices& remembered, RouterRecord& r);
+
+// "Install" with the options as the controls show them: the Install command
+// for r (network router or drive); once started, the row shows the
+// session's first status.
+InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalogue, packages::PackageSets& sets,
+                          RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
+                          const InstallOptions& options);
+
+// The option controls as they show r (address and gateway dotted, empty for
+// none; the baud list's text).
+InstallOptions optionsShownFor(const RouterRecord& r);
+
+}  // namespace tarnlift::ui
