@@ -7,6 +7,8 @@ namespace tarnlift {
 namespace {
 
 std::ostream* gLogStream = &std::cout;
+LogListener gListener = nullptr;
+void* gListenerContext = nullptr;
 
 std::mutex& logMutex() {
   static std::mutex mutex;
@@ -22,10 +24,17 @@ void setLogStream(std::ostream& stream) {
   gLogStream = &stream;
 }
 
-LogLine::~LogLine() {
-  text_ << '\n';
+void setLogListener(LogListener listener, void* context) {
   std::lock_guard<std::mutex> lock(logMutex());
-  *gLogStream << text_.str() << std::flush;
+  gListener = listener;
+  gListenerContext = context;
+}
+
+LogLine::~LogLine() {
+  std::string line = text_.str();
+  std::lock_guard<std::mutex> lock(logMutex());
+  *gLogStream << line << '\n' << std::flush;
+  if (gListener != nullptr) gListener(line, gListenerContext);
 }
 
 }  // namespace tarnlift

@@ -3,6 +3,7 @@
 
 #include <ostream>
 #include <sstream>
+#include <string>
 
 namespace tarnlift {
 
@@ -10,6 +11,12 @@ namespace tarnlift {
 // redirects it (the headless front end keeps standard output for results).
 std::ostream& logStream();
 void setLogStream(std::ostream& stream);
+
+// Also hands every finished line (without its end of line) to listener, on
+// the thread that wrote it, after the line went to the stream; a listener
+// must be quick and must not log. Null: none.
+using LogListener = void (*)(const std::string& line, void* context);
+void setLogListener(LogListener listener, void* context);
 
 // Collects one line and writes it whole when it goes out of scope, so lines
 // from different threads never interleave within a line.

@@ -123,11 +123,13 @@ size_t PackageSets::selectNone(PackageCatalogue& catalogue, PackageChoice* choic
   return choice->files.size();
 }
 
-void PackageSets::rememberPreviousInstall(const PackageChoice& choice) {
+void PackageSets::rememberPreviousInstall(const PackageChoice& choice) { storeSet(kPreviousInstallSet, choice); }
+
+void PackageSets::storeSet(const std::string& name, const PackageChoice& choice) {
   std::vector<std::string> strings;
   strings.push_back(choice.folder);
   strings.insert(strings.end(), choice.files.begin(), choice.files.end());
-  sets_[kPreviousInstallSet] = std::move(strings);
+  sets_[name] = std::move(strings);
 }
 
 std::vector<std::string> PackageSets::names() const {

@@ -87,6 +87,9 @@ class PackageSets {
 
   // Remembers the choice of an installation as "Previous Install".
   void rememberPreviousInstall(const PackageChoice& choice);
+  // Keeps choice's folder and files as the set name (replacing a set of
+  // that name), without any question.
+  void storeSet(const std::string& name, const PackageChoice& choice);
   // Gives a newly found router or drive the last installed choice.
   bool applyPreviousInstall(PackageChoice& choice) { return chooseSet(choice, kPreviousInstallSet); }
 

@@ -1,0 +1,343 @@
+// Every endpoint of the API with the desk behind it: status codes, JSON
+// shapes, and the window's rules applied through the desk.
+#include <gtest/gtest.h>
+
+#include "tests/web/web_fixture.h"
+
+namespace tarnlift::web {
+namespace {
+
+using nlohmann::json;
+using testing::macOf;
+using testing::WebFixture;
+
+class WebApiTest : public WebFixture {};
+
+TEST_F(WebApiTest, RoutersListTheTableAsTheWindowShowsIt) {
+  announce(1);
+  HttpResponse r = call("GET", "/api/v1/routers");
+  ASSERT_EQ(r.status, 200);
+  EXPECT_EQ(r.contentType, "application/json; charset=utf-8");
+  json list = parse(r);
+  ASSERT_EQ(list.size(), 1u);
+  const json& router = list[0];
+  EXPECT_EQ(router["mac"], "4C:5E:0C:01:02:01");
+  EXPECT_EQ(router["kind"], "router");
+  EXPECT_EQ(router["label"], "R1");
+  EXPECT_EQ(router["architecture"], "arm");
+  EXPECT_EQ(router["versions"]["installer"], "6.41");
+  EXPECT_EQ(router["status"], "Ready");
+  EXPECT_EQ(router["statusCode"], 1);
+  EXPECT_EQ(router["progress"], 0);
+  EXPECT_EQ(router["detail"], "");
+  EXPECT_TRUE(router["selection"].is_array());
+  EXPECT_TRUE(router["options"].contains("keepConfig"));
+  EXPECT_EQ(router["options"]["after"], "reboot");
+  EXPECT_TRUE(router["controls"]["install"]);
+  EXPECT_TRUE(router["controls"]["cancel"]);
+  EXPECT_EQ(call("GET", path(1)).status, 200);
+  EXPECT_EQ(call("GET", path(9)).status, 404);
+  EXPECT_EQ(call("GET", "/api/v1/routers/not-a-mac").status, 404);
+}
+
+TEST_F(WebApiTest, PackagesOfARouterWithTheirTicks) {
+  announce(1);
+  HttpResponse r = call("GET", path(1, "/packages"));
+  ASSERT_EQ(r.status, 200);
+  json body = parse(r);
+  ASSERT_EQ(body["packages"].size(), 2u);
+  const json& extra = body["packages"][0];
+  EXPECT_EQ(extra["file"], "extra-6.41.npk");
+  EXPECT_EQ(extra["name"], "extra");
+  EXPECT_EQ(extra["version"], "6.41");
+  EXPECT_EQ(extra["checked"], false);
+  EXPECT_TRUE(extra.contains("description"));
+  EXPECT_TRUE(extra.contains("architecture"));
+}
+
+TEST_F(WebApiTest, SelectionPullsInWhatAPackageNeedsAndClearingDropsItsDependants) {
+  announce(1);
+  HttpResponse r = call("PUT", path(1, "/selection"), R"({"files": ["extra-6.41.npk"]})");
+  ASSERT_EQ(r.status, 200) << r.body;
+  json files = parse(r)["selection"];
+  EXPECT_EQ(files.size(), 2u);
+  EXPECT_NE(std::find(files.begin(), files.end(), "system-6.41.npk"), files.end());
+  json packages = parse(call("GET", path(1, "/packages")))["packages"];
+  EXPECT_TRUE(packages[0]["checked"]);
+  EXPECT_TRUE(packages[1]["checked"]);
+  // Clearing "system" drops "extra", which cannot run without it.
+  r = call("PUT", path(1, "/selection"), R"({"files": ["extra-6.41.npk"]})");
+  r = call("PUT", path(1, "/selection"), R"({"files": []})");
+  EXPECT_TRUE(parse(r)["selection"].empty());
+  r = call("PUT", path(1, "/selection"), R"({"files": ["nothing.npk"]})");
+  EXPECT_EQ(r.status, 400);
+  EXPECT_NE(parse(r)["error"].get<std::string>().find("files"), std::string::npos);
+  EXPECT_EQ(call("PUT", path(1, "/selection"), R"({"files": "x"})").status, 400);
+  EXPECT_EQ(call("PUT", path(1, "/selection"), R"({"files": [1]})").status, 400);
+}
+
+TEST_F(WebApiTest, OptionsAreCheckedAndABadValueNamesItsField) {
+  announce(1);
+  HttpResponse r = call("PUT", path(1, "/options"), R"({"address": "10.0.0.9/24", "gateway": "10.0.0.1", "baudRate": 115200, "after": "none"})");
+  ASSERT_EQ(r.status, 200) << r.body;
+  json o = parse(r)["options"];
+  EXPECT_EQ(o["address"], "10.0.0.9/24");
+  EXPECT_EQ(o["gateway"], "10.0.0.1");
+  EXPECT_EQ(o["baudRate"], 115200);
+  EXPECT_EQ(o["after"], "none");
+  EXPECT_EQ(webDesk.afterFor(macOf(1)), AfterInstall::None);
+  struct Bad {
+    const char* body;
+    const char* field;
+  };
+  for (const Bad& bad : {Bad{R"({"address": "10.0.0.9"})", "address"}, Bad{R"({"address": "10.0.0.300/8"})", "address"},
+                         Bad{R"({"address": "10.0.0.1/33"})", "address"}, Bad{R"({"gateway": "x"})", "gateway"},
+                         Bad{R"({"baudRate": 1234})", "baudRate"}, Bad{R"({"after": "later"})", "after"},
+                         Bad{R"({"keepConfig": "yes"})", "keepConfig"}, Bad{R"({"colour": 1})", "colour"}}) {
+    r = call("PUT", path(1, "/options"), bad.body);
+    EXPECT_EQ(r.status, 400) << bad.body;
+    EXPECT_EQ(parse(r)["error"].get<std::string>().rfind(bad.field, 0), 0u) << r.body;
+  }
+  // Nothing of a refused request was applied.
+  EXPECT_EQ(parse(call("GET", path(1)))["options"]["address"], "10.0.0.9/24");
+}
+
+TEST_F(WebApiTest, OptionsFollowTheControlStateRules) {
+  announce(1);
+  ASSERT_EQ(call("PUT", path(1, "/options"), R"({"keepConfig": true})").status, 200);
+  HttpResponse r = call("PUT", path(1, "/options"), R"({"address": "10.0.0.9/24"})");
+  EXPECT_EQ(r.status, 409) << "keep old configuration locks the address, as in the window";
+  EXPECT_EQ(parse(r)["error"].get<std::string>().rfind("address", 0), 0u);
+  EXPECT_FALSE(parse(call("GET", path(1)))["controls"]["address"]);
+  // Clearing keep-config in the same request unlocks the address.
+  r = call("PUT", path(1, "/options"), R"({"keepConfig": false, "address": "10.0.0.9/24"})");
+  EXPECT_EQ(r.status, 200) << r.body;
+}
+
+TEST_F(WebApiTest, ScriptsAsTextAreStoredForTheInstall) {
+  announce(1);
+  HttpResponse r = call("PUT", path(1, "/options"), R"({"configureScript": "/system identity set name=a\n"})");
+  ASSERT_EQ(r.status, 200) << r.body;
+  json o = parse(r)["options"];
+  EXPECT_TRUE(o["configureScript"]);
+  EXPECT_EQ(o["configureScriptText"], "/system identity set name=a\n");
+  EXPECT_EQ(tarnlift::testing::readFile(o["configureScriptFile"]), "/system identity set name=a\n");
+}
+
+TEST_F(WebApiTest, InstallStartsTheSessionAndThenIsRefusedWhileInstalling) {
+  announce(1);
+  ASSERT_EQ(call("PUT", path(1, "/selection"), R"({"files": ["extra-6.41.npk"]})").status, 200);
+  ASSERT_EQ(call("PUT", path(1, "/options"), R"({"address": "10.0.0.9/24"})").status, 200);
+  HttpResponse r = call("POST", path(1, "/install"));
+  ASSERT_EQ(r.status, 202) << r.body;
+  EXPECT_EQ(parse(r)["status"], "Installing");
+  ASSERT_EQ(routers.started.size(), 1u);
+  const RouterRecord& request = routers.started[0].first;
+  ASSERT_EQ(request.files.size(), 2u);
+  EXPECT_NE(request.files[0].find("system-6.41.npk"), std::string::npos) << "dependencies go first";
+  EXPECT_EQ(request.address, parseDottedAddress("10.0.0.9"));
+  EXPECT_EQ(request.netmaskBits, 24u);
+  r = call("POST", path(1, "/install"));
+  EXPECT_EQ(r.status, 409);
+  EXPECT_EQ(call("POST", path(1, "/reboot")).status, 409);
+  EXPECT_EQ(call("PUT", path(1, "/selection"), R"({"files": []})").status, 409);
+  EXPECT_FALSE(parse(call("GET", path(1)))["controls"]["install"]);
+  // The install made "Previous Install", as in the window.
+  EXPECT_TRUE(sets.contains("Previous Install"));
+}
+
+TEST_F(WebApiTest, InstallWithoutPackagesIsRefused) {
+  announce(1);
+  HttpResponse r = call("POST", path(1, "/install"));
+  EXPECT_EQ(r.status, 409);
+  EXPECT_EQ(parse(r)["error"], "No packages selected");
+  EXPECT_TRUE(routers.started.empty());
+}
+
+TEST_F(WebApiTest, RebootOfAReadyRouterMarksItDoneAndCancelDropsTheRow) {
+  announce(1);
+  announce(2, "R2");
+  HttpResponse r = call("POST", path(1, "/reboot"));
+  ASSERT_EQ(r.status, 202);
+  EXPECT_EQ(parse(r)["status"], "Done");
+  EXPECT_NE(std::find(routers.calls.begin(), routers.calls.end(), "reboot"), routers.calls.end());
+  r = call("POST", path(2, "/cancel"));
+  ASSERT_EQ(r.status, 202);
+  EXPECT_TRUE(parse(r)["removed"]);
+  EXPECT_EQ(call("GET", path(2)).status, 404);
+  EXPECT_EQ(call("POST", path(2, "/cancel")).status, 404);
+}
+
+TEST_F(WebApiTest, SetsAreStoredChosenAndDeleted) {
+  announce(1);
+  HttpResponse r = call("PUT", "/api/v1/sets/Lab", R"({"files": ["extra-6.41.npk", "system-6.41.npk"]})");
+  ASSERT_EQ(r.status, 200) << r.body;
+  json list = parse(call("GET", "/api/v1/sets"));
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0]["name"], "Lab");
+  EXPECT_EQ(list[0]["folder"], packageDir.path());
+  EXPECT_EQ(list[0]["files"].size(), 2u);
+  r = call("PUT", path(1, "/selection"), R"({"set": "Lab"})");
+  ASSERT_EQ(r.status, 200);
+  EXPECT_EQ(parse(r)["set"], "Lab");
+  EXPECT_TRUE(parse(r)["controls"]["deleteSet"]);
+  EXPECT_FALSE(parse(r)["controls"]["saveSet"]);
+  EXPECT_EQ(call("PUT", "/api/v1/sets/Empty", R"({"files": []})").status, 400);
+  EXPECT_EQ(call("DELETE", "/api/v1/sets/Lab").status, 200);
+  EXPECT_EQ(call("DELETE", "/api/v1/sets/Lab").status, 404);
+  EXPECT_TRUE(parse(call("GET", path(1)))["set"].is_null());
+}
+
+TEST_F(WebApiTest, ErrorsAreJson) {
+  EXPECT_EQ(call("GET", "/api/v1/nothing").status, 404);
+  EXPECT_EQ(call("GET", "/elsewhere").status, 404);
+  HttpResponse r = call("DELETE", "/api/v1/routers");
+  EXPECT_EQ(r.status, 405);
+  EXPECT_TRUE(parse(r).contains("error"));
+  announce(1);
+  EXPECT_EQ(call("PUT", path(1, "/options"), "{bad json").status, 400);
+  EXPECT_EQ(call("PUT", path(1, "/options"), std::string(100, '[') + std::string(100, ']')).status, 400);
+  EXPECT_EQ(call("PUT", path(1, "/options"), "{}", {}).status, 200);
+  HttpResponse plain = call("PUT", path(1, "/options"), "", {{"content-type", "text/plain"}});
+  EXPECT_EQ(plain.status, 400) << "an empty body is not JSON";
+}
+
+TEST_F(WebApiTest, DotDotPathsNameNothing) {
+  EXPECT_EQ(call("GET", "/../etc/passwd").status, 404);
+  EXPECT_EQ(call("GET", "/api/v1/../../metrics").status, 404);
+  EXPECT_EQ(call("GET", "/console.js/..").status, 404);
+}
+
+TEST_F(WebApiTest, ATokenIsNeededOnceOneIsSet) {
+  useToken("s3cret");
+  EXPECT_EQ(call("GET", "/api/v1/routers").status, 401);
+  EXPECT_EQ(call("GET", "/metrics").status, 401);
+  EXPECT_EQ(call("GET", "/api/v1/routers", "", {{"authorization", "Bearer wrong"}}).status, 401);
+  EXPECT_EQ(call("GET", "/api/v1/routers", "", {{"authorization", "Bearer s3cret"}}).status, 200);
+  EXPECT_EQ(call("GET", "/").status, 200) << "the page itself holds nothing and asks for the token";
+  EXPECT_EQ(call("POST", "/api/v1/session", R"({"token": "nope"})").status, 401);
+  HttpResponse login = call("POST", "/api/v1/session", R"({"token": "s3cret"})");
+  ASSERT_EQ(login.status, 200);
+  std::string cookie;
+  for (auto& [k, v] : login.headers) {
+    if (k == "Set-Cookie") cookie = v;
+  }
+  EXPECT_NE(cookie.find("HttpOnly"), std::string::npos);
+  EXPECT_NE(cookie.find("SameSite=Strict"), std::string::npos);
+  std::string pair = cookie.substr(0, cookie.find(';'));
+  EXPECT_EQ(call("GET", "/api/v1/routers", "", {{"cookie", pair}}).status, 200);
+  EXPECT_EQ(call("GET", "/api/v1/routers", "", {{"cookie", "tarnlift_session=forged"}}).status, 401);
+  // With a token, any host name may be used.
+  HttpRequest request;
+  request.method = "GET";
+  request.path = "/api/v1/routers";
+  request.headers = {{"host", "console.example:8080"}, {"authorization", "Bearer s3cret"}};
+  EXPECT_EQ(api->handle(request).status, 200);
+}
+
+TEST_F(WebApiTest, WritesFromAnotherOriginAreRefused) {
+  announce(1);
+  EXPECT_EQ(call("POST", path(1, "/cancel"), "", {{"origin", "http://evil.example"}}).status, 403);
+  EXPECT_EQ(call("GET", path(1), "", {{"origin", "http://evil.example"}}).status, 200);
+  EXPECT_EQ(call("POST", path(1, "/cancel"), "", {{"origin", "http://127.0.0.1:8080"}}).status, 202);
+}
+
+TEST_F(WebApiTest, WithoutATokenOnlyLoopbackHostNamesAreAnswered) {
+  HttpRequest request;
+  request.method = "GET";
+  request.path = "/api/v1/routers";
+  request.headers = {{"host", "rebound.example:8080"}};
+  EXPECT_EQ(api->handle(request).status, 403);
+  request.headers = {{"host", "localhost:8080"}};
+  EXPECT_EQ(api->handle(request).status, 200);
+}
+
+TEST_F(WebApiTest, TheConsoleIsCompiledIn) {
+  HttpResponse page = call("GET", "/");
+  ASSERT_EQ(page.status, 200);
+  EXPECT_EQ(page.contentType, "text/html; charset=utf-8");
+  EXPECT_NE(page.body.find("Routers/Drives"), std::string::npos);
+  bool csp = false;
+  for (auto& [k, v] : page.headers) csp = csp || k == "Content-Security-Policy";
+  EXPECT_TRUE(csp);
+  EXPECT_EQ(call("GET", "/console.js").status, 200);
+  EXPECT_EQ(call("GET", "/console.css").status, 200);
+  EXPECT_EQ(call("POST", "/").status, 405);
+}
+
+TEST_F(WebApiTest, MetricsCountRowsInstallsAndBytes) {
+  announce(1);
+  announce(2, "R2");
+  ASSERT_EQ(call("PUT", path(1, "/selection"), R"({"files": ["extra-6.41.npk"]})").status, 200);
+  ASSERT_EQ(call("POST", path(1, "/install")).status, 202);
+  // The session sends everything and the router waits for its reboot.
+  routers.sessions[macOf(1)] = {kStatusWaitingReboot, 3100, 3100, "Installation finished successfully"};
+  clock.advanceMillis(250);
+  desk.tick();
+  webDesk.publishChanges();
+  routers.sessions[macOf(1)] = {kStatusDone, 3100, 3100, "Done"};
+  clock.advanceMillis(250);
+  desk.tick();
+  webDesk.publishChanges();
+  HttpResponse r = call("GET", "/metrics");
+  ASSERT_EQ(r.status, 200);
+  EXPECT_EQ(r.contentType, "text/plain; version=0.0.4; charset=utf-8");
+  EXPECT_NE(r.body.find("tarnlift_routers{status=\"Ready\"} 1\n"), std::string::npos) << r.body;
+  EXPECT_NE(r.body.find("tarnlift_routers{status=\"Done\"} 1\n"), std::string::npos);
+  EXPECT_NE(r.body.find("tarnlift_installs_total{result=\"done\"} 1\n"), std::string::npos);
+  EXPECT_NE(r.body.find("tarnlift_installs_total{result=\"failed\"} 0\n"), std::string::npos);
+  EXPECT_NE(r.body.find("tarnlift_install_bytes_sent_total 3100\n"), std::string::npos);
+  EXPECT_NE(r.body.find("process_start_time_seconds "), std::string::npos);
+  EXPECT_NE(r.body.find("tarnlift_bootp_replies_total 0\n"), std::string::npos);
+}
+
+TEST_F(WebApiTest, RouterEventsAreSentOnChangeAtMostFourASecond) {
+  uint64_t start = hub.nextId();
+  announce(1);
+  std::vector<WebEvent> events;
+  ASSERT_TRUE(hub.waitFrom(start, events, std::chrono::milliseconds(0)));
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].type, "router");
+  EXPECT_EQ(nlohmann::json::parse(events[0].data)["status"], "Ready");
+  start = hub.nextId();
+  // A change within 250 ms of the last event waits for the next tick.
+  clock.advanceMillis(100);
+  ASSERT_EQ(call("PUT", path(1, "/options"), R"({"baudRate": 9600})").status, 200);
+  ASSERT_TRUE(hub.waitFrom(start, events, std::chrono::milliseconds(0)));
+  EXPECT_TRUE(events.empty());
+  clock.advanceMillis(150);
+  webDesk.publishChanges();
+  ASSERT_TRUE(hub.waitFrom(start, events, std::chrono::milliseconds(0)));
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(nlohmann::json::parse(events[0].data)["options"]["baudRate"], 9600);
+  // Nothing changed: nothing sent.
+  clock.advanceMillis(1000);
+  webDesk.publishChanges();
+  ASSERT_TRUE(hub.waitFrom(start + 1, events, std::chrono::milliseconds(0)));
+  EXPECT_TRUE(events.empty());
+  // A row that goes is "removed".
+  ASSERT_EQ(call("POST", path(1, "/cancel")).status, 202);
+  ASSERT_TRUE(hub.waitFrom(start + 1, events, std::chrono::milliseconds(0)));
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].type, "removed");
+  EXPECT_EQ(nlohmann::json::parse(events[0].data)["mac"], "4C:5E:0C:01:02:01");
+}
+
+TEST_F(WebApiTest, NetbootShowsWhatTheOwnerReports) {
+  NetbootSnapshot n;
+  n.enabled = true;
+  n.clientAddress = "192.168.88.20";
+  n.interfaceAddress = "192.168.88.2";
+  n.images = {{2, 4096, "built in"}};
+  n.clients = {{"02:00:00:00:00:01", 2, "2026-01-01T00:00:00Z"}};
+  webDesk.setNetboot(n);
+  json body = parse(call("GET", "/api/v1/netboot"));
+  EXPECT_EQ(body["enabled"], true);
+  EXPECT_EQ(body["clientAddress"], "192.168.88.20");
+  EXPECT_EQ(body["interface"]["address"], "192.168.88.2");
+  EXPECT_EQ(body["bootImages"][0]["size"], 4096);
+  EXPECT_EQ(body["clients"][0]["class"], 2);
+}
+
+}  // namespace
+}  // namespace tarnlift::web
