@@ -7,6 +7,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +26,7 @@
 #include "install/transport.h"
 #include "netboot/interfaces.h"
 #include "netboot/netboot_service.h"
+#include "web/web_console.h"
 
 namespace tarnlift::cli {
 namespace {
@@ -35,7 +38,7 @@ const char* kServeUsage =
     "--client-address A.B.C.D [--packages DIR] [--select FILE]... [--set NAME] [--keep-config] "
     "[--address A.B.C.D/BITS] [--gateway A.B.C.D] [--baud N] [--default-config] [--remove-branding] "
     "[--script FILE] [--mode-script FILE] [--after reboot|shutdown|none] [--mac MAC]... [--count N] [--beacon] "
-    "[--netboot [--boot-images DIR] [--kernel FILE]]";
+    "[--netboot [--boot-images DIR] [--kernel FILE]] [--web [ADDRESS:]PORT [--web-token FILE] [--hold]]";
 
 bool parseCount(const std::string& text, uint32_t& value) {
   uint64_t n = 0;
@@ -55,6 +58,8 @@ int runServe(const std::vector<std::string>& commandArguments) {
   uint32_t count = 0;
   bool havePackages = false;
   bool beacon = false;
+  std::string webText;
+  std::string webTokenFile;
   for (size_t i = 0; i < arguments.size(); ++i) {
     const std::string& option = arguments[i];
     auto value = [&](std::string& out) {
@@ -97,6 +102,12 @@ int runServe(const std::vector<std::string>& commandArguments) {
       MacAddress mac{};
       if (!value(text) || !parseMac(text, mac)) return usageError("--mac needs a MAC such as 4C:5E:0C:01:02:03");
       options.macs.insert(mac);
+    } else if (option == "--web") {
+      if (!value(webText)) return usageError("--web needs [ADDRESS:]PORT, such as 8080 or 0.0.0.0:8080");
+    } else if (option == "--web-token") {
+      if (!value(webTokenFile)) return usageError("--web-token needs a file that holds the token");
+    } else if (option == "--hold") {
+      options.hold = true;
     } else if (option == "--beacon") {
       beacon = true;
     } else if (option == "--count") {
@@ -108,6 +119,21 @@ int runServe(const std::vector<std::string>& commandArguments) {
   uint32_t client = addressFromText(clientText);
   if (client == 0) return usageError("serve needs --client-address A.B.C.D");
   if (int code = checkChoiceOptions(options); code != kExitOk) return code;
+  uint32_t webAddress = 0;
+  uint16_t webPort = 0;
+  web::WebAccess access;
+  if (!webText.empty()) {
+    std::string error;
+    if (!web::parseListenAddress(webText, webAddress, webPort, error)) return usageError(error);
+    if (!webTokenFile.empty() && !web::readTokenFile(webTokenFile, access.token, error)) return usageError(error);
+    if (!web::isLoopbackAddress(webAddress) && access.token.empty()) {
+      return usageError("--web " + webText +
+                        " would let other machines drive the installs without a password: add --web-token FILE "
+                        "(a file whose first line is the token), or listen on 127.0.0.1");
+    }
+  } else if (options.hold || !webTokenFile.empty()) {
+    return usageError(std::string(options.hold ? "--hold" : "--web-token") + " needs --web [ADDRESS:]PORT");
+  }
   if (!acquireServerGuard()) return kExitOk;
 
   Registry settings;
@@ -152,12 +178,39 @@ int runServe(const std::vector<std::string>& commandArguments) {
 
   std::signal(SIGINT, requestStop);
   std::signal(SIGTERM, requestStop);
+  std::unique_ptr<web::WebConsole> console;
+  if (!webText.empty()) {
+    options.afterFor = [&console](const MacAddress& mac) { return console->desk().afterFor(mac); };
+  }
   HeadlessInstaller installer(server, SteadyClock::instance(), options, sets, remembered, std::cout, std::cerr);
+  if (!webText.empty()) {
+    console = std::make_unique<web::WebConsole>(installer.desk(), sets, remembered, &settings, SteadyClock::instance(),
+                                                access);
+    console->desk().setDefaultAfter(options.after);
+    web::NetbootSnapshot netboot;
+    netboot.enabled = netbootOptions.netboot;
+    netboot.clientAddress = clientText;
+    netboot.interfaceAddress = netboot::formatIpv4(netboot::serverAddress());
+    console->desk().setNetboot(netboot);
+    std::string error;
+    if (!console->start(webAddress, webPort, error)) {
+      std::cerr << "tarnlift: cannot listen on " << webText << ": " << error << std::endl;
+      return kExitFailed;
+    }
+    logLine() << "serve: web console on http://" << web::dottedHostOrder(webAddress) << ":" << console->port() << "/";
+  }
   while (gStopRequested == 0) {
-    installer.tick();
+    if (console) {
+      std::lock_guard<std::mutex> lock(console->desk().lock());
+      installer.tick();
+      console->desk().publishChanges();
+    } else {
+      installer.tick();
+    }
     if (count != 0 && installer.finished() >= count) break;
     sleepMilliseconds(250);
   }
+  if (console) console->stop();
   server.destroy();
   service.transport().close();
   if (beacon) setBeacon(false);

@@ -51,6 +51,7 @@ void HeadlessInstaller::tick() {
   for (const MacAddress& mac : result.added) {
     RouterRow* row = desk_.table().find(mac);
     logLine() << "router found: " << row->labelCell << " " << row->macCell << " " << row->architectureCell;
+    if (options_.hold) continue;
     if (options_.macs.empty() || options_.macs.count(mac) != 0) install(*row);
   }
   bool changed = result.tableChanged;
@@ -66,7 +67,9 @@ void HeadlessInstaller::tick() {
     // A router whose session is gone keeps its row with status 0 until it
     // announces itself again; there is nothing to print for it.
     if (textChanged && !final && s.status != kStatusNone && !options_.liveProgress) progress(*row);
-    if (s.status == kStatusWaitingReboot && statusChanged) desk_.actAfterInstall(news.mac, options_.after);
+    if (s.status == kStatusWaitingReboot && statusChanged) {
+      desk_.actAfterInstall(news.mac, options_.afterFor ? options_.afterFor(news.mac) : options_.after);
+    }
     if (final && statusChanged) finish(row->record, s.status == kStatusDone, s.statusText);
   }
   if (changed) redraw();

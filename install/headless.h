@@ -30,6 +30,11 @@ struct HeadlessOptions {
   AfterInstall after = AfterInstall::Reboot;
   std::set<MacAddress> macs;  // empty: every router
   bool liveProgress = false;  // a terminal: redraw one line per router
+  // Routers are listed and stay "Ready" until another front end (the web
+  // console) installs them.
+  bool hold = false;
+  // What to do after installing a given router; unset: `after` for all.
+  std::function<AfterInstall(const MacAddress&)> afterFor;
   // Sends the beacon once; called on every fourth tick when set.
   std::function<void()> sendBeacon;
 };

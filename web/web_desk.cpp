@@ -578,9 +578,12 @@ void WebDesk::publishChanges() {
       if (r.status == kStatusDone && sent.status != kStatusReady) ++installsDone_;
       if (r.status == kStatusFailed) ++installsFailed_;
     }
+    bool statusChanged = !known || r.status != sent.status;
     sent.status = r.status;
     sent.progress = r.progress;
-    if (known && sent.at != 0 && now - sent.at < kEventSpacingMicros) continue;
+    // Progress and texts at most four times a second; a new status always,
+    // so that a client sees every step of an installation in order.
+    if (!statusChanged && sent.at != 0 && now - sent.at < kEventSpacingMicros) continue;
     std::string text = routerJson(r).dump();
     if (text == sent.json) continue;
     sent.json = std::move(text);

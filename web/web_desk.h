@@ -83,8 +83,9 @@ class WebDesk : private InstallPrompter {
   void setNetboot(const NetbootSnapshot& snapshot) { netboot_ = snapshot; }
 
   // After the owner's tick (and after every change the API makes): sends a
-  // "router" event for every row that changed (at most four a second per
-  // row), "removed" for rows that went, and counts finished installations.
+  // "router" event for every row that changed ("removed" for rows that
+  // went), and counts finished installations. A row's progress and texts go
+  // out at most four times a second; a change of status goes out at once.
   void publishChanges();
 
   // ---- the API ----

@@ -1,0 +1,213 @@
+#!/bin/bash
+# The web console end to end: `tarnlift serve --web` in a server namespace,
+# the router simulator in a router namespace, and curl (and a small Python
+# client) on the server namespace's own loopback. Nothing leaves the
+# namespaces; they are removed on every exit path.
+#
+# usage: e2e_web.sh CASE TARNLIFT ROUTERSIM MKPKG
+#   api       held routers driven through the API alone, the event stream, /metrics
+#   security  refusals at start, tokens, origins, odd paths
+#   flood     10,000 bad requests while 20 routers install
+# Exit 77 (skipped) when not root or without a needed program.
+set -u
+case_name=$1
+tarnlift=$2
+routersim=$3
+mkpkg=$4
+
+skip() { echo "SKIP: $*"; exit 77; }
+[ "$(id -u)" = 0 ] || skip "needs root for network namespaces"
+for p in ip curl python3; do command -v $p > /dev/null || skip "needs $p"; done
+for p in "$tarnlift" "$routersim" "$mkpkg"; do [ -x "$p" ] || skip "no $p"; done
+
+# shellcheck source=../lib/netns_pair.sh
+source "$(dirname "$0")/../lib/netns_pair.sh"
+netns_names tw
+work=$(mktemp -d /tmp/tl-web-XXXXXX)
+serve_pid=
+bg_pids=()
+cleanup() {
+  [ -n "$serve_pid" ] && kill "$serve_pid" 2> /dev/null
+  for p in "${bg_pids[@]}"; do kill "$p" 2> /dev/null; done
+  wait 2> /dev/null
+  netns_remove
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 1' INT TERM
+
+fail() {
+  echo "FAIL ($case_name): $*"
+  echo "--- serve stdout"; tail -20 "$work/serve.out" 2> /dev/null
+  echo "--- serve stderr (tail)"; tail -40 "$work/serve.err" 2> /dev/null
+  echo "--- routersim stdout"; cat "$work/sim.out" 2> /dev/null
+  exit 1
+}
+
+netns_pair
+case $? in
+  0) ;;
+  2) skip "cannot create network namespaces" ;;
+  *) fail "cannot join the namespaces by a veth pair" ;;
+esac
+
+export HOME=$work/home TMPDIR=$work/tmp
+unset XDG_CONFIG_HOME
+mkdir -p "$HOME" "$TMPDIR" "$work/pk" "$work/out"
+hexof() { head -c "$1" /dev/urandom | od -An -v -tx1 | tr -d ' \n'; }
+"$mkpkg" "$work/pk/system-6.41.npk" --package system 6.41 --arch arm --part 4 "$(hexof 30000)" --data 400000 > /dev/null ||
+  fail "mkpkg"
+"$mkpkg" "$work/pk/extra-6.41.npk" --package extra 6.41 --arch arm --depends system:6.41 --part 4 "$(hexof 7000)" \
+  > /dev/null || fail "mkpkg"
+
+# The console listens on the server namespace's own loopback: a port there
+# is ours alone.
+port=8080
+base=http://127.0.0.1:$port
+in_srv() { ip netns exec "$srv" "$@"; }
+api() { in_srv curl -sS --max-time 10 "$@"; }
+start_serve() {
+  (cd "$work" && exec ip netns exec "$srv" timeout "${SERVE_TIMEOUT:-150}" "$tarnlift" serve \
+    --client-address 192.168.88.1 --packages "$work/pk" "$@" > "$work/serve.out" 2> "$work/serve.err") &
+  serve_pid=$!
+  for _ in $(seq 100); do
+    grep -q "serve: web console on" "$work/serve.err" 2> /dev/null && return 0
+    kill -0 "$serve_pid" 2> /dev/null || fail "serve ended early"
+    sleep 0.1
+  done
+  fail "the console did not start"
+}
+start_sim() {
+  (exec ip netns exec "$rtr" timeout "${SIM_TIMEOUT:-150}" "$routersim" --interface "$veth_b" --output "$work/out" \
+    --repeat-ms 300 "$@" > "$work/sim.out" 2> "$work/sim.err") &
+  sim_pid=$!
+  bg_pids+=("$sim_pid")
+}
+# Waits (bounded) until the router's status is the one given.
+wait_status() {
+  local mac=$1 want=$2 got=
+  for _ in $(seq "${3:-300}"); do
+    got=$(api "$base/api/v1/routers/$mac" | python3 -c 'import json,sys; print(json.load(sys.stdin).get("status",""))' 2> /dev/null)
+    [ "$got" = "$want" ] && return 0
+    sleep 0.2
+  done
+  fail "$mac is '$got', not '$want'"
+}
+json_field() { python3 -c "import json,sys; d=json.load(sys.stdin); print($1)"; }
+expect_same() { cmp -s "$1" "$2" || fail "$(basename "$2") differs from $(basename "$1")"; }
+status_of() { api -o /dev/null -w '%{http_code}' "$@"; }
+
+R1=02:00:00:00:00:01
+R2=02:00:00:00:00:02
+
+case $case_name in
+  api)
+    start_serve --web "127.0.0.1:$port" --hold
+    (exec ip netns exec "$srv" timeout 120 curl -sN "$base/api/v1/events" > "$work/events.txt") &
+    bg_pids+=($!)
+    start_sim --count 2 --timeout-s 60
+    wait_status $R1 Ready
+    wait_status $R2 Ready
+    sel=$(api -X PUT -H 'Content-Type: application/json' -d '{"files":["extra-6.41.npk"]}' "$base/api/v1/routers/$R1/selection")
+    [ "$(echo "$sel" | json_field 'sorted(d["selection"])')" = "['extra-6.41.npk', 'system-6.41.npk']" ] ||
+      fail "the dependency was not pulled in: $sel"
+    code=$(status_of -X PUT -H 'Content-Type: application/json' -d '{"address":"10.0.0.5/24","gateway":"10.0.0.1"}' \
+      "$base/api/v1/routers/$R1/options")
+    [ "$code" = 200 ] || fail "options: $code"
+    code=$(status_of -X PUT -H 'Content-Type: application/json' -d '{"address":"10.0.0.5"}' "$base/api/v1/routers/$R1/options")
+    [ "$code" = 400 ] || fail "a bad address: $code"
+    code=$(status_of -X POST "$base/api/v1/routers/$R1/install")
+    [ "$code" = 202 ] || fail "install: $code"
+    code=$(status_of -X POST "$base/api/v1/routers/$R1/install")
+    [ "$code" = 409 ] || fail "a second install: $code"
+    wait_status $R1 Done
+    expect_same "$work/pk/system-6.41.npk" "$work/out/02-00-00-00-00-01/system-6.41.npk"
+    expect_same "$work/pk/extra-6.41.npk" "$work/out/02-00-00-00-00-01/extra-6.41.npk"
+    grep -q 'add address=10.0.0.5/24' "$work/out/02-00-00-00-00-01/autorun.scr" || fail "the address is not in the script"
+    # Held: the second router is still waiting for someone to press Install.
+    wait_status $R2 Ready 5
+    [ ! -e "$work/out/02-00-00-00-00-02" ] || fail "the held router received files"
+    api "$base/metrics" > "$work/metrics.txt"
+    python3 - "$work/metrics.txt" << 'PY' || fail "metrics do not parse"
+import re, sys
+text = open(sys.argv[1]).read()
+sample = re.compile(r'^[a-zA-Z_:][a-zA-Z0-9_:]*(\{([a-zA-Z_][a-zA-Z0-9_]*="[^"\\]*",?)*\})? [-+]?[0-9.eE+]+$')
+values = {}
+for line in text.splitlines():
+    if line.startswith('#'):
+        assert re.match(r'^# (HELP|TYPE) [a-zA-Z_:][a-zA-Z0-9_:]* .+$', line), line
+        continue
+    assert sample.match(line), line
+    name, value = line.rsplit(' ', 1)
+    values[name] = float(value)
+assert values['tarnlift_installs_total{result="done"}'] == 1, values
+assert values['tarnlift_routers{status="Ready"}'] == 1, values
+assert values['tarnlift_install_bytes_sent_total'] > 400000, values
+assert values['process_start_time_seconds'] > 1.6e9, values
+PY
+    sleep 0.5
+    # The stream carried R1's changes in order: Ready, Installing, ..., Done.
+    python3 - "$work/events.txt" << 'PY' || fail "the event stream is not in order"
+import json, sys
+statuses = []
+for block in open(sys.argv[1]).read().split('\n\n'):
+    lines = dict(l.split(': ', 1) for l in block.split('\n') if ': ' in l and not l.startswith(':'))
+    if lines.get('event') == 'router':
+        r = json.loads(lines['data'])
+        if r['mac'] == '02:00:00:00:00:01' and (not statuses or statuses[-1] != r['status']):
+            statuses.append(r['status'])
+order = ['Ready', 'Installing', 'Waiting reboot', 'Done']
+seen = [s for s in statuses if s in order]
+assert seen[0] == 'Ready' and seen[-1] == 'Done' and 'Installing' in seen, statuses
+assert [order.index(s) for s in seen] == sorted(order.index(s) for s in seen), statuses
+PY
+    grep -q '^event: log$' "$work/events.txt" || fail "no log lines in the event stream"
+    ;;
+  security)
+    printf 's3cret-token\n' > "$work/token"
+    out=$(in_srv timeout 20 "$tarnlift" serve --client-address 192.168.88.1 --web 0.0.0.0:$port 2>&1)
+    [ $? = 2 ] || fail "a non-loopback address without a token must be refused with exit 2"
+    echo "$out" | grep -q -- "--web-token FILE" || fail "the refusal does not say what to add: $out"
+    in_srv timeout 20 "$tarnlift" serve --client-address 192.168.88.1 --hold > /dev/null 2>&1
+    [ $? = 2 ] || fail "--hold without --web must be refused"
+    start_serve --web "0.0.0.0:$port" --web-token "$work/token" --hold
+    [ "$(status_of "$base/api/v1/routers")" = 401 ] || fail "no token: not 401"
+    [ "$(status_of -H 'Authorization: Bearer wrong' "$base/api/v1/routers")" = 401 ] || fail "wrong token: not 401"
+    [ "$(status_of -H 'Authorization: Bearer s3cret-token' "$base/api/v1/routers")" = 200 ] || fail "token: not 200"
+    [ "$(status_of -H 'Authorization: Bearer s3cret-token' -H 'Origin: http://evil.example' -X PUT \
+      -H 'Content-Type: application/json' -d '{"files":["x"]}' "$base/api/v1/sets/x")" = 403 ] || fail "foreign origin: not 403"
+    [ "$(status_of -H 'Authorization: Bearer s3cret-token' --path-as-is "$base/../../etc/passwd")" = 404 ] || fail "..: not 404"
+    [ "$(status_of -H 'Authorization: Bearer s3cret-token' --path-as-is "$base/api/v1/%2e%2e/%2e%2e/metrics")" = 404 ] ||
+      fail "encoded ..: not 404"
+    # The session cookie: set once from the token, then enough alone.
+    api -c "$work/jar" -H 'Content-Type: application/json' -d '{"token":"s3cret-token"}' "$base/api/v1/session" > /dev/null
+    grep -q 'tarnlift_session' "$work/jar" || fail "no session cookie"
+    [ "$(status_of -b "$work/jar" "$base/api/v1/routers")" = 200 ] || fail "cookie: not 200"
+    # The page itself is served without the token (it asks for it).
+    [ "$(status_of "$base/")" = 200 ] || fail "the console page"
+    ;;
+  flood)
+    start_serve --web "127.0.0.1:$port" --select extra-6.41.npk
+    (exec ip netns exec "$srv" timeout 120 python3 "$(dirname "$0")/flood.py" 127.0.0.1 $port 10000 > "$work/flood.out" 2>&1) &
+    flood_pid=$!
+    bg_pids+=("$flood_pid")
+    SIM_TIMEOUT=200 start_sim --count 20 --timeout-s 180
+    wait "$sim_pid" || fail "routersim exit $?"
+    wait "$flood_pid" || { cat "$work/flood.out"; fail "the flood client failed"; }
+    for dir in "$work"/out/*; do
+      expect_same "$work/pk/system-6.41.npk" "$dir/system-6.41.npk"
+      expect_same "$work/pk/extra-6.41.npk" "$dir/extra-6.41.npk"
+    done
+    [ "$(ls "$work/out" | wc -l)" = 20 ] || fail "not 20 routers stored files"
+    [ "$(status_of "$base/api/v1/routers")" = 200 ] || fail "the server is not answering after the flood"
+    pid=$(pgrep -f "^$tarnlift serve --client-address 192.168.88.1 --packages $work/pk" | head -1)
+    peak=$(awk '/VmHWM/ {print $2}' "/proc/$pid/status")
+    echo "flood: $(tail -1 "$work/flood.out"); serve peak RSS ${peak} kB"
+    [ "$peak" -lt 65536 ] || fail "serve's peak RSS ${peak} kB is over 64 MiB"
+    ;;
+  *)
+    echo "unknown case $case_name"
+    exit 2
+    ;;
+esac
+echo "PASS ($case_name)"

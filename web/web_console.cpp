@@ -1,0 +1,122 @@
+#include "web/web_console.h"
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "app/log.h"
+#include "install/install_command.h"
+
+namespace tarnlift::web {
+
+std::string dottedHostOrder(uint32_t a) {
+  return std::to_string(a >> 24) + "." + std::to_string((a >> 16) & 255) + "." + std::to_string((a >> 8) & 255) + "." +
+         std::to_string(a & 255);
+}
+
+bool isLoopbackAddress(uint32_t address) { return (address >> 24) == 127; }
+
+bool parseListenAddress(const std::string& text, uint32_t& address, uint16_t& port, std::string& error) {
+  std::string host = "127.0.0.1";
+  std::string portText = text;
+  size_t colon = text.rfind(':');
+  if (colon != std::string::npos) {
+    host = text.substr(0, colon);
+    portText = text.substr(colon + 1);
+  }
+  error = "--web needs [ADDRESS:]PORT, such as 8080 or 0.0.0.0:8080";
+  if (portText.empty() || portText.size() > 5) return false;
+  uint32_t value = 0;
+  for (char c : portText) {
+    if (c < '0' || c > '9') return false;
+    value = value * 10 + static_cast<uint32_t>(c - '0');
+  }
+  if (value > 65535) return false;
+  if (host == "localhost") host = "127.0.0.1";
+  // Strictly four decimal parts: inet_addr's readings of "1" or "0x7f.1"
+  // are not addresses anyone means here.
+  uint32_t parsed = 0;
+  int parts = 0;
+  size_t i = 0;
+  while (parts < 4) {
+    size_t start = i;
+    uint32_t part = 0;
+    while (i < host.size() && host[i] >= '0' && host[i] <= '9' && i - start < 3) part = part * 10 + static_cast<uint32_t>(host[i++] - '0');
+    if (i == start || part > 255) return false;
+    parsed = (parsed << 8) | part;
+    ++parts;
+    if (parts < 4) {
+      if (i >= host.size() || host[i] != '.') return false;
+      ++i;
+    }
+  }
+  if (i != host.size()) return false;
+  address = parsed;
+  port = static_cast<uint16_t>(value);
+  error.clear();
+  return true;
+}
+
+bool readTokenFile(const std::string& path, std::string& token, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot read the token file " + path;
+    return false;
+  }
+  std::string line;
+  std::getline(in, line);
+  size_t first = line.find_first_not_of(" \t\r");
+  size_t last = line.find_last_not_of(" \t\r");
+  token = first == std::string::npos ? "" : line.substr(first, last - first + 1);
+  if (token.empty()) {
+    error = "the token file " + path + " holds no token on its first line";
+    return false;
+  }
+  return true;
+}
+
+WebConsole::WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered,
+                       Registry* settings, const Clock& clock, WebAccess access)
+    : desk_(desk, sets, remembered, settings, hub_, clock), api_(desk_, hub_, std::move(access)) {}
+
+WebConsole::~WebConsole() { stop(); }
+
+void WebConsole::onLogLine(const std::string& line, void* context) {
+  static_cast<EventHub*>(context)->publish("log", nlohmann::json{{"line", line}}.dump(-1, ' ', false,
+                                                                                      nlohmann::json::error_handler_t::replace));
+}
+
+bool WebConsole::start(uint32_t address, uint16_t port, std::string& error) {
+  // Scripts sent as text live in a folder of this process only.
+  std::error_code ec;
+  std::random_device random;
+  std::filesystem::path folder = std::filesystem::temp_directory_path(ec) /
+                                 ("tarnlift-web-" + std::to_string(random()) + std::to_string(random()));
+  if (!ec && std::filesystem::create_directory(folder, ec) && !ec) {
+    std::filesystem::permissions(folder, std::filesystem::perms::owner_all, std::filesystem::perm_options::replace, ec);
+    scriptFolder_ = folder.string();
+    desk_.setScriptFolder(scriptFolder_);
+  }
+  server_ = std::make_unique<HttpServer>([this](const HttpRequest& request) { return api_.handle(request); });
+  if (!server_->start(address, port, error)) {
+    server_.reset();
+    return false;
+  }
+  setLogListener(&WebConsole::onLogLine, &hub_);
+  listening_ = true;
+  return true;
+}
+
+void WebConsole::stop() {
+  if (listening_) setLogListener(nullptr, nullptr);
+  listening_ = false;
+  if (server_) server_->stop();
+  server_.reset();
+  if (!scriptFolder_.empty()) {
+    std::error_code ec;
+    std::filesystem::remove_all(scriptFolder_, ec);
+    scriptFolder_.clear();
+  }
+}
+
+}  // namespace tarnlift::web

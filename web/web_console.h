@@ -1,0 +1,55 @@
+// The web console as a front end switches it on: the event hub, the desk
+// view, the API and the HTTP server together, the log lines fed to the
+// event stream, and a private folder for scripts sent as text. The owner
+// keeps ticking its desk, holding desk().lock() around each tick and calling
+// desk().publishChanges() after it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "web/event_hub.h"
+#include "web/http_server.h"
+#include "web/web_api.h"
+#include "web/web_desk.h"
+
+namespace tarnlift::web {
+
+// "[ADDRESS:]PORT": ADDRESS a dotted IPv4 address or "localhost" (default
+// 127.0.0.1), PORT 0 to 65535 (0: any free one). False with a message.
+bool parseListenAddress(const std::string& text, uint32_t& address, uint16_t& port, std::string& error);
+// The dotted text of a host-order address.
+std::string dottedHostOrder(uint32_t address);
+// 127.0.0.0/8 (host order).
+bool isLoopbackAddress(uint32_t address);
+// The token: the file's first line without surrounding blanks. False with a
+// message when it cannot be read or is empty.
+bool readTokenFile(const std::string& path, std::string& token, std::string& error);
+
+class WebConsole {
+ public:
+  WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, Registry* settings,
+             const Clock& clock, WebAccess access);
+  ~WebConsole();
+  WebConsole(const WebConsole&) = delete;
+  WebConsole& operator=(const WebConsole&) = delete;
+
+  bool start(uint32_t address, uint16_t port, std::string& error);
+  void stop();
+  uint16_t port() const { return server_ ? server_->port() : 0; }
+  WebDesk& desk() { return desk_; }
+  EventHub& hub() { return hub_; }
+
+ private:
+  static void onLogLine(const std::string& line, void* context);
+
+  EventHub hub_;
+  WebDesk desk_;
+  WebApi api_;
+  std::unique_ptr<HttpServer> server_;
+  std::string scriptFolder_;
+  bool listening_ = false;
+};
+
+}  // namespace tarnlift::web
