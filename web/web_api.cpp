@@ -11,7 +11,7 @@ using nlohmann::json;
 HttpResponse jsonResponse(int status, const json& body) {
   HttpResponse r;
   r.status = status;
-  r.body = body.dump();
+  r.body = jsonText(body);
   r.headers.emplace_back("Cache-Control", "no-store");
   return r;
 }

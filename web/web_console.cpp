@@ -82,8 +82,7 @@ WebConsole::WebConsole(InstallDesk& desk, packages::PackageSets& sets, Remembere
 WebConsole::~WebConsole() { stop(); }
 
 void WebConsole::onLogLine(const std::string& line, void* context) {
-  static_cast<EventHub*>(context)->publish("log", nlohmann::json{{"line", line}}.dump(-1, ' ', false,
-                                                                                      nlohmann::json::error_handler_t::replace));
+  static_cast<EventHub*>(context)->publish("log", jsonText(nlohmann::json{{"line", line}}));
 }
 
 bool WebConsole::start(uint32_t address, uint16_t port, std::string& error) {

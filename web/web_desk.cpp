@@ -159,7 +159,7 @@ json WebDesk::routers() {
 
 std::vector<std::string> WebDesk::routerSnapshots() {
   std::vector<std::string> out;
-  for (const auto& [mac, row] : desk_.table().rows()) out.push_back(routerJson(row.record).dump());
+  for (const auto& [mac, row] : desk_.table().rows()) out.push_back(jsonText(routerJson(row.record)));
   return out;
 }
 
@@ -584,7 +584,7 @@ void WebDesk::publishChanges() {
     // Progress and texts at most four times a second; a new status always,
     // so that a client sees every step of an installation in order.
     if (!statusChanged && sent.at != 0 && now - sent.at < kEventSpacingMicros) continue;
-    std::string text = routerJson(r).dump();
+    std::string text = jsonText(routerJson(r));
     if (text == sent.json) continue;
     sent.json = std::move(text);
     sent.at = now;
@@ -595,7 +595,7 @@ void WebDesk::publishChanges() {
       ++it;
       continue;
     }
-    hub_.publish("removed", json{{"mac", macText(it->first)}}.dump());
+    hub_.publish("removed", jsonText(json{{"mac", macText(it->first)}}));
     after_.erase(it->first);
     it = sent_.erase(it);
   }

@@ -341,3 +341,19 @@ TEST_F(WebApiTest, NetbootShowsWhatTheOwnerReports) {
 
 }  // namespace
 }  // namespace tarnlift::web
+
+namespace tarnlift::web {
+namespace {
+
+TEST_F(WebApiTest, BytesThatAreNotUtf8NeitherThrowNorBreakTheJson) {
+  announce(1, std::string("R\xB6\xFF"));
+  HttpResponse r = call("GET", "/api/v1/routers");
+  ASSERT_EQ(r.status, 200);
+  EXPECT_EQ(parse(r)[0]["label"], "R\xEF\xBF\xBD\xEF\xBF\xBD");
+  r = call("GET", "/api/v1/routers/4C:5E:0\xB6:01:02:03");
+  EXPECT_EQ(r.status, 404);
+  EXPECT_TRUE(nlohmann::json::accept(r.body));
+}
+
+}  // namespace
+}  // namespace tarnlift::web

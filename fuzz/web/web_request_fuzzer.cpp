@@ -1,0 +1,83 @@
+// Feeds arbitrary bytes to the web console as one HTTP request: the head
+// goes through the parser, then the whole request through the API over a
+// desk with one router, so routing, the token and origin rules and every
+// JSON body meet the input. The event stream is not started (it would wait).
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <sstream>
+#include <string>
+
+#include "app/clock.h"
+#include "app/log.h"
+#include "install/datagram.h"
+#include "install/desk.h"
+#include "web/event_hub.h"
+#include "web/http_message.h"
+#include "web/web_api.h"
+#include "web/web_desk.h"
+
+using namespace tarnlift;
+
+namespace {
+
+class OneRouter : public RouterInstaller {
+ public:
+  std::deque<RouterRecord> discovered;
+  bool popDiscovered(RouterRecord& record) override {
+    if (discovered.empty()) return false;
+    record = discovered.front();
+    discovered.pop_front();
+    return true;
+  }
+  void start(const RouterRecord&, bool) override { started = true; }
+  SessionStatus status(const MacAddress&) override {
+    return started ? SessionStatus{kStatusInstalling, 100, 10, "Sending"} : SessionStatus{};
+  }
+  void reboot(const MacAddress&) override {}
+  void shutdown(const MacAddress&) override {}
+  void remove(const MacAddress&) override { started = false; }
+  bool started = false;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static std::ostringstream sink;
+  setLogStream(sink);
+  sink.str("");
+  std::string input(reinterpret_cast<const char*>(data), size);
+  size_t end = input.find("\r\n\r\n");
+  web::HttpRequest request;
+  if (web::parseRequestHead(std::string_view(input).substr(0, end), request) != 0) return 0;
+  if (end != std::string::npos) request.body = input.substr(end + 4, web::kMaxBodyBytes);
+
+  OneRouter routers;
+  NoDriveInstaller drives;
+  packages::PackageSets sets;
+  RememberedChoices remembered;
+  ManualClock clock(50'000'000);
+  InstallDesk desk(routers, drives, sets, remembered, clock);
+  desk.setPackageDir("/nonexistent/tarnlift-fuzz");
+  RouterRecord r;
+  r.mac = {0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x03};
+  r.architecture = 6;
+  r.label = "R";
+  r.lastSeen = 50'000'000;
+  routers.discovered.push_back(r);
+  desk.tick();
+  web::EventHub hub(64);
+  web::WebDesk webDesk(desk, sets, remembered, nullptr, hub, clock);
+  web::WebAccess access;
+  // Half the inputs meet a token, so both roads are walked.
+  if (size % 2 == 1) access.token = "fuzz-token";
+  web::WebApi api(webDesk, hub, access);
+  web::HttpResponse response = api.handle(request);
+  if (response.status < 200 || response.status > 599) __builtin_trap();
+  if (!response.stream && response.contentType.rfind("application/json", 0) == 0) {
+    if (!nlohmann::json::accept(response.body)) __builtin_trap();
+  }
+  std::string head = web::responseHead(response, request.keepAlive());
+  if (head.find("\r\n\r\n") == std::string::npos) __builtin_trap();
+  return 0;
+}
