@@ -8,6 +8,8 @@
 #   api       held routers driven through the API alone, the event stream, /metrics
 #   security  refusals at start, tokens, origins, odd paths
 #   flood     10,000 bad requests while 20 routers install
+#   browser   the console in chromium (BROWSER_DIR: console_test.mjs with its
+#             node_modules; SCREENSHOTS: where its pictures go)
 # Exit 77 (skipped) when not root or without a needed program.
 set -u
 case_name=$1
@@ -204,6 +206,20 @@ PY
     peak=$(awk '/VmHWM/ {print $2}' "/proc/$pid/status")
     echo "flood: $(tail -1 "$work/flood.out"); serve peak RSS ${peak} kB"
     [ "$peak" -lt 65536 ] || fail "serve's peak RSS ${peak} kB is over 64 MiB"
+    ;;
+  browser)
+    [ -f "${BROWSER_DIR:-}/console_test.mjs" ] && [ -d "$BROWSER_DIR/node_modules/playwright-core" ] ||
+      skip "no playwright-core in BROWSER_DIR"
+    [ -x /usr/bin/chromium ] || skip "needs Debian's chromium"
+    mkdir -p "$SCREENSHOTS"
+    start_serve --web "127.0.0.1:$port" --hold
+    # A little delay per datagram, so that the progress bar has time to move.
+    SIM_TIMEOUT=150 start_sim --count 1 --delay-ms 2 --timeout-s 140
+    in_srv timeout 150 node "$BROWSER_DIR/console_test.mjs" "$base" "$SCREENSHOTS" > "$work/browser.out" 2>&1 ||
+      { cat "$work/browser.out"; fail "the browser test failed"; }
+    cat "$work/browser.out"
+    expect_same "$work/pk/system-6.41.npk" "$work/out/02-00-00-00-00-01/system-6.41.npk"
+    expect_same "$work/pk/extra-6.41.npk" "$work/out/02-00-00-00-00-01/extra-6.41.npk"
     ;;
   *)
     echo "unknown case $case_name"
