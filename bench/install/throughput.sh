@@ -12,7 +12,11 @@
 #      half second as well (it must not follow the package size or the time).
 #
 #   bench/install/throughput.sh [BUILD_DIR] [--routers "1 10 100 250"] [--sizes "1 8"]
-#                               [--runs N] [--no-single]
+#                               [--runs N] [--no-single] [--web CLIENTS]
+#
+# --web CLIENTS: the server also runs its web console (--web on the server
+# namespace's loopback) with CLIENTS event-stream clients connected for the
+# whole run, so that the table shows what the console costs.
 #
 # BUILD_DIR defaults to build/linux. Each case runs N times (default 3) and
 # the run with the least processor time per MiB counts: the machine may be
@@ -23,8 +27,10 @@ routers_list="1 10 100 250"
 sizes_list="1 8"
 runs=3
 single=1
+web_clients=0
 while [ $# -gt 0 ]; do
   case $1 in
+    --web) web_clients=$2; shift 2 ;;
     --routers) routers_list=$2; shift 2 ;;
     --sizes) sizes_list=$2; shift 2 ;;
     --runs) runs=$2; shift 2 ;;
@@ -71,11 +77,25 @@ field() { grep -o "$1=[0-9-]*" | head -1 | cut -d= -f2; }
 
 # serve under /usr/bin/time ("user sys maxrss_kb" into $work/time.txt)
 run_serve() {
-  local size=$1 count=$2
+  local size=$1 count=$2 web=()
+  [ "$web_clients" -gt 0 ] && web=(--web 127.0.0.1:8080)
   (ip netns exec $srv /usr/bin/time -f "%U %S %M" -o "$work/time.txt" "$bin/tarnlift" serve \
      --client-address 192.168.88.1 --packages "$work/pk$size" --select "p$size-6.41.npk" --default-config \
-     --count "$count" > "$work/serve.out" 2> "$work/serve.err") &
+     --count "$count" "${web[@]}" > "$work/serve.out" 2> "$work/serve.err") &
   serve_job=$!
+  [ "$web_clients" -gt 0 ] && start_web_clients
+}
+# Event-stream clients on the server namespace's loopback, connected before
+# the routers start; they end with the server.
+start_web_clients() {
+  for _ in $(seq 1 50); do
+    grep -q "serve: web console on" "$work/serve.err" 2> /dev/null && break
+    sleep 0.1
+  done
+  for i in $(seq 1 "$web_clients"); do
+    ip netns exec $srv curl -sN --max-time 900 http://127.0.0.1:8080/api/v1/events > "$work/events$i.txt" 2> /dev/null &
+  done
+  sleep 0.3
 }
 # The floor ends after count routers were told "TERM"; when a router's
 # "WTRM" got lost every time, it would wait for ever: stop it once the
