@@ -5,6 +5,7 @@
 # namespaces; they are removed on every exit path.
 #
 # usage: e2e_web.sh CASE TARNLIFT ROUTERSIM MKPKG
+#   TARNLIFT may be several words ("wine /path/tarnlift-cli.exe").
 #   api       held routers driven through the API alone, the event stream, /metrics
 #   security  refusals at start, tokens, origins, odd paths
 #   flood     10,000 bad requests while 20 routers install
@@ -20,7 +21,11 @@ mkpkg=$4
 skip() { echo "SKIP: $*"; exit 77; }
 [ "$(id -u)" = 0 ] || skip "needs root for network namespaces"
 for p in ip curl python3; do command -v $p > /dev/null || skip "needs $p"; done
-for p in "$tarnlift" "$routersim" "$mkpkg"; do [ -x "$p" ] || skip "no $p"; done
+for p in "$routersim" "$mkpkg"; do [ -x "$p" ] || skip "no $p"; done
+for word in $tarnlift; do
+  command -v "$word" > /dev/null 2>&1 || [ -x "$word" ] || skip "no $word"
+  break
+done
 
 # shellcheck source=../lib/netns_pair.sh
 source "$(dirname "$0")/../lib/netns_pair.sh"
@@ -28,9 +33,12 @@ netns_names tw
 work=$(mktemp -d /tmp/tl-web-XXXXXX)
 serve_pid=
 bg_pids=()
+own_wine_prefix=
 cleanup() {
   [ -n "$serve_pid" ] && kill "$serve_pid" 2> /dev/null
   for p in "${bg_pids[@]}"; do kill "$p" 2> /dev/null; done
+  # Only the Wine server of the prefix made here, never the caller's.
+  [ -n "$own_wine_prefix" ] && WINEPREFIX=$own_wine_prefix wineserver -k 2> /dev/null
   wait 2> /dev/null
   netns_remove
   rm -rf "$work"
@@ -56,6 +64,12 @@ esac
 export HOME=$work/home TMPDIR=$work/tmp
 unset XDG_CONFIG_HOME
 mkdir -p "$HOME" "$TMPDIR" "$work/pk" "$work/out"
+if [[ "$tarnlift" == wine* ]]; then
+  own_wine_prefix=$work/wine
+  export WINEPREFIX=$own_wine_prefix WINEDEBUG=-all
+fi
+# Wine's own Z: drive maps the Linux root.
+serve_path() { if [[ "$tarnlift" == wine* ]]; then echo "Z:${1//\//\\}"; else echo "$1"; fi; }
 hexof() { head -c "$1" /dev/urandom | od -An -v -tx1 | tr -d ' \n'; }
 "$mkpkg" "$work/pk/system-6.41.npk" --package system 6.41 --arch arm --part 4 "$(hexof 30000)" --data 400000 > /dev/null ||
   fail "mkpkg"
@@ -69,10 +83,11 @@ base=http://127.0.0.1:$port
 in_srv() { ip netns exec "$srv" "$@"; }
 api() { in_srv curl -sS --max-time 10 "$@"; }
 start_serve() {
-  (cd "$work" && exec ip netns exec "$srv" timeout "${SERVE_TIMEOUT:-150}" "$tarnlift" serve \
-    --client-address 192.168.88.1 --packages "$work/pk" "$@" > "$work/serve.out" 2> "$work/serve.err") &
+  (cd "$work" && exec ip netns exec "$srv" timeout "${SERVE_TIMEOUT:-150}" $tarnlift serve \
+    --client-address 192.168.88.1 --packages "$(serve_path "$work/pk")" "$@" > "$work/serve.out" 2> "$work/serve.err") &
   serve_pid=$!
-  for _ in $(seq 100); do
+  # Wine takes seconds to start.
+  for _ in $(seq 600); do
     grep -q "serve: web console on" "$work/serve.err" 2> /dev/null && return 0
     kill -0 "$serve_pid" 2> /dev/null || fail "serve ended early"
     sleep 0.1
@@ -167,10 +182,10 @@ PY
     ;;
   security)
     printf 's3cret-token\n' > "$work/token"
-    out=$(in_srv timeout 20 "$tarnlift" serve --client-address 192.168.88.1 --web 0.0.0.0:$port 2>&1)
+    out=$(in_srv timeout 60 $tarnlift serve --client-address 192.168.88.1 --web 0.0.0.0:$port 2>&1)
     [ $? = 2 ] || fail "a non-loopback address without a token must be refused with exit 2"
     echo "$out" | grep -q -- "--web-token FILE" || fail "the refusal does not say what to add: $out"
-    in_srv timeout 20 "$tarnlift" serve --client-address 192.168.88.1 --hold > /dev/null 2>&1
+    in_srv timeout 60 $tarnlift serve --client-address 192.168.88.1 --hold > /dev/null 2>&1
     [ $? = 2 ] || fail "--hold without --web must be refused"
     start_serve --web "0.0.0.0:$port" --web-token "$work/token" --hold
     [ "$(status_of "$base/api/v1/routers")" = 401 ] || fail "no token: not 401"
