@@ -179,6 +179,7 @@ int runServe(const std::vector<std::string>& commandArguments) {
   std::signal(SIGINT, requestStop);
   std::signal(SIGTERM, requestStop);
   std::unique_ptr<web::WebConsole> console;
+  web::NetbootSnapshot netbootPanel;
   if (!webText.empty()) {
     options.afterFor = [&console](const MacAddress& mac) { return console->desk().afterFor(mac); };
   }
@@ -187,11 +188,12 @@ int runServe(const std::vector<std::string>& commandArguments) {
     console = std::make_unique<web::WebConsole>(installer.desk(), sets, remembered, &settings, SteadyClock::instance(),
                                                 access);
     console->desk().setDefaultAfter(options.after);
-    web::NetbootSnapshot netboot;
-    netboot.enabled = netbootOptions.netboot;
-    netboot.clientAddress = clientText;
-    netboot.interfaceAddress = netboot::formatIpv4(netboot::serverAddress());
-    console->desk().setNetboot(netboot);
+    netbootPanel.enabled = netbootOptions.netboot;
+    netbootPanel.clientAddress = clientText;
+    netbootPanel.interfaceAddress = netboot::formatIpv4(netboot::serverAddress());
+    netbootPanel.interfaceMac = macText(service.transport().localMac());
+    if (netbootOptions.netboot) web::fillBootImages(netbootPanel);
+    console->desk().setNetboot(netbootPanel);
     std::string error;
     if (!console->start(webAddress, webPort, error)) {
       std::cerr << "tarnlift: cannot listen on " << webText << ": " << error << std::endl;
@@ -204,6 +206,8 @@ int runServe(const std::vector<std::string>& commandArguments) {
       std::lock_guard<std::mutex> lock(console->desk().lock());
       installer.tick();
       console->desk().publishChanges();
+      web::fillNetbootActivity(netbootPanel);
+      console->desk().setNetboot(netbootPanel);
     } else {
       installer.tick();
     }

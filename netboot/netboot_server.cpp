@@ -8,6 +8,7 @@
 #include "app/log.h"
 #include "app/registry.h"
 #include "netboot/boot_images.h"
+#include "netboot/netboot_activity.h"
 
 namespace tarnlift::netboot {
 
@@ -123,6 +124,7 @@ bool NetbootServer::handleBootp() {
   logLine() << "bootp req received";
   if (responder_.reply(buffer, clientAddress_)) {
     currentClass_ = responder_.clientClass();
+    recordBootpReply(formatMac(buffer + 28), currentClass_);
   } else {
     logLine() << "FAILED TO REPLY";
   }
@@ -177,7 +179,7 @@ void NetbootServer::handleReadRequest() {
 
 void NetbootServer::sendContent(const uint8_t* content, uint32_t length, uint16_t clientPort) {
   TftpTransfer transfer(*environment_.network, serverAddress(), clientAddress_, clientPort);
-  transfer.send(request_, requestLength_, content, length, tftpSocket_.get());
+  if (transfer.send(request_, requestLength_, content, length, tftpSocket_.get())) recordTftpTransfer(length);
 }
 
 NetbootThread::NetbootThread(std::string kernelOverridePath, NetbootEnvironment environment)

@@ -1,11 +1,14 @@
 #include "web/web_console.h"
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <random>
 
 #include "app/log.h"
 #include "install/install_command.h"
+#include "netboot/boot_images.h"
+#include "netboot/netboot_activity.h"
 
 namespace tarnlift::web {
 
@@ -73,6 +76,34 @@ bool readTokenFile(const std::string& path, std::string& token, std::string& err
     return false;
   }
   return true;
+}
+
+void fillBootImages(NetbootSnapshot& snapshot) {
+  snapshot.images.clear();
+  for (const netboot::BootImageUse& use : netboot::bootImageUses()) {
+    netboot::BootImageLocation location;
+    if (!netboot::locateBootImage(use.number, location)) continue;
+    snapshot.images.push_back({use.number, location.storedSize, location.place});
+  }
+}
+
+void fillNetbootActivity(NetbootSnapshot& snapshot) {
+  netboot::NetbootActivity activity = netboot::netbootActivity();
+  snapshot.bootpReplies = activity.bootpReplies;
+  snapshot.tftpTransfers = activity.tftpTransfers;
+  snapshot.tftpBytesSent = activity.tftpBytesSent;
+  snapshot.clients.clear();
+  for (const netboot::AnsweredClient& c : activity.lastClients) {
+    std::tm tm{};
+#if defined(_WIN32)
+    gmtime_s(&tm, &c.when);
+#else
+    gmtime_r(&c.when, &tm);
+#endif
+    char when[32];
+    std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    snapshot.clients.push_back({c.mac, c.clientClass, when});
+  }
 }
 
 WebConsole::WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered,

@@ -27,6 +27,11 @@ bool isLoopbackAddress(uint32_t address);
 // message when it cannot be read or is empty.
 bool readTokenFile(const std::string& path, std::string& token, std::string& error);
 
+// The boot image records the boot services would serve (number, stored
+// size, where found), and what they have done so far.
+void fillBootImages(NetbootSnapshot& snapshot);
+void fillNetbootActivity(NetbootSnapshot& snapshot);
+
 class WebConsole {
  public:
   WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, Registry* settings,

@@ -9,6 +9,8 @@
 #   api       held routers driven through the API alone, the event stream, /metrics
 #   security  refusals at start, tokens, origins, odd paths
 #   flood     10,000 bad requests while 20 routers install
+#   netboot   the network boot panel and counters after a BOOTP and TFTP client
+#             (BOOTP_CLIENT: tools/bootpclient)
 #   browser   the console in chromium (BROWSER_DIR: console_test.mjs with its
 #             node_modules; SCREENSHOTS: where its pictures go)
 # Exit 77 (skipped) when not root or without a needed program.
@@ -221,6 +223,31 @@ PY
     peak=$(awk '/VmHWM/ {print $2}' "/proc/$pid/status")
     echo "flood: $(tail -1 "$work/flood.out"); serve peak RSS ${peak} kB"
     [ "$peak" -lt 65536 ] || fail "serve's peak RSS ${peak} kB is over 64 MiB"
+    ;;
+  netboot)
+    [ -x "${BOOTP_CLIENT:-}" ] || skip "no bootpclient"
+    # The router has the client address once it booted, for its TFTP download.
+    ip -n "$rtr" addr add 192.168.88.1/24 dev "$veth_b"
+    start_serve --web "127.0.0.1:$port" --hold --netboot
+    out=$(ip netns exec "$rtr" "$BOOTP_CLIENT" --interface "$veth_b" --vendor-class Powerboot --mac 02:00:5E:00:02:01 \
+      --timeout 20 --client 192.168.88.1 --server 192.168.88.2) || fail "BOOTP: $out"
+    ip netns exec "$rtr" curl -s -m 30 -o "$work/image" "tftp://192.168.88.2/image" || fail "TFTP download"
+    size=$(stat -c %s "$work/image")
+    sleep 0.6
+    api "$base/api/v1/netboot" > "$work/netboot.json"
+    python3 - "$work/netboot.json" "$size" << 'PY' || { cat "$work/netboot.json"; fail "the netboot panel"; }
+import json, sys
+n = json.load(open(sys.argv[1]))
+assert n['enabled'] is True and n['clientAddress'] == '192.168.88.1', n
+assert n['interface']['address'] == '192.168.88.2' and len(n['interface']['mac']) == 17, n
+assert n['bootImages'] and all(i['size'] > 0 and i['where'] for i in n['bootImages']), n
+c = n['clients'][0]
+assert c['mac'] == '02:00:5E:00:02:01' and c['class'] > 0 and c['when'].endswith('Z'), n
+PY
+    api "$base/metrics" > "$work/metrics.txt"
+    grep -qx 'tarnlift_bootp_replies_total 1' "$work/metrics.txt" || fail "bootp replies: $(grep bootp "$work/metrics.txt")"
+    grep -qx 'tarnlift_tftp_transfers_total 1' "$work/metrics.txt" || fail "tftp transfers: $(grep tftp "$work/metrics.txt")"
+    grep -qx "tarnlift_tftp_bytes_sent_total $size" "$work/metrics.txt" || fail "tftp bytes: $(grep tftp "$work/metrics.txt")"
     ;;
   browser)
     [ -f "${BROWSER_DIR:-}/console_test.mjs" ] && [ -d "$BROWSER_DIR/node_modules/playwright-core" ] ||
