@@ -249,11 +249,11 @@
   function renderSetButtons() {
     const r = state.routers.get(state.selected);
     const c = r ? r.controls : {};
+    if (r && document.activeElement !== $('set-list')) $('set-list').value = r.set || '';
     $('set-list').disabled = !c.sets;
     $('b-use-set').disabled = !c.sets || !$('set-list').value;
     $('b-save-set').disabled = !c.saveSet;
     $('b-delete-set').disabled = !c.deleteSet;
-    if (r && document.activeElement !== $('set-list')) $('set-list').value = r.set || '';
   }
   $('set-list').addEventListener('change', renderSetButtons);
   $('b-use-set').addEventListener('click', async () => {
