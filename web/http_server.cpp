@@ -1,6 +1,7 @@
 #include "web/http_server.h"
 
 #include <chrono>
+#include <exception>
 
 namespace tarnlift::web {
 namespace {
@@ -79,7 +80,13 @@ void HttpServer::serve(std::unique_ptr<TcpConnection> connection) {
       break;
     }
     request.peer = connection->peer();
-    HttpResponse response = handler_(request);
+    HttpResponse response;
+    try {
+      response = handler_(request);
+    } catch (const std::exception&) {
+      // A handler's surprise costs this request, never the process.
+      response = errorResponse(500);
+    }
     bool keepAlive = request.keepAlive() && !response.stream;
     if (!writeResponse(*connection, request, response, keepAlive) || !keepAlive) break;
   }

@@ -5,13 +5,15 @@
 // as the window enables them afterwards. Screenshots at 1366x768 and at
 // phone width.
 //
-// usage: node console_test.mjs BASE_URL SCREENSHOT_DIR
+// usage: node console_test.mjs BASE_URL SCREENSHOT_DIR [TOKEN]
+//   TOKEN: the console asks for it first (serve --web-token), and it is
+//   typed once; the session cookie does the rest.
 import { chromium } from 'playwright-core';
 import { mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 
-const [base, shots] = process.argv.slice(2);
+const [base, shots, token] = process.argv.slice(2);
 const mac = '02:00:00:00:00:01';
 const profile = mkdtempSync(join(tmpdir(), 'tl-chromium-'));
 const fail = (text) => { throw new Error(text); };
@@ -31,6 +33,19 @@ try {
   page.on('pageerror', (e) => errors.push(String(e)));
   page.on('console', (m) => { if (m.type() === 'error') errors.push(m.text()); });
   await page.goto(base + '/');
+  if (token) {
+    await page.locator('#login').waitFor({ state: 'visible' });
+    await page.screenshot({ path: join(shots, 'web_login.png') });
+    await page.fill('#token', 'not-the-token');
+    await page.press('#token', 'Enter');
+    await page.waitForFunction(() => document.querySelector('#login-error').textContent.length > 0);
+    await page.fill('#token', token);
+    await page.press('#token', 'Enter');
+    await page.locator('#login').waitFor({ state: 'hidden' });
+    const cookies = await context.cookies();
+    const session = cookies.find((c) => c.name === 'tarnlift_session');
+    if (!session || !session.httpOnly || session.sameSite !== 'Strict') fail('no HttpOnly, SameSite=Strict session cookie');
+  }
   const row = page.locator(`#routers tr[data-mac="${mac}"]`);
   await row.waitFor();
   await page.waitForSelector('#connection.on');
@@ -84,7 +99,9 @@ try {
   const overflow = await page.evaluate(() => document.documentElement.scrollWidth - window.innerWidth);
   if (overflow > 0) fail(`the page is ${overflow} px wider than a phone`);
   await page.screenshot({ path: join(shots, 'web_phone.png'), fullPage: true });
-  if (errors.length) fail('errors in the page: ' + errors.join('; '));
+  // A wrong token answers 401, which the browser reports; nothing else may.
+  const unexpected = errors.filter((e) => !(token && e.includes('401')));
+  if (unexpected.length) fail('errors in the page: ' + unexpected.join('; '));
   console.log('console test passed; progress seen: ' + [...seen].sort((a, b) => a - b).join(','));
 } finally {
   await context.close();

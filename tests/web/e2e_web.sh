@@ -255,10 +255,12 @@ PY
       skip "no playwright-core in BROWSER_DIR"
     [ -x /usr/bin/chromium ] || skip "needs Debian's chromium"
     mkdir -p "$SCREENSHOTS"
-    start_serve --web "127.0.0.1:$port" --hold
+    # With a token: the console asks for it once, then works as without.
+    printf 'console-token\n' > "$work/token"
+    start_serve --web "127.0.0.1:$port" --web-token "$work/token" --hold
     # A little delay per datagram, so that the progress bar has time to move.
     SIM_TIMEOUT=150 start_sim --count 1 --delay-ms 2 --timeout-s 140
-    in_srv timeout 150 node "$BROWSER_DIR/console_test.mjs" "$base" "$SCREENSHOTS" > "$work/browser.out" 2>&1 ||
+    in_srv timeout 150 node "$BROWSER_DIR/console_test.mjs" "$base" "$SCREENSHOTS" console-token > "$work/browser.out" 2>&1 ||
       { cat "$work/browser.out"; fail "the browser test failed"; }
     cat "$work/browser.out"
     expect_same "$work/pk/system-6.41.npk" "$work/out/02-00-00-00-00-01/system-6.41.npk"
