@@ -281,3 +281,41 @@ TEST_F(HeadlessTest, TheBeaconIsSentOnEveryFourthTick) {
 
 }  // namespace
 }  // namespace tarnlift
+
+namespace tarnlift {
+namespace {
+
+TEST_F(HeadlessTest, HeldRoutersStayReadyUntilAnotherFrontEndInstallsThem) {
+  addRouter(router(1));
+  addRouter(router(2));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.hold = true;
+  // The other front end's choice for router 1; the rest keep `after`.
+  options.afterFor = [](const MacAddress& mac) { return mac[5] == 1 ? AfterInstall::Shutdown : AfterInstall::Reboot; };
+  make(options);
+  run(5'000);
+  EXPECT_EQ(sims[0]->offers(), 0);
+  EXPECT_EQ(sims[1]->offers(), 0);
+  ASSERT_NE(installer->table().find(router(1).mac), nullptr);
+  EXPECT_EQ(installer->table().find(router(1).mac)->statusCell, "Ready");
+  // An Install from elsewhere (the web console) on the same desk.
+  RouterRecord& r = installer->table().find(router(1).mac)->record;
+  packages::PackageCatalogue catalogue;
+  catalogue.setFolder(dir.path(), r.architecture);
+  packages::PackageChoice choice{"", dir.path(), {}};
+  catalogue.toggle(static_cast<size_t>(catalogue.findByFileName("system-6.41.npk")), choice.files);
+  InstallContext context{catalogue, choice, sets, remembered, *installer,
+                         [this](const RouterRecord& request) { server.start(request, true); }};
+  ASSERT_EQ(runInstallCommand(&r, InstallOptions{}, context), InstallOutcome::Started);
+  SessionStatus s = server.status(r.mac);
+  installer->table().setStatus(r.mac, s.status, r.totalSize, s.progress, s.statusText);
+  run(60'000, 1);
+  EXPECT_EQ(installer->succeeded(), 1u);
+  EXPECT_EQ(sims[0]->term(), "TERM\nshutdown\n");
+  EXPECT_EQ(sims[1]->offers(), 0);
+  EXPECT_EQ(installer->table().find(router(2).mac)->statusCell, "Ready");
+}
+
+}  // namespace
+}  // namespace tarnlift
