@@ -171,26 +171,18 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
   return true;
 }
 
-int TftpTransfer::awaitAck(int& budget, uint16_t& acked) {
+int TftpTransfer::awaitAck(uint32_t waitMs, uint16_t& acked) {
   DatagramSocket* socket = socket_.get();
   bool readable = false;
-  int ready = network_.waitReadable(&socket, 1, kTftpWaitMs, &readable);
+  int ready = network_.waitReadable(&socket, 1, waitMs, &readable);
   if (ready < 0) fatalFailure("select failed");
-  if (ready == 0 || !readable) {
-    if (budget == 1) {
-      logLine() << "TFTP timeout";
-      return -2;
-    }
-    --budget;
-    return -1;
-  }
+  if (ready == 0 || !readable) return -1;
   uint8_t buffer[kTftpRequestSize];
   int received = socket_->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
   if (received < 0) {
     std::string message = "recvfrom failed";
     reportSocketFailure(message, true);
   }
-  budget = kTftpBudget;
   if (received != 4 || buffer[0] != 0 || buffer[1] != kTftpOpAck) return 0;
   acked = static_cast<uint16_t>(buffer[2] << 8 | buffer[3]);
   return 1;
@@ -215,9 +207,13 @@ bool TftpTransfer::sendLockStep(const uint8_t* content, uint32_t length) {
   int budget = kTftpFirstBudget;
   while (true) {
     uint16_t acked = 0;
-    int got = awaitAck(budget, acked);
-    if (got == -2) return false;
+    int got = awaitAck(kTftpWaitMs, acked);
     if (got == -1) {
+      if (budget == 1) {
+        logLine() << "TFTP timeout";
+        return false;
+      }
+      --budget;
       // A request without options has nothing to repeat yet: its first
       // time-out sends block 1, as if block 0 had been acknowledged.
       if (lastPacket_.empty()) {
@@ -227,6 +223,7 @@ bool TftpTransfer::sendLockStep(const uint8_t* content, uint32_t length) {
       }
       continue;
     }
+    budget = kTftpBudget;
     if (got == 0) continue;
     if (acked == static_cast<uint16_t>(blockNumber_)) {
       if (sent >= length) return true;
@@ -273,12 +270,20 @@ bool TftpTransfer::sendWindowed(const uint8_t* content, uint32_t length) {
     if (last > sentUpTo) sentUpTo = last;
   };
 
-  int budget = kTftpFirstBudget;
+  uint32_t wait = kTftpWindowWaitMs;
+  uint32_t silence = 0;  // waited since the last datagram, in time-outs' worth
+  uint32_t silenceLimit = kTftpWindowFirstSilenceMs;
   while (true) {
     uint16_t ack = 0;
-    int got = awaitAck(budget, ack);
-    if (got == -2) return false;
+    uint32_t thisWait = wait < silenceLimit - silence ? wait : silenceLimit - silence;
+    int got = awaitAck(thisWait, ack);
     if (got == -1) {
+      silence += thisWait;
+      if (silence >= silenceLimit) {
+        logLine() << "TFTP timeout";
+        return false;
+      }
+      wait = wait * 2 < kTftpWindowMaxWaitMs ? wait * 2 : kTftpWindowMaxWaitMs;
       // The client missed the OACK or the window (or its acknowledgement
       // was lost): go again from the block after the last acknowledged one.
       if (started) {
@@ -288,6 +293,9 @@ bool TftpTransfer::sendWindowed(const uint8_t* content, uint32_t length) {
       }
       continue;
     }
+    wait = kTftpWindowWaitMs;
+    silence = 0;
+    silenceLimit = kTftpWindowSilenceMs;
     if (got == 0) continue;
     if (!started) {
       if (ack != 0) continue;

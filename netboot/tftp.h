@@ -29,6 +29,16 @@ inline constexpr uint32_t kTftpWaitMs = 200;
 // firmware's receive ring still takes whole).
 inline constexpr uint32_t kTftpMaxWindowSize = 64;
 inline constexpr long long kTftpWindowSizeLimit = 65535;
+// A windowed transfer resends sooner, and backs off: its first wait after
+// any datagram is 50 ms (a lost datagram stalls a whole window), each further
+// time-out in a row doubles the wait up to 1.6 s, so that a client whose own
+// timer restarts with every datagram it gets (and ignores) still gets a
+// silence long enough to repeat its lost acknowledgement. It gives up after
+// 10 s of silence before the first answer and 4 s after any datagram.
+inline constexpr uint32_t kTftpWindowWaitMs = 50;
+inline constexpr uint32_t kTftpWindowMaxWaitMs = 1600;
+inline constexpr uint32_t kTftpWindowFirstSilenceMs = 10000;
+inline constexpr uint32_t kTftpWindowSilenceMs = 4000;
 
 struct TftpOptions {
   bool wantsTsize = false;
@@ -75,7 +85,7 @@ std::vector<uint8_t> makeTftpOack(const TftpOptions& options, uint32_t fileSize)
 // after that block (the client missed the next one, or took them all); a
 // repeat of the acknowledgement that started the current window is ignored;
 // a time-out sends the window again from the block after the last one
-// acknowledged.
+// acknowledged, after shorter time-outs that back off (see below).
 class TftpTransfer {
  public:
   TftpTransfer(DatagramNetwork& network, uint32_t serverAddress, uint32_t peerAddress, uint16_t peerPort);
@@ -101,10 +111,9 @@ class TftpTransfer {
   bool sendWindowed(const uint8_t* content, uint32_t length);
   // Sends the data block with the given count (1 is the first) of content.
   void sendBlock(uint64_t block, const uint8_t* content, uint32_t length);
-  // Waits for one datagram: 1 and an acknowledged block number when an ACK
-  // came, 0 for any other datagram, -1 on a time-out. Logs "TFTP timeout"
-  // and answers -2 once the time-out budget is spent.
-  int awaitAck(int& budget, uint16_t& acked);
+  // Waits up to waitMs for one datagram: 1 and an acknowledged block number
+  // when an ACK came, 0 for any other datagram, -1 on a time-out.
+  int awaitAck(uint32_t waitMs, uint16_t& acked);
 
   DatagramNetwork& network_;
   uint32_t serverAddress_;

@@ -79,6 +79,7 @@ class FakeNetwork : public DatagramNetwork {
   // Called when a socket is opened, before the caller gets it.
   std::function<void(FakeSocket& socket)> onOpen;
   int timeouts = 0;
+  uint32_t lastWaitMs = 0;
   int opens = 0;
   bool failWait = false;
   FakeSocket* bootp = nullptr;
@@ -95,7 +96,8 @@ class FakeNetwork : public DatagramNetwork {
     return open("transfer", serverAddress, port, transfer);
   }
 
-  int waitReadable(DatagramSocket* const* sockets, size_t count, uint32_t, bool* readable) override {
+  int waitReadable(DatagramSocket* const* sockets, size_t count, uint32_t waitMs, bool* readable) override {
+    lastWaitMs = waitMs;
     if (failWait) return -1;
     int ready = countReady(sockets, count, readable);
     if (ready != 0) return ready;

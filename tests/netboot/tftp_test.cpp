@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -205,6 +206,7 @@ TEST_F(TftpTest, WithoutOptionsTheFirstTimeOutSendsBlockOne) {
 TEST_F(TftpTest, FiftyTimeOutsBeforeTheFirstAnswer) {
   EXPECT_FALSE(transfer(rrq("x", {{"tsize", "0"}}), content(100)));
   EXPECT_EQ(network.timeouts, 50);
+  EXPECT_EQ(network.lastWaitMs, 200u);
   // The OACK and 49 repetitions of it.
   std::vector<SentDatagram> sent = network.sentBy("transfer");
   EXPECT_EQ(sent.size(), 50u);
@@ -567,13 +569,62 @@ TEST_F(TftpTest, StrayAcknowledgementsDoNotMoveTheWindow) {
   EXPECT_EQ(client.dataPackets, 7);
 }
 
-// A time-out budget runs out as in lock step: 50 before the first answer.
-TEST_F(TftpTest, WindowedTransferGivesUpAfterItsTimeOuts) {
+// The waits of a windowed transfer with no answer: 50 ms, doubling up to
+// 1.6 s, the last one cut to the silence allowed.
+std::vector<uint32_t> windowedWaits(uint32_t silenceMs) {
+  std::vector<uint32_t> waits;
+  uint32_t wait = kTftpWindowWaitMs, total = 0;
+  while (total < silenceMs) {
+    uint32_t next = std::min(wait, silenceMs - total);
+    waits.push_back(next);
+    total += next;
+    wait = std::min(wait * 2, kTftpWindowMaxWaitMs);
+  }
+  return waits;
+}
+
+// With no answer at all, the OACK is repeated with growing gaps for 10 s.
+TEST_F(TftpTest, WindowedTransferBacksOffAndGivesUpAfterTenSilentSeconds) {
+  std::vector<uint32_t> waits;
+  network.onIdle = [&] { waits.push_back(network.lastWaitMs); };
   std::vector<uint8_t> bytes = content(512 * 6 + 1);
   EXPECT_FALSE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
-  EXPECT_EQ(network.timeouts, kTftpFirstBudget);
+  std::vector<uint32_t> expected{50, 100, 200, 400, 800, 1600, 1600, 1600, 1600, 1600, 450};
+  EXPECT_EQ(waits, expected);
+  EXPECT_EQ(windowedWaits(kTftpWindowFirstSilenceMs), expected);
   EXPECT_TRUE(log.contains("TFTP timeout"));
-  EXPECT_EQ(network.sentBy("transfer").size(), static_cast<size_t>(kTftpFirstBudget)) << "the OACK, and its repeats";
+  EXPECT_EQ(network.sentBy("transfer").size(), expected.size()) << "the OACK, and a repeat after each wait but the last";
+}
+
+// After any datagram the transfer waits 4 s of silence, backing off again
+// from 50 ms; every repeat of the window leaves the client a longer gap to
+// repeat its acknowledgement in.
+TEST_F(TftpTest, WindowedTransferGivesUpAfterFourSilentSecondsFollowingADatagram) {
+  WindowClient client(network, 4, 512);
+  for (int i = 2; i < 100; ++i) client.lostAcks.insert(i);
+  std::vector<uint32_t> waits;
+  network.onIdle = [&] { waits.push_back(network.lastWaitMs); };
+  std::vector<uint8_t> bytes = content(512 * 6 + 1);
+  EXPECT_FALSE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
+  EXPECT_EQ(waits, windowedWaits(kTftpWindowSilenceMs));
+  std::vector<uint16_t> order;
+  for (const SentDatagram& d : network.sentBy("transfer")) {
+    if (opcode(d) == kTftpOpData) order.push_back(blockOf(d));
+  }
+  EXPECT_EQ(order.size(), 4 * waits.size()) << "the window, then again after each wait but the last";
+}
+
+// A lost acknowledgement costs 50 ms, not the 200 ms of lock step.
+TEST_F(TftpTest, WindowedTransferResendsAfterFiftyMilliseconds) {
+  WindowClient client(network, 4, 512);
+  client.lostAcks = {2};
+  std::vector<uint32_t> waits;
+  network.onIdle = [&] {
+    waits.push_back(network.lastWaitMs);
+    if (network.transfer != nullptr) client.acknowledge(*network.transfer, client.lastAcked);
+  };
+  ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), content(512 * 9 + 5)));
+  EXPECT_EQ(waits, std::vector<uint32_t>{kTftpWindowWaitMs});
 }
 
 // Block numbers roll over to 0 after 65535 in windows too.
