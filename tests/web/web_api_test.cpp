@@ -357,3 +357,30 @@ TEST_F(WebApiTest, BytesThatAreNotUtf8NeitherThrowNorBreakTheJson) {
 
 }  // namespace
 }  // namespace tarnlift::web
+
+namespace tarnlift::web {
+namespace {
+
+TEST_F(WebApiTest, TheSessionSaysWhetherATokenIsNeededAndCanBeForgotten) {
+  nlohmann::json open = parse(call("GET", "/api/v1/session"));
+  EXPECT_EQ(open["tokenRequired"], false);
+  EXPECT_EQ(open["authorised"], true);
+  useToken("s3cret");
+  nlohmann::json closed = parse(call("GET", "/api/v1/session"));
+  EXPECT_EQ(closed["tokenRequired"], true);
+  EXPECT_EQ(closed["authorised"], false);
+  HttpResponse login = call("POST", "/api/v1/session", R"({"token": "s3cret"})");
+  std::string pair;
+  for (auto& [k, v] : login.headers) {
+    if (k == "Set-Cookie") pair = v.substr(0, v.find(';'));
+  }
+  ASSERT_FALSE(pair.empty());
+  EXPECT_EQ(parse(call("GET", "/api/v1/session", "", {{"cookie", pair}}))["authorised"], true);
+  EXPECT_EQ(call("DELETE", "/api/v1/session", "", {{"cookie", pair}}).status, 200);
+  EXPECT_EQ(call("GET", "/api/v1/routers", "", {{"cookie", pair}}).status, 401) << "a forgotten session opens nothing";
+  EXPECT_EQ(call("PUT", "/api/v1/session", "{}").status, 405);
+  EXPECT_EQ(call("POST", "/api/v1/session", R"({"tok": 1})").status, 400);
+}
+
+}  // namespace
+}  // namespace tarnlift::web
