@@ -516,15 +516,7 @@ void MainPresenter::baudChanged() {
 void MainPresenter::selectAll(bool all) {
   RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
-  packages::PackageChoice choice = choiceOf(*r);
-  std::vector<std::string> before = choice.files;
-  if (all) {
-    packages::PackageSets::selectAll(catalogue_, &choice);
-  } else {
-    packages::PackageSets::selectNone(catalogue_, &choice);
-  }
-  if (choice.files != before) choice.setName.clear();
-  storeChoice(*r, choice);
+  selectAllOf(catalogue_, *r, all);
   refreshControlState();
 }
 

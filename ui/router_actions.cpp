@@ -22,6 +22,20 @@ bool togglePackageOf(packages::PackageCatalogue& catalogue, RouterRecord& r, siz
   return true;
 }
 
+void selectAllOf(packages::PackageCatalogue& catalogue, RouterRecord& r, bool all) {
+  packages::PackageChoice choice{r.setName, r.packageDir, r.files};
+  std::vector<std::string> before = choice.files;
+  if (all) {
+    packages::PackageSets::selectAll(catalogue, &choice);
+  } else {
+    packages::PackageSets::selectNone(catalogue, &choice);
+  }
+  if (choice.files != before) choice.setName.clear();
+  r.setName = choice.setName;
+  r.packageDir = choice.folder;
+  r.files = choice.files;
+}
+
 void rebootOrShutdownRow(InstallDesk& desk, RouterRecord& r, bool reboot) {
   if (r.kind != kKindRouter) return;
   RouterInstaller& routers = desk.routers();

@@ -23,6 +23,11 @@ bool showRouterPackages(packages::PackageCatalogue& catalogue, RouterRecord& r);
 // changed by hand no longer comes from a set. True when it toggled.
 bool togglePackageOf(packages::PackageCatalogue& catalogue, RouterRecord& r, size_t index);
 
+// "Select all" (all: true) and "Select none": ticks every unticked row, or
+// clears every ticked one, in row order with the tick rules; a choice that
+// changed no longer comes from a set. The catalogue shows r's rows.
+void selectAllOf(packages::PackageCatalogue& catalogue, RouterRecord& r, bool all);
+
 // "Reboot" and "Shutdown": a ready router is handed to the installer first,
 // told, its session dropped and the row marked "Done". Drives: nothing.
 void rebootOrShutdownRow(InstallDesk& desk, RouterRecord& r, bool reboot);

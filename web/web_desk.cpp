@@ -52,6 +52,8 @@ json controlsJson(const ui::ControlRules& c) {
           {"cancel", c.cancel},
           {"saveSet", c.saveSet},
           {"deleteSet", c.deleteSet},
+          {"selectAll", c.selectAll},
+          {"selectNone", c.selectNone},
           {"packages", c.packages}};
 }
 
@@ -231,6 +233,20 @@ WebResult WebDesk::putSelection(const std::string& text, const json& body) {
     r.setName = choice.setName;
     r.packageDir = choice.folder;
     r.files = choice.files;
+    publishChanges();
+    return {200, routerJson(r)};
+  }
+  if (body.contains("select")) {
+    // The window's "Select all" and "Select none".
+    const json& v = body["select"];
+    if (!v.is_string() || (v.get<std::string>() != "all" && v.get<std::string>() != "none")) {
+      return WebResult::error(400, "select: must be \"all\" or \"none\"");
+    }
+    if (!ui::controlRulesFor(&r, sets_.contains(r.setName)).selectAll) {
+      return WebResult::error(409, std::string("select: not while the router is ") + statusRowText(r.status));
+    }
+    showPackagesOf(r);
+    ui::selectAllOf(catalogue_, r, v.get<std::string>() == "all");
     publishChanges();
     return {200, routerJson(r)};
   }

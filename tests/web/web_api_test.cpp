@@ -384,3 +384,22 @@ TEST_F(WebApiTest, TheSessionSaysWhetherATokenIsNeededAndCanBeForgotten) {
 
 }  // namespace
 }  // namespace tarnlift::web
+
+namespace tarnlift::web {
+namespace {
+
+TEST_F(WebApiTest, SelectAllAndSelectNoneAsTheWindowsButtons) {
+  announce(1);
+  HttpResponse r = call("PUT", path(1, "/selection"), R"({"select": "all"})");
+  ASSERT_EQ(r.status, 200) << r.body;
+  EXPECT_EQ(parse(r)["selection"].size(), 2u);
+  EXPECT_TRUE(parse(r)["controls"]["selectNone"]);
+  r = call("PUT", path(1, "/selection"), R"({"select": "none"})");
+  EXPECT_TRUE(parse(r)["selection"].empty());
+  EXPECT_EQ(call("PUT", path(1, "/selection"), R"({"select": "some"})").status, 400);
+  ASSERT_EQ(call("POST", path(1, "/reboot")).status, 202);
+  EXPECT_EQ(call("PUT", path(1, "/selection"), R"({"select": "all"})").status, 409) << "only a Ready router";
+}
+
+}  // namespace
+}  // namespace tarnlift::web

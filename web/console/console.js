@@ -254,6 +254,8 @@
     $('b-use-set').disabled = !c.sets || !$('set-list').value;
     $('b-save-set').disabled = !c.saveSet;
     $('b-delete-set').disabled = !c.deleteSet;
+    $('b-select-all').disabled = !c.selectAll;
+    $('b-select-none').disabled = !c.selectNone;
   }
   $('set-list').addEventListener('change', renderSetButtons);
   $('b-use-set').addEventListener('click', async () => {
@@ -271,6 +273,13 @@
       text($('packages-error'), '');
     } catch (err) { text($('packages-error'), err.message); }
   });
+  for (const which of ['all', 'none']) {
+    $('b-select-' + which).addEventListener('click', async () => {
+      const r = state.routers.get(state.selected);
+      try { update(await api('PUT', '/api/v1/routers/' + r.mac + '/selection', { select: which })); loadPackages(); }
+      catch (err) { text($('packages-error'), err.message); }
+    });
+  }
   $('b-delete-set').addEventListener('click', async () => {
     const r = state.routers.get(state.selected);
     if (!r || !r.set) return;
