@@ -1,5 +1,7 @@
 #include "app/log.h"
 
+#include <chrono>
+#include <cstdio>
 #include <iostream>
 #include <mutex>
 
@@ -9,6 +11,8 @@ namespace {
 std::ostream* gLogStream = &std::cout;
 LogListener gListener = nullptr;
 void* gListenerContext = nullptr;
+LogDetail gDetail = LogDetail::Normal;
+const std::chrono::steady_clock::time_point gStart = std::chrono::steady_clock::now();
 
 std::mutex& logMutex() {
   static std::mutex mutex;
@@ -24,6 +28,11 @@ void setLogStream(std::ostream& stream) {
   gLogStream = &stream;
 }
 
+void setLogDetail(LogDetail detail) {
+  std::lock_guard<std::mutex> lock(logMutex());
+  gDetail = detail;
+}
+
 void setLogListener(LogListener listener, void* context) {
   std::lock_guard<std::mutex> lock(logMutex());
   gListener = listener;
@@ -33,7 +42,13 @@ void setLogListener(LogListener listener, void* context) {
 LogLine::~LogLine() {
   std::string line = text_.str();
   std::lock_guard<std::mutex> lock(logMutex());
-  *gLogStream << line << '\n' << std::flush;
+  if (gDetail == LogDetail::Verbose) {
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - gStart).count();
+    char stamp[32];
+    std::snprintf(stamp, sizeof stamp, "[%10.3f] ", seconds);
+    *gLogStream << stamp;
+  }
+  if (gDetail != LogDetail::Quiet) *gLogStream << line << '\n' << std::flush;
   if (gListener != nullptr) gListener(line, gListenerContext);
 }
 

@@ -12,6 +12,13 @@ namespace tarnlift {
 std::ostream& logStream();
 void setLogStream(std::ostream& stream);
 
+// How much of the log reaches the stream. Quiet: nothing (failures still
+// reach their presenter, and listeners still get every line); Verbose: every
+// line behind the seconds since start, for telling time-outs apart from
+// slowness when reading a log afterwards.
+enum class LogDetail { Quiet, Normal, Verbose };
+void setLogDetail(LogDetail detail);
+
 // Also hands every finished line (without its end of line) to listener, on
 // the thread that wrote it, after the line went to the stream; a listener
 // must be quick and must not log. Null: none.

@@ -5,10 +5,13 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "cli/cli_options.h"
 #include "cli/command.h"
+#include "cli/json_output.h"
 #include "netboot/boot_images.h"
 
 namespace tarnlift::cli {
@@ -24,26 +27,34 @@ bool parseNumber(const std::string& text, int& number) {
   return true;
 }
 
-int wrap(const std::vector<std::string>& arguments) {
-  if (arguments.size() != 4) return usageError("usage: bootimage wrap NUMBER FILE DIR");
+struct BootImageArguments {
+  std::string number;
+  std::string file;
+  std::string directory;
+  std::string path;
+  std::string bootImages;
+  bool json = false;
+};
+
+int wrap(const BootImageArguments& a) {
   int number = 0;
-  if (!parseNumber(arguments[1], number)) return usageError("bootimage wrap: NUMBER must be a decimal number");
-  std::ifstream in(arguments[2], std::ios::binary);
+  if (!parseNumber(a.number, number)) return usageError("bootimage wrap: NUMBER must be a decimal number");
+  std::ifstream in(a.file, std::ios::binary);
   if (!in) {
-    std::cerr << "tarnlift: cannot read " << arguments[2] << "\n";
+    std::cerr << "tarnlift: cannot read " << a.file << "\n";
     return kExitFailed;
   }
   std::vector<uint8_t> content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   if (content.size() > 0xFFFFFFFFu) {
-    std::cerr << "tarnlift: " << arguments[2] << " is too large for a record\n";
+    std::cerr << "tarnlift: " << a.file << " is too large for a record\n";
     return kExitFailed;
   }
-  if (!netboot::directoryExists(arguments[3])) {
-    std::cerr << "tarnlift: no directory " << arguments[3] << "\n";
+  if (!netboot::directoryExists(a.directory)) {
+    std::cerr << "tarnlift: no directory " << a.directory << "\n";
     return kExitFailed;
   }
   std::vector<uint8_t> record = netboot::makeBootImageRecord(content.data(), content.size());
-  std::string path = arguments[3] + "/" + std::to_string(number) + ".bin";
+  std::string path = a.directory + "/" + std::to_string(number) + ".bin";
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(record.data()), static_cast<std::streamsize>(record.size()));
   out.close();
@@ -55,20 +66,12 @@ int wrap(const std::vector<std::string>& arguments) {
   return kExitOk;
 }
 
-int extract(const std::vector<std::string>& arguments) {
-  std::vector<std::string> rest;
-  for (size_t i = 1; i < arguments.size(); ++i) {
-    if (arguments[i] == "--boot-images" && i + 1 < arguments.size()) {
-      netboot::setBootImageDirectory(arguments[++i]);
-    } else {
-      rest.push_back(arguments[i]);
-    }
-  }
-  if (rest.size() != 2) return usageError("usage: bootimage extract NUMBER PATH [--boot-images DIR]");
+int extract(const BootImageArguments& a) {
+  if (!a.bootImages.empty()) netboot::setBootImageDirectory(a.bootImages);
   int number = 0;
-  if (!parseNumber(rest[0], number)) return usageError("bootimage extract: NUMBER must be a decimal number");
+  if (!parseNumber(a.number, number)) return usageError("bootimage extract: NUMBER must be a decimal number");
   // A missing record is fatal, as for the servers.
-  return netboot::writeBootImage(rest[1], number) ? kExitOk : kExitFailed;
+  return netboot::writeBootImage(a.path, number) ? kExitOk : kExitFailed;
 }
 
 // What a record is, as far as a deployer cares: one of the test images the
@@ -87,19 +90,42 @@ std::string recordKind(const uint8_t* record, size_t storedSize) {
   return "image";
 }
 
-int list(const std::vector<std::string>& arguments) {
-  for (size_t i = 1; i < arguments.size(); ++i) {
-    if (arguments[i] == "--boot-images" && i + 1 < arguments.size()) {
-      const std::string& directory = arguments[++i];
-      if (!netboot::directoryExists(directory)) {
-        std::cerr << "tarnlift: no boot image directory " << directory << "\n";
-        return kExitFailed;
-      }
-      netboot::setBootImageDirectory(directory);
-    } else {
-      return usageError("usage: bootimage list [--boot-images DIR]");
-    }
+int listJson() {
+  nlohmann::json order = nlohmann::json::array();
+  for (const netboot::BootImageSource& source : netboot::bootImageSources()) {
+    order.push_back({{"place", source.place},
+                     {"folder", source.isDirectory},
+                     {"present", !source.isDirectory || netboot::directoryExists(source.place)}});
   }
+  nlohmann::json records = nlohmann::json::array();
+  nlohmann::json missing = nlohmann::json::array();
+  for (const netboot::BootImageUse& use : netboot::bootImageUses()) {
+    netboot::BootImageLocation location;
+    if (!netboot::locateBootImage(use.number, location)) {
+      missing.push_back(use.number);
+      continue;
+    }
+    netboot::BootImage image;
+    const bool valid = netboot::parseBootImageRecord(location.record, location.storedSize, image);
+    records.push_back({{"number", use.number},
+                       {"size", valid ? nlohmann::json(image.length) : nlohmann::json(nullptr)},
+                       {"place", location.place},
+                       {"kind", recordKind(location.record, location.storedSize)},
+                       {"use", use.use}});
+  }
+  std::cout << jsonText({{"searchOrder", order}, {"records", records}, {"missing", missing}}) << std::endl;
+  return kExitOk;
+}
+
+int list(const BootImageArguments& a) {
+  if (!a.bootImages.empty()) {
+    if (!netboot::directoryExists(a.bootImages)) {
+      std::cerr << "tarnlift: no boot image directory " << a.bootImages << "\n";
+      return kExitFailed;
+    }
+    netboot::setBootImageDirectory(a.bootImages);
+  }
+  if (a.json) return listJson();
   std::cout << "search order:\n";
   for (const netboot::BootImageSource& source : netboot::bootImageSources()) {
     std::cout << "  " << source.place;
@@ -126,19 +152,39 @@ int list(const std::vector<std::string>& arguments) {
   return kExitOk;
 }
 
-int runBootImage(const std::vector<std::string>& arguments) {
-  if (arguments.empty()) return usageError("usage: bootimage list | wrap NUMBER FILE DIR | extract NUMBER PATH");
-  if (arguments[0] == "list") return list(arguments);
-  if (arguments[0] == "wrap") return wrap(arguments);
-  if (arguments[0] == "extract") return extract(arguments);
-  return usageError("bootimage: unknown action '" + arguments[0] + "' (list, wrap or extract)");
+CommandRun defineBootImage(CLI::App& app) {
+  auto arguments = std::make_shared<BootImageArguments>();
+  app.require_subcommand(1, 1);
+  CLI::App* listAction = app.add_subcommand("list", "Show the search order, the records found and where, and the missing numbers.");
+  addValue(*listAction, "--boot-images", arguments->bootImages, "DIR",
+           "Look in this folder instead of the per-user and system folders.");
+  addSwitch(*listAction, "--json", arguments->json,
+            "Print one JSON object {searchOrder, records, missing} instead of the text.");
+  CLI::App* wrapAction = app.add_subcommand("wrap", "Wrap FILE into the record DIR/NUMBER.bin.");
+  wrapAction->add_option("NUMBER", arguments->number, "The record's number.")->required()->option_text(" ");
+  wrapAction->add_option("FILE", arguments->file, "The boot program or data to wrap.")->required()->option_text(" ");
+  wrapAction->add_option("DIR", arguments->directory, "The folder the record goes to.")->required()->option_text(" ");
+  CLI::App* extractAction = app.add_subcommand("extract", "Write the content of record NUMBER to the new file PATH.");
+  extractAction->add_option("NUMBER", arguments->number, "The record's number.")->required()->option_text(" ");
+  extractAction->add_option("PATH", arguments->path, "The file to write.")->required()->option_text(" ");
+  addValue(*extractAction, "--boot-images", arguments->bootImages, "DIR",
+           "Look in this folder instead of the per-user and system folders.");
+  for (CLI::App* action : {listAction, wrapAction, extractAction}) {
+    action->set_help_flag("-h,--help", "Print this help and exit.");
+    action->allow_extras(true);
+  }
+  return [arguments, listAction, wrapAction] {
+    if (listAction->parsed()) return list(*arguments);
+    if (wrapAction->parsed()) return wrap(*arguments);
+    return extract(*arguments);
+  };
 }
 
 const CliCommandRegistrar bootImageCommand(
-    {"bootimage", "list [--boot-images DIR] | wrap NUMBER FILE DIR | extract NUMBER PATH [--boot-images DIR]",
-     "List the boot image records found and where, wrap a file into record DIR/NUMBER.bin, or write a record's "
-     "content to a new file.",
-     &runBootImage});
+    {"bootimage",
+     "List the boot image records found and where (list), wrap a file into a record (wrap), or write a record's "
+     "content to a new file (extract).",
+     &defineBootImage});
 
 }  // namespace
 }  // namespace tarnlift::cli

@@ -4,6 +4,7 @@
 // ticking boxes does, and the installation runs on its own thread.
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "app/registry.h"
 #include "app/sync.h"
 #include "cli/choice_options.h"
+#include "cli/cli_options.h"
 #include "cli/command.h"
 #include "install/headless.h"
 #include "install/install_command.h"
@@ -24,16 +26,14 @@
 namespace tarnlift::cli {
 namespace {
 
-const char* kDiskUsage =
-    "TARGET [--image-size MIB] [--boot-images DIR] [--packages DIR] [--select FILE]... [--set NAME] "
-    "[--script FILE] [--mode-script FILE] [--baud N] [--yes]";
-
 struct DiskOptions {
   std::string target;
+  std::string imageSizeText;
   uint64_t imageMiB = 256;
   std::string bootImages;
   bool havePackages = false;
   HeadlessOptions choice;  // the packages, scripts and baud rate
+  ChoiceOptions given;
   bool yes = false;
 };
 
@@ -73,35 +73,14 @@ uint32_t percentOf(const localdisk::DiskStatus& status) {
   return static_cast<uint32_t>(percent > 100 ? 100 : percent);
 }
 
-int parse(const std::vector<std::string>& arguments, DiskOptions& options) {
-  for (size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& option = arguments[i];
-    auto value = [&](std::string& out) {
-      if (i + 1 >= arguments.size()) return false;
-      out = arguments[++i];
-      return true;
-    };
-    std::string text;
-    if (std::optional<int> code = takeChoiceOption(arguments, i, options.choice, options.havePackages)) {
-      if (*code != kExitOk) return *code;
-    } else if (option == "--image-size") {
-      if (!value(text) || !parseUnsigned(text, options.imageMiB, 1u << 20) || options.imageMiB < 33) {
-        return usageError("--image-size needs a size in MiB of at least 33 (FAT32's smallest volume)");
-      }
-    } else if (option == "--boot-images") {
-      if (!value(options.bootImages)) return usageError("--boot-images needs a folder");
-    } else if (option == "--yes") {
-      options.yes = true;
-    } else if (!option.empty() && option[0] == '-') {
-      return usageError("disk: unexpected option '" + option + "' (usage: disk " + kDiskUsage + ")");
-    } else if (options.target.empty()) {
-      options.target = option;
-    } else {
-      return usageError("disk takes one TARGET (usage: disk " + std::string(kDiskUsage) + ")");
-    }
+int check(DiskOptions& options) {
+  if (!options.imageSizeText.empty() &&
+      (!parseUnsigned(options.imageSizeText, options.imageMiB, 1u << 20) || options.imageMiB < 33)) {
+    return usageError("--image-size needs a size in MiB of at least 33 (FAT32's smallest volume)");
   }
-  if (options.target.empty()) return usageError(std::string("disk needs a TARGET (usage: disk ") + kDiskUsage + ")");
-  return checkChoiceOptions(options.choice);
+  if (options.target.empty()) return usageError("disk needs a TARGET (usage: disk TARGET [OPTIONS])");
+  options.havePackages = options.given.packages->count() > 0;
+  return checkChoiceOptions(options.given, options.choice);
 }
 
 bool confirm(const std::string& target) {
@@ -113,7 +92,7 @@ bool confirm(const std::string& target) {
 
 // Runs the installation on its thread and shows its progress.
 int runInstallation(const RouterRecord& request) {
-  bool live = standardOutputIsTerminal();
+  bool live = terminalShowsLiveProgress();
   localdisk::DiskInstallation installation(request);
   installation.start();
   std::string lastText;
@@ -148,9 +127,8 @@ int runInstallation(const RouterRecord& request) {
   return kExitFailed;
 }
 
-int runDisk(const std::vector<std::string>& arguments) {
-  DiskOptions options;
-  if (int code = parse(arguments, options); code != kExitOk) return code;
+int runDisk(DiskOptions& options) {
+  if (int code = check(options); code != kExitOk) return code;
   std::string error;
   if (!localdisk::diskTargetNameValid(options.target, error)) return usageError(error);
 
@@ -247,8 +225,23 @@ int runDisk(const std::vector<std::string>& arguments) {
   return runInstallation(request);
 }
 
-const CliCommandRegistrar diskCommand({"disk", kDiskUsage,
-                                       "Make a local drive or disk image file a bootable router disk.", &runDisk});
+CommandRun defineDisk(CLI::App& app) {
+  auto options = std::make_shared<DiskOptions>();
+  app.add_option("TARGET", options->target,
+                 "The drive (Linux: /dev/sdX; Windows: X:) or, on Linux, a disk image file to make or overwrite.")
+      ->option_text(" ");
+  addValue(app, "--image-size", options->imageSizeText, "MIB",
+           "Size of a new disk image file in MiB, at least 33 (default: 256).");
+  addValue(app, "--boot-images", options->bootImages, "DIR",
+           "Take the kernel, RAM disk and boot loader records from this folder (default: the per-user folder, "
+           "then the system folder).");
+  options->given = addChoiceOptions(app, options->choice);
+  addSwitch(app, "--yes", options->yes, "Erase a device without asking (needed when standard input is no terminal).");
+  return [options] { return runDisk(*options); };
+}
+
+const CliCommandRegistrar diskCommand(
+    {"disk", "Make a local drive or disk image file a bootable router disk.", &defineDisk});
 
 }  // namespace
 }  // namespace tarnlift::cli

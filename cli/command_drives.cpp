@@ -1,24 +1,41 @@
 // `tarnlift drives`: the local drives as the window's list shows them, one
-// tab-separated line each: label, hardware address, drive type.
+// tab-separated line each: label, hardware address, drive type; or with
+// --json one array of objects.
 #include <iostream>
+#include <memory>
 
+#include "cli/cli_options.h"
 #include "cli/command.h"
+#include "cli/json_output.h"
 #include "localdisk/local_drives.h"
 
 namespace tarnlift::cli {
 namespace {
 
-int runDrives(const std::vector<std::string>& arguments) {
-  if (!arguments.empty()) return usageError("drives takes no arguments");
+int runDrives(bool json) {
+  nlohmann::json rows = nlohmann::json::array();
   for (const RouterRecord& row : localdisk::listLocalDrives()) {
-    std::cout << row.label << '\t' << macText(row.mac) << '\t' << localdisk::driveTypeText(row.driveType) << '\n';
+    if (json) {
+      rows.push_back({{"label", row.label},
+                      {"mac", macText(row.mac)},
+                      {"type", localdisk::driveTypeText(row.driveType)}});
+    } else {
+      std::cout << row.label << '\t' << macText(row.mac) << '\t' << localdisk::driveTypeText(row.driveType) << '\n';
+    }
   }
+  if (json) std::cout << jsonText(rows) << '\n';
   std::cout.flush();
   return kExitOk;
 }
 
-const CliCommandRegistrar drivesCommand({"drives", "", "List the local drives a disk installation may use.",
-                                         &runDrives});
+CommandRun defineDrives(CLI::App& app) {
+  auto json = std::make_shared<bool>(false);
+  addSwitch(app, "--json", *json, "Print one JSON array of {label, mac, type} instead of tab-separated lines.");
+  return [json] { return runDrives(*json); };
+}
+
+const CliCommandRegistrar drivesCommand({"drives", "List the local drives a disk installation may use.",
+                                         &defineDrives});
 
 }  // namespace
 }  // namespace tarnlift::cli

@@ -3,12 +3,15 @@
 // reaches the client address, until interrupted.
 #include <csignal>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "app/log.h"
 #include "app/sync.h"
+#include "cli/cli_options.h"
 #include "cli/command.h"
+#include "cli/netboot_options.h"
 #include "cli/server_guard.h"
 #include "netboot/interfaces.h"
 #include "netboot/netboot_service.h"
@@ -19,30 +22,25 @@ namespace {
 volatile std::sig_atomic_t gStopRequested = 0;
 void requestStop(int) { gStopRequested = 1; }
 
-int runNetboot(const std::vector<std::string>& arguments) {
-  std::vector<std::string> rest = arguments;
+struct NetbootArguments {
   netboot::NetbootServeOptions options;
-  std::string error;
-  rest.push_back("--netboot");
-  if (!netboot::extractNetbootOptions(rest, options, error)) return usageError(error);
   std::string clientText;
-  for (size_t i = 0; i < rest.size(); ++i) {
-    if (rest[i] == "--client-address" && i + 1 < rest.size()) {
-      clientText = rest[++i];
-    } else {
-      return usageError("netboot: unexpected argument '" + rest[i] + "'");
-    }
-  }
+};
+
+int runNetboot(NetbootArguments& arguments) {
+  netboot::NetbootServeOptions& options = arguments.options;
+  options.netboot = true;
+  const std::string& clientText = arguments.clientText;
+  std::string error;
   uint32_t client = netboot::parseIpv4(clientText);
   if (clientText.empty() || client == 0xFFFFFFFFu || client == 0) {
     return usageError("netboot needs --client-address A.B.C.D");
   }
-  if (!acquireServerGuard()) return kExitOk;
+  if (!acquireServerGuard()) return kExitFailed;
 
   netboot::NetbootService service;
   if (!service.start(client, options, error)) {
-    std::cerr << "tarnlift: " << error << std::endl;
-    return kExitFailed;
+    return failure(error);
   }
   std::signal(SIGINT, requestStop);
   std::signal(SIGTERM, requestStop);
@@ -52,9 +50,16 @@ int runNetboot(const std::vector<std::string>& arguments) {
   return kExitOk;
 }
 
-const CliCommandRegistrar netbootCommand({"netboot", "--client-address A.B.C.D [--boot-images DIR] [--kernel FILE]",
-                                          "Serve network booting (BOOTP/PXE and TFTP) alone until interrupted.",
-                                          &runNetboot});
+CommandRun defineNetboot(CLI::App& app) {
+  auto arguments = std::make_shared<NetbootArguments>();
+  addValue(app, "--client-address", arguments->clientText, "A.B.C.D",
+           "The address handed to booting routers; the interface that reaches it is served (required).");
+  addNetbootOptions(app, arguments->options, false);
+  return [arguments] { return runNetboot(*arguments); };
+}
+
+const CliCommandRegistrar netbootCommand(
+    {"netboot", "Serve network booting (BOOTP/PXE and TFTP) alone until interrupted.", &defineNetboot});
 
 }  // namespace
 }  // namespace tarnlift::cli

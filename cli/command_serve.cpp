@@ -18,7 +18,9 @@
 #include "app/registry.h"
 #include "app/sync.h"
 #include "cli/choice_options.h"
+#include "cli/cli_options.h"
 #include "cli/command.h"
+#include "cli/netboot_options.h"
 #include "cli/server_guard.h"
 #include "install/headless.h"
 #include "install/install_service.h"
@@ -34,11 +36,19 @@ namespace {
 volatile std::sig_atomic_t gStopRequested = 0;
 void requestStop(int) { gStopRequested = 1; }
 
-const char* kServeUsage =
-    "--client-address A.B.C.D [--packages DIR] [--select FILE]... [--set NAME] [--keep-config] "
-    "[--address A.B.C.D/BITS] [--gateway A.B.C.D] [--baud N] [--default-config] [--remove-branding] "
-    "[--script FILE] [--mode-script FILE] [--after reboot|shutdown|none] [--mac MAC]... [--count N] [--beacon] "
-    "[--netboot [--boot-images DIR] [--kernel FILE]] [--web [ADDRESS:]PORT [--web-token FILE] [--hold]]";
+struct ServeArguments {
+  HeadlessOptions options;
+  ChoiceOptions given;
+  netboot::NetbootServeOptions netbootOptions;
+  std::string clientText;
+  std::string addressText;
+  std::string afterText;
+  std::vector<std::string> macTexts;
+  std::string countText;
+  bool beacon = false;
+  std::string webText;
+  std::string webTokenFile;
+};
 
 bool parseCount(const std::string& text, uint32_t& value) {
   uint64_t n = 0;
@@ -47,78 +57,56 @@ bool parseCount(const std::string& text, uint32_t& value) {
   return true;
 }
 
-int runServe(const std::vector<std::string>& commandArguments) {
-  // The network boot options are the boot services' own; the rest are ours.
-  std::vector<std::string> arguments = commandArguments;
-  netboot::NetbootServeOptions netbootOptions;
-  std::string netbootError;
-  if (!netboot::extractNetbootOptions(arguments, netbootOptions, netbootError)) return usageError(netbootError);
-  HeadlessOptions options;
-  std::string clientText;
-  uint32_t count = 0;
-  bool havePackages = false;
-  bool beacon = false;
-  std::string webText;
-  std::string webTokenFile;
-  for (size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& option = arguments[i];
-    auto value = [&](std::string& out) {
-      if (i + 1 >= arguments.size()) return false;
-      out = arguments[++i];
-      return true;
-    };
-    std::string text;
-    if (std::optional<int> code = takeChoiceOption(arguments, i, options, havePackages)) {
-      if (*code != kExitOk) return *code;
-    } else if (option == "--client-address") {
-      if (!value(clientText)) return usageError("--client-address needs an IPv4 address");
-    } else if (option == "--keep-config") {
-      options.install.keepConfig = true;
-    } else if (option == "--address") {
-      if (!value(text)) return usageError("--address needs A.B.C.D/BITS");
-      size_t slash = text.find('/');
-      options.install.addressText = text.substr(0, slash);
-      if (slash != std::string::npos) options.install.netmaskBitsText = text.substr(slash + 1);
-      if (addressFromText(options.install.addressText) == 0) return usageError("bad address '" + text + "'");
-    } else if (option == "--gateway") {
-      if (!value(options.install.gatewayText)) return usageError("--gateway needs an IPv4 address");
-      if (addressFromText(options.install.gatewayText) == 0) return usageError("bad gateway address");
-    } else if (option == "--default-config") {
-      options.install.defaultConfig = true;
-    } else if (option == "--remove-branding") {
-      options.install.keepBranding = false;
-    } else if (option == "--after") {
-      if (!value(text)) return usageError("--after needs reboot, shutdown or none");
-      if (text == "reboot") {
-        options.after = AfterInstall::Reboot;
-      } else if (text == "shutdown") {
-        options.after = AfterInstall::Shutdown;
-      } else if (text == "none") {
-        options.after = AfterInstall::None;
-      } else {
-        return usageError("--after needs reboot, shutdown or none");
-      }
-    } else if (option == "--mac") {
-      MacAddress mac{};
-      if (!value(text) || !parseMac(text, mac)) return usageError("--mac needs a MAC such as 4C:5E:0C:01:02:03");
-      options.macs.insert(mac);
-    } else if (option == "--web") {
-      if (!value(webText)) return usageError("--web needs [ADDRESS:]PORT, such as 8080 or 0.0.0.0:8080");
-    } else if (option == "--web-token") {
-      if (!value(webTokenFile)) return usageError("--web-token needs a file that holds the token");
-    } else if (option == "--hold") {
-      options.hold = true;
-    } else if (option == "--beacon") {
-      beacon = true;
-    } else if (option == "--count") {
-      if (!value(text) || !parseCount(text, count) || count == 0) return usageError("--count needs a positive number");
+// The option values that need more than CLI11's reading, checked as the
+// window's controls check them. kExitOk or the usage error's exit code.
+int checkServeArguments(ServeArguments& arguments, uint32_t& count) {
+  HeadlessOptions& options = arguments.options;
+  if (int code = checkNetbootOptions(arguments.netbootOptions, true); code != kExitOk) return code;
+  if (!arguments.addressText.empty()) {
+    const std::string& text = arguments.addressText;
+    const size_t slash = text.find('/');
+    options.install.addressText = text.substr(0, slash);
+    if (slash != std::string::npos) options.install.netmaskBitsText = text.substr(slash + 1);
+    if (addressFromText(options.install.addressText) == 0) return usageError("bad address '" + text + "'");
+  }
+  if (!options.install.gatewayText.empty() && addressFromText(options.install.gatewayText) == 0) {
+    return usageError("bad gateway address");
+  }
+  if (!arguments.afterText.empty()) {
+    if (arguments.afterText == "reboot") {
+      options.after = AfterInstall::Reboot;
+    } else if (arguments.afterText == "shutdown") {
+      options.after = AfterInstall::Shutdown;
+    } else if (arguments.afterText == "none") {
+      options.after = AfterInstall::None;
     } else {
-      return usageError("serve: unexpected argument '" + option + "' (usage: serve " + kServeUsage + ")");
+      return usageError("--after needs reboot, shutdown or none");
     }
   }
+  for (const std::string& text : arguments.macTexts) {
+    MacAddress mac{};
+    if (!parseMac(text, mac)) return usageError("--mac needs a MAC such as 4C:5E:0C:01:02:03");
+    options.macs.insert(mac);
+  }
+  if (!arguments.countText.empty() && (!parseCount(arguments.countText, count) || count == 0)) {
+    return usageError("--count needs a positive number");
+  }
+  return checkChoiceOptions(arguments.given, options);
+}
+
+int runServe(ServeArguments& arguments) {
+  HeadlessOptions& options = arguments.options;
+  netboot::NetbootServeOptions& netbootOptions = arguments.netbootOptions;
+  const std::string& clientText = arguments.clientText;
+  const std::string& webText = arguments.webText;
+  const std::string& webTokenFile = arguments.webTokenFile;
+  const bool beacon = arguments.beacon;
+  const bool havePackages = arguments.given.packages->count() > 0;
+  std::string netbootError;
+  uint32_t count = 0;
+  if (int code = checkServeArguments(arguments, count); code != kExitOk) return code;
   uint32_t client = addressFromText(clientText);
   if (client == 0) return usageError("serve needs --client-address A.B.C.D");
-  if (int code = checkChoiceOptions(options); code != kExitOk) return code;
   uint32_t webAddress = 0;
   uint16_t webPort = 0;
   web::WebAccess access;
@@ -134,7 +122,7 @@ int runServe(const std::vector<std::string>& commandArguments) {
   } else if (options.hold || !webTokenFile.empty()) {
     return usageError(std::string(options.hold ? "--hold" : "--web-token") + " needs --web [ADDRESS:]PORT");
   }
-  if (!acquireServerGuard()) return kExitOk;
+  if (!acquireServerGuard()) return kExitFailed;
 
   Registry settings;
   settings.openRoot(kSettingsKeyPath);
@@ -147,8 +135,8 @@ int runServe(const std::vector<std::string>& commandArguments) {
 
   netboot::findInterface(client);
   if (netboot::serverAddress() == 0) {
-    std::cerr << "tarnlift: no network interface reaches " << clientText << std::endl;
-    return kExitUsage;
+    // The command line is right; the machine is not set up for it.
+    return failure("no network interface reaches " + clientText);
   }
 
   // Network booting runs beside the installer, on the same interface.
@@ -162,7 +150,7 @@ int runServe(const std::vector<std::string>& commandArguments) {
   sets.loadSets(settings);
   RememberedChoices remembered;
   remembered.load(settings);
-  options.liveProgress = standardOutputIsTerminal();
+  options.liveProgress = terminalShowsLiveProgress();
   if (beacon) {
     setBeacon(true);
     options.sendBeacon = [] {
@@ -225,8 +213,55 @@ int runServe(const std::vector<std::string>& commandArguments) {
   return installer.failed() == 0 ? kExitOk : kExitFailed;
 }
 
-const CliCommandRegistrar serveCommand({"serve", kServeUsage,
-                                        "Install routers as they announce themselves, without a window.", &runServe});
+CommandRun defineServe(CLI::App& app) {
+  auto arguments = std::make_shared<ServeArguments>();
+  HeadlessOptions& options = arguments->options;
+  addValue(app, "--client-address", arguments->clientText, "A.B.C.D",
+           "The address handed to booting routers; the interface that reaches it is served (required).");
+  arguments->given = addChoiceOptions(app, options);
+  const char* install = "Install options (every router of the run)";
+  addSwitch(app, "--keep-config", options.install.keepConfig, "Keep the router's old configuration.")
+      ->group(install);
+  addValue(app, "--address", arguments->addressText, "A.B.C.D/BITS",
+           "Give the router this address and netmask (default: none).")
+      ->group(install);
+  addValue(app, "--gateway", options.install.gatewayText, "A.B.C.D", "Give the router this gateway (default: none).")
+      ->group(install);
+  addSwitch(app, "--default-config", options.install.defaultConfig, "Apply the default configuration.")
+      ->group(install);
+  app.add_flag_callback(
+         "--remove-branding", [&options] { options.install.keepBranding = false; },
+         "Do not keep the router's branding (default: keep it).")
+      ->group(install);
+  addValue(app, "--after", arguments->afterText, "reboot|shutdown|none",
+           "What the router does once installed (default: reboot).")
+      ->group(install);
+  const char* which = "Which routers, and how long";
+  addRepeated(app, "--mac", arguments->macTexts, "MAC",
+              "Install only this router (such as 4C:5E:0C:01:02:03); repeatable (default: every router).")
+      ->group(which);
+  addValue(app, "--count", arguments->countText, "N",
+           "End after N routers have finished (default: run until interrupted).")
+      ->group(which);
+  addSwitch(app, "--beacon", arguments->beacon,
+            "Ask the routers on the segment to boot over the network, once a second.")
+      ->group(which);
+  addNetbootOptions(app, arguments->netbootOptions, true);
+  const char* web = "Web console and API";
+  addValue(app, "--web", arguments->webText, "[ADDRESS:]PORT",
+           "Serve the web console and API here (ADDRESS default: 127.0.0.1; other addresses need --web-token).")
+      ->group(web);
+  addValue(app, "--web-token", arguments->webTokenFile, "FILE",
+           "Every web request needs the token in the first line of FILE.")
+      ->group(web);
+  addSwitch(app, "--hold", options.hold,
+            "List routers and keep them \"Ready\" until the web console or API installs them.")
+      ->group(web);
+  return [arguments] { return runServe(*arguments); };
+}
+
+const CliCommandRegistrar serveCommand(
+    {"serve", "Install routers as they announce themselves, without a window.", &defineServe});
 
 }  // namespace
 }  // namespace tarnlift::cli

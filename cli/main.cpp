@@ -2,12 +2,16 @@
 // command's own results; log lines go to standard error.
 #include <algorithm>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "app/failure.h"
 #include "app/log.h"
 #include "app/version.h"
+#include "cli/cli_options.h"
 #include "cli/command.h"
 
 namespace tarnlift::cli {
@@ -21,22 +25,122 @@ std::vector<CliCommand>& commandTable() {
 void printHelp(std::ostream& out) {
   out << "Tarnlift " << kVersionText << "\n"
       << "Installation server for Brisvane routers (headless front end).\n\n"
-      << "usage: tarnlift COMMAND [ARGUMENTS]\n\n"
+      << "usage: tarnlift COMMAND [OPTIONS] [ARGUMENTS]\n"
+      << "       tarnlift COMMAND --help     the command's options, their meanings and defaults\n"
+      << "       tarnlift --version\n\n"
       << "commands:\n";
   std::vector<CliCommand> sorted = commandTable();
   std::sort(sorted.begin(), sorted.end(),
             [](const CliCommand& a, const CliCommand& b) { return std::string(a.name) < b.name; });
-  for (const CliCommand& command : sorted) {
-    out << "  " << command.name;
-    if (command.usage[0] != 0) out << ' ' << command.usage;
-    out << "\n      " << command.summary << "\n";
-  }
-  out << "\nLog lines go to standard error; results go to standard output.\n";
+  for (const CliCommand& command : sorted) out << "  " << command.name << "\n      " << command.summary << "\n";
+  out << "\nEvery command also takes --quiet (no log lines) and --verbose (log lines with the seconds since start).\n"
+      << "Log lines go to standard error; results go to standard output.\n"
+      << "Exit codes: 0 done, 1 failed (or could not start), 2 the command line is wrong.\n";
 }
 
 // A fatal failure has no window to show here: the message goes to
 // standard error after the log line.
 void presentFatal(const std::string& text) { std::cerr << "Error: " << text << std::endl; }
+
+// The "Usage:" line of the command's help, as CLI11 makes it.
+std::string usageLine(const CLI::App& app) {
+  std::istringstream help(app.help());
+  std::string line;
+  while (std::getline(help, line)) {
+    if (line.rfind("Usage:", 0) == 0) return "usage:" + line.substr(6);
+  }
+  return "usage: " + app.get_name();
+}
+
+// The subcommand the words named (bootimage's actions), or the command.
+const CLI::App* deepestParsed(const CLI::App& app) {
+  for (const CLI::App* sub : app.get_subcommands()) return deepestParsed(*sub);
+  return &app;
+}
+
+// "serve", or "bootimage list" for an action of a command.
+std::string commandPath(const CLI::App& app) {
+  std::string path = app.get_name();
+  for (const CLI::App* parent = app.get_parent(); parent != nullptr; parent = parent->get_parent()) {
+    path = parent->get_name() + " " + path;
+  }
+  return path.rfind("tarnlift ", 0) == 0 ? path.substr(9) : path;
+}
+
+int wrongCommandLine(const CLI::App& app, const std::string& message) {
+  std::cerr << "tarnlift: " << commandPath(app) << ": " << message << "\n"
+            << usageLine(app) << "\n"
+            << "(tarnlift " << commandPath(app) << " --help lists the options)\n";
+  return kExitUsage;
+}
+
+// CLI11's own words for a missing value ("--baud: 1 required TEXT missing")
+// become ours ("--baud needs a value: N").
+std::string parseErrorText(const CLI::App& app, const CLI::ParseError& error) {
+  const std::string what = error.what();
+  const size_t colon = what.find(": ");
+  if (error.get_name() == "ArgumentMismatch" && colon != std::string::npos && what.rfind("--", 0) == 0) {
+    const std::string name = what.substr(0, colon);
+    for (const CLI::Option* option : app.get_options()) {
+      for (const std::string& longName : option->get_lnames()) {
+        if ("--" + longName == name) return name + " needs a value: " + option->get_option_text();
+      }
+    }
+  }
+  return what;
+}
+
+int runCommand(const CliCommand& command, int argc, char** argv) {
+  CLI::App app{command.summary, std::string("tarnlift ") + command.name};
+  app.set_help_flag("-h,--help", "Print this help and exit.");
+  app.allow_extras(true);
+  app.option_defaults()->always_capture_default(false);
+  app.get_formatter()->column_width(34);
+  bool quiet = false;
+  bool verbose = false;
+  CommandRun run = command.define(app);
+  app.add_flag("--quiet,-q", quiet, "No log lines on standard error; results and failures still show.")
+      ->group("Log lines");
+  app.add_flag("--verbose,-v", verbose, "Log lines with the seconds since start in front.")->group("Log lines");
+  try {
+    // argv[1], the command's name, stands where CLI11 expects the program.
+    app.parse(argc - 1, argv + 1);
+  } catch (const CLI::CallForHelp&) {
+    std::cout << app.help();
+    return kExitOk;
+  } catch (const CLI::CallForAllHelp&) {
+    std::cout << app.help("", CLI::AppFormatMode::All);
+    return kExitOk;
+  } catch (const CLI::ParseError& error) {
+    const CLI::App& where = *deepestParsed(app);
+    return wrongCommandLine(where, parseErrorText(where, error));
+  }
+  const CLI::App& where = *deepestParsed(app);
+  for (const std::string& extra : app.remaining(true)) {
+    if (extra == "--") continue;
+    if (extra.size() > 1 && extra[0] == '-') {
+      std::string message = "unknown option '" + extra.substr(0, extra.find('=')) + "'";
+      const std::string nearest = nearestOptionName(where, extra);
+      if (!nearest.empty()) message += " (did you mean " + nearest + "?)";
+      return wrongCommandLine(where, message);
+    }
+    return wrongCommandLine(where, "unexpected argument '" + extra + "'");
+  }
+  if (quiet && verbose) return wrongCommandLine(app, "--quiet and --verbose exclude each other");
+  if (quiet) setLogDetail(LogDetail::Quiet);
+  if (verbose) setLogDetail(LogDetail::Verbose);
+  startSockets();
+  return run();
+}
+
+CommandRun defineVersion(CLI::App&) {
+  return [] {
+    std::cout << kVersionText << "\n";
+    return kExitOk;
+  };
+}
+
+const CliCommandRegistrar versionCommand({"version", "Print the version and build time.", &defineVersion});
 
 }  // namespace
 
@@ -49,13 +153,10 @@ int usageError(const std::string& message) {
   return kExitUsage;
 }
 
-int runVersion(const std::vector<std::string>& arguments) {
-  if (!arguments.empty()) return usageError("version takes no arguments");
-  std::cout << kVersionText << "\n";
-  return kExitOk;
+int failure(const std::string& message) {
+  std::cerr << "tarnlift: " << message << std::endl;
+  return kExitFailed;
 }
-
-const CliCommandRegistrar versionCommand({"version", "", "Print the version and build time.", &runVersion});
 
 }  // namespace tarnlift::cli
 
@@ -64,22 +165,21 @@ int main(int argc, char** argv) {
   using namespace tarnlift::cli;
   setLogStream(std::cerr);
   setFatalPresenter(&presentFatal);
-  std::vector<std::string> arguments(argv + 1, argv + argc);
-  if (arguments.empty()) {
+  if (argc < 2) {
     printHelp(std::cerr);
     return kExitUsage;
   }
-  const std::string& name = arguments.front();
+  const std::string name = argv[1];
   if (name == "--help" || name == "-h" || name == "help") {
     printHelp(std::cout);
     return kExitOk;
   }
-  if (name == "--version") return runVersion({});
+  if (name == "--version") {
+    std::cout << kVersionText << "\n";
+    return kExitOk;
+  }
   for (const CliCommand& command : cliCommands()) {
-    if (name == command.name) {
-      startSockets();
-      return command.run(std::vector<std::string>(arguments.begin() + 1, arguments.end()));
-    }
+    if (name == command.name) return runCommand(command, argc, argv);
   }
   return usageError("unknown command '" + name + "' (try: tarnlift --help)");
 }

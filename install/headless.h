@@ -81,7 +81,10 @@ class HeadlessInstaller : public InstallPrompter {
   std::string refusal_;
 };
 
-// Whether standard output is a terminal (then progress is drawn live).
-bool standardOutputIsTerminal();
+// Whether progress may be drawn live: standard output is a terminal that
+// understands the cursor movements the live lines use. Not for TERM=dumb
+// (or no TERM at all) on Linux; on Windows the console's escape-sequence
+// mode is switched on here, and a console that refuses it gets plain lines.
+bool terminalShowsLiveProgress();
 
 }  // namespace tarnlift

@@ -1,10 +1,8 @@
 // The network boot server for front ends without a window (the headless
-// `serve` command): its command-line options and a start/stop wrapper around
-// the "PXE Booter" thread.
+// `serve` and `netboot` commands): its options and a start/stop wrapper
+// around the "PXE Booter" thread.
 //
-//   NetbootServeOptions options;
-//   std::string error;
-//   if (!extractNetbootOptions(arguments, options, error)) -> usage error
+//   NetbootServeOptions options;  // filled from the command line
 //   ... once the client address is known:
 //   NetbootService service;
 //   if (options.netboot && !service.start(clientAddress, options, error)) -> fail
@@ -26,15 +24,6 @@ struct NetbootServeOptions {
   std::string bootImageDir;  // --boot-images DIR
   std::string kernelFile;    // --kernel FILE: served in place of every boot image
 };
-
-// Usage text for the options, one per line, for the command's help.
-extern const char* const kNetbootOptionsUsage;
-
-// Takes --netboot, --boot-images DIR and --kernel FILE (also written
-// --boot-images=DIR, --kernel=FILE) out of arguments and leaves the rest in
-// order. False with a message when an option lacks its value or is given
-// without --netboot.
-bool extractNetbootOptions(std::vector<std::string>& arguments, NetbootServeOptions& options, std::string& error);
 
 class NetbootService {
  public:

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A second server on the same network refuses to start: while another
 # process holds the single-instance guard, `tarnlift serve` prints the
-# "already running" text and exits with 0 without touching the network.
+# "already running" text and fails (exit 1) without touching the network.
 # Runs in a network namespace of its own when root (the guard belongs to a
 # network namespace), so that a real server on this machine is not disturbed.
 set -u
@@ -24,7 +24,7 @@ for _ in $(seq 1 100); do [ -e "$work/ready" ] && break; sleep 0.05; done
 [ -e "$work/ready" ] || { echo "FAIL: could not hold the guard"; exit 1; }
 HOME=$work XDG_CONFIG_HOME=$work/config timeout 30 "$tarnlift" serve --client-address 127.0.0.1 >"$work/out" 2>"$work/err"
 rc=$?
-[ "$rc" -eq 0 ] || { echo "FAIL: exit code $rc"; cat "$work/err"; exit 1; }
+[ "$rc" -eq 1 ] || { echo "FAIL: exit code $rc, expected 1"; cat "$work/err"; exit 1; }
 grep -qx "QL Router Install Server is already running" "$work/err" || { echo "FAIL: no refusal"; cat "$work/err"; exit 1; }
 [ -s "$work/out" ] && { echo "FAIL: standard output should be empty"; exit 1; }
 grep -q "serve: installing" "$work/err" && { echo "FAIL: it went on serving"; exit 1; }

@@ -230,7 +230,7 @@ sys.stdout.write(data.decode("latin-1"))
     in_srv --client-address 192.168.88.1 --after later; [ $? = 2 ] || fail "bad --after: expected exit 2"
     in_srv --client-address 192.168.88.1 --count 0; [ $? = 2 ] || fail "bad --count: expected exit 2"
     in_srv --client-address 192.168.88.1 --mac 1:2:3; [ $? = 2 ] || fail "bad --mac: expected exit 2"
-    in_srv --client-address 10.77.0.1 --count 1; [ $? = 2 ] || fail "no interface: expected exit 2"
+    in_srv --client-address 10.77.0.1 --count 1; [ $? = 1 ] || fail "no interface: expected exit 1"
     expect_line "$work/serve.err" "no network interface reaches 10.77.0.1"
     ;;
   *)

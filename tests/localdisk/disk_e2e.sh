@@ -129,8 +129,8 @@ expect_fail 2 "needs a TARGET" "no target" -- disk --boot-images bi
 expect_fail 2 "--baud needs a number" "bad baud" -- disk x.img --baud fast
 expect_fail 2 "exclude each other" "set and select" -- disk x.img --set a --select b
 expect_fail 2 "at least 33" "image too small to ask for" -- disk x.img --image-size 8
-expect_fail 2 "unexpected option" "unknown option" -- disk x.img --frobnicate
-expect_fail 2 "one TARGET" "two targets" -- disk x.img y.img
+expect_fail 2 "unknown option '--frobnicate'" "unknown option" -- disk x.img --frobnicate
+expect_fail 2 "unexpected argument 'y.img'" "two targets" -- disk x.img y.img
 
 # 3b. The drive list: whole disks only, never the system's, loop, RAM,
 # mapped or optical devices; rows carry the drive prefix.

@@ -206,35 +206,5 @@ TEST_F(SettingsTest, SettingsPersistUnderTheirNames) {
   setDefaultSettingsStore(nullptr);
 }
 
-TEST(NetbootOptions, ExtractsItsOptionsAndLeavesTheRest) {
-  std::vector<std::string> arguments{"--client-address", "192.168.88.1", "--netboot",      "--boot-images",
-                                     "/srv/img",         "pkgdir",       "--kernel=/tmp/k"};
-  NetbootServeOptions options;
-  std::string error;
-  ASSERT_TRUE(extractNetbootOptions(arguments, options, error)) << error;
-  EXPECT_TRUE(options.netboot);
-  EXPECT_EQ(options.bootImageDir, "/srv/img");
-  EXPECT_EQ(options.kernelFile, "/tmp/k");
-  EXPECT_EQ(arguments, (std::vector<std::string>{"--client-address", "192.168.88.1", "pkgdir"}));
-}
-
-TEST(NetbootOptions, RefusesMissingValuesAndOptionsWithoutNetboot) {
-  NetbootServeOptions options;
-  std::string error;
-  std::vector<std::string> missing{"--netboot", "--kernel"};
-  EXPECT_FALSE(extractNetbootOptions(missing, options, error));
-  EXPECT_NE(error.find("--kernel"), std::string::npos);
-  std::vector<std::string> empty{"--netboot", "--boot-images="};
-  EXPECT_FALSE(extractNetbootOptions(empty, options, error));
-  NetbootServeOptions alone;
-  std::vector<std::string> withoutNetboot{"--boot-images", "x"};
-  EXPECT_FALSE(extractNetbootOptions(withoutNetboot, alone, error));
-  NetbootServeOptions none;
-  std::vector<std::string> nothing{"a", "b"};
-  EXPECT_TRUE(extractNetbootOptions(nothing, none, error));
-  EXPECT_FALSE(none.netboot);
-  EXPECT_EQ(nothing.size(), 2u);
-}
-
 }  // namespace
 }  // namespace tarnlift::netboot
