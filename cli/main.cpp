@@ -42,16 +42,6 @@ void printHelp(std::ostream& out) {
 // standard error after the log line.
 void presentFatal(const std::string& text) { std::cerr << "Error: " << text << std::endl; }
 
-// The "Usage:" line of the command's help, as CLI11 makes it.
-std::string usageLine(const CLI::App& app) {
-  std::istringstream help(app.help());
-  std::string line;
-  while (std::getline(help, line)) {
-    if (line.rfind("Usage:", 0) == 0) return "usage:" + line.substr(6);
-  }
-  return "usage: " + app.get_name();
-}
-
 // The subcommand the words named (bootimage's actions), or the command.
 const CLI::App* deepestParsed(const CLI::App& app) {
   for (const CLI::App* sub : app.get_subcommands()) return deepestParsed(*sub);
@@ -65,6 +55,18 @@ std::string commandPath(const CLI::App& app) {
     path = parent->get_name() + " " + path;
   }
   return path.rfind("tarnlift ", 0) == 0 ? path.substr(9) : path;
+}
+
+// The "Usage:" line of the command's help, as CLI11 makes it, with the
+// whole command in front (CLI11 names an action alone).
+std::string usageLine(const CLI::App& app) {
+  std::istringstream help(app.help());
+  std::string line;
+  const std::string head = "Usage: " + app.get_name();
+  while (std::getline(help, line)) {
+    if (line.rfind(head, 0) == 0) return "usage: tarnlift " + commandPath(app) + line.substr(head.size());
+  }
+  return "usage: tarnlift " + commandPath(app);
 }
 
 int wrongCommandLine(const CLI::App& app, const std::string& message) {
@@ -94,6 +96,9 @@ int runCommand(const CliCommand& command, int argc, char** argv) {
   CLI::App app{command.summary, std::string("tarnlift ") + command.name};
   app.set_help_flag("-h,--help", "Print this help and exit.");
   app.allow_extras(true);
+  // "/srv/packages" is a path on every platform, never an option, also in
+  // the Windows build (where CLI11 would take "/x" for an option by default).
+  app.allow_windows_style_options(false);
   app.option_defaults()->always_capture_default(false);
   app.get_formatter()->column_width(34);
   bool quiet = false;

@@ -7,8 +7,9 @@ command -v python3 >/dev/null || { echo "SKIP: needs python3"; exit 77; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/images"
+# 143: on Windows the test records 129 to 139 come from the program itself.
 printf 'a test record body' > "$work/body"
-"$@" bootimage wrap 129 "$work/body" "$work/images" > /dev/null || { echo "FAIL: wrap"; exit 1; }
+"$@" bootimage wrap 143 "$work/body" "$work/images" > /dev/null || { echo "FAIL: wrap"; exit 1; }
 "$@" bootimage list --boot-images "$work/images" > "$work/list.txt" || { echo "FAIL: list"; exit 1; }
 "$@" bootimage list --boot-images "$work/images" --json > "$work/list.json" || { echo "FAIL: list --json"; exit 1; }
 python3 - "$work/list.txt" "$work/list.json" <<'PY' || exit 1
@@ -16,15 +17,16 @@ import json, sys
 text = open(sys.argv[1], encoding="utf-8").read().replace("\r", "")
 doc = json.load(open(sys.argv[2], encoding="utf-8"))
 records = {r["number"]: r for r in doc["records"]}
-assert records[129]["size"] == len("a test record body"), records[129]
-assert records[129]["place"].replace("\\", "/").endswith("/images"), records[129]
+assert records[143]["size"] == len("a test record body"), records[143]
+assert records[143]["place"].replace("\\", "/").endswith("/images"), records[143]
 missing = text.split("missing:")[1].split()
 assert [str(n) for n in doc["missing"]] == ([] if missing == ["none"] else missing), (doc["missing"], missing)
 for line in text.splitlines():
     if line.startswith("  ") and "\t" in line:
         number = int(line.split("\t")[0])
         assert number in records, line
-assert doc["searchOrder"][0]["folder"] is True and doc["searchOrder"][0]["present"] is True, doc["searchOrder"]
+assert any(o["folder"] is True and o["present"] is True and o["place"].endswith("images")
+           for o in doc["searchOrder"]), doc["searchOrder"]
 PY
 "$@" drives > "$work/drives.txt" || { echo "FAIL: drives"; exit 1; }
 "$@" drives --json > "$work/drives.json" || { echo "FAIL: drives --json"; exit 1; }
