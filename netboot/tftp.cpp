@@ -91,6 +91,8 @@ TftpOptions parseTftpOptions(const uint8_t* data, size_t length) {
         options.wantsWindowsize = true;
         options.needsOack = true;
       }
+      logLine() << "windowsize " << value << (options.wantsWindowsize ? " granted " : " ignored")
+                << (options.wantsWindowsize ? std::to_string(options.windowSize) : std::string());
     }
   }
   return options;

@@ -64,7 +64,8 @@ std::string tftpFileName(const uint8_t* data, size_t length);
 // "blksize" (names in any letter case; the block size capped at 1468, no
 // lower bound) and "windowsize" (1 to 65,535 is granted up to 64; any other
 // value is invalid and the option is ignored, as RFC 7440 says); others are
-// ignored. Logs "blksize " and the value.
+// ignored. Logs "blksize " and the value, and "windowsize <asked> granted
+// <n>" or "windowsize <asked> ignored".
 TftpOptions parseTftpOptions(const uint8_t* data, size_t length);
 // Both of the above; false when not a read request.
 bool parseTftpReadRequest(const uint8_t* data, size_t length, TftpReadRequest& request);

@@ -419,6 +419,7 @@ std::vector<uint8_t> oackWith(const std::vector<std::pair<std::string, std::stri
 }
 
 TEST(TftpParse, WindowSizeIsGrantedUpTo64AndInvalidValuesAreIgnored) {
+  CapturedLog log;
   auto parse = [](const std::vector<uint8_t>& r) { return parseTftpOptions(r.data(), r.size()); };
   TftpOptions none = parse(rrq("f"));
   EXPECT_FALSE(none.wantsWindowsize);
@@ -437,6 +438,9 @@ TEST(TftpParse, WindowSizeIsGrantedUpTo64AndInvalidValuesAreIgnored) {
     EXPECT_FALSE(o.needsOack) << invalid;
     EXPECT_EQ(o.windowSize, 1u) << invalid;
   }
+  EXPECT_TRUE(log.contains("windowsize 1000 granted 64\n"));
+  EXPECT_TRUE(log.contains("windowsize 4 granted 4\n"));
+  EXPECT_TRUE(log.contains("windowsize 0 ignored\n"));
   TftpOptions o = parse(rrq("f", {{"blksize", "1468"}, {"windowsize", "1000"}}));
   std::vector<uint8_t> packet = makeTftpOack(o, 0);
   EXPECT_EQ(packet, oackWith({{"blksize", "1468"}, {"windowsize", "64"}}));
