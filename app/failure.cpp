@@ -20,7 +20,7 @@ void reportFailure(std::string& message, uint32_t code, bool fatal) {
   message += " (";
   message += std::to_string(code);
   message += ")";
-  logLine() << message;
+  logLine(LogPriority::Error) << message;
   if (!fatal) return;
   FatalPresenter presenter = gPresenter.load();
   if (presenter != nullptr) {

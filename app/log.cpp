@@ -12,6 +12,7 @@ std::ostream* gLogStream = &std::cout;
 LogListener gListener = nullptr;
 void* gListenerContext = nullptr;
 LogDetail gDetail = LogDetail::Normal;
+bool gPriorityPrefixes = false;
 const std::chrono::steady_clock::time_point gStart = std::chrono::steady_clock::now();
 
 std::mutex& logMutex() {
@@ -33,6 +34,11 @@ void setLogDetail(LogDetail detail) {
   gDetail = detail;
 }
 
+void setLogPriorityPrefixes(bool on) {
+  std::lock_guard<std::mutex> lock(logMutex());
+  gPriorityPrefixes = on;
+}
+
 void setLogListener(LogListener listener, void* context) {
   std::lock_guard<std::mutex> lock(logMutex());
   gListener = listener;
@@ -42,6 +48,7 @@ void setLogListener(LogListener listener, void* context) {
 LogLine::~LogLine() {
   std::string line = text_.str();
   std::lock_guard<std::mutex> lock(logMutex());
+  if (gPriorityPrefixes && gDetail != LogDetail::Quiet) *gLogStream << '<' << static_cast<int>(priority_) << '>';
   if (gDetail == LogDetail::Verbose) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - gStart).count();
     char stamp[32];

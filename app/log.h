@@ -19,6 +19,14 @@ void setLogStream(std::ostream& stream);
 enum class LogDetail { Quiet, Normal, Verbose };
 void setLogDetail(LogDetail detail);
 
+// Syslog priorities of log lines. Most lines are information; failures and
+// warnings say so, so that a journal can filter them.
+enum class LogPriority { Error = 3, Warning = 4, Info = 6 };
+
+// Puts each line's priority in front as "<N>", as the journal reads a
+// service's standard error. Off by default.
+void setLogPriorityPrefixes(bool on);
+
 // Also hands every finished line (without its end of line) to listener, on
 // the thread that wrote it, after the line went to the stream; a listener
 // must be quick and must not log. Null: none.
@@ -30,6 +38,7 @@ void setLogListener(LogListener listener, void* context);
 class LogLine {
  public:
   LogLine() = default;
+  explicit LogLine(LogPriority priority) : priority_(priority) {}
   LogLine(const LogLine&) = delete;
   LogLine& operator=(const LogLine&) = delete;
   ~LogLine();
@@ -42,8 +51,10 @@ class LogLine {
 
  private:
   std::ostringstream text_;
+  LogPriority priority_ = LogPriority::Info;
 };
 
 inline LogLine logLine() { return {}; }
+inline LogLine logLine(LogPriority priority) { return LogLine(priority); }
 
 }  // namespace tarnlift

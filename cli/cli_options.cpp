@@ -20,6 +20,13 @@ CLI::Option* addSwitch(CLI::App& app, const std::string& name, bool& target, con
   return app.add_flag(name, target, meaning);
 }
 
+void addOptionsFileOption(CLI::App& app) {
+  static std::string expandedBeforeParsing;
+  addValue(app, "--options-file", expandedBeforeParsing, "FILE",
+           "Read options from FILE, one long option and its value per line, '#' for comments (a service's "
+           "/etc/tarnlift/INSTANCE.conf).");
+}
+
 namespace {
 
 size_t editDistance(const std::string& a, const std::string& b) {

@@ -22,6 +22,10 @@ CLI::Option* addRepeated(CLI::App& app, const std::string& name, std::vector<std
 // --name, a switch.
 CLI::Option* addSwitch(CLI::App& app, const std::string& name, bool& target, const std::string& meaning);
 
+// --options-file FILE, for the help and the documentation check: the file's
+// options are put in its place before the command line is parsed.
+void addOptionsFileOption(CLI::App& app);
+
 // The option names that `app` knows closest to `unknown` (edit distance), for
 // "did you mean". Empty when nothing is close.
 std::string nearestOptionName(const CLI::App& app, const std::string& unknown);

@@ -1,26 +1,25 @@
 // `tarnlift netboot`: the network boot server alone, without a window and
 // without installing anything: BOOTP/PXE and TFTP on the interface that
 // reaches the client address, until interrupted.
-#include <csignal>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "app/log.h"
+#include "app/service_manager.h"
 #include "app/sync.h"
 #include "cli/cli_options.h"
 #include "cli/command.h"
 #include "cli/netboot_options.h"
 #include "cli/server_guard.h"
+#include "cli/stop_signals.h"
 #include "netboot/interfaces.h"
 #include "netboot/netboot_service.h"
 
 namespace tarnlift::cli {
 namespace {
 
-volatile std::sig_atomic_t gStopRequested = 0;
-void requestStop(int) { gStopRequested = 1; }
 
 struct NetbootArguments {
   netboot::NetbootServeOptions options;
@@ -32,6 +31,7 @@ int runNetboot(NetbootArguments& arguments) {
   options.netboot = true;
   const std::string& clientText = arguments.clientText;
   std::string error;
+  installStopSignals();
   uint32_t client = netboot::parseIpv4(clientText);
   if (clientText.empty() || client == 0xFFFFFFFFu || client == 0) {
     return usageError("netboot needs --client-address A.B.C.D");
@@ -42,9 +42,12 @@ int runNetboot(NetbootArguments& arguments) {
   if (!service.start(client, options, error)) {
     return failure(error);
   }
-  std::signal(SIGINT, requestStop);
-  std::signal(SIGTERM, requestStop);
-  while (gStopRequested == 0) sleepMilliseconds(100);
+  notifyServiceManager("READY=1");
+  while (!stopRequested()) {
+    if (takeReloadRequest()) logLine() << "netboot: hang-up: still serving";
+    sleepMilliseconds(100);
+  }
+  notifyServiceManager("STOPPING=1");
   service.stop();
   logLine() << "netboot: stopped";
   return kExitOk;
@@ -55,6 +58,7 @@ CommandRun defineNetboot(CLI::App& app) {
   addValue(app, "--client-address", arguments->clientText, "A.B.C.D",
            "The address handed to booting routers; the interface that reaches it is served (required).");
   addNetbootOptions(app, arguments->options, false);
+  addOptionsFileOption(app);
   return [arguments] { return runNetboot(*arguments); };
 }
 

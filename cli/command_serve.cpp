@@ -4,7 +4,6 @@
 // rules; prints one final line per finished router on standard output. With
 // --beacon it also asks the routers on the segment to boot over the network,
 // once a second, as the window does when "Force Inst" is on.
-#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -16,12 +15,14 @@
 #include "app/clock.h"
 #include "app/log.h"
 #include "app/registry.h"
+#include "app/service_manager.h"
 #include "app/sync.h"
 #include "cli/choice_options.h"
 #include "cli/cli_options.h"
 #include "cli/command.h"
 #include "cli/netboot_options.h"
 #include "cli/server_guard.h"
+#include "cli/stop_signals.h"
 #include "install/headless.h"
 #include "install/install_service.h"
 #include "install/session.h"
@@ -33,8 +34,6 @@
 namespace tarnlift::cli {
 namespace {
 
-volatile std::sig_atomic_t gStopRequested = 0;
-void requestStop(int) { gStopRequested = 1; }
 
 struct ServeArguments {
   HeadlessOptions options;
@@ -105,6 +104,7 @@ int runServe(ServeArguments& arguments) {
   std::string netbootError;
   uint32_t count = 0;
   if (int code = checkServeArguments(arguments, count); code != kExitOk) return code;
+  installStopSignals();
   uint32_t client = addressFromText(clientText);
   if (client == 0) return usageError("serve needs --client-address A.B.C.D");
   uint32_t webAddress = 0;
@@ -164,8 +164,6 @@ int runServe(ServeArguments& arguments) {
   logLine() << "serve: installing on " << netboot::formatIpv4(netboot::serverAddress()) << " port "
             << service.transport().port() << " as " << macText(service.transport().localMac());
 
-  std::signal(SIGINT, requestStop);
-  std::signal(SIGTERM, requestStop);
   std::unique_ptr<web::WebConsole> console;
   web::NetbootSnapshot netbootPanel;
   if (!webText.empty()) {
@@ -189,7 +187,23 @@ int runServe(ServeArguments& arguments) {
     }
     logLine() << "serve: web console on http://" << web::dottedHostOrder(webAddress) << ":" << console->port() << "/";
   }
-  while (gStopRequested == 0) {
+  // Everything listens: a service manager may now count the unit as started.
+  notifyServiceManager("READY=1");
+  bool stoppedBySignal = false;
+  while (true) {
+    if (stopRequested()) {
+      stoppedBySignal = true;
+      break;
+    }
+    if (takeReloadRequest()) {
+      logLine() << "serve: hang-up: re-reading the package folder " << options.packageDir;
+      if (console) {
+        std::lock_guard<std::mutex> lock(console->desk().lock());
+        installer.rereadPackages();
+      } else {
+        installer.rereadPackages();
+      }
+    }
     if (console) {
       std::lock_guard<std::mutex> lock(console->desk().lock());
       installer.tick();
@@ -202,7 +216,10 @@ int runServe(ServeArguments& arguments) {
     if (count != 0 && installer.finished() >= count) break;
     sleepMilliseconds(250);
   }
+  notifyServiceManager("STOPPING=1");
   if (console) console->stop();
+  // Sessions still running end with the process, as when the window closes;
+  // the routers time out and can be installed again.
   server.destroy();
   service.transport().close();
   if (beacon) setBeacon(false);
@@ -210,6 +227,9 @@ int runServe(ServeArguments& arguments) {
   remembered.save(settings);
   sets.saveSets(settings);
   logLine() << "serve: " << installer.succeeded() << " installed, " << installer.failed() << " failed";
+  // Told to stop, the server did what it was told: a clean end. A --count
+  // run reports whether its routers succeeded.
+  if (stoppedBySignal) return kExitOk;
   return installer.failed() == 0 ? kExitOk : kExitFailed;
 }
 
@@ -219,6 +239,7 @@ CommandRun defineServe(CLI::App& app) {
   addValue(app, "--client-address", arguments->clientText, "A.B.C.D",
            "The address handed to booting routers; the interface that reaches it is served (required).");
   arguments->given = addChoiceOptions(app, options);
+  addOptionsFileOption(app);
   const char* install = "Install options (every router of the run)";
   addSwitch(app, "--keep-config", options.install.keepConfig, "Keep the router's old configuration.")
       ->group(install);

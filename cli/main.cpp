@@ -1,6 +1,7 @@
 // tarnlift: the headless front end. Standard output carries only a
 // command's own results; log lines go to standard error.
 #include <algorithm>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -10,12 +11,19 @@
 
 #include "app/failure.h"
 #include "app/log.h"
+#include "app/service_manager.h"
 #include "app/version.h"
 #include "cli/cli_options.h"
 #include "cli/command.h"
 
 namespace tarnlift::cli {
 namespace {
+
+bool gJournal = false;
+
+// Failures written straight to standard error carry the error priority when
+// the journal reads it, like the log's own failure lines.
+const char* errorPrefix() { return gJournal ? "<3>" : ""; }
 
 std::vector<CliCommand>& commandTable() {
   static std::vector<CliCommand> commands;
@@ -40,7 +48,7 @@ void printHelp(std::ostream& out) {
 
 // A fatal failure has no window to show here: the message goes to
 // standard error after the log line.
-void presentFatal(const std::string& text) { std::cerr << "Error: " << text << std::endl; }
+void presentFatal(const std::string& text) { std::cerr << errorPrefix() << "Error: " << text << std::endl; }
 
 // The subcommand the words named (bootimage's actions), or the command.
 const CLI::App* deepestParsed(const CLI::App& app) {
@@ -92,6 +100,50 @@ std::string parseErrorText(const CLI::App& app, const CLI::ParseError& error) {
   return what;
 }
 
+// "--options-file FILE" stands for the options written in FILE, one long
+// option per line with its value after a space ("--client-address
+// 192.168.88.254"); empty lines and lines starting with "#" are skipped. A
+// service's options live in such a file, one per segment. False with a
+// message when the file cannot be read or holds something else.
+bool expandOptionsFiles(std::vector<std::string>& words, std::string& error) {
+  std::vector<std::string> expanded;
+  for (size_t i = 0; i < words.size(); ++i) {
+    std::string path;
+    if (words[i] == "--options-file" && i + 1 < words.size()) {
+      path = words[++i];
+    } else if (words[i].rfind("--options-file=", 0) == 0) {
+      path = words[i].substr(15);
+    } else {
+      expanded.push_back(words[i]);
+      continue;
+    }
+    std::ifstream file(path);
+    if (!file) {
+      error = "cannot read the options file " + path;
+      return false;
+    }
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+      while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == '\t')) line.pop_back();
+      const size_t start = line.find_first_not_of(" \t");
+      if (start == std::string::npos || line[start] == '#') continue;
+      line = line.substr(start);
+      if (line.rfind("--", 0) != 0 || line == "--") {
+        error = path + ":" + std::to_string(number) + ": not a long option: " + line;
+        return false;
+      }
+      const size_t space = line.find_first_of(" \t");
+      expanded.push_back(line.substr(0, space));
+      if (space != std::string::npos) {
+        const size_t value = line.find_first_not_of(" \t", space);
+        expanded.push_back(line.substr(value));
+      }
+    }
+  }
+  words = std::move(expanded);
+  return true;
+}
+
 int runCommand(const CliCommand& command, int argc, char** argv) {
   CLI::App app{command.summary, std::string("tarnlift ") + command.name};
   app.set_help_flag("-h,--help", "Print this help and exit.");
@@ -107,9 +159,13 @@ int runCommand(const CliCommand& command, int argc, char** argv) {
   app.add_flag("--quiet,-q", quiet, "No log lines on standard error; results and failures still show.")
       ->group("Log lines");
   app.add_flag("--verbose,-v", verbose, "Log lines with the seconds since start in front.")->group("Log lines");
+  std::vector<std::string> words(argv + 2, argv + argc);
+  std::string fileError;
+  if (!expandOptionsFiles(words, fileError)) return wrongCommandLine(app, fileError);
   try {
-    // argv[1], the command's name, stands where CLI11 expects the program.
-    app.parse(argc - 1, argv + 1);
+    // CLI11 takes the words last first.
+    std::reverse(words.begin(), words.end());
+    app.parse(words);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return kExitOk;
@@ -154,12 +210,12 @@ CliCommandRegistrar::CliCommandRegistrar(const CliCommand& command) { commandTab
 const std::vector<CliCommand>& cliCommands() { return commandTable(); }
 
 int usageError(const std::string& message) {
-  std::cerr << "tarnlift: " << message << "\n";
+  std::cerr << errorPrefix() << "tarnlift: " << message << "\n";
   return kExitUsage;
 }
 
 int failure(const std::string& message) {
-  std::cerr << "tarnlift: " << message << std::endl;
+  std::cerr << errorPrefix() << "tarnlift: " << message << std::endl;
   return kExitFailed;
 }
 
@@ -170,6 +226,8 @@ int main(int argc, char** argv) {
   using namespace tarnlift::cli;
   setLogStream(std::cerr);
   setFatalPresenter(&presentFatal);
+  gJournal = standardErrorIsJournal();
+  setLogPriorityPrefixes(gJournal);
   if (argc < 2) {
     printHelp(std::cerr);
     return kExitUsage;

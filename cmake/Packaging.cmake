@@ -85,8 +85,10 @@ else()
   install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${doc})
   file(GLOB doc_pages ${PROJECT_SOURCE_DIR}/docs/*.md)
   install(FILES ${doc_pages} DESTINATION ${doc})
-  install(FILES ${TARNLIFT_PACKAGING_DIR}/tarnlift.service ${TARNLIFT_PACKAGING_DIR}/tarnlift.default
-          DESTINATION ${doc}/examples)
+  install(FILES ${TARNLIFT_PACKAGING_DIR}/tarnlift.conf DESTINATION ${doc}/examples)
+  # The units are shipped, not enabled: a server on a segment is a decision.
+  install(FILES ${TARNLIFT_PACKAGING_DIR}/tarnlift.service ${TARNLIFT_PACKAGING_DIR}/tarnlift@.service
+          DESTINATION lib/systemd/system)
 endif()
 
 include(CPack)

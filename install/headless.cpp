@@ -152,4 +152,6 @@ void HeadlessInstaller::redraw() {
   out_.flush();
 }
 
+void HeadlessInstaller::rereadPackages() { catalogue_.setFolder(options_.packageDir, 0); }
+
 }  // namespace tarnlift

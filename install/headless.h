@@ -48,6 +48,10 @@ class HeadlessInstaller : public InstallPrompter {
   // them, expire silent ones, poll the sessions and act on their news.
   void tick();
 
+  // Reads the package folder again (files added or replaced since start),
+  // logging what it found; later installs choose from what is there now.
+  void rereadPackages();
+
   size_t finished() const { return succeeded_ + failed_; }
   size_t succeeded() const { return succeeded_; }
   size_t failed() const { return failed_; }

@@ -261,7 +261,7 @@ void Installator::onTimeout() {
 }
 
 void Installator::fail(const std::string& reason) {
-  logLine() << "fail: " << reason;
+  logLine(LogPriority::Warning) << "fail: " << reason;
   request_.status = kStatusFailed;
   request_.progress = 0;
   request_.statusText = "Installation failed: " + reason;

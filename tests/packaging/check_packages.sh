@@ -41,13 +41,13 @@ dpkg-deb -c "$deb" | awk '{print $3, $6}' | sed 's| \./| /|' > "$work/deb.list"
 cat "$work/deb.list"
 for path in /usr/bin/tarnlift /usr/share/man/man1/tarnlift.1.gz /usr/share/bash-completion/completions/tarnlift \
   /usr/share/doc/tarnlift/copyright /usr/share/doc/tarnlift/changelog.Debian.gz /usr/share/doc/tarnlift/README.md \
-  /usr/share/doc/tarnlift/netboot.md /usr/share/doc/tarnlift/examples/tarnlift.service \
-  /usr/share/doc/tarnlift/examples/tarnlift.default /usr/share/tarnlift/bootimages/129.bin \
+  /usr/share/doc/tarnlift/netboot.md /usr/lib/systemd/system/tarnlift.service \
+  /usr/lib/systemd/system/tarnlift@.service /usr/share/doc/tarnlift/examples/tarnlift.conf /usr/share/tarnlift/bootimages/129.bin \
   /usr/share/tarnlift/bootimages/143.bin; do
   grep -q " $path\$" "$work/deb.list" && ok "deb has $path" || fail "deb lacks $path"
 done
 # Nothing of the test tools: only the one program is in bin.
-extra=$(grep -E ' /usr/(s?bin|lib|libexec)/.' "$work/deb.list" | grep -v ' /usr/bin/tarnlift$')
+extra=$(grep -E ' /usr/(s?bin|lib|libexec)/.' "$work/deb.list" | grep -v ' /usr/bin/tarnlift$' | grep -Ev ' /usr/lib/systemd(/system)?/?(tarnlift@?.service)?$')
 [ -z "$extra" ] && ok "no other programs" || fail "unexpected programs: $extra"
 depends=$(dpkg-deb -f "$deb" Depends)
 [[ $depends == *libc6* && $depends == *libstdc++6* && $depends == *dosfstools* && $depends == *mtools* ]] && ok "Depends: $depends" || fail "Depends: '$depends'"
