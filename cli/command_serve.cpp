@@ -200,6 +200,7 @@ int runServe(ServeArguments& arguments) {
       if (console) {
         std::lock_guard<std::mutex> lock(console->desk().lock());
         installer.rereadPackages();
+        console->desk().rereadPackages();
       } else {
         installer.rereadPackages();
       }

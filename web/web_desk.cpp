@@ -183,6 +183,10 @@ WebResult WebDesk::router(const std::string& text) {
   return {200, routerJson(row->record)};
 }
 
+void WebDesk::rereadPackages() {
+  if (!catalogue_.folder().empty()) catalogue_.reload();
+}
+
 void WebDesk::showPackagesOf(RouterRecord& r) {
   ui::showRouterPackages(catalogue_, r);
   if (r.status == kStatusReady) {

@@ -88,6 +88,10 @@ class WebDesk : private InstallPrompter {
   // The network boot panel's values (filled by the owner before a read).
   void setNetboot(const NetbootSnapshot& snapshot) { netboot_ = snapshot; }
 
+  // Reads the package folder shown last again (the owner was told the
+  // files changed, e.g. by SIGHUP).
+  void rereadPackages();
+
   // After the owner's tick (and after every change the API makes): sends a
   // "router" event for every row that changed ("removed" for rows that
   // went), and counts finished installations. A row's progress and texts go

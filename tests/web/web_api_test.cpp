@@ -403,3 +403,21 @@ TEST_F(WebApiTest, SelectAllAndSelectNoneAsTheWindowsButtons) {
 
 }  // namespace
 }  // namespace tarnlift::web
+
+namespace tarnlift::web {
+namespace {
+
+TEST_F(WebApiTest, PackagesAreReadAgainWhenTheOwnerSaysTheFolderChanged) {
+  announce(1);
+  ASSERT_EQ(parse(call("GET", path(1, "/packages")))["packages"].size(), 2u);
+  mkpkg::PackageWriter()
+      .package("more", packages::parseVersion("6.41"))
+      .architecture("arm")
+      .writeFile(packageDir.file("more-6.41.npk"));
+  EXPECT_EQ(parse(call("GET", path(1, "/packages")))["packages"].size(), 2u) << "the list is kept until told";
+  webDesk.rereadPackages();
+  EXPECT_EQ(parse(call("GET", path(1, "/packages")))["packages"].size(), 3u);
+}
+
+}  // namespace
+}  // namespace tarnlift::web
