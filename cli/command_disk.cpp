@@ -15,6 +15,7 @@
 #include "cli/choice_options.h"
 #include "cli/cli_options.h"
 #include "cli/command.h"
+#include "cli/stop_signals.h"
 #include "install/headless.h"
 #include "install/install_command.h"
 #include "localdisk/disk_installation.h"
@@ -110,6 +111,16 @@ int runInstallation(const RouterRecord& request) {
       lastState = status.state;
     }
     status = installation.status();
+    if (stopRequested() && status.state == kStatusInstalling) {
+      // The writes so far stay; the volume's files or its boot sector may
+      // be half-made, so the disk is said to be unusable, not left to be
+      // discovered so in a router.
+      if (live) std::cout << "\r\x1b[K";
+      std::cout << request.label << "\tStopped: " << status.statusText << std::endl;
+      std::cerr << "tarnlift: stopped by a signal while \"" << status.statusText << "\": " << request.label
+                << " is not a bootable disk now; run the same command again to make it one" << std::endl;
+      return kExitFailed;
+    }
     if (live && any && status.state == kStatusInstalling) {
       std::cout << "\r\x1b[K" << status.statusText << "  " << percentOf(status) << "%" << std::flush;
     }
@@ -129,6 +140,7 @@ int runInstallation(const RouterRecord& request) {
 
 int runDisk(DiskOptions& options) {
   if (int code = check(options); code != kExitOk) return code;
+  installStopSignals();
   std::string error;
   if (!localdisk::diskTargetNameValid(options.target, error)) return usageError(error);
 

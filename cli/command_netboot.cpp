@@ -12,6 +12,7 @@
 #include "cli/cli_options.h"
 #include "cli/command.h"
 #include "cli/netboot_options.h"
+#include "cli/privileges.h"
 #include "cli/server_guard.h"
 #include "cli/stop_signals.h"
 #include "netboot/interfaces.h"
@@ -24,6 +25,7 @@ namespace {
 struct NetbootArguments {
   netboot::NetbootServeOptions options;
   std::string clientText;
+  std::string interfaceName;
 };
 
 int runNetboot(NetbootArguments& arguments) {
@@ -36,7 +38,9 @@ int runNetboot(NetbootArguments& arguments) {
   if (clientText.empty() || client == 0xFFFFFFFFu || client == 0) {
     return usageError("netboot needs --client-address A.B.C.D");
   }
-  if (!acquireServerGuard()) return kExitFailed;
+  if (std::string missing = missingServerPrivileges(true); !missing.empty()) return failure(missing);
+  if (!arguments.interfaceName.empty()) netboot::setOnlyInterface(arguments.interfaceName);
+  if (!acquireServerGuard(arguments.interfaceName)) return kExitFailed;
 
   netboot::NetbootService service;
   if (!service.start(client, options, error)) {
@@ -59,6 +63,9 @@ CommandRun defineNetboot(CLI::App& app) {
            "The address handed to booting routers; the interface that reaches it is served (required).");
   addNetbootOptions(app, arguments->options, false);
   addOptionsFileOption(app);
+  addValue(app, "--interface", arguments->interfaceName, "NAME",
+           "Serve only this network interface (such as eth1), and let one server run on each interface "
+           "(default: the first interface that reaches the client address; one server per network).");
   return [arguments] { return runNetboot(*arguments); };
 }
 

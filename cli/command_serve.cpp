@@ -21,6 +21,7 @@
 #include "cli/cli_options.h"
 #include "cli/command.h"
 #include "cli/netboot_options.h"
+#include "cli/privileges.h"
 #include "cli/server_guard.h"
 #include "cli/stop_signals.h"
 #include "install/headless.h"
@@ -47,6 +48,7 @@ struct ServeArguments {
   bool beacon = false;
   std::string webText;
   std::string webTokenFile;
+  std::string interfaceName;
 };
 
 bool parseCount(const std::string& text, uint32_t& value) {
@@ -122,7 +124,9 @@ int runServe(ServeArguments& arguments) {
   } else if (options.hold || !webTokenFile.empty()) {
     return usageError(std::string(options.hold ? "--hold" : "--web-token") + " needs --web [ADDRESS:]PORT");
   }
-  if (!acquireServerGuard()) return kExitFailed;
+  if (std::string missing = missingServerPrivileges(netbootOptions.netboot); !missing.empty()) return failure(missing);
+  if (!arguments.interfaceName.empty()) netboot::setOnlyInterface(arguments.interfaceName);
+  if (!acquireServerGuard(arguments.interfaceName)) return kExitFailed;
 
   Registry settings;
   settings.openRoot(kSettingsKeyPath);
@@ -136,6 +140,10 @@ int runServe(ServeArguments& arguments) {
   netboot::findInterface(client);
   if (netboot::serverAddress() == 0) {
     // The command line is right; the machine is not set up for it.
+    if (!arguments.interfaceName.empty()) {
+      return failure("the interface " + arguments.interfaceName + " does not reach " + clientText +
+                     " (no address of it holds that subnet, or there is no such interface)");
+    }
     return failure("no network interface reaches " + clientText);
   }
 
@@ -241,6 +249,9 @@ CommandRun defineServe(CLI::App& app) {
            "The address handed to booting routers; the interface that reaches it is served (required).");
   arguments->given = addChoiceOptions(app, options);
   addOptionsFileOption(app);
+  addValue(app, "--interface", arguments->interfaceName, "NAME",
+           "Serve only this network interface (such as eth1), and let one server run on each interface "
+           "(default: the first interface that reaches the client address; one server per network).");
   const char* install = "Install options (every router of the run)";
   addSwitch(app, "--keep-config", options.install.keepConfig, "Keep the router's old configuration.")
       ->group(install);

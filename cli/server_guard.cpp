@@ -6,8 +6,10 @@
 
 namespace tarnlift::cli {
 
-bool acquireServerGuard() {
-  if (acquireSingleInstance() == InstanceGuard::Acquired) return true;
+bool acquireServerGuard(const std::string& interfaceName) {
+  const std::string name =
+      interfaceName.empty() ? std::string(kSingleInstanceName) : std::string(kSingleInstanceName) + "@" + interfaceName;
+  if (acquireSingleInstance(name) == InstanceGuard::Acquired) return true;
   std::cerr << kAlreadyRunningText << std::endl;
   return false;
 }

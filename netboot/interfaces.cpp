@@ -23,6 +23,7 @@ std::mutex& detailMutex() {
 }
 MacAddress gServerMac{};
 std::string gServerName;
+std::string gOnlyInterface;  // empty: any; under detailMutex
 
 void publishDetails(const MacAddress& mac, const std::string& name) {
   std::lock_guard<std::mutex> lock(detailMutex());
@@ -30,7 +31,17 @@ void publishDetails(const MacAddress& mac, const std::string& name) {
   gServerName = name;
 }
 
+std::string onlyInterface() {
+  std::lock_guard<std::mutex> lock(detailMutex());
+  return gOnlyInterface;
+}
+
 }  // namespace
+
+void setOnlyInterface(const std::string& name) {
+  std::lock_guard<std::mutex> lock(detailMutex());
+  gOnlyInterface = name;
+}
 
 uint32_t serverAddress() { return gServerAddress.load(); }
 uint32_t serverNetmask() { return gServerNetmask.load(); }
@@ -70,7 +81,9 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
   std::vector<AdapterInfo> adapters;
   if (!source.listAdapters(adapters)) return;
   const AdapterInfo* chosen = nullptr;
+  const std::string only = onlyInterface();
   for (const AdapterInfo& adapter : adapters) {
+    if (!only.empty() && adapter.name != only) continue;
     for (const AdapterAddressText& entry : adapter.addresses) {
       uint32_t address = parseIpv4(entry.address);
       uint32_t mask = parseIpv4(entry.mask);

@@ -70,6 +70,10 @@ bool detectRunningUnderWine();
 // threads that must not settle on another interface.
 void findInterface(uint32_t clientAddress);
 
+// Limits findInterface to the interface of this system name (a host with one
+// interface per segment runs one server per interface); empty: any.
+void setOnlyInterface(const std::string& name);
+
 // True when some non-loopback interface has an IPv4 address in the client's
 // subnet (by its on-link prefix). Publishes nothing.
 bool hasInterfaceFor(uint32_t clientAddress);

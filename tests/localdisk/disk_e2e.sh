@@ -176,6 +176,24 @@ else
   echo "note: mounted and system disk refusals need root; skipped"
 fi
 
+# 6. Stopped by a signal half-way: the target is said to be unusable, exit 1.
+mkdir bigpk
+"$mkpkg" bigpk/big-7.15.npk --package big 7.15 --arch i386 --data 400000000 > /dev/null || fail "mkpkg big"
+"$tarnlift" disk stopped.img --image-size 600 --boot-images bi --packages bigpk --select big-7.15.npk \
+  > stop-out.txt 2> stop-err.txt &
+disk_pid=$!
+for _ in $(seq 1 200); do grep -q "Copying file: big-7.15.npk" stop-out.txt 2>/dev/null && break; sleep 0.05; done
+kill -TERM $disk_pid 2>/dev/null
+wait $disk_pid
+rc=$?
+if [ $rc -eq 1 ] && grep -q "stopped by a signal while .*: stopped.img is not a bootable disk now" stop-err.txt &&
+   grep -q $'^stopped.img\tStopped: ' stop-out.txt; then
+  pass "stopped by a signal, the target's state said"
+else
+  fail "stopped by a signal: exit $rc"; tail -3 stop-out.txt stop-err.txt
+fi
+rm -rf bigpk stopped.img
+
 if [ $failures -ne 0 ]; then
   echo "$failures check(s) failed"
   exit 1

@@ -1,0 +1,9 @@
+#include "cli/privileges.h"
+
+namespace tarnlift::cli {
+
+// Windows lets any user bind ports below 1024; the firewall, not a
+// privilege, decides what arrives.
+std::string missingServerPrivileges(bool) { return {}; }
+
+}  // namespace tarnlift::cli
