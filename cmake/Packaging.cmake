@@ -45,6 +45,18 @@ if(WIN32)
   install(TARGETS tarnlift_gui tarnlift_cli RUNTIME DESTINATION .)
   install(FILES ${crlf_dir}/README.txt ${crlf_dir}/LICENSE.txt DESTINATION .)
   install(FILES ${crlf_dir}/bootimages/README.txt DESTINATION bootimages)
+  # The installer's source, for wixl (scripts/package.sh): the same files as
+  # the zip, from the build tree.
+  # wixl takes paths relative to the source file's folder.
+  file(RELATIVE_PATH TARNLIFT_MSI_BIN ${CMAKE_BINARY_DIR}/packaging ${CMAKE_BINARY_DIR}/bin)
+  file(RELATIVE_PATH TARNLIFT_MSI_TEXTS ${CMAKE_BINARY_DIR}/packaging ${crlf_dir})
+  if(TARNLIFT_MSI_TEXTS STREQUAL "")
+    set(TARNLIFT_MSI_TEXTS .)
+  endif()
+  configure_file(${PROJECT_SOURCE_DIR}/resources/tarnlift.ico ${CMAKE_BINARY_DIR}/packaging/tarnlift.ico COPYONLY)
+  set(TARNLIFT_MSI_ICON tarnlift.ico)
+  configure_file(${TARNLIFT_PACKAGING_DIR}/windows/tarnlift.wxs.in ${CMAKE_BINARY_DIR}/packaging/tarnlift.wxs @ONLY)
+  file(WRITE ${CMAKE_BINARY_DIR}/packaging/msi-name.txt "tarnlift-${TARNLIFT_VERSION_WORDS}-win64.msi")
 else()
   # The Debian package. The program and the boot image records install
   # themselves (cli/, netboot/); here come the manual page, the completion,

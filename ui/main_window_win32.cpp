@@ -334,11 +334,49 @@ class Win32MainView : public MainView {
     SendMessageA(packageList_, LVM_SETIMAGELIST, LVSIL_STATE, reinterpret_cast<LPARAM>(states));
     RECT client{};
     GetClientRect(packageList_, &client);
-    int rest = client.right - 140 - 90 - 90 - GetSystemMetrics(SM_CXVSCROLL) - 4;
-    const int packageWidths[] = {140, 90, 90, rest > 120 ? rest : 120};
+    // The fixed columns are laid out for 96 dots per inch and grow with the
+    // screen's: at 200 % a version still fits its column.
+    const int dpi = dotsPerInch(window_);
+    auto scaled = [dpi](int pixels) { return MulDiv(pixels, dpi, 96); };
+    int rest = client.right - scaled(140) - scaled(90) - scaled(90) - GetSystemMetrics(SM_CXVSCROLL) - scaled(4);
+    const int packageWidths[] = {scaled(140), scaled(90), scaled(90), rest > scaled(120) ? rest : scaled(120)};
     addColumns(packageList_, packages::kPackageColumns, packageWidths, 4);
   }
 
+  // The dots per inch of the screen the window is on: the window's own where
+  // the system tells it (Windows 10 1607 and later, per monitor), else the
+  // system's.
+  static int dotsPerInch(HWND window) {
+    using GetDpiForWindowFunction = UINT(WINAPI*)(HWND);
+    static const auto getDpiForWindow = reinterpret_cast<GetDpiForWindowFunction>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("user32.dll"), "GetDpiForWindow")));
+    if (getDpiForWindow != nullptr) {
+      const UINT dpi = getDpiForWindow(window);
+      if (dpi != 0) return static_cast<int>(dpi);
+    }
+    HDC screen = GetDC(nullptr);
+    const int dpi = GetDeviceCaps(screen, LOGPIXELSX);
+    ReleaseDC(nullptr, screen);
+    return dpi > 0 ? dpi : 96;
+  }
+
+ public:
+  // Moved to a screen of another density: the dialog manager rescales the
+  // controls and fonts of a per-monitor aware dialog itself, so the places
+  // remembered for stretching are forgotten until it is done, then taken
+  // again from the rescaled controls.
+  void forgetLayout() {
+    anchored_.clear();
+    baseClientHeight_ = 0;
+  }
+  void relearnLayout() {
+    if (baseClientHeight_ == 0 && statusBar_ != nullptr) {
+      rememberLayout();
+      layOut();
+    }
+  }
+
+ private:
   // A header or cell text's width in the list's font, with the padding a
   // column needs around it.
   static int textWidth(HWND list, const char* text) {
@@ -440,6 +478,9 @@ INT_PTR onNotify(MainWindow& w, const NMHDR& header) {
   return FALSE;
 }
 
+// Posted after a change of screen density, once the dialog is rescaled.
+constexpr UINT kRelearnLayoutMessage = WM_APP + 17;
+
 INT_PTR CALLBACK mainProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
   MainWindow* w = gWindow;
   switch (message) {
@@ -466,6 +507,19 @@ INT_PTR CALLBACK mainProc(HWND window, UINT message, WPARAM wParam, LPARAM lPara
       return TRUE;
     case WM_SIZE:
       if (w->view->window() != nullptr) w->view->layOut();
+      return TRUE;
+    case WM_DPICHANGED: {
+      // The default handling moves the window to the suggested rectangle
+      // and rescales the dialog; the stretch anchors are taken again after.
+      w->view->forgetLayout();
+      const RECT* suggested = reinterpret_cast<const RECT*>(lParam);
+      SetWindowPos(window, nullptr, suggested->left, suggested->top, suggested->right - suggested->left,
+                   suggested->bottom - suggested->top, SWP_NOZORDER | SWP_NOACTIVATE);
+      PostMessageA(window, kRelearnLayoutMessage, 0, 0);
+      return FALSE;
+    }
+    case kRelearnLayoutMessage:
+      w->view->relearnLayout();
       return TRUE;
     case WM_GETMINMAXINFO: {
       if (w == nullptr || w->presenter == nullptr) return FALSE;

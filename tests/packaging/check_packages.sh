@@ -7,7 +7,9 @@
 #    placeholder's message on its console), and removed again;
 #  - the Windows zip: its exact file list, Windows line endings of its texts,
 #    and `tarnlift-cli.exe version` and `bootimage list` from the unpacked zip
-#    under Wine.
+#    under Wine;
+#  - the Windows installer: installed, upgraded and removed under Wine
+#    (msi_test.sh).
 # usage: check_packages.sh DIST_DIR     (exit 0 pass, 1 fail)
 set -uo pipefail
 dist=${1:?usage: check_packages.sh DIST_DIR}
@@ -151,6 +153,16 @@ if command -v wine > /dev/null; then
     fail "no built-in placeholder in the list"
 else
   echo "skip: no wine"
+fi
+
+# ---- Windows installer ---------------------------------------------------------
+msis=("$dist"/tarnlift-*-win64.msi)
+if [ ${#msis[@]} != 1 ]; then
+  fail "want one .msi in $dist, found ${#msis[@]}"
+elif command -v wine > /dev/null; then
+  # Its own Wine prefix: installing touches the prefix's registry and folders.
+  (unset WINEPREFIX; bash "$here/msi_test.sh" "${msis[0]}" "$here/../../build/windows/packaging/tarnlift.wxs") ||
+    fail "the Windows installer"
 fi
 
 [ $status = 0 ] && echo "PASS" || echo "FAILED"
