@@ -22,7 +22,7 @@ struct WebEvent {
 
 class EventHub {
  public:
-  explicit EventHub(size_t capacity = 4096) : capacity_(capacity) {}
+  explicit EventHub(size_t capacity = 2048) : capacity_(capacity) {}
 
   void publish(const std::string& type, const std::string& data);
   // The id the next event will have (a new client starts here).
