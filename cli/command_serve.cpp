@@ -49,6 +49,7 @@ struct ServeArguments {
   std::string webText;
   std::string webTokenFile;
   std::string interfaceName;
+  std::string inventoryFile;
 };
 
 bool parseCount(const std::string& text, uint32_t& value) {
@@ -130,6 +131,20 @@ int runServe(ServeArguments& arguments) {
 
   Registry settings;
   settings.openRoot(kSettingsKeyPath);
+  packages::PackageSets sets;
+  sets.loadSets(settings);
+  if (!arguments.inventoryFile.empty()) {
+    // Checked whole before anything is sent: a bad line refuses the run.
+    std::string error;
+    if (!options.inventory.load(
+            arguments.inventoryFile, [&sets](const std::string& name) { return sets.contains(name); }, error)) {
+      return usageError(error);
+    }
+    logLine() << "serve: inventory " << arguments.inventoryFile << " lists " << options.inventory.size() << " routers";
+  }
+  if (options.onlyKnown && options.inventory.size() == 0 && options.macs.empty()) {
+    return usageError("--only-known needs --inventory FILE or --mac MAC");
+  }
   settings.writeInt("PXE Client Address", client);
   if (havePackages) {
     settings.writeString("Package Path", options.packageDir);
@@ -154,8 +169,6 @@ int runServe(ServeArguments& arguments) {
     return kExitFailed;
   }
 
-  packages::PackageSets sets;
-  sets.loadSets(settings);
   RememberedChoices remembered;
   remembered.load(settings);
   options.liveProgress = terminalShowsLiveProgress();
@@ -278,6 +291,13 @@ CommandRun defineServe(CLI::App& app) {
       ->group(which);
   addSwitch(app, "--beacon", arguments->beacon,
             "Ask the routers on the segment to boot over the network, once a second.")
+      ->group(which);
+  addValue(app, "--inventory", arguments->inventoryFile, "FILE",
+           "Per-router values by MAC (address, scripts, packages, ...), winning over the command line's; "
+           "see docs/fleet.md.")
+      ->group(which);
+  addSwitch(app, "--only-known", options.onlyKnown,
+            "Install and network-boot only the routers of --inventory and --mac; others are left alone.")
       ->group(which);
   addNetbootOptions(app, arguments->netbootOptions, true);
   const char* web = "Web console and API";

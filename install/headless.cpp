@@ -52,7 +52,7 @@ void HeadlessInstaller::tick() {
     RouterRow* row = desk_.table().find(mac);
     logLine() << "router found: " << row->labelCell << " " << row->macCell << " " << row->architectureCell;
     if (options_.hold) continue;
-    if (options_.macs.empty() || options_.macs.count(mac) != 0) install(*row);
+    if (mayInstall(mac)) install(*row);
   }
   bool changed = result.tableChanged;
   for (const DeskNews& news : result.news) {
@@ -68,25 +68,68 @@ void HeadlessInstaller::tick() {
     // announces itself again; there is nothing to print for it.
     if (textChanged && !final && s.status != kStatusNone && !options_.liveProgress) progress(*row);
     if (s.status == kStatusWaitingReboot && statusChanged) {
-      desk_.actAfterInstall(news.mac, options_.afterFor ? options_.afterFor(news.mac) : options_.after);
+      AfterInstall after = options_.afterFor ? options_.afterFor(news.mac) : options_.after;
+      if (const InventoryEntry* entry = options_.inventory.find(news.mac); entry && entry->after) after = *entry->after;
+      desk_.actAfterInstall(news.mac, after);
     }
     if (final && statusChanged) finish(row->record, s.status == kStatusDone, s.statusText);
   }
   if (changed) redraw();
 }
 
+bool HeadlessInstaller::mayInstall(const MacAddress& mac) {
+  bool named = options_.macs.count(mac) != 0;
+  if (options_.onlyKnown) {
+    if (named || options_.inventory.contains(mac)) return true;
+    if (ignored_.insert(mac).second) logLine() << "unknown router " << macText(mac) << " left alone (--only-known)";
+    return false;
+  }
+  return options_.macs.empty() || named;
+}
+
 void HeadlessInstaller::install(RouterRow& row) {
   RouterRecord& record = row.record;
   packages::PackageChoice choice;
   refusal_.clear();
-  if (options_.setName.empty() && options_.select.empty()) {
+  // The inventory's values for this router win over the command line's.
+  InstallOptions installOptions = options_.install;
+  std::string setName = options_.setName;
+  std::vector<std::string> select = options_.select;
+  if (const InventoryEntry* e = options_.inventory.find(record.mac)) {
+    if (e->label) logLine() << "router " << macText(record.mac) << " is \"" << *e->label << "\" in the inventory";
+    if (e->addressText) {
+      installOptions.addressText = *e->addressText;
+      installOptions.netmaskBitsText = e->netmaskBitsText.value_or("");
+    }
+    if (e->gatewayText) installOptions.gatewayText = *e->gatewayText;
+    if (e->scriptPath) {
+      installOptions.scriptEnabled = true;
+      installOptions.scriptPath = *e->scriptPath;
+    }
+    if (e->modeScriptPath) {
+      installOptions.modeScriptEnabled = true;
+      installOptions.modeScriptPath = *e->modeScriptPath;
+    }
+    if (e->keepConfig) installOptions.keepConfig = *e->keepConfig;
+    if (e->defaultConfig) installOptions.defaultConfig = *e->defaultConfig;
+    if (e->keepBranding) installOptions.keepBranding = *e->keepBranding;
+    if (e->setName) {
+      setName = *e->setName;
+      select.clear();
+    }
+    if (e->select) {
+      select = *e->select;
+      setName.clear();
+    }
+  }
+  if (setName.empty() && select.empty()) {
     // The choice the router was given: the last installed one.
     choice = {record.setName, record.packageDir, record.files};
     catalogue_.setFolder(choice.folder, record.architecture);
     catalogue_.applySelection(choice.files);
-  } else if (!options_.setName.empty()) {
-    if (!sets_.chooseSet(choice, options_.setName)) {
-      showMessage("no package set named " + options_.setName, "Error", true);
+  } else if (!setName.empty()) {
+    if (!sets_.chooseSet(choice, setName)) {
+      showMessage("no package set named " + setName, "Error", true);
       finish(record, false, refusal_);
       return;
     }
@@ -96,7 +139,7 @@ void HeadlessInstaller::install(RouterRow& row) {
     choice.folder = options_.packageDir;
     catalogue_.setFolder(choice.folder, record.architecture);
     catalogue_.applySelection(choice.files);
-    for (const std::string& name : options_.select) {
+    for (const std::string& name : select) {
       int index = catalogue_.findByFileName(name);
       if (index < 0) {
         err_ << "tarnlift: " << name << " is not listed for " << architectureText(record.architecture) << std::endl;
@@ -108,7 +151,7 @@ void HeadlessInstaller::install(RouterRow& row) {
   }
   InstallContext context{catalogue_,  choice, sets_,
                          remembered_, *this,  [this](const RouterRecord& request) { server_.start(request, true); }};
-  InstallOutcome outcome = runInstallCommand(&record, options_.install, context);
+  InstallOutcome outcome = runInstallCommand(&record, installOptions, context);
   if (outcome != InstallOutcome::Started) {
     finish(record, false, refusal_);
     return;

@@ -16,6 +16,7 @@
 
 #include "install/desk.h"
 #include "install/install_command.h"
+#include "install/inventory.h"
 #include "install/session.h"
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
@@ -29,6 +30,11 @@ struct HeadlessOptions {
   InstallOptions install;
   AfterInstall after = AfterInstall::Reboot;
   std::set<MacAddress> macs;  // empty: every router
+  // Per-router values that win over the ones above.
+  Inventory inventory;
+  // Only routers of `macs` or of the inventory are installed; any other is
+  // logged once and left alone.
+  bool onlyKnown = false;
   bool liveProgress = false;  // a terminal: redraw one line per router
   // Routers are listed and stay "Ready" until another front end (the web
   // console) installs them.
@@ -66,6 +72,7 @@ class HeadlessInstaller : public InstallPrompter {
   void finish(const RouterRecord& record, bool success, const std::string& text);
   void progress(const RouterRow& row);
   void redraw();
+  bool mayInstall(const MacAddress& mac);
 
   InstallServer& server_;
   ServerRouterInstaller routers_;
@@ -83,6 +90,7 @@ class HeadlessInstaller : public InstallPrompter {
   size_t succeeded_ = 0;
   size_t failed_ = 0;
   std::string refusal_;
+  std::set<MacAddress> ignored_;  // unknown routers already logged
 };
 
 // Whether progress may be drawn live: standard output is a terminal that

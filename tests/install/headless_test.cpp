@@ -317,5 +317,55 @@ TEST_F(HeadlessTest, HeldRoutersStayReadyUntilAnotherFrontEndInstallsThem) {
   EXPECT_EQ(installer->table().find(router(2).mac)->statusCell, "Ready");
 }
 
+TEST_F(HeadlessTest, InventoryValuesWinOverTheCommandLinesPerRouter) {
+  std::string out1 = dir.file("out");
+  for (uint8_t last : {1, 2}) {
+    SimRouterConfig c = router(last);
+    c.outputDir = out1;
+    addRouter(c);
+  }
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.install.addressText = "10.0.0.9";
+  options.install.netmaskBitsText = "24";
+  std::string error;
+  ASSERT_TRUE(options.inventory.parse("[02:00:00:00:00:01]\naddress = 10.0.0.5/16\nselect = extra-6.41.npk\n", "f", "",
+                                      nullptr, error))
+      << error;
+  make(options);
+  run(60'000, 2);
+  ASSERT_EQ(installer->succeeded(), 2u) << out.str();
+  std::string first = testing::readFile(out1 + "/02-00-00-00-00-01/autorun.scr");
+  std::string second = testing::readFile(out1 + "/02-00-00-00-00-02/autorun.scr");
+  EXPECT_NE(first.find("address=10.0.0.5/16 "), std::string::npos) << first;
+  EXPECT_NE(second.find("address=10.0.0.9/24 "), std::string::npos) << second;
+  // The row's selection (extra pulls in system) against the command line's.
+  EXPECT_EQ(sims[0]->files().size(), 3u);
+  EXPECT_EQ(sims[1]->files().size(), 2u);
+}
+
+TEST_F(HeadlessTest, OnlyKnownRoutersAreInstalledAndAnUnknownOneIsLoggedOnce) {
+  addRouter(router(1));
+  addRouter(router(2));
+  addRouter(router(3));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.onlyKnown = true;
+  options.macs = {router(3).mac};
+  std::string error;
+  ASSERT_TRUE(options.inventory.parse("[02:00:00:00:00:01]\nlabel = a\n", "f", "", nullptr, error)) << error;
+  make(options);
+  run(30'000, 2);
+  run(5'000);
+  EXPECT_EQ(installer->succeeded(), 2u);
+  EXPECT_EQ(sims[0]->outcome(), "installed");
+  EXPECT_EQ(sims[1]->offers(), 0);
+  EXPECT_EQ(sims[2]->outcome(), "installed");
+  std::string logged = log.text();
+  size_t first = logged.find("unknown router 02:00:00:00:00:02 left alone");
+  ASSERT_NE(first, std::string::npos) << logged;
+  EXPECT_EQ(logged.find("unknown router 02:00:00:00:00:02", first + 1), std::string::npos);
+}
+
 }  // namespace
 }  // namespace tarnlift

@@ -1,0 +1,59 @@
+// The inventory: what each router of a fleet gets, keyed by MAC. One
+// section per router, `[4C:5E:0C:01:02:03]`, then `key = value` lines (see
+// docs/fleet.md). A value given here wins over the command line's, which
+// stays the default for everything a section leaves out. The whole file is
+// checked before anything is used: one bad line refuses the file, with the
+// file and line named, so a run never starts half-configured.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "install/datagram.h"
+#include "install/desk.h"
+
+namespace tarnlift {
+
+struct InventoryEntry {
+  MacAddress mac{};
+  int line = 0;  // where the section starts
+  std::optional<std::string> label;
+  std::optional<std::string> addressText;  // A.B.C.D
+  std::optional<std::string> netmaskBitsText;
+  std::optional<std::string> gatewayText;
+  std::optional<std::string> scriptPath;      // resolved against the file's folder
+  std::optional<std::string> modeScriptPath;  // likewise
+  std::optional<std::string> setName;
+  std::optional<std::vector<std::string>> select;  // file names to tick
+  std::optional<bool> keepConfig;
+  std::optional<bool> defaultConfig;
+  std::optional<bool> keepBranding;
+  std::optional<AfterInstall> after;
+};
+
+class Inventory {
+ public:
+  // Whether a package set of this name exists; unset: any name is accepted.
+  using SetCheck = std::function<bool(const std::string&)>;
+
+  // Reads and checks `path`. On failure returns false with `error` as
+  // "FILE:LINE: what is wrong" and leaves the inventory empty.
+  bool load(const std::string& path, const SetCheck& setExists, std::string& error);
+  // The same for text already read; `name` is the file's name for messages
+  // and `folder` where relative script paths are found ("" for as given).
+  bool parse(const std::string& text, const std::string& name, const std::string& folder,
+             const SetCheck& setExists, std::string& error);
+
+  const InventoryEntry* find(const MacAddress& mac) const;
+  bool contains(const MacAddress& mac) const { return find(mac) != nullptr; }
+  size_t size() const { return entries_.size(); }
+  const std::map<MacAddress, InventoryEntry>& entries() const { return entries_; }
+
+ private:
+  std::map<MacAddress, InventoryEntry> entries_;
+};
+
+}  // namespace tarnlift
