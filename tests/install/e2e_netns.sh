@@ -224,6 +224,53 @@ sys.stdout.write(data.decode("latin-1"))
     expect_same "$work/pk/system-6.41.npk" "$router_dir/system-6.41.npk"
     expect_same "$work/pk/extra-6.41.npk" "$router_dir/extra-6.41.npk"
     ;;
+  inventory)
+    # Two of four routers are in the inventory, each with its own address,
+    # script and packages; with --only-known the other two are left alone.
+    {
+      printf '[02:00:00:00:00:01]\naddress = 10.0.0.11/24\nscript = user.rsc\nselect = extra-6.41.npk\n\n'
+      printf '# the second gets the command line packages\n[02:00:00:00:00:02]\naddress = 10.0.1.12/16\n'
+    } > "$work/fleet.ini"
+    start_serve --select empty-6.41.npk --address 10.9.9.9/8 --inventory "$(serve_path "$work/fleet.ini")" \
+      --only-known --count 2
+    SIM_TIMEOUT=60 run_sim --count 4 --timeout-s 10
+    sim_rc=$?
+    [ "$sim_rc" = 3 ] || fail "routersim exit $sim_rc, expected 3 (two routers left alone)"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    expect_line "$work/out/02-00-00-00-00-01/autorun.scr" "/ip address add address=10.0.0.11/24 interface=\$eth"
+    expect_line "$work/out/02-00-00-00-00-01/autorun.scr" "/system identity set name=test"
+    expect_line "$work/out/02-00-00-00-00-02/autorun.scr" "/ip address add address=10.0.1.12/16 interface=\$eth"
+    expect_same "$work/pk/extra-6.41.npk" "$work/out/02-00-00-00-00-01/extra-6.41.npk"
+    expect_same "$work/pk/empty-6.41.npk" "$work/out/02-00-00-00-00-02/empty-6.41.npk"
+    [ ! -e "$work/out/02-00-00-00-00-02/extra-6.41.npk" ] || fail "the second router got the first one's packages"
+    [ ! -e "$work/out/02-00-00-00-00-03" ] && [ ! -e "$work/out/02-00-00-00-00-04" ] || fail "an unknown router was installed"
+    expect_line "$work/sim.out" $'02:00:00:00:00:03\tunfinished'
+    [ "$(grep -c 'unknown router 02:00:00:00:00:03' "$work/serve.err")" = 1 ] || fail "unknown router not logged once"
+    ;;
+  badinventory)
+    # Every kind of bad line is refused before anything is sent.
+    printf '/x\n' > "$work/ok.rsc"
+    in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve --client-address 192.168.88.1 \
+      --select system-6.41.npk --packages "$(serve_path "$work/pk")" "$@" > "$work/serve.out" 2> "$work/serve.err"); }
+    n=0
+    for bad in '[02:00:00:00:01]' 'address = 10.0.0.5' 'address = 10.0.0.5/40' 'gateway = 10.0.0' \
+      'script = nothing.rsc' 'mode-script = nothing.rsc' 'set = No Such Set' 'keep-config = perhaps' \
+      'after = never' 'colour = red' '[02:00:00:00:00:01]'; do
+      n=$((n + 1))
+      printf '# fleet\n[02:00:00:00:00:01]\nscript = ok.rsc\n%s\n' "$bad" > "$work/bad$n.ini"
+      ip netns exec "$rtr" timeout 10 "$routersim" --interface "$veth_b" --output "$work/out" --timeout-s 2 \
+        > "$work/sim.out" 2> "$work/sim.err" &
+      sim_pid=$!
+      in_srv --inventory "$(serve_path "$work/bad$n.ini")"
+      rc=$?
+      wait "$sim_pid"
+      [ "$rc" = 2 ] || fail "'$bad': exit $rc, expected 2"
+      grep -qF "bad$n.ini:4: " "$work/serve.err" || fail "'$bad': no file:line in: $(cat "$work/serve.err")"
+      expect_line "$work/sim.out" $'02:00:00:00:00:01\tunfinished'
+      grep -q 'offers=0' "$work/sim.out" || fail "'$bad': the router was offered an install"
+    done
+    ;;
   usage)
     in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve "$@" > "$work/serve.out" 2> "$work/serve.err"); }
     in_srv; [ $? = 2 ] || fail "no arguments: expected exit 2"
