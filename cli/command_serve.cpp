@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -144,6 +145,16 @@ int runServe(ServeArguments& arguments) {
   }
   if (options.onlyKnown && options.inventory.size() == 0 && options.macs.empty()) {
     return usageError("--only-known needs --inventory FILE or --mac MAC");
+  }
+  if (options.onlyKnown) {
+    // Network booting answers the same routers the installer takes.
+    std::set<MacAddress> known = options.macs;
+    for (const auto& [mac, entry] : options.inventory.entries()) known.insert(mac);
+    netbootOptions.mayAnswer = [known](const uint8_t* bytes) {
+      MacAddress mac{};
+      std::copy(bytes, bytes + mac.size(), mac.begin());
+      return known.count(mac) != 0;
+    };
   }
   settings.writeInt("PXE Client Address", client);
   if (havePackages) {

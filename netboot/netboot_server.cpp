@@ -122,6 +122,12 @@ bool NetbootServer::handleBootp() {
     return false;
   }
   logLine() << "bootp req received";
+  if (environment_.mayAnswer && !environment_.mayAnswer(buffer + 28)) {
+    // Not one of ours: another machine network-booting on the segment.
+    std::string mac = formatMac(buffer + 28);
+    if (refusedClients_.insert(mac).second) logLine() << "netboot: unknown client " << mac << " not answered";
+    return true;
+  }
   if (responder_.reply(buffer, clientAddress_)) {
     currentClass_ = responder_.clientClass();
     recordBootpReply(formatMac(buffer + 28), currentClass_);

@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -32,6 +33,9 @@ struct NetbootEnvironment {
   DatagramNetwork* network = nullptr;
   InterfaceSource* interfaces = nullptr;
   std::function<void(uint32_t milliseconds)> sleep;
+  // Whether a BOOTP request from this client (6 bytes of MAC) may be
+  // answered; unset: every client. A refused client is logged once.
+  std::function<bool(const uint8_t* mac)> mayAnswer;
   static NetbootEnvironment system();
 };
 
@@ -79,6 +83,7 @@ class NetbootServer {
   uint8_t request_[kTftpRequestSize] = {};
   size_t requestLength_ = 0;
   uint16_t clientPort_ = 0;
+  std::set<std::string> refusedClients_;  // MACs not answered, already logged
 };
 
 // The "PXE Booter" thread that owns the server for the life of the program.

@@ -34,7 +34,9 @@ bool NetbootService::start(uint32_t clientAddress, const NetbootServeOptions& op
   }
   logLine() << "netboot: client " << formatIpv4(clientAddress) << ", boot images from " << bootImageSearchText()
             << (options.kernelFile.empty() ? std::string() : ", kernel " + options.kernelFile);
-  thread_ = std::make_unique<NetbootThread>(options.kernelFile);
+  NetbootEnvironment environment = NetbootEnvironment::system();
+  environment.mayAnswer = options.mayAnswer;
+  thread_ = std::make_unique<NetbootThread>(options.kernelFile, environment);
   thread_->start();
   return true;
 }

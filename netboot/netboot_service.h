@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +24,8 @@ struct NetbootServeOptions {
   bool netboot = false;      // --netboot
   std::string bootImageDir;  // --boot-images DIR
   std::string kernelFile;    // --kernel FILE: served in place of every boot image
+  // Which clients get a BOOTP answer (6 bytes of MAC); unset: all.
+  std::function<bool(const uint8_t* mac)> mayAnswer;
 };
 
 class NetbootService {

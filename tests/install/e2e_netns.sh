@@ -3,7 +3,7 @@
 # `tarnlift serve` in one, the router simulator in the other. Nothing leaves
 # the namespaces; they are removed on every exit path.
 #
-# usage: e2e_netns.sh CASE SERVE_COMMAND ROUTERSIM MKPKG
+# usage: e2e_netns.sh CASE SERVE_COMMAND ROUTERSIM MKPKG [BOOTPCLIENT]
 #   SERVE_COMMAND may be several words (e.g. "wine /path/tarnlift-cli.exe").
 # Exit 77 (skipped) when not root, without `ip`, or without a needed program.
 set -u
@@ -251,6 +251,28 @@ sys.stdout.write(data.decode("latin-1"))
     [ ! -e "$work/out/02-00-00-00-00-03" ] && [ ! -e "$work/out/02-00-00-00-00-04" ] || fail "an unknown router was installed"
     expect_line "$work/sim.out" $'02:00:00:00:00:03\tunfinished'
     [ "$(grep -c 'unknown router 02:00:00:00:00:03' "$work/serve.err")" = 1 ] || fail "unknown router not logged once"
+    ;;
+  onlyknownbootp)
+    # Network booting answers only the known routers: an unknown client gets
+    # silence, a known one its reply.
+    bootpclient=${5:-}
+    [ -x "$bootpclient" ] || skip "no bootpclient"
+    head -c 4096 /dev/urandom > "$work/kernel.bin"
+    start_serve --netboot --kernel "$(serve_path "$work/kernel.bin")" --select system-6.41.npk \
+      --mac 02:00:00:00:00:01 --only-known
+    for _ in $(seq 1 300); do grep -q "serve: installing on" "$work/serve.err" 2> /dev/null && break; sleep 0.1; done
+    grep -q "serve: installing on" "$work/serve.err" || fail "serve did not start"
+    ip netns exec "$rtr" timeout 20 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
+      --mac 02:00:00:00:00:09 --timeout 4 > "$work/unknown.out" 2>&1
+    rc=$?
+    [ "$rc" = 2 ] || fail "unknown client: bootpclient exit $rc, expected 2 (no reply): $(cat "$work/unknown.out")"
+    ip netns exec "$rtr" timeout 30 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
+      --mac 02:00:00:00:00:01 --timeout 20 --client 192.168.88.1 --server 192.168.88.2 > "$work/known.out" 2>&1 ||
+      fail "known client got no matching reply: $(cat "$work/known.out")"
+    kill "$serve_pid" 2> /dev/null
+    wait_serve
+    [ "$(grep -c 'unknown client 02:00:00:00:00:09 not answered' "$work/serve.err")" = 1 ] ||
+      fail "the unknown client is not logged once"
     ;;
   badinventory)
     # Every kind of bad line is refused before anything is sent.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -305,6 +306,29 @@ TEST_F(ServerTest, SecondRequestDuringATransferIsDrained) {
   EXPECT_EQ(received, image(129));
   EXPECT_TRUE(log.contains("flush tftpSk: " + std::to_string(rrq("/image").size()) + "\n"));
   for (const SentDatagram& d : network.sentBy("transfer")) EXPECT_EQ(d.port, 3007);
+}
+
+TEST_F(ServerTest, OnlyClientsThePredicateAllowsGetAnAnswerAndOthersAreLoggedOnce) {
+  const MacAddress other{0x00, 0x0C, 0x42, 0x99, 0x99, 0x99};
+  environment.mayAnswer = [](const uint8_t* mac) { return mac[3] == 0x11; };
+  auto s = makeServer();
+  steps.push_back([&] { network.bootp->deliver(makeBootpRequest(other, "Powerboot", -1, 42), 0, 68); });
+  steps.push_back([&] { network.bootp->deliver(makeBootpRequest(other, "Powerboot", -1, 43), 0, 68); });
+  steps.push_back([&] { EXPECT_EQ(server->currentClass(), kClassNone); });
+  steps.push_back([&] { deliverBootp("Powerboot"); });
+  s->run();
+  size_t answers = 0;
+  for (const SentDatagram& d : network.sentBy("bootp")) {
+    if (d.port != 68) continue;
+    ++answers;
+    EXPECT_TRUE(std::equal(kMac.begin(), kMac.end(), d.bytes.begin() + 28));
+  }
+  EXPECT_EQ(answers, 1u);
+  EXPECT_EQ(s->currentClass(), 129);
+  std::string text = log.text();
+  size_t first = text.find("netboot: unknown client 00:0C:42:99:99:99 not answered\n");
+  ASSERT_NE(first, std::string::npos) << text;
+  EXPECT_EQ(text.find("unknown client", first + 20), std::string::npos) << text;
 }
 
 TEST_F(ServerTest, InvalidAndUnansweredBootp) {
