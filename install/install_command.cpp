@@ -52,7 +52,9 @@ void RememberedChoices::applyTo(RouterRecord& record) const {
   record.netmaskBits = netmaskBits;
   record.gateway = gateway;
   record.baudRate = baudRate;
-  record.defaultConfig = defaultConfig || !record.unprotected;
+  // A router with a default configuration starts with it applied, whatever
+  // was remembered; one without has none to apply.
+  record.defaultConfig = hasDefaultConfiguration(record);
   record.scriptEnabled = scriptEnabled;
   record.scriptPath = scriptPath;
   record.modeScriptEnabled = modeScriptEnabled;
@@ -114,7 +116,7 @@ InstallOutcome runInstallCommand(RouterRecord* record, const InstallOptions& opt
     remembered.address = record->address;
     remembered.netmaskBits = record->netmaskBits;
     remembered.gateway = record->gateway;
-    if (record->unprotected) remembered.defaultConfig = record->defaultConfig;
+    if (hasDefaultConfiguration(*record)) remembered.defaultConfig = record->defaultConfig;
     remembered.scriptEnabled = record->scriptEnabled;
     remembered.scriptPath = record->scriptPath;
     remembered.modeScriptEnabled = record->modeScriptEnabled;

@@ -73,8 +73,9 @@ struct RememberedChoices {
 
   void load(Registry& settings);
   void save(Registry& settings) const;
-  // A newly discovered router starts from these. Apply default config is the
-  // remembered choice, or on for a router whose branding is protected.
+  // A newly discovered router starts from these. Apply default config is on
+  // for a router that has a default configuration and off for one that has
+  // none (hasDefaultConfiguration), whatever was remembered.
   void applyTo(RouterRecord& record) const;
 };
 

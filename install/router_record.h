@@ -34,7 +34,7 @@ struct RouterRecord {
   uint32_t gateway = 0;
   bool keepBranding = true;
   bool hasBranding = false;
-  bool unprotected = true;
+  bool unprotected = true;  // false: the router reported its branding "protected"
   uint32_t storageSize = 0;
   bool spaceWarned = false;
   uint32_t driveType = 0;
@@ -53,6 +53,14 @@ struct RouterRecord {
   uint32_t progress = 0;
   std::string statusText;
 };
+
+// Whether the router has a default configuration that "Apply default config"
+// can apply: one whose branding is protected (its branding brings the
+// configuration). The one meaning, for the option's check box and for the
+// remembered choice: a router without one never has the option on.
+inline bool hasDefaultConfiguration(const RouterRecord& record) {
+  return record.kind == kKindRouter && !record.unprotected;
+}
 
 // Architecture code for the announced text (exact match); 0 when unknown.
 uint32_t architectureFromText(const std::string& text);

@@ -21,9 +21,8 @@ ControlRules controlRulesFor(const RouterRecord* r, bool setShown) {
   c.keepConfig = net && ready && !applyDefault && !script && !mode;
   c.baud = ready && !keep && !applyDefault;
   c.keepBranding = ready && r->hasBranding;
-  // A router that reported its branding protected has no default
-  // configuration of ours to apply.
-  c.defaultConfig = ready && !keep && !script && r->unprotected;
+  // Only a router with a default configuration can have it applied.
+  c.defaultConfig = ready && !keep && !script && hasDefaultConfiguration(*r);
   c.script = ready && !keep && !applyDefault;
   c.scriptPath = c.script && script;
   c.modeScript = ready && !keep;

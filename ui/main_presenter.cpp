@@ -53,8 +53,8 @@ void MainPresenter::construct() {
 
   // 2. Under the compatibility layer only a tip differs.
   std::string loader;
-  hasWineLoader_ = workers_.environment("WINELOADER", loader);
-  underWineApplication_ = hasWineLoader_ && loader.find("Application") != std::string::npos;
+  const bool hasWineLoader = workers_.environment("WINELOADER", loader);
+  underWineApplication_ = hasWineLoader && loader.find("Application") != std::string::npos;
   netboot::setRunningUnderWine(underWineApplication_);
 
   // 3. Title and icon.
@@ -119,7 +119,6 @@ void MainPresenter::construct() {
     netboot_->changeSettings(true, clientAddress_);
     netboot::startupInterfaceCheck(clientAddress_, &showStartupMessage, &view_, workers_.interfaces());
   }
-  constructed_ = true;
   refreshControlState();
   refreshPackageMarks();
 }

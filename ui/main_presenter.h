@@ -170,8 +170,6 @@ class MainPresenter : private packages::PackageListView,
   void updateCaptionAndProgress();
   void tick();
   void readPlacement();
-  void startupInterfaceCheck();
-  uint32_t selectedPackageCount();
   packages::PackageChoice choiceOf(const RouterRecord& record) const;
   void storeChoice(RouterRecord& record, const packages::PackageChoice& choice);
   AfterInstall autoRebootChoice();
@@ -192,7 +190,6 @@ class MainPresenter : private packages::PackageListView,
   uint32_t clientAddress_ = 0;
   bool beaconOn_ = false;
   bool underWineApplication_ = false;
-  bool hasWineLoader_ = false;
   int lastPercent_ = 0;
   uint64_t ticks_ = 0;
   MacAddress shownRouter_{};
@@ -205,7 +202,6 @@ class MainPresenter : private packages::PackageListView,
   int placeTop_ = 20;
   int placeHeight_ = 0;
   std::set<std::string> listedSets_;
-  bool constructed_ = false;
 };
 
 }  // namespace tarnlift::ui

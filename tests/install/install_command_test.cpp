@@ -155,6 +155,7 @@ TEST_F(InstallCommandTest, MissingConfigurationScriptRefused) {
 }
 
 TEST_F(InstallCommandTest, ChoicesAreRememberedAndApplied) {
+  router.unprotected = false;  // it has a default configuration to remember the choice from
   options.keepConfig = true;
   options.addressText = "10.0.0.1";
   options.netmaskBitsText = "8";
@@ -186,17 +187,30 @@ TEST_F(InstallCommandTest, ChoicesAreRememberedAndApplied) {
   loaded.applyTo(fresh);
   EXPECT_FALSE(fresh.defaultConfig);
   EXPECT_EQ(fresh.baudRate, 9600u);
-  RouterRecord locked;
-  locked.unprotected = false;
-  loaded.applyTo(locked);
-  EXPECT_TRUE(locked.defaultConfig);
+  RouterRecord branded;
+  branded.unprotected = false;
+  loaded.applyTo(branded);
+  EXPECT_TRUE(branded.defaultConfig);
+  // A router without a default configuration never starts with it applied,
+  // even when the last install on a branded router left the choice on: its
+  // check box is disabled and would lock the address fields.
+  loaded.defaultConfig = true;
+  RouterRecord plain;
+  plain.unprotected = true;
+  loaded.applyTo(plain);
+  EXPECT_FALSE(plain.defaultConfig);
 }
 
-TEST_F(InstallCommandTest, DefaultConfigNotRememberedForProtectedRouter) {
-  router.unprotected = false;
+// The choice is remembered only from a router that has a default
+// configuration to apply (protected branding).
+TEST_F(InstallCommandTest, DefaultConfigRememberedOnlyFromARouterThatHasOne) {
+  router.unprotected = true;
   options.defaultConfig = true;
   ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
   EXPECT_FALSE(remembered.defaultConfig);
+  router.unprotected = false;
+  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_TRUE(remembered.defaultConfig);
 }
 
 // The request goes on into a session: "keep" in the offer, an empty autorun.

@@ -119,6 +119,10 @@ TEST_F(ControlStateTest, KeepBrandingEnabledWhenTheRouterCanKeepBranding) {
 }
 
 TEST_F(ControlStateTest, ApplyDefaultConfigNeedsReadyNoKeepNoScriptAndADefault) {
+  // An unprotected router has no default configuration to apply.
+  EXPECT_FALSE(on(kIdDefaultConfig));
+  r().unprotected = false;
+  refresh();
   EXPECT_TRUE(on(kIdDefaultConfig));
   r().keepConfig = true;
   refresh();
@@ -128,14 +132,54 @@ TEST_F(ControlStateTest, ApplyDefaultConfigNeedsReadyNoKeepNoScriptAndADefault) 
   refresh();
   EXPECT_FALSE(on(kIdDefaultConfig));
   r().scriptEnabled = false;
-  r().unprotected = false;  // no default configuration of ours to apply
-  refresh();
-  EXPECT_FALSE(on(kIdDefaultConfig));
-  r().unprotected = true;
   r().defaultConfig = true;
   refresh();
   EXPECT_TRUE(on(kIdDefaultConfig));
   EXPECT_TRUE(view.checked[kIdDefaultConfig]);
+  setStatus(kStatusInstalling);
+  EXPECT_FALSE(on(kIdDefaultConfig));
+}
+
+// A router that reports its branding protected, as discovery and the tick
+// make it: "Apply default config" on and free to clear; with it on, the
+// address, keep-configuration, baud and script controls wait; cleared, they
+// open up.
+TEST_F(ControlStateTest, ProtectedRouterWholeControlState) {
+  RouterRecord protectedRouter = announced(2, "Branded");
+  protectedRouter.unprotected = false;
+  protectedRouter.keepBranding = true;
+  protectedRouter.hasBranding = false;
+  discover(protectedRouter);
+  selectRow(macOf(2));
+  const RouterRecord& p = record(macOf(2));
+  ASSERT_TRUE(p.defaultConfig);
+  EXPECT_TRUE(on(kIdDefaultConfig));
+  EXPECT_TRUE(view.checked[kIdDefaultConfig]);
+  for (int id : {kIdAddress, kIdNetmask, kIdGateway}) EXPECT_TRUE(view.readOnly[id]) << id;
+  EXPECT_FALSE(on(kIdKeepConfig));
+  EXPECT_FALSE(on(kIdBaud));
+  EXPECT_FALSE(on(kIdScript));
+  EXPECT_FALSE(on(kIdKeepBranding));  // protected branding cannot be kept or dropped
+  EXPECT_TRUE(on(kIdModeScript));
+  EXPECT_TRUE(on(kIdSets));
+  EXPECT_TRUE(on(kIdInstall));
+  EXPECT_TRUE(on(kIdReboot));
+  EXPECT_TRUE(on(kIdShutdown));
+  EXPECT_TRUE(on(kIdCancel));
+
+  check(kIdDefaultConfig, false);
+  EXPECT_FALSE(record(macOf(2)).defaultConfig);
+  EXPECT_TRUE(on(kIdDefaultConfig));
+  EXPECT_FALSE(view.checked[kIdDefaultConfig]);
+  for (int id : {kIdAddress, kIdNetmask, kIdGateway}) EXPECT_FALSE(view.readOnly[id]) << id;
+  EXPECT_TRUE(on(kIdKeepConfig));
+  EXPECT_TRUE(on(kIdBaud));
+  EXPECT_TRUE(on(kIdScript));
+  EXPECT_FALSE(on(kIdKeepBranding));
+
+  check(kIdDefaultConfig, true);
+  EXPECT_TRUE(record(macOf(2)).defaultConfig);
+  EXPECT_TRUE(view.readOnly[kIdAddress]);
 }
 
 TEST_F(ControlStateTest, ConfigureScriptAndItsPathAndButton) {

@@ -42,6 +42,7 @@ TEST(ControlRules, PackagesChangeOnlyWhenNotBusy) {
 TEST(ControlRules, KeepConfigLocksAddressBaudScriptsAndDefault) {
   RouterRecord r;
   r.status = kStatusReady;
+  r.unprotected = false;  // a default configuration to apply
   ControlRules c = controlRulesFor(&r, false);
   EXPECT_TRUE(c.addressFields && c.baud && c.script && c.modeScript && c.defaultConfig);
   r.keepConfig = true;
