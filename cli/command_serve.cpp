@@ -36,6 +36,14 @@
 namespace tarnlift::cli {
 namespace {
 
+// Which MAC got which address from the pool, kept across runs.
+constexpr const char* kPoolSettingsValue = "Address Pool";
+
+// An address as addressFromText gives it (network order) in host order.
+uint32_t hostOrder(uint32_t networkOrder) {
+  const auto* b = reinterpret_cast<const uint8_t*>(&networkOrder);
+  return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 | b[3];
+}
 
 struct ServeArguments {
   HeadlessOptions options;
@@ -51,6 +59,7 @@ struct ServeArguments {
   std::string webTokenFile;
   std::string interfaceName;
   std::string inventoryFile;
+  std::string poolText;
 };
 
 bool parseCount(const std::string& text, uint32_t& value) {
@@ -145,6 +154,18 @@ int runServe(ServeArguments& arguments) {
   }
   if (options.onlyKnown && options.inventory.size() == 0 && options.macs.empty()) {
     return usageError("--only-known needs --inventory FILE or --mac MAC");
+  }
+  if (!arguments.poolText.empty()) {
+    auto pool = std::make_shared<AddressPool>();
+    std::string error;
+    if (!pool->parse(arguments.poolText, error)) return usageError(error);
+    if (!arguments.addressText.empty()) return usageError("--address and --address-pool exclude each other");
+    // The inventory's own addresses are never handed out from the pool.
+    for (const auto& [mac, entry] : options.inventory.entries()) {
+      if (entry.addressText) pool->reserve(hostOrder(addressFromText(*entry.addressText)));
+    }
+    pool->loadRemembered(settings.readString(kPoolSettingsValue, ""));
+    options.pool = pool;
   }
   if (options.onlyKnown) {
     // Network booting answers the same routers the installer takes.
@@ -257,6 +278,7 @@ int runServe(ServeArguments& arguments) {
   service.transport().close();
   if (beacon) setBeacon(false);
   netbootService.stop();
+  if (options.pool) settings.writeString(kPoolSettingsValue, options.pool->rememberedText());
   remembered.save(settings);
   sets.saveSets(settings);
   logLine() << "serve: " << installer.succeeded() << " installed, " << installer.failed() << " failed";
@@ -307,6 +329,10 @@ CommandRun defineServe(CLI::App& app) {
            "Per-router values by MAC (address, scripts, packages, ...), winning over the command line's; "
            "see docs/fleet.md.")
       ->group(which);
+  addValue(app, "--address-pool", arguments->poolText, "A.B.C.D-A.B.C.E/BITS",
+           "Give each router without an inventory address the next free address of this range; a router "
+           "installed again gets its address again.")
+      ->group(install);
   addSwitch(app, "--only-known", options.onlyKnown,
             "Install and network-boot only the routers of --inventory and --mac; others are left alone.")
       ->group(which);

@@ -122,6 +122,18 @@ void HeadlessInstaller::install(RouterRow& row) {
       setName.clear();
     }
   }
+  const InventoryEntry* listed = options_.inventory.find(record.mac);
+  if (options_.pool && !(listed && listed->addressText)) {
+    uint32_t address = options_.pool->addressFor(record.mac);
+    if (address == 0) {
+      finish(record, false, "the address pool is used up");
+      return;
+    }
+    installOptions.addressText = AddressPool::dotted(address);
+    installOptions.netmaskBitsText = std::to_string(options_.pool->netmaskBits());
+    logLine() << "router " << macText(record.mac) << " gets " << installOptions.addressText << "/"
+              << installOptions.netmaskBitsText << " from the address pool";
+  }
   if (setName.empty() && select.empty()) {
     // The choice the router was given: the last installed one.
     choice = {record.setName, record.packageDir, record.files};

@@ -9,12 +9,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <ostream>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "install/desk.h"
+#include "install/address_pool.h"
 #include "install/install_command.h"
 #include "install/inventory.h"
 #include "install/session.h"
@@ -35,6 +37,8 @@ struct HeadlessOptions {
   // Only routers of `macs` or of the inventory are installed; any other is
   // logged once and left alone.
   bool onlyKnown = false;
+  // Addresses for the routers the inventory gives none; null: none.
+  std::shared_ptr<AddressPool> pool;
   bool liveProgress = false;  // a terminal: redraw one line per router
   // Routers are listed and stay "Ready" until another front end (the web
   // console) installs them.

@@ -252,6 +252,33 @@ sys.stdout.write(data.decode("latin-1"))
     expect_line "$work/sim.out" $'02:00:00:00:00:03\tunfinished'
     [ "$(grep -c 'unknown router 02:00:00:00:00:03' "$work/serve.err")" = 1 ] || fail "unknown router not logged once"
     ;;
+  fleet)
+    # 20 routers: the inventory gives the first 10 their addresses, the pool
+    # the other 10; every autorun script carries its own, none twice, and a
+    # second run gives every router the same address again.
+    for i in $(seq 1 10); do
+      printf '[02:00:00:00:00:%02X]\naddress = 10.0.0.%d/24\n' "$i" $((100 + i))
+    done > "$work/fleet.ini"
+    addresses() {
+      for dir in "$work"/out/*; do
+        printf '%s %s\n' "$(basename "$dir")" "$(grep -o 'add address=[0-9./]*' "$dir/autorun.scr" | cut -d' ' -f2)"
+      done | sort
+    }
+    for run in 1 2; do
+      rm -rf "$work/out" && mkdir -p "$work/out"
+      start_serve --select system-6.41.npk --inventory "$(serve_path "$work/fleet.ini")" \
+        --address-pool 10.0.1.1-10.0.1.50/16 --count 20
+      SIM_TIMEOUT=200 run_sim --count 20 --timeout-s 180 || fail "run $run: routersim exit $?"
+      wait_serve
+      [ "$serve_rc" = 0 ] || fail "run $run: serve exit $serve_rc"
+      addresses > "$work/addresses$run"
+      [ "$(wc -l < "$work/addresses$run")" = 20 ] || fail "run $run: not 20 routers: $(cat "$work/addresses$run")"
+      [ "$(cut -d' ' -f2 "$work/addresses$run" | sort -u | wc -l)" = 20 ] || fail "run $run: an address twice"
+    done
+    grep -qx '02-00-00-00-00-0A address=10.0.0.110/24' "$work/addresses1" || fail "inventory address not given"
+    [ "$(grep -c 'address=10.0.1.[0-9]*/16$' "$work/addresses1")" = 10 ] || fail "not 10 pool addresses"
+    expect_same "$work/addresses1" "$work/addresses2"
+    ;;
   onlyknownbootp)
     # Network booting answers only the known routers: an unknown client gets
     # silence, a known one its reply.
