@@ -181,15 +181,12 @@ void MainPresenter::tearDown() {
 
 RouterRecord* MainPresenter::selectedRouter() {
   if (!desk_) return nullptr;
+  // Reads the list's selection only: asking which router is shown must not
+  // change the table.
   int row = view_.selectedRouterRow();
-  if (row < 0 || static_cast<size_t>(row) >= routerOrder_.size()) {
-    desk_->table().select(MacAddress{});
-    return nullptr;
-  }
+  if (row < 0 || static_cast<size_t>(row) >= routerOrder_.size()) return nullptr;
   RouterRow* found = desk_->table().find(routerOrder_[static_cast<size_t>(row)]);
-  if (found == nullptr) return nullptr;
-  desk_->table().select(found->record.mac);
-  return &found->record;
+  return found != nullptr ? &found->record : nullptr;
 }
 
 packages::PackageChoice MainPresenter::choiceOf(const RouterRecord& record) const {

@@ -429,10 +429,21 @@ TEST_F(CommandsTest, ThePackageDirectoryIsReadWhenItsFieldLosesFocus) {
   EXPECT_EQ(presenter->catalogue().folder(), other.path());
   EXPECT_EQ(r1().packageDir, other.path());
   EXPECT_TRUE(view.packageRows.empty());
-  // The same text again changes nothing (no new scan).
-  log.text();
+  // The same text again changes nothing: no new scan of the folder.
+  auto scans = [this] {
+    const std::string text = log.text();
+    size_t count = 0;
+    for (size_t at = text.find("Looking for packages in "); at != std::string::npos;
+         at = text.find("Looking for packages in ", at + 1)) {
+      ++count;
+    }
+    return count;
+  };
+  const size_t scansBefore = scans();
+  ASSERT_GT(scansBefore, 0u);
   presenter->onCommand(kIdPackageDir, kNotifyKillFocus);
   EXPECT_EQ(presenter->catalogue().folder(), other.path());
+  EXPECT_EQ(scans(), scansBefore);
 }
 
 TEST_F(CommandsTest, SpaceOnThePackageListTogglesTheFocusedRowAndAsksForItsDescription) {

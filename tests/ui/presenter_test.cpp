@@ -623,5 +623,23 @@ TEST_F(PresenterTest, ChangingTheSelectionTakesTheFieldsIntoTheRouterShown) {
   EXPECT_EQ(record(macOf(2)).address, 0u);
 }
 
+// Reading which router the list shows leaves the table as it was: the
+// refreshes that ask it many times a second do not mark a row.
+TEST_F(PresenterTest, AskingForTheShownRouterChangesNothingInTheTable) {
+  start();
+  discover(announced(1));
+  discover(announced(2));
+  presenter->table().select(macOf(2));
+  selectRow(macOf(1));
+  presenter->onPrivateMessage(kRefreshCode);
+  presenter->onRouterItemChanging();
+  ASSERT_NE(presenter->table().selected(), nullptr);
+  EXPECT_EQ(presenter->table().selected()->record.mac, macOf(2));
+  view.routerSelection = -1;
+  presenter->onPrivateMessage(kRefreshCode);
+  ASSERT_NE(presenter->table().selected(), nullptr);
+  EXPECT_EQ(presenter->table().selected()->record.mac, macOf(2));
+}
+
 }  // namespace
 }  // namespace tarnlift::ui
