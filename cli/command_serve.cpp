@@ -27,6 +27,7 @@
 #include "cli/stop_signals.h"
 #include "install/headless.h"
 #include "install/install_service.h"
+#include "install/results_log.h"
 #include "install/session.h"
 #include "install/transport.h"
 #include "netboot/interfaces.h"
@@ -60,6 +61,7 @@ struct ServeArguments {
   std::string interfaceName;
   std::string inventoryFile;
   std::string poolText;
+  std::string resultsFile;
 };
 
 bool parseCount(const std::string& text, uint32_t& value) {
@@ -166,6 +168,12 @@ int runServe(ServeArguments& arguments) {
     }
     pool->loadRemembered(settings.readString(kPoolSettingsValue, ""));
     options.pool = pool;
+  }
+  if (!arguments.resultsFile.empty()) {
+    auto results = std::make_shared<ResultsLog>();
+    std::string error;
+    if (!results->open(arguments.resultsFile, error)) return failure(error);
+    options.onEnded = [results](const RouterResult& result) { results->write(result); };
   }
   if (options.onlyKnown) {
     // Network booting answers the same routers the installer takes.
@@ -333,6 +341,10 @@ CommandRun defineServe(CLI::App& app) {
            "Give each router without an inventory address the next free address of this range; a router "
            "installed again gets its address again.")
       ->group(install);
+  addValue(app, "--results", arguments->resultsFile, "FILE",
+           "Append one JSON line per router that ends (time, MAC, label, address, files, bytes, seconds, "
+           "result, text) to FILE.")
+      ->group(which);
   addSwitch(app, "--only-known", options.onlyKnown,
             "Install and network-boot only the routers of --inventory and --mac; others are left alone.")
       ->group(which);

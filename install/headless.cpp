@@ -29,7 +29,8 @@ HeadlessInstaller::HeadlessInstaller(InstallServer& server, const Clock& clock, 
       remembered_(remembered),
       out_(out),
       err_(err),
-      desk_(routers_, drives_, sets, remembered, clock) {
+      desk_(routers_, drives_, sets, remembered, clock),
+      clock_(clock) {
   desk_.setPackageDir(options_.packageDir);
 }
 
@@ -161,6 +162,11 @@ void HeadlessInstaller::install(RouterRow& row) {
       if (catalogue_.canToggle(i) && !catalogue_.record(i).selected) catalogue_.toggle(i, choice.files);
     }
   }
+  std::string given = installOptions.addressText.empty()
+                          ? std::string()
+                          : installOptions.addressText +
+                                (installOptions.netmaskBitsText.empty() ? "" : "/" + installOptions.netmaskBitsText);
+  started_[record.mac] = {clock_.nowMicros(), given};
   InstallContext context{catalogue_,  choice, sets_,
                          remembered_, *this,  [this](const RouterRecord& request) { server_.start(request, true); }};
   InstallOutcome outcome = runInstallCommand(&record, installOptions, context);
@@ -185,6 +191,24 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
     drawnLines_ = 0;
   }
   out_ << macText(record.mac) << '\t' << text << std::endl;
+  if (options_.onEnded) {
+    RouterResult result;
+    result.time = utcTimestamp();
+    result.mac = macText(record.mac);
+    result.label = record.label;
+    if (const InventoryEntry* e = options_.inventory.find(record.mac); e && e->label) result.label = *e->label;
+    result.architecture = architectureText(record.architecture);
+    if (auto it = started_.find(record.mac); it != started_.end()) {
+      result.seconds = static_cast<double>(clock_.nowMicros() - it->second.first) / 1e6;
+      result.address = it->second.second;
+      started_.erase(it);
+    }
+    result.files = record.files;
+    result.bytes = record.totalSize;
+    result.success = success;
+    result.text = text;
+    options_.onEnded(result);
+  }
 }
 
 void HeadlessInstaller::progress(const RouterRow& row) {

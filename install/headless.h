@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <set>
@@ -19,6 +20,7 @@
 #include "install/address_pool.h"
 #include "install/install_command.h"
 #include "install/inventory.h"
+#include "install/results_log.h"
 #include "install/session.h"
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
@@ -39,6 +41,8 @@ struct HeadlessOptions {
   bool onlyKnown = false;
   // Addresses for the routers the inventory gives none; null: none.
   std::shared_ptr<AddressPool> pool;
+  // Called with the facts of every router that ends; unset: nothing.
+  std::function<void(const RouterResult&)> onEnded;
   bool liveProgress = false;  // a terminal: redraw one line per router
   // Routers are listed and stay "Ready" until another front end (the web
   // console) installs them.
@@ -94,7 +98,9 @@ class HeadlessInstaller : public InstallPrompter {
   size_t succeeded_ = 0;
   size_t failed_ = 0;
   std::string refusal_;
-  std::set<MacAddress> ignored_;  // unknown routers already logged
+  std::set<MacAddress> ignored_;
+  const Clock& clock_;
+  std::map<MacAddress, std::pair<uint64_t, std::string>> started_;  // µs and address given  // unknown routers already logged
 };
 
 // Whether progress may be drawn live: standard output is a terminal that

@@ -267,13 +267,27 @@ sys.stdout.write(data.decode("latin-1"))
     for run in 1 2; do
       rm -rf "$work/out" && mkdir -p "$work/out"
       start_serve --select system-6.41.npk --inventory "$(serve_path "$work/fleet.ini")" \
-        --address-pool 10.0.1.1-10.0.1.50/16 --count 20
+        --address-pool 10.0.1.1-10.0.1.50/16 --results "$(serve_path "$work/results$run.jsonl")" --count 20
       SIM_TIMEOUT=200 run_sim --count 20 --timeout-s 180 || fail "run $run: routersim exit $?"
       wait_serve
       [ "$serve_rc" = 0 ] || fail "run $run: serve exit $serve_rc"
       addresses > "$work/addresses$run"
       [ "$(wc -l < "$work/addresses$run")" = 20 ] || fail "run $run: not 20 routers: $(cat "$work/addresses$run")"
       [ "$(cut -d' ' -f2 "$work/addresses$run" | sort -u | wc -l)" = 20 ] || fail "run $run: an address twice"
+      # One results line per router, matching what the router received.
+      python3 - "$work/results$run.jsonl" "$work/addresses$run" << 'PY' || fail "run $run: results do not match"
+import json, sys
+lines = open(sys.argv[1], encoding="ascii").read().splitlines()
+received = dict(line.split(" ") for line in open(sys.argv[2]).read().splitlines())
+assert len(lines) == 20, len(lines)
+for line in lines:
+    r = json.loads(line)
+    dashed = r["mac"].replace(":", "-")
+    assert r["address"] == received[dashed].split("=")[1], (r, received[dashed])
+    assert r["result"] == "installed" and r["architecture"] == "arm", r
+    assert r["files"] == ["system-6.41.npk", "autorun.scr"] or "system-6.41.npk" in r["files"], r
+    assert r["bytes"] > 0 and r["seconds"] >= 0, r
+PY
     done
     grep -qx '02-00-00-00-00-0A address=10.0.0.110/24' "$work/addresses1" || fail "inventory address not given"
     [ "$(grep -c 'address=10.0.1.[0-9]*/16$' "$work/addresses1")" = 10 ] || fail "not 10 pool addresses"

@@ -1,0 +1,47 @@
+// The record of what was done: one JSON line per router that ended,
+// appended to a file and flushed at once, so a run that is killed still
+// leaves every line it finished. Strings are plain ASCII JSON: quotes,
+// backslashes and control characters escaped, characters beyond ASCII as
+// \u escapes, bytes that are not UTF-8 as U+FFFD.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace tarnlift {
+
+struct RouterResult {
+  std::string time;  // UTC, 2026-01-02T03:04:05Z
+  std::string mac;
+  std::string label;
+  std::string architecture;
+  std::string address;  // A.B.C.D/BITS given, or ""
+  std::vector<std::string> files;
+  uint64_t bytes = 0;
+  double seconds = 0;
+  bool success = false;
+  std::string text;  // the final status text (the failure's reason)
+};
+
+std::string jsonString(const std::string& bytes);
+std::string resultJsonLine(const RouterResult& result);
+
+class ResultsLog {
+ public:
+  ResultsLog() = default;
+  ~ResultsLog();
+  ResultsLog(const ResultsLog&) = delete;
+  ResultsLog& operator=(const ResultsLog&) = delete;
+  bool open(const std::string& path, std::string& error);
+  void write(const RouterResult& result);
+
+ private:
+  std::FILE* file_ = nullptr;
+};
+
+// The current time as resultJsonLine's "time".
+std::string utcTimestamp();
+
+}  // namespace tarnlift
