@@ -73,19 +73,40 @@ std::string jsonString(const std::string& s) {
     }
     ++i;
   }
-  return out + "\"";
+  out += '"';
+  return out;
 }
 
 std::string resultJsonLine(const RouterResult& r) {
-  std::string files = "[";
-  for (size_t i = 0; i < r.files.size(); ++i) files += (i ? "," : "") + jsonString(r.files[i]);
-  files += "]";
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.3f", r.seconds);
-  return "{\"time\":" + jsonString(r.time) + ",\"mac\":" + jsonString(r.mac) + ",\"label\":" + jsonString(r.label) +
-         ",\"architecture\":" + jsonString(r.architecture) + ",\"address\":" + jsonString(r.address) +
-         ",\"files\":" + files + ",\"bytes\":" + std::to_string(r.bytes) + ",\"seconds\":" + seconds +
-         ",\"result\":" + (r.success ? "\"installed\"" : "\"failed\"") + ",\"text\":" + jsonString(r.text) + "}";
+  std::string line;
+  auto field = [&line](const char* key, const std::string& json) {
+    line += line.empty() ? '{' : ',';
+    line += '"';
+    line += key;
+    line += "\":";
+    line += json;
+  };
+  std::string files;
+  files += '[';
+  for (size_t i = 0; i < r.files.size(); ++i) {
+    if (i != 0) files += ',';
+    files += jsonString(r.files[i]);
+  }
+  files += ']';
+  field("time", jsonString(r.time));
+  field("mac", jsonString(r.mac));
+  field("label", jsonString(r.label));
+  field("architecture", jsonString(r.architecture));
+  field("address", jsonString(r.address));
+  field("files", files);
+  field("bytes", std::to_string(r.bytes));
+  field("seconds", seconds);
+  field("result", r.success ? "\"installed\"" : "\"failed\"");
+  field("text", jsonString(r.text));
+  line += '}';
+  return line;
 }
 
 std::string utcTimestamp() {
