@@ -62,6 +62,7 @@ struct ServeArguments {
   std::string inventoryFile;
   std::string poolText;
   std::string resultsFile;
+  bool noSave = false;
 };
 
 bool parseCount(const std::string& text, uint32_t& value) {
@@ -187,7 +188,7 @@ int runServe(ServeArguments& arguments) {
   }
   settings.writeInt("PXE Client Address", client);
   if (havePackages) {
-    settings.writeString("Package Path", options.packageDir);
+    if (!arguments.noSave) settings.writeString("Package Path", options.packageDir);
   } else {
     options.packageDir = settings.readString("Package Path", ".");
   }
@@ -286,9 +287,11 @@ int runServe(ServeArguments& arguments) {
   service.transport().close();
   if (beacon) setBeacon(false);
   netbootService.stop();
-  if (options.pool) settings.writeString(kPoolSettingsValue, options.pool->rememberedText());
-  remembered.save(settings);
-  sets.saveSets(settings);
+  if (!arguments.noSave) {
+    if (options.pool) settings.writeString(kPoolSettingsValue, options.pool->rememberedText());
+    remembered.save(settings);
+    sets.saveSets(settings);
+  }
   logLine() << "serve: " << installer.succeeded() << " installed, " << installer.failed() << " failed";
   // Told to stop, the server did what it was told: a clean end. A --count
   // run reports whether its routers succeeded.
@@ -344,6 +347,9 @@ CommandRun defineServe(CLI::App& app) {
   addValue(app, "--results", arguments->resultsFile, "FILE",
            "Append one JSON line per router that ends (time, MAC, label, address, files, bytes, seconds, "
            "result, text) to FILE.")
+      ->group(which);
+  addSwitch(app, "--no-save", arguments->noSave,
+            "Leave the remembered settings (\"Previous Install\", package folder, pool addresses) untouched.")
       ->group(which);
   addSwitch(app, "--only-known", options.onlyKnown,
             "Install and network-boot only the routers of --inventory and --mac; others are left alone.")

@@ -338,6 +338,20 @@ PY
       grep -q 'offers=0' "$work/sim.out" || fail "'$bad': the router was offered an install"
     done
     ;;
+  nosave)
+    # A run with --no-save leaves no "Previous Install" behind: the next run
+    # without --select has nothing to install.
+    start_serve --select extra-6.41.npk --no-save --count 1
+    run_sim || fail "routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "first serve exit $serve_rc"
+    rm -rf "$work/out" && mkdir -p "$work/out"
+    start_serve --count 1
+    run_sim --timeout-s 10
+    wait_serve
+    [ "$serve_rc" = 1 ] || fail "second serve exit $serve_rc, expected 1"
+    expect_line "$work/serve.out" $'02:00:00:00:00:01\tNo packages selected'
+    ;;
   usage)
     in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve "$@" > "$work/serve.out" 2> "$work/serve.err"); }
     in_srv; [ $? = 2 ] || fail "no arguments: expected exit 2"
