@@ -212,7 +212,7 @@ int runServe(ServeArguments& arguments) {
 
   RememberedChoices remembered;
   remembered.load(settings);
-  options.liveProgress = terminalShowsLiveProgress();
+  options.liveProgress = !options.json && terminalShowsLiveProgress();
   if (beacon) {
     setBeacon(true);
     options.sendBeacon = [] {
@@ -350,6 +350,9 @@ CommandRun defineServe(CLI::App& app) {
       ->group(which);
   addSwitch(app, "--no-save", arguments->noSave,
             "Leave the remembered settings (\"Previous Install\", package folder, pool addresses) untouched.")
+      ->group(which);
+  addSwitch(app, "--json", options.json,
+            "Write JSON lines (router seen, progress, ended) on standard output instead of the table.")
       ->group(which);
   addSwitch(app, "--only-known", options.onlyKnown,
             "Install and network-boot only the routers of --inventory and --mac; others are left alone.")

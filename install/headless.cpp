@@ -52,6 +52,10 @@ void HeadlessInstaller::tick() {
   for (const MacAddress& mac : result.added) {
     RouterRow* row = desk_.table().find(mac);
     logLine() << "router found: " << row->labelCell << " " << row->macCell << " " << row->architectureCell;
+    if (options_.json) {
+      out_ << "{\"event\":\"seen\",\"mac\":" << jsonString(macText(mac)) << ",\"label\":" << jsonString(row->record.label)
+           << ",\"architecture\":" << jsonString(architectureText(row->record.architecture)) << "}" << std::endl;
+    }
     if (options_.hold) continue;
     if (mayInstall(mac)) install(*row);
   }
@@ -190,8 +194,8 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
     out_ << "\x1b[" << drawnLines_ << "F\x1b[J";
     drawnLines_ = 0;
   }
-  out_ << macText(record.mac) << '\t' << text << std::endl;
-  if (options_.onEnded) {
+  if (!options_.json) out_ << macText(record.mac) << '\t' << text << std::endl;
+  if (options_.onEnded || options_.json) {
     RouterResult result;
     result.time = utcTimestamp();
     result.mac = macText(record.mac);
@@ -207,12 +211,19 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
     result.bytes = record.totalSize;
     result.success = success;
     result.text = text;
-    options_.onEnded(result);
+    if (options_.json) out_ << "{\"event\":\"ended\"," << resultJsonLine(result).substr(1) << std::endl;
+    if (options_.onEnded) options_.onEnded(result);
   }
 }
 
 void HeadlessInstaller::progress(const RouterRow& row) {
   const RouterRecord& r = row.record;
+  if (options_.json) {
+    out_ << "{\"event\":\"progress\",\"mac\":" << jsonString(macText(r.mac)) << ",\"status\":"
+         << jsonString(statusRowText(r.status)) << ",\"text\":" << jsonString(r.statusText)
+         << ",\"percent\":" << percentOf(r) << ",\"bytes\":" << r.progress << "}" << std::endl;
+    return;
+  }
   out_ << macText(r.mac) << '\t' << row.labelCell << '\t' << statusRowText(r.status) << '\t' << r.statusText << '\t'
        << percentOf(r) << "%\t" << r.progress << std::endl;
 }

@@ -43,6 +43,9 @@ struct HeadlessOptions {
   std::shared_ptr<AddressPool> pool;
   // Called with the facts of every router that ends; unset: nothing.
   std::function<void(const RouterResult&)> onEnded;
+  // Standard output gets JSON lines (router seen, progress, ended) instead
+  // of the table.
+  bool json = false;
   bool liveProgress = false;  // a terminal: redraw one line per router
   // Routers are listed and stay "Ready" until another front end (the web
   // console) installs them.

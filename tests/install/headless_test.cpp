@@ -367,5 +367,34 @@ TEST_F(HeadlessTest, OnlyKnownRoutersAreInstalledAndAnUnknownOneIsLoggedOnce) {
   EXPECT_EQ(logged.find("unknown router 02:00:00:00:00:02", first + 1), std::string::npos);
 }
 
+TEST_F(HeadlessTest, JsonLinesReplaceTheTableWithEscapedStrings) {
+  SimRouterConfig awkward = router(1);
+  awkward.label = "Desk \"A\"\tcaf\xC3\xA9\xFF";
+  addRouter(awkward);
+  addRouter(router(2));
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.json = true;
+  make(options);
+  run(30'000, 2);
+  ASSERT_EQ(installer->succeeded(), 2u);
+  std::istringstream lines(out.str());
+  std::string line;
+  size_t seen = 0, ended = 0, progress = 0;
+  while (std::getline(lines, line)) {
+    ASSERT_EQ(line.front(), '{') << line;
+    ASSERT_EQ(line.back(), '}') << line;
+    for (char c : line) ASSERT_TRUE(c >= 0x20 && c < 0x7F) << line;
+    seen += line.rfind("{\"event\":\"seen\"", 0) == 0;
+    ended += line.rfind("{\"event\":\"ended\"", 0) == 0;
+    progress += line.rfind("{\"event\":\"progress\"", 0) == 0;
+  }
+  EXPECT_EQ(seen, 2u);
+  EXPECT_EQ(ended, 2u);
+  EXPECT_GT(progress, 0u);
+  EXPECT_NE(out.str().find("\"label\":\"Desk \\\"A\\\"\\tcaf\\u00e9\\ufffd\""), std::string::npos) << out.str();
+  EXPECT_EQ(out.str().find("\tInstallation finished"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace tarnlift
