@@ -92,7 +92,28 @@ void InstallDesk::actAfterInstall(const MacAddress& mac, AfterInstall after) {
   if (after == AfterInstall::Shutdown) routers_.shutdown(mac);
 }
 
+bool InstallDesk::actAfterInstallOnce(const DeskNews& news, AfterInstall after) {
+  if (!news.startedWaitingReboot() || after == AfterInstall::None) return false;
+  actAfterInstall(news.mac, after);
+  return true;
+}
+
+void InstallDesk::showFirstStatus(const MacAddress& mac) {
+  RouterRow* row = table_.find(mac);
+  if (row == nullptr) return;
+  SessionStatus s;
+  if (row->record.kind == kKindDrive) {
+    // A drive's thread may not have reported yet: it is installing.
+    if (!drives_.status(mac, s)) s = {kStatusInstalling, 0, 0, ""};
+  } else {
+    s = routers_.status(mac);
+  }
+  table_.setStatus(mac, s.status, s.total != 0 ? s.total : row->record.totalSize, s.progress, s.statusText);
+}
+
 InstallDesk::TickResult InstallDesk::tick() {
+  ++ticks_;
+  if (ticks_ % 4 == 0 && sendBeacon_) sendBeacon_();
   TickResult result;
   result.added = drainDiscovered();
   result.tableChanged = !result.added.empty();

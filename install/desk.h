@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -88,6 +89,12 @@ struct DeskNews {
   uint32_t previousProgress = 0;
   std::string previousText;
   SessionStatus status;        // what was stored in the table (hadNews)
+
+  // The router has just begun waiting for its reboot: the after-install
+  // action is due now, and never again for this wait.
+  bool startedWaitingReboot() const {
+    return hadNews && status.status == kStatusWaitingReboot && previousStatus != kStatusWaitingReboot;
+  }
 };
 
 class InstallDesk {
@@ -124,8 +131,21 @@ class InstallDesk {
   std::vector<DeskNews> poll();
   // The auto reboot choice for a router now waiting for reboot.
   void actAfterInstall(const MacAddress& mac, AfterInstall after);
+  // The after-install action for news that a router has just begun waiting
+  // for its reboot; nothing for any other news (so a front end may offer it
+  // every news of every tick). True when it acted.
+  bool actAfterInstallOnce(const DeskNews& news, AfterInstall after);
 
-  // The whole tick's table work: drain, age, poll.
+  // After an Install command started a row's session: the row shows the
+  // session's first status at once, without waiting for the next tick.
+  void showFirstStatus(const MacAddress& mac);
+
+  // The beacon's sender; the tick calls it on every fourth tick. Unset (or
+  // a sender that finds its switch off) sends nothing.
+  void setBeacon(std::function<void()> send) { sendBeacon_ = std::move(send); }
+
+  // The 250 ms tick every front end runs: the beacon on every fourth tick,
+  // then drain, age and poll.
   struct TickResult {
     std::vector<MacAddress> added;
     bool tableChanged = false;
@@ -143,6 +163,8 @@ class InstallDesk {
   const Clock& clock_;
   RouterTable table_;
   std::string packageDir_;
+  std::function<void()> sendBeacon_;
+  uint64_t ticks_ = 0;
 };
 
 }  // namespace tarnlift

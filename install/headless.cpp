@@ -32,6 +32,7 @@ HeadlessInstaller::HeadlessInstaller(InstallServer& server, const Clock& clock, 
       desk_(routers_, drives_, sets, remembered, clock),
       clock_(clock) {
   desk_.setPackageDir(options_.packageDir);
+  if (options_.sendBeacon) desk_.setBeacon(options_.sendBeacon);
 }
 
 void HeadlessInstaller::showMessage(const std::string& text, const std::string& title, bool) {
@@ -46,8 +47,6 @@ bool HeadlessInstaller::askYesNo(const std::string& text) {
 }
 
 void HeadlessInstaller::tick() {
-  ++ticks_;
-  if (ticks_ % 4 == 0 && options_.sendBeacon) options_.sendBeacon();
   InstallDesk::TickResult result = desk_.tick();
   for (const MacAddress& mac : result.added) {
     RouterRow* row = desk_.table().find(mac);
@@ -72,10 +71,10 @@ void HeadlessInstaller::tick() {
     // A router whose session is gone keeps its row with status 0 until it
     // announces itself again; there is nothing to print for it.
     if (textChanged && !final && s.status != kStatusNone && !options_.liveProgress) progress(*row);
-    if (s.status == kStatusWaitingReboot && statusChanged) {
+    if (news.startedWaitingReboot()) {
       AfterInstall after = options_.afterFor ? options_.afterFor(news.mac) : options_.after;
       if (const InventoryEntry* entry = options_.inventory.find(news.mac); entry && entry->after) after = *entry->after;
-      desk_.actAfterInstall(news.mac, after);
+      desk_.actAfterInstallOnce(news, after);
     }
     if (final && statusChanged) finish(row->record, s.status == kStatusDone, s.statusText);
   }
@@ -178,10 +177,9 @@ void HeadlessInstaller::install(RouterRow& row) {
     finish(record, false, refusal_);
     return;
   }
-  SessionStatus s = server_.status(record.mac);
-  desk_.table().setStatus(record.mac, s.status, record.totalSize, s.progress, s.statusText);
+  desk_.showFirstStatus(record.mac);
   if (!options_.liveProgress) progress(row);
-  if (s.status == kStatusFailed) finish(row.record, false, s.statusText);
+  if (row.record.status == kStatusFailed) finish(row.record, false, row.record.statusText);
 }
 
 void HeadlessInstaller::finish(const RouterRecord& record, bool success, const std::string& text) {

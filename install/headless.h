@@ -95,7 +95,6 @@ class HeadlessInstaller : public InstallPrompter {
   std::ostream& err_;
   InstallDesk desk_;
   packages::PackageCatalogue catalogue_;
-  uint64_t ticks_ = 0;
   std::vector<MacAddress> shown_;  // rows of the live display, in order
   size_t drawnLines_ = 0;
   size_t succeeded_ = 0;

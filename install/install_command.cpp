@@ -61,6 +61,15 @@ void RememberedChoices::applyTo(RouterRecord& record) const {
   record.modeScriptPath = modeScriptPath;
 }
 
+void RememberedChoices::applyToCancelledDrive(RouterRecord& record) const {
+  record.baudRate = baudRate;
+  record.defaultConfig = defaultConfig;
+  record.scriptEnabled = scriptEnabled;
+  record.scriptPath = scriptPath;
+  record.modeScriptEnabled = modeScriptEnabled;
+  record.modeScriptPath = modeScriptPath;
+}
+
 namespace {
 bool fileReadable(const std::string& path) {
   std::FILE* file = std::fopen(path.c_str(), "rb");

@@ -77,6 +77,10 @@ struct RememberedChoices {
   // for a router that has a default configuration and off for one that has
   // none (hasDefaultConfiguration), whatever was remembered.
   void applyTo(RouterRecord& record) const;
+  // A drive whose installation was cancelled starts over with the
+  // remembered baud rate, default configuration and both scripts (its
+  // package choice comes from "Previous Install", as for a new drive).
+  void applyToCancelledDrive(RouterRecord& record) const;
 };
 
 enum class InstallOutcome {

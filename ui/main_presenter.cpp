@@ -45,16 +45,22 @@ MainPresenter::~MainPresenter() { catalogue_.setView(nullptr); }
 // ---- construction ----------------------------------------------------------
 
 void MainPresenter::construct() {
+  // The one reading of the environment about a compatibility layer: it
+  // decides the local drives offered (step 1) and the gateway tip (step 2).
+  std::string loader;
+  const bool underCompatibilityLayer = workers_.environment("WINELOADER", loader);
+
   // 1. The workers, in the order the window needs them.
   routers_ = &workers_.startRouterInstaller();
-  drives_ = &workers_.makeDriveInstaller();
+  drives_ = &workers_.makeDriveInstaller(underCompatibilityLayer);
   netboot_ = &workers_.startNetbootServer(options_.kernelOverride);
   desk_ = std::make_unique<InstallDesk>(*routers_, *drives_, sets_, remembered_, workers_.clock());
+  desk_->setBeacon([this] {
+    if (beaconOn_) workers_.beacon().send();
+  });
 
   // 2. Under the compatibility layer only a tip differs.
-  std::string loader;
-  const bool hasWineLoader = workers_.environment("WINELOADER", loader);
-  underWineApplication_ = hasWineLoader && loader.find("Application") != std::string::npos;
+  underWineApplication_ = underCompatibilityLayer && loader.find("Application") != std::string::npos;
   netboot::setRunningUnderWine(underWineApplication_);
 
   // 3. Title and icon.
@@ -84,8 +90,9 @@ void MainPresenter::construct() {
   view_.selectItem(kIdAutoReboot, kAutoRebootItems[0]);
 
   // 8. Network booting.
-  netbootEnabled_ = settings_.readInt("PXE Enabled", 0) != 0;
-  clientAddress_ = settings_.readInt("PXE Client Address", 0);
+  netboot::NetbootSettings netboot = netboot::readNetbootSettings(settings_);
+  netbootEnabled_ = netboot.enabled;
+  clientAddress_ = netboot.clientAddress;
 
   // 9. Show the window where it belongs.
   view_.moveWindow(placeLeft_, placeTop_, initialWidth_, placeHeight_);
@@ -160,8 +167,7 @@ void MainPresenter::saveSettings() {
   settings_.writeString("Package Path", catalogue_.folder());
   remembered_.save(settings_);
   settings_.writeBool("Force Inst", beaconOn_);
-  settings_.writeBool("PXE Enabled", netbootEnabled_);
-  settings_.writeInt("PXE Client Address", clientAddress_);
+  netboot::writeNetbootSettings(settings_, {netbootEnabled_, clientAddress_});
   sets_.saveSets(settings_);
 }
 
@@ -174,6 +180,9 @@ void MainPresenter::onClose() {
 
 void MainPresenter::tearDown() {
   saveSettings();
+  // The lists and the status bar go before the threads are stopped, so
+  // nothing is drawn into them while the threads wind down.
+  view_.destroyLists();
   workers_.stopThreads();
 }
 
@@ -574,8 +583,7 @@ void MainPresenter::netBooting() {
   clientAddress_ = address;
   // Kept at once: the installer's transport looks for the interface that
   // reaches the saved client address whenever it opens.
-  settings_.writeBool("PXE Enabled", enabled);
-  settings_.writeInt("PXE Client Address", address);
+  netboot::writeNetbootSettings(settings_, {enabled, address});
   netboot_->changeSettings(enabled, address);
 }
 
@@ -655,18 +663,14 @@ AfterInstall MainPresenter::autoRebootChoice() {
 
 void MainPresenter::onTimer() {
   if (!desk_) return;
-  ++ticks_;
-  if (ticks_ % 4 == 0 && beaconOn_) workers_.beacon().send();
-
-  bool refresh = !desk_->drainDiscovered().empty();
-  if (desk_->age()) refresh = true;
-  if (refresh) {
+  InstallDesk::TickResult tick = desk_->tick();
+  if (tick.tableChanged) {
     refreshRouterList();
     refreshControlState();
     refreshPackageMarks();
   }
 
-  std::vector<DeskNews> news = desk_->poll();
+  const std::vector<DeskNews>& news = tick.news;
   if (news.empty()) return;
   RouterRecord* selected = selectedRouter();
   MacAddress selectedMac = selected != nullptr ? selected->mac : MacAddress{};
@@ -694,9 +698,8 @@ void MainPresenter::onTimer() {
     if (after == AfterInstall::None) {
       view_.setEnabled(kIdShutdown, true);
       view_.setEnabled(kIdReboot, true);
-    } else if (n.previousStatus != kStatusWaitingReboot) {
-      // Once, when the router starts waiting; not again on every tick.
-      desk_->actAfterInstall(n.mac, after);
+    } else {
+      desk_->actAfterInstallOnce(n, after);
     }
   }
 }

@@ -64,8 +64,9 @@ class MainWorkers {
   virtual ~MainWorkers() = default;
   // Creates and starts the "Router installer" thread.
   virtual RouterInstaller& startRouterInstaller() = 0;
-  // Creates the local-drive installer holder.
-  virtual DriveInstaller& makeDriveInstaller() = 0;
+  // Creates the local-drive installer holder; under a compatibility layer
+  // (the environment has WINELOADER) it offers no drives.
+  virtual DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) = 0;
   // Creates and starts the "PXE Booter" with the start-up text.
   virtual NetbootWorker& startNetbootServer(const std::string& kernelOverride) = 0;
   virtual BeaconWorker& beacon() = 0;
@@ -191,7 +192,6 @@ class MainPresenter : private packages::PackageListView,
   bool beaconOn_ = false;
   bool underWineApplication_ = false;
   int lastPercent_ = 0;
-  uint64_t ticks_ = 0;
   MacAddress shownRouter_{};
   bool haveShownRouter_ = false;
   std::vector<MacAddress> routerOrder_;

@@ -51,6 +51,8 @@ class MainView {
   virtual void stopTimer() = 0;
   // Creates the status bar (id 102) below the controls.
   virtual void createStatusBar() = 0;
+  // Teardown: frees the router list, the package list and the status bar.
+  virtual void destroyLists() = 0;
   // Gives group box 1017 the clip-siblings style.
   virtual void clipPackagesGroup() = 0;
   // The window's outer rectangle in screen pixels.

@@ -136,6 +136,12 @@ class Win32MainView : public MainView {
     rememberLayout();
     layOut();
   }
+  void destroyLists() override {
+    for (HWND* control : {&routerList_, &packageList_, &statusBar_}) {
+      if (*control != nullptr) DestroyWindow(*control);
+      *control = nullptr;
+    }
+  }
   void clipPackagesGroup() override {
     HWND group = GetDlgItem(window_, IDC_PACKAGES_GROUP);
     SetWindowLongA(group, GWL_STYLE, GetWindowLongA(group, GWL_STYLE) | WS_CLIPSIBLINGS);

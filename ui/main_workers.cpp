@@ -39,9 +39,7 @@ std::unique_ptr<DriveInstaller> SystemMainWorkers::defaultDriveInstaller(bool un
 }
 
 SystemMainWorkers::SystemMainWorkers(std::unique_ptr<DriveInstaller> drives)
-    // Wine sets WINELOADER in the environment of every program it runs.
-    : drives_(drives ? std::move(drives) : defaultDriveInstaller(std::getenv("WINELOADER") != nullptr)),
-      beacon_(std::make_unique<Beacon>()) {}
+    : drives_(std::move(drives)), beacon_(std::make_unique<Beacon>()) {}
 
 SystemMainWorkers::~SystemMainWorkers() = default;
 
@@ -50,7 +48,10 @@ RouterInstaller& SystemMainWorkers::startRouterInstaller() {
   return *routers_;
 }
 
-DriveInstaller& SystemMainWorkers::makeDriveInstaller() { return *drives_; }
+DriveInstaller& SystemMainWorkers::makeDriveInstaller(bool underCompatibilityLayer) {
+  if (!drives_) drives_ = defaultDriveInstaller(underCompatibilityLayer);
+  return *drives_;
+}
 
 NetbootWorker& SystemMainWorkers::startNetbootServer(const std::string& kernelOverride) {
   if (!netboot_) netboot_ = std::make_unique<Netboot>(kernelOverride);

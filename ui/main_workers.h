@@ -17,7 +17,7 @@ namespace tarnlift::ui {
 class SystemMainWorkers : public MainWorkers {
  public:
   // drives: the local-drive installer to hand out (nullptr: the default one
-  // below; tests give a fake).
+  // below, made when the presenter asks for it; tests give a fake).
   explicit SystemMainWorkers(std::unique_ptr<DriveInstaller> drives = nullptr);
 
   // The local disk installer of this machine's drives; under Wine none at
@@ -27,7 +27,7 @@ class SystemMainWorkers : public MainWorkers {
   ~SystemMainWorkers() override;
 
   RouterInstaller& startRouterInstaller() override;
-  DriveInstaller& makeDriveInstaller() override;
+  DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) override;
   NetbootWorker& startNetbootServer(const std::string& kernelOverride) override;
   BeaconWorker& beacon() override;
   const Clock& clock() override;

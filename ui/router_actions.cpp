@@ -58,11 +58,7 @@ void cancelRow(InstallDesk& desk, const RememberedChoices& remembered, RouterRec
   if (r.kind == kKindDrive) {
     desk.drives().cancel(mac);
     desk.prepareNewDrive(r);
-    r.defaultConfig = remembered.defaultConfig;
-    r.scriptEnabled = remembered.scriptEnabled;
-    r.scriptPath = remembered.scriptPath;
-    r.modeScriptEnabled = remembered.modeScriptEnabled;
-    r.modeScriptPath = remembered.modeScriptPath;
+    remembered.applyToCancelledDrive(r);
     desk.table().setStatus(mac, kStatusReady, r.totalSize, r.progress, "");
   } else {
     desk.routers().remove(mac);
@@ -85,19 +81,7 @@ InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalog
                          }};
   MacAddress mac = r.mac;
   InstallOutcome outcome = runInstallCommand(&r, options, context);
-  if (outcome == InstallOutcome::Started) {
-    // The row shows the session's first status at once.
-    SessionStatus s;
-    if (drive) {
-      if (!desk.drives().status(mac, s)) s = {kStatusInstalling, 0, 0, ""};
-    } else {
-      s = desk.routers().status(mac);
-    }
-    RouterRow* row = desk.table().find(mac);
-    if (row != nullptr) {
-      desk.table().setStatus(mac, s.status, s.total != 0 ? s.total : row->record.totalSize, s.progress, s.statusText);
-    }
-  }
+  if (outcome == InstallOutcome::Started) desk.showFirstStatus(mac);
   return outcome;
 }
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The modal dialogs on their own (dialogdemo opens them from the program's
 # resources): the help text byte for byte, its keys and close box; "Save
-# set" with its start name, OK, Cancel and the reopened name; "Network
+# set" with its start name, OK and Cancel; "Network
 # Booting Settings" with its refusals. Saves screenshots and checks that no
 # control overlaps another and no text is clipped.
 #   dialogs_test.sh DIALOGDEMO GUIPROBE [SCREENSHOT_DIR]
@@ -75,8 +75,9 @@ drive_ok dlg Help 60000 -- click 1031 -- gone Help 10000
 end_demo
 expect_eq "help after Close" "$(demo_result)" "closed 0"
 
-# --- Save set: starts with the given name; OK hands the typed one back;
-# the dialog opened again shows the name typed last.
+# --- Save set: starts with the given name; OK hands the typed one back.
+# (The window opening it again after a refusal, with the name typed last, is
+# the window's doing: gui_window_install checks that through the real window.)
 open_demo saveset "Router x"
 drive_ok dlg "Save set" 60000 > /dev/null
 expect_eq "start name" "$(drive dlg "Save set" -- text 1000)" "Router x"
@@ -84,7 +85,6 @@ drive_ok dlg "Save set" -- layout > /dev/null
 shot dialog102_save_set "Save set"
 drive_ok dlg "Save set" -- settext 1000 "Lab routers" -- click 1001 -- sleep 500
 drive_ok dlg "Save set" 10000 > /dev/null
-expect_eq "reopened name" "$(drive dlg "Save set" -- text 1000)" "Lab routers"
 drive_ok dlg "Save set" -- click 1024 -- gone "Save set" 10000
 end_demo
 expect_eq "save set results" "$(demo_result | tr '\n' '|')" "accepted 'Lab routers'|cancelled|"

@@ -118,5 +118,67 @@ TEST_F(DeskTest, AfterInstallRebootsShutsDownOrLeavesAlone) {
   EXPECT_EQ(routers.calls, (std::vector<std::string>{"reboot", "shutdown"}));
 }
 
+TEST_F(DeskTest, TheTickSendsTheBeaconOnEveryFourthTickBeforeTheTableWork) {
+  int sent = 0;
+  size_t routersWhenSent = 99;
+  desk.setBeacon([&] {
+    ++sent;
+    routersWhenSent = desk.table().rows().size();
+  });
+  routers.discovered = {router(1)};
+  for (int i = 0; i < 3; ++i) desk.tick();
+  EXPECT_EQ(sent, 0);
+  routers.discovered = {router(2)};
+  desk.tick();
+  EXPECT_EQ(sent, 1);
+  // Sent before this tick drained router 2.
+  EXPECT_EQ(routersWhenSent, 1u);
+  EXPECT_EQ(desk.table().rows().size(), 2u);
+  for (int i = 0; i < 8; ++i) desk.tick();
+  EXPECT_EQ(sent, 3);
+}
+
+TEST_F(DeskTest, TheAfterInstallActionIsTakenOnceWhenTheWaitBegins) {
+  routers.discovered = {router(1)};
+  desk.tick();
+  desk.table().setStatus(router(1).mac, kStatusInstalling, 100, 0, "");
+  routers.sessions[router(1).mac] = {kStatusWaitingReboot, 100, 100, "Installation finished successfully"};
+  InstallDesk::TickResult first = desk.tick();
+  ASSERT_EQ(first.news.size(), 1u);
+  EXPECT_TRUE(first.news[0].startedWaitingReboot());
+  EXPECT_TRUE(desk.actAfterInstallOnce(first.news[0], AfterInstall::Reboot));
+  InstallDesk::TickResult second = desk.tick();
+  ASSERT_EQ(second.news.size(), 1u);
+  EXPECT_FALSE(second.news[0].startedWaitingReboot());
+  EXPECT_FALSE(desk.actAfterInstallOnce(second.news[0], AfterInstall::Reboot));
+  EXPECT_EQ(routers.calls, (std::vector<std::string>{"reboot"}));
+  // "None" never acts, not even when the wait begins.
+  EXPECT_FALSE(desk.actAfterInstallOnce(first.news[0], AfterInstall::None));
+  EXPECT_EQ(routers.calls.size(), 1u);
+}
+
+TEST_F(DeskTest, AStartedRowShowsItsSessionsFirstStatusAtOnce) {
+  routers.discovered = {router(1)};
+  desk.tick();
+  desk.table().setStatus(router(1).mac, kStatusReady, 300, 0, "");
+  routers.sessions[router(1).mac] = {kStatusInstalling, 0, 0, "Sending offer..."};
+  desk.showFirstStatus(router(1).mac);
+  const RouterRecord& r = desk.table().find(router(1).mac)->record;
+  EXPECT_EQ(r.status, kStatusInstalling);
+  EXPECT_EQ(r.statusText, "Sending offer...");
+  // A session that does not know the size yet keeps the row's.
+  EXPECT_EQ(r.totalSize, 300u);
+  // A drive whose thread has not reported yet shows "Installing".
+  RouterRecord d;
+  d.mac = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x43};
+  d.kind = kKindDrive;
+  desk.table().addDrive(d);
+  desk.showFirstStatus(d.mac);
+  EXPECT_EQ(desk.table().find(d.mac)->record.status, kStatusInstalling);
+  // An unknown row: nothing happens.
+  desk.showFirstStatus({0x02, 9, 9, 9, 9, 9});
+  EXPECT_EQ(desk.table().rows().size(), 2u);
+}
+
 }  // namespace
 }  // namespace tarnlift

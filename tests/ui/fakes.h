@@ -3,6 +3,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -36,6 +37,8 @@ class FakeFolderBrowser : public packages::FolderBrowser {
 
 class FakeView : public MainView {
  public:
+  // Called when the view frees its lists (teardown).
+  std::function<void()> onDestroyLists;
   // --- window ---
   std::string title;
   bool iconSet = false;
@@ -72,6 +75,10 @@ class FakeView : public MainView {
   void createStatusBar() override {
     statusBarCreated = true;
     calls.push_back("status bar");
+  }
+  void destroyLists() override {
+    calls.push_back("destroy lists");
+    if (onDestroyLists) onDestroyLists();
   }
   void clipPackagesGroup() override {
     clipped = true;
@@ -329,13 +336,15 @@ class FakeWorkers : public MainWorkers {
   std::vector<std::string> order;
   std::string kernelOverride;
   bool stopped = false;
+  bool drivesUnderCompatibilityLayer = false;
 
   RouterInstaller& startRouterInstaller() override {
     order.push_back("Router installer");
     return routers;
   }
-  DriveInstaller& makeDriveInstaller() override {
+  DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) override {
     order.push_back("local-drive installer");
+    drivesUnderCompatibilityLayer = underCompatibilityLayer;
     return drives;
   }
   NetbootWorker& startNetbootServer(const std::string& ko) override {

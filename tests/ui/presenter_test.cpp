@@ -184,12 +184,26 @@ TEST_F(PresenterTest, ClosingEndsWithExitCodeZeroEvenWhileAnInstallationRuns) {
   EXPECT_EQ(view.calls.back(), "quit");
 }
 
-TEST_F(PresenterTest, TearDownSavesAndStopsTheThreads) {
+TEST_F(PresenterTest, TearDownSavesThenFreesTheListsThenStopsTheThreads) {
   start();
   store->log().clear();
+  bool stoppedWhenFreed = true;
+  size_t writesWhenFreed = 0;
+  view.onDestroyLists = [&] {
+    stoppedWhenFreed = workers.stopped;
+    writesWhenFreed = writes().size();
+  };
   presenter->tearDown();
   EXPECT_TRUE(workers.stopped);
-  EXPECT_FALSE(writes().empty());
+  EXPECT_FALSE(stoppedWhenFreed);
+  // Every setting is written, in the close order, before the lists go.
+  Names w = writes();
+  EXPECT_EQ(w, (Names{"Rect X", "Rect Y", "Rect H", "Screen X", "Screen Y", "Package Path", "Previous KeepConfig",
+                      "Previous Address", "Previous NetMask", "Previous Gateway", "Previous Baud",
+                      "Previous Default Config", "Previous Script", "Previous ScriptFile", "Previous ModeScript",
+                      "Previous ModeScriptFile", "Force Inst", "PXE Enabled", "PXE Client Address"}));
+  EXPECT_EQ(writesWhenFreed, w.size());
+  EXPECT_EQ(view.calls.back(), "destroy lists");
 }
 
 TEST_F(PresenterTest, NetmaskIsReadAndWrittenUnderEitherSpellingAsOneValue) {
@@ -292,6 +306,17 @@ TEST_F(PresenterTest, UnderTheCompatibilityLayerTheGatewayTipIsShown) {
   EXPECT_EQ(view.boxes[0].text,
             "If your network cable is connected directly to the installing device. Try setting the network gateway "
             "address the same as the interface address.");
+}
+
+TEST_F(PresenterTest, TheLocalDrivesFollowTheSameReadingOfTheEnvironment) {
+  start();
+  EXPECT_FALSE(workers.drivesUnderCompatibilityLayer);
+}
+
+TEST_F(PresenterTest, WithAWineLoaderTheDriveHolderIsTheCompatibilityLayersWhateverItsPath) {
+  workers.env["WINELOADER"] = "/usr/bin/wine";
+  start();
+  EXPECT_TRUE(workers.drivesUnderCompatibilityLayer);
 }
 
 TEST_F(PresenterTest, WineLoaderWithoutApplicationShowsNoTip) {

@@ -18,7 +18,8 @@ TEST(SystemMainWorkersTest, AnswersAboutEnvironmentFilesAndFolders) {
   auto fake = std::make_unique<testing::FakeDriveInstaller>();
   testing::FakeDriveInstaller* drives = fake.get();
   SystemMainWorkers workers(std::move(fake));
-  EXPECT_EQ(&workers.makeDriveInstaller(), drives);
+  // An injected holder wins over the default, whatever the environment.
+  EXPECT_EQ(&workers.makeDriveInstaller(true), drives);
 
   std::string value;
   EXPECT_FALSE(workers.environment("TARNLIFT_SURELY_NOT_SET_9A", value));
@@ -37,8 +38,8 @@ TEST(SystemMainWorkersTest, AnswersAboutEnvironmentFilesAndFolders) {
   std::filesystem::remove_all(dir);
 
   EXPECT_EQ(workers.currentDirectory(), std::filesystem::current_path().string());
-  uint64_t before = workers.clock().nowMicros();
-  EXPECT_GE(workers.clock().nowMicros(), before);
+  // The window's tick and time-outs run on the process's steady clock.
+  EXPECT_EQ(&workers.clock(), &SteadyClock::instance());
 }
 
 TEST(SystemMainWorkersTest, UnderWineNoLocalDrivesAreOffered) {
@@ -49,11 +50,14 @@ TEST(SystemMainWorkersTest, UnderWineNoLocalDrivesAreOffered) {
   EXPECT_NE(dynamic_cast<NoDriveInstaller*>(drives.get()), nullptr);
   std::unique_ptr<DriveInstaller> native = SystemMainWorkers::defaultDriveInstaller(false);
   EXPECT_EQ(dynamic_cast<NoDriveInstaller*>(native.get()), nullptr);
-  // Wine runs this test program too: the default then offers nothing.
-  if (std::getenv("WINELOADER") != nullptr) {
-    SystemMainWorkers workers;
-    EXPECT_TRUE(workers.makeDriveInstaller().listDrives().empty());
-  }
+  // Without an injected holder the workers make the default for what the
+  // presenter read from the environment, once, and keep it.
+  SystemMainWorkers layered;
+  DriveInstaller& first = layered.makeDriveInstaller(true);
+  EXPECT_NE(dynamic_cast<NoDriveInstaller*>(&first), nullptr);
+  EXPECT_EQ(&layered.makeDriveInstaller(false), &first);
+  SystemMainWorkers plain;
+  EXPECT_EQ(dynamic_cast<NoDriveInstaller*>(&plain.makeDriveInstaller(false)), nullptr);
 }
 
 }  // namespace
