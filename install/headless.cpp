@@ -139,10 +139,15 @@ void HeadlessInstaller::install(RouterRow& row) {
               << installOptions.netmaskBitsText << " from the address pool";
   }
   if (setName.empty() && select.empty()) {
-    // The choice the router was given: the last installed one.
-    choice = {record.setName, record.packageDir, record.files};
+    // Not what an earlier run or the window remembered ("Previous Install"):
+    // the same folder and command line must install the same packages on
+    // every run. The folder's default is what "Select all" ticks.
+    choice.folder = options_.packageDir;
     catalogue_.setFolder(choice.folder, record.architecture);
     catalogue_.applySelection(choice.files);
+    packages::PackageSets::selectAll(catalogue_, &choice);
+    logLine() << "router " << macText(record.mac) << " gets the package folder's default selection ("
+              << choice.files.size() << " packages)";
   } else if (!setName.empty()) {
     if (!sets_.chooseSet(choice, setName)) {
       showMessage("no package set named " + setName, "Error", true);

@@ -1,10 +1,12 @@
 // The headless front end's engine: the window's desk (install/desk.h)
 // driven without a window. Every discovered router (or only the named ones)
-// starts, as in the window, from "Previous Install" and the remembered
-// defaults, and is installed with the same Install command and rules; the
-// choice of packages goes through the catalogue's selection logic, as
-// ticking boxes does. Without --select or --set a router installs the choice
-// it was given ("Previous Install").
+// is listed as in the window and installed with the same Install command
+// and rules; the choice of packages goes through the catalogue's selection
+// logic, as ticking boxes does. Without a set or files from the inventory
+// or the command line, a router gets the package folder's default
+// selection (what "Select all" ticks for its architecture), never what an
+// earlier run remembered: runs are reproducible. The window keeps giving
+// "Previous Install".
 #pragma once
 
 #include <cstdint>

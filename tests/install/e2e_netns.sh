@@ -209,20 +209,32 @@ sys.stdout.write(data.decode("latin-1"))
     wait_serve
     ;;
   previous)
-    # The choice of an install is "Previous Install"; a later serve without
-    # --select or --set gives it to the next router, as the window does.
+    # The choice of an install is saved as "Previous Install", but a later
+    # serve without --select or --set does not install it: it installs the
+    # folder's default selection (every package), so runs are reproducible.
     start_serve --select extra-6.41.npk --count 1
     run_sim || fail "routersim exit $?"
     wait_serve
     [ "$serve_rc" = 0 ] || fail "first serve exit $serve_rc"
     rm -rf "$work/out" && mkdir -p "$work/out"
-    start_serve --count 1
+    start_serve --count 1 --no-save
     run_sim || fail "second routersim exit $?"
     wait_serve
     [ "$serve_rc" = 0 ] || fail "second serve exit $serve_rc"
-    expect_line "$work/sim.out" $'installed\tfiles=3\t'
+    expect_line "$work/sim.out" $'installed\tfiles=4\t'
     expect_same "$work/pk/system-6.41.npk" "$router_dir/system-6.41.npk"
     expect_same "$work/pk/extra-6.41.npk" "$router_dir/extra-6.41.npk"
+    expect_same "$work/pk/empty-6.41.npk" "$router_dir/empty-6.41.npk"
+    expect_line "$work/serve.err" "gets the package folder's default selection (3 packages)"
+    # The first run's "Previous Install" was there all along (the second
+    # run saved nothing), for whoever asks for it by name.
+    rm -rf "$work/out" && mkdir -p "$work/out"
+    start_serve --set "Previous Install" --count 1
+    run_sim || fail "third routersim exit $?"
+    wait_serve
+    [ "$serve_rc" = 0 ] || fail "third serve exit $serve_rc"
+    expect_line "$work/sim.out" $'installed\tfiles=3\t'
+    [ ! -e "$router_dir/empty-6.41.npk" ] || fail "--set \"Previous Install\" installed the default selection"
     ;;
   inventory)
     # Two of four routers are in the inventory, each with its own address,
@@ -340,17 +352,17 @@ PY
     ;;
   nosave)
     # A run with --no-save leaves no "Previous Install" behind: the next run
-    # without --select has nothing to install.
+    # that asks for it by name finds no such set.
     start_serve --select extra-6.41.npk --no-save --count 1
     run_sim || fail "routersim exit $?"
     wait_serve
     [ "$serve_rc" = 0 ] || fail "first serve exit $serve_rc"
     rm -rf "$work/out" && mkdir -p "$work/out"
-    start_serve --count 1
+    start_serve --set "Previous Install" --count 1
     run_sim --timeout-s 10
     wait_serve
     [ "$serve_rc" = 1 ] || fail "second serve exit $serve_rc, expected 1"
-    expect_line "$work/serve.out" $'02:00:00:00:00:01\tNo packages selected'
+    expect_line "$work/serve.out" $'02:00:00:00:00:01\tno package set named Previous Install'
     ;;
   usage)
     in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve "$@" > "$work/serve.out" 2> "$work/serve.err"); }
