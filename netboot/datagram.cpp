@@ -45,6 +45,30 @@ class SystemNetwork : public DatagramNetwork {
     return result;
   }
 
+  std::unique_ptr<DatagramSocket> openWatch(uint32_t serverAddress, std::string& why) override {
+    auto result = std::make_unique<SystemSocket>();
+    UdpSocket& s = result->socket;
+    if (!s.open()) {
+      why = "cannot create a socket (error " + std::to_string(UdpSocket::lastError()) + ")";
+      return nullptr;
+    }
+    // Reuse, so that a DHCP client that asks for it too can still have the
+    // port; a client that holds it alone makes the bind fail.
+    s.setReuseAddress();
+    s.ignoreConnectionResets();
+    ServedInterface served = servedInterface();
+    std::string device = served.address == serverAddress ? served.name : std::string();
+    if (!s.bindOnInterface(serverAddress, 68, device)) {
+      why = "cannot bind UDP port 68 (error " + std::to_string(UdpSocket::lastError()) + ")";
+      return nullptr;
+    }
+    if (!s.setNonBlocking()) {
+      why = "cannot make the port 68 socket non-blocking";
+      return nullptr;
+    }
+    return result;
+  }
+
   std::unique_ptr<DatagramSocket> openTftp(uint32_t serverAddress) override {
     auto result = std::make_unique<SystemSocket>();
     UdpSocket& s = result->socket;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace tarnlift::netboot {
 
@@ -32,6 +33,15 @@ class DatagramNetwork {
   virtual std::unique_ptr<DatagramSocket> openTftp(uint32_t serverAddress) = 0;
   // One transfer's socket, bound to (serverAddress, port).
   virtual std::unique_ptr<DatagramSocket> openTransfer(uint32_t serverAddress, uint16_t port) = 0;
+  // The watch for other boot servers: address reuse on, non-blocking, bound
+  // to port 68 on the served interface (hearing the replies broadcast to
+  // clients). Not fatal: null with why filled when the port cannot be had
+  // (a DHCP client on this machine holds it); serving goes on without it.
+  virtual std::unique_ptr<DatagramSocket> openWatch(uint32_t serverAddress, std::string& why) {
+    (void)serverAddress;
+    why = "not available on this network";
+    return nullptr;
+  }
   // Waits up to milliseconds for one of the sockets to become readable.
   // -1 on error, 0 on time-out, else how many; readable[i] tells which.
   virtual int waitReadable(DatagramSocket* const* sockets, size_t count, uint32_t milliseconds, bool* readable) = 0;

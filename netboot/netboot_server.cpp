@@ -23,7 +23,8 @@ NetbootEnvironment NetbootEnvironment::system() {
 NetbootServer::NetbootServer(std::string kernelOverridePath, NetbootEnvironment environment)
     : environment_(std::move(environment)),
       kernelOverridePath_(std::move(kernelOverridePath)),
-      responder_(*environment_.network) {
+      responder_(*environment_.network),
+      watch_(*environment_.clock) {
   Registry registry;
   registry.openRoot(kSettingsKeyPath);
   enabled_ = registry.readInt(kPxeEnabledValue, 0) != 0;
@@ -49,6 +50,7 @@ size_t NetbootServer::queuedSettings() {
 }
 
 void NetbootServer::closeSockets() {
+  watchSocket_.reset();
   tftpSocket_.reset();
   responder_.close();
 }
@@ -76,6 +78,7 @@ NetbootServer::CycleResult NetbootServer::cycle() {
   responder_.open(kBootFileName);
   tftpSocket_.reset();
   tftpSocket_ = environment_.network->openTftp(serverAddress());
+  openWatch();
 
   while (true) {
     if (stopEvent_.waitFor(0)) {
@@ -94,17 +97,20 @@ NetbootServer::CycleResult NetbootServer::cycle() {
       closeSockets();
       return CycleResult::Restart;
     }
-    DatagramSocket* sockets[2] = {responder_.socket(), tftpSocket_.get()};
-    bool readable[2] = {false, false};
-    int ready = environment_.network->waitReadable(sockets, 2, 1000, readable);
+    DatagramSocket* sockets[3] = {responder_.socket(), tftpSocket_.get(), watchSocket_.get()};
+    bool readable[3] = {false, false, false};
+    size_t count = watchSocket_ != nullptr ? 3 : 2;
+    int ready = environment_.network->waitReadable(sockets, count, 1000, readable);
     if (ready < 0) {
       std::string message = "select failed";
       reportSocketFailure(message, true);
     }
     if (ready == 0) continue;
-    if (readable[0]) {
-      if (handleBootp()) continue;
-    }
+    // A request and another server's answer to it may wake us together: the
+    // request is taken first so that its client is known to the watch.
+    bool answered = readable[0] && handleBootp();
+    if (readable[2]) handleWatch();
+    if (answered) continue;
     if (readable[1] && currentClass_ != kClassNone) handleReadRequest();
   }
 }
@@ -117,6 +123,11 @@ bool NetbootServer::handleBootp() {
     reportSocketFailure(message, true);
   }
   logLine() << "bootp recv bytes: " << received << " mac=" << formatMac(buffer + 28);
+  // Every client that asks is one we serve, answered or not, unless the
+  // front end said it is not ours.
+  if (!environment_.mayAnswer || environment_.mayAnswer(buffer + 28)) {
+    watch_.noteRequest(buffer, static_cast<size_t>(received));
+  }
   if (!responder_.classify(buffer, static_cast<size_t>(received))) {
     logLine() << "\tinvalid request";
     return false;
@@ -135,6 +146,36 @@ bool NetbootServer::handleBootp() {
     logLine() << "FAILED TO REPLY";
   }
   return true;
+}
+
+void NetbootServer::openWatch() {
+  watch_.setOwnAddress(serverAddress());
+  std::string why;
+  watchSocket_ = environment_.network->openWatch(serverAddress(), why);
+  if (watchSocket_ != nullptr) {
+    watchOffLogged_.clear();
+    return;
+  }
+  // Said once, not at every restart of the cycle.
+  if (why == watchOffLogged_) return;
+  watchOffLogged_ = why;
+  logLine(LogPriority::Warning) << "netboot: not watching for other boot servers: " << why;
+}
+
+void NetbootServer::handleWatch() {
+  // A burst of replies is read at once, but never without end: serving
+  // comes first.
+  for (int i = 0; i < 16; ++i) {
+    uint8_t buffer[kBootpBufferSize];
+    uint32_t address = 0;
+    uint16_t port = 0;
+    int received = watchSocket_->receiveFrom(buffer, sizeof buffer, &address, &port);
+    if (received < 0) return;
+    ForeignReply reply;
+    if (watch_.hearReply(buffer, static_cast<size_t>(received), address, port, reply)) {
+      logLine(LogPriority::Warning) << foreignReplyText(reply);
+    }
+  }
 }
 
 void NetbootServer::handleReadRequest() {

@@ -13,8 +13,10 @@
 #include <string>
 #include <utility>
 
+#include "app/clock.h"
 #include "app/sync.h"
 #include "app/thread.h"
+#include "netboot/boot_server_watch.h"
 #include "netboot/bootp.h"
 #include "netboot/datagram.h"
 #include "netboot/interfaces.h"
@@ -36,6 +38,8 @@ struct NetbootEnvironment {
   // Whether a BOOTP request from this client (6 bytes of MAC) may be
   // answered; unset: every client. A refused client is logged once.
   std::function<bool(const uint8_t* mac)> mayAnswer;
+  // Times the watch for other boot servers (once per server per minute).
+  const Clock* clock = &SteadyClock::instance();
   static NetbootEnvironment system();
 };
 
@@ -68,6 +72,8 @@ class NetbootServer {
   void handleReadRequest();
   void sendContent(const uint8_t* content, uint32_t length, uint16_t clientPort);
   void closeSockets();
+  void openWatch();
+  void handleWatch();
 
   NetbootEnvironment environment_;
   std::string kernelOverridePath_;
@@ -84,6 +90,9 @@ class NetbootServer {
   size_t requestLength_ = 0;
   uint16_t clientPort_ = 0;
   std::set<std::string> refusedClients_;  // MACs not answered, already logged
+  BootServerWatch watch_;
+  std::unique_ptr<DatagramSocket> watchSocket_;
+  std::string watchOffLogged_;  // why the watch is off, as last logged
 };
 
 // The "PXE Booter" thread that owns the server for the life of the program.

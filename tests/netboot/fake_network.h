@@ -85,6 +85,9 @@ class FakeNetwork : public DatagramNetwork {
   FakeSocket* bootp = nullptr;
   FakeSocket* tftp = nullptr;
   FakeSocket* transfer = nullptr;
+  FakeSocket* watch = nullptr;
+  // Set: port 68 cannot be had, for this reason.
+  std::string refuseWatch;
 
   std::unique_ptr<DatagramSocket> openBootp(uint32_t serverAddress) override {
     return open("bootp", serverAddress, 67, bootp);
@@ -94,6 +97,14 @@ class FakeNetwork : public DatagramNetwork {
   }
   std::unique_ptr<DatagramSocket> openTransfer(uint32_t serverAddress, uint16_t port) override {
     return open("transfer", serverAddress, port, transfer);
+  }
+
+  std::unique_ptr<DatagramSocket> openWatch(uint32_t serverAddress, std::string& why) override {
+    if (!refuseWatch.empty()) {
+      why = refuseWatch;
+      return nullptr;
+    }
+    return open("watch", serverAddress, 68, watch);
   }
 
   int waitReadable(DatagramSocket* const* sockets, size_t count, uint32_t waitMs, bool* readable) override {
@@ -118,6 +129,7 @@ class FakeNetwork : public DatagramNetwork {
     if (bootp == socket) bootp = nullptr;
     if (tftp == socket) tftp = nullptr;
     if (transfer == socket) transfer = nullptr;
+    if (watch == socket) watch = nullptr;
   }
 
  private:

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 
+#include "app/clock.h"
 #include "app/registry.h"
 #include "app/settings_store.h"
 #include "tests/app/capture_log.h"
@@ -57,6 +59,7 @@ class ServerTest : public ::testing::Test {
     store.addSized(142, 700);
     store.addSized(126, 800);
     environment.network = &network;
+    environment.clock = &clock;
     environment.interfaces = &interfaces;
     environment.sleep = [this](uint32_t milliseconds) {
       sleeps.push_back(milliseconds);
@@ -101,6 +104,7 @@ class ServerTest : public ::testing::Test {
 
   const uint32_t kClient = parseIpv4("192.168.88.1");
   const uint32_t kServer = parseIpv4("192.168.88.2");
+  ManualClock clock;
   FakeNetwork network;
   FakeInterfaceSource interfaces;
   FakeBootImageStore store;
@@ -384,10 +388,11 @@ TEST_F(ServerTest, FailedProbeRestartsTheCycle) {
   EXPECT_EQ(sleeps, std::vector<uint32_t>{1000});
   EXPECT_EQ(network.bootp, nullptr) << "both sockets are closed";
   EXPECT_EQ(network.tftp, nullptr);
+  EXPECT_EQ(network.watch, nullptr);
   network.onOpen = nullptr;
   s->stopEvent().set();
   EXPECT_EQ(s->cycle(), NetbootServer::CycleResult::Stop);
-  EXPECT_EQ(network.opens, 4);
+  EXPECT_EQ(network.opens, 6) << "bootp, tftp and the watch, twice";
 }
 
 TEST_F(ServerTest, ARestartForgetsTheClientButNotTheCurrentClass) {
@@ -475,6 +480,111 @@ TEST(NetbootThreadDeathTest, SettingsWithoutAServerAreFatal) {
         thread.changeSettings(true, 1);
       },
       ::testing::ExitedWithCode(1), "BOX\\[no code!!!");
+}
+
+}  // namespace
+}  // namespace tarnlift::netboot
+
+namespace tarnlift::netboot {
+namespace {
+
+// Another server's answer to a request, as it is broadcast to the client.
+std::vector<uint8_t> foreignReply(const MacAddress& mac, uint32_t yiaddr, uint32_t identifier = 0) {
+  std::vector<uint8_t> reply = makeBootpRequest(mac, "", -1, 42);
+  reply[0] = 2;
+  std::memcpy(reply.data() + 16, &yiaddr, 4);
+  if (identifier != 0) {
+    reply[240] = 54;
+    reply[241] = 4;
+    std::memcpy(reply.data() + 242, &identifier, 4);
+    reply[246] = 255;
+  }
+  return reply;
+}
+
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+TEST_F(ServerTest, AnotherServersAnswerToOurClientIsLoggedOncePerMinute) {
+  const uint32_t other = parseIpv4("192.168.88.77");
+  const uint32_t yiaddr = parseIpv4("192.168.88.150");
+  auto s = makeServer();
+  steps.push_back([&] {
+    deliverBootp("Powerboot");
+    network.watch->deliver(foreignReply(kMac, yiaddr), other, 67);
+  });
+  // Our own broadcast reply comes back to the watch: not reported.
+  steps.push_back([&] { network.watch->deliver(network.sentBy("bootp").back().bytes, kServer, 67); });
+  steps.push_back([&] {
+    clock.advanceMillis(59'000);
+    network.watch->deliver(foreignReply(kMac, yiaddr), other, 67);
+  });
+  steps.push_back([&] {
+    clock.advanceMillis(1'000);
+    network.watch->deliver(foreignReply(kMac, yiaddr), other, 67);
+  });
+  s->run();
+  std::string line = "another boot server answered 00:0C:42:11:22:33: 192.168.88.77\n";
+  EXPECT_EQ(occurrences(log.text(), line), 2u) << log.text();
+  EXPECT_EQ(occurrences(log.text(), "another boot server"), 2u) << log.text();
+  EXPECT_EQ(s->currentClass(), 129) << "serving goes on";
+}
+
+TEST_F(ServerTest, TheWatchChangesNoDatagramTheServerSends) {
+  auto runWith = [this](bool watched) {
+    network.sent.clear();
+    network.refuseWatch = watched ? "" : "held";
+    steps.clear();
+    step = 0;
+    auto s = makeServer();
+    steps.push_back([&] {
+      deliverBootp("PXEClient:Arch:00007", 7);
+      if (watched) network.watch->deliver(foreignReply(kMac, 0, parseIpv4("10.0.0.9")), parseIpv4("192.168.88.9"), 67);
+    });
+    steps.push_back([&] { network.tftp->deliver(rrq("bootx64.efi"), kClient, 3000); });
+    s->run();
+    std::vector<std::vector<uint8_t>> bytes;
+    for (const SentDatagram& d : network.sent) bytes.push_back(d.bytes);
+    return bytes;
+  };
+  std::vector<std::vector<uint8_t>> without = runWith(false);
+  std::vector<std::vector<uint8_t>> with = runWith(true);
+  ASSERT_FALSE(without.empty());
+  EXPECT_EQ(with, without);
+  EXPECT_TRUE(log.contains("another boot server answered 00:0C:42:11:22:33: 10.0.0.9\n")) << log.text();
+}
+
+TEST_F(ServerTest, WithoutPort68TheWatchIsOffAndServingGoesOn) {
+  network.refuseWatch = "cannot bind UDP port 68 (error 98)";
+  network.onOpen = [](FakeSocket& socket) {
+    if (socket.role == "bootp") socket.failPort = kTestPort;
+  };
+  auto s = makeServer();
+  EXPECT_EQ(s->cycle(), NetbootServer::CycleResult::Restart);
+  network.onOpen = nullptr;
+  steps.push_back([&] { deliverBootp("Powerboot"); });
+  s->run();
+  EXPECT_EQ(s->currentClass(), 129);
+  EXPECT_EQ(network.sentBy("bootp").size() > 0, true);
+  EXPECT_EQ(occurrences(log.text(), "netboot: not watching for other boot servers: cannot bind UDP port 68 (error 98)\n"),
+            1u)
+      << "said once over two cycles:\n"
+      << log.text();
+}
+
+TEST_F(ServerTest, ClientsTheFrontEndRefusesAreNotWatched) {
+  const MacAddress other{0x00, 0x0C, 0x42, 0x99, 0x99, 0x99};
+  environment.mayAnswer = [](const uint8_t* mac) { return mac[3] == 0x11; };
+  auto s = makeServer();
+  steps.push_back([&] {
+    network.bootp->deliver(makeBootpRequest(other, "Powerboot", -1, 42), 0, 68);
+    network.watch->deliver(foreignReply(other, 0), parseIpv4("192.168.88.77"), 67);
+  });
+  s->run();
+  EXPECT_FALSE(log.contains("another boot server")) << log.text();
 }
 
 }  // namespace
