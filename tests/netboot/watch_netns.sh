@@ -5,12 +5,15 @@
 # the third broadcasts its BOOTP request; both servers answer, and Tarnlift
 # logs "another boot server answered <MAC>: <dnsmasq's address>" once. A
 # second case holds port 68 before Tarnlift starts: it says the watch is
-# off and serves all the same. Nothing leaves the namespaces; they are
-# removed on every exit path.
+# off and serves all the same. The window case runs tarnlift.exe under Wine
+# with network booting left on in its settings: the "PXE Booter" thread logs
+# the same line. Nothing leaves the namespaces; they are removed on every
+# exit path.
 #
 # usage: watch_netns.sh CASE TARNLIFT_COMMAND BOOTP_CLIENT
-#   CASE: serve | netboot | held | wine
-#   TARNLIFT_COMMAND may be several words (e.g. "wine /path/tarnlift-cli.exe").
+#   CASE: serve | netboot | held | wine | window
+#   TARNLIFT_COMMAND may be several words (e.g. "wine /path/tarnlift-cli.exe");
+#   for window, the path of tarnlift.exe.
 #   BOOTP_CLIENT: tools/bootpclient, or tests/netboot/bootp_peer.py.
 # Exit 77 (skipped) when not root, or without ip, dnsmasq or python3.
 set -u
@@ -25,6 +28,10 @@ command -v python3 > /dev/null || skip "needs python3"
 dnsmasq=$(command -v dnsmasq || echo /usr/sbin/dnsmasq)
 [ -x "$dnsmasq" ] || skip "needs dnsmasq"
 [ -e "$bootp_client" ] || skip "no BOOTP client at $bootp_client"
+if [ "$case_name" = window ] && [ -z "${DISPLAY:-}" ]; then
+  command -v xvfb-run > /dev/null || skip "no display and no xvfb-run"
+  exec xvfb-run -a "$0" "$@"
+fi
 first_word=${tarnlift_cmd%% *}
 command -v "$first_word" > /dev/null 2>&1 || [ -x "$first_word" ] || skip "no $first_word"
 
@@ -100,16 +107,31 @@ time.sleep(300)' > "$work/holder.out" 2>&1 &
 fi
 
 wait_ready=200
-if [ "$case_name" = wine ]; then
+if [ "$case_name" = wine ] || [ "$case_name" = window ]; then
   export WINEPREFIX=$work/wineprefix WINEDEBUG=-all
   wait_ready=600
 fi
-subcommand=netboot
-[ "$case_name" = serve ] && subcommand="serve --netboot"
-# shellcheck disable=SC2086
-(HOME=$work XDG_CONFIG_HOME=$work/config exec ip netns exec "$srv" timeout 300 $tarnlift_cmd $subcommand \
-  --client-address 192.168.88.1 > "$work/server.out" 2> "$work/server.err") &
-server_pid=$!
+if [ "$case_name" = window ]; then
+  # Network booting as the settings dialog leaves it: on, for 192.168.88.1.
+  # The Wine server starts inside the server namespace, as the program does.
+  settings='HKCU\SOFTWARE\Quenlark\NetServer'
+  ip netns exec "$srv" wine reg add "$settings" /v "PXE Enabled" /t REG_DWORD /d 1 /f > /dev/null 2>&1 ||
+    fail "cannot write the settings"
+  ip netns exec "$srv" wine reg add "$settings" /v "PXE Client Address" /t REG_DWORD /d 0x0158a8c0 /f \
+    > /dev/null 2>&1 || fail "cannot write the settings"
+  mkdir -p "$work/start"
+  # The window's log lines go to its standard output; both streams are read
+  # as its log.
+  (cd "$work/start" && exec ip netns exec "$srv" timeout 300 wine "$tarnlift_cmd" > "$work/server.err" 2>&1) &
+  server_pid=$!
+else
+  subcommand=netboot
+  [ "$case_name" = serve ] && subcommand="serve --netboot"
+  # shellcheck disable=SC2086
+  (HOME=$work XDG_CONFIG_HOME=$work/config exec ip netns exec "$srv" timeout 300 $tarnlift_cmd $subcommand \
+    --client-address 192.168.88.1 > "$work/server.out" 2> "$work/server.err") &
+  server_pid=$!
+fi
 for _ in $(seq 1 $wait_ready); do
   grep -q "found: true" "$work/server.err" 2> /dev/null && break
   kill -0 "$server_pid" 2> /dev/null || fail "server ended early"
