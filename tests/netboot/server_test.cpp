@@ -569,8 +569,8 @@ TEST_F(ServerTest, WithoutPort68TheWatchIsOffAndServingGoesOn) {
   s->run();
   EXPECT_EQ(s->currentClass(), 129);
   EXPECT_EQ(network.sentBy("bootp").size() > 0, true);
-  EXPECT_EQ(occurrences(log.text(), "netboot: not watching for other boot servers: cannot bind UDP port 68 (error 98)\n"),
-            1u)
+  EXPECT_EQ(
+      occurrences(log.text(), "netboot: not watching for other boot servers: cannot bind UDP port 68 (error 98)\n"), 1u)
       << "said once over two cycles:\n"
       << log.text();
 }
