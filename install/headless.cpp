@@ -101,30 +101,7 @@ void HeadlessInstaller::install(RouterRow& row) {
   std::vector<std::string> select = options_.select;
   if (const InventoryEntry* e = options_.inventory.find(record.mac)) {
     if (e->label) logLine() << "router " << macText(record.mac) << " is \"" << *e->label << "\" in the inventory";
-    if (e->addressText) {
-      installOptions.addressText = *e->addressText;
-      installOptions.netmaskBitsText = e->netmaskBitsText.value_or("");
-    }
-    if (e->gatewayText) installOptions.gatewayText = *e->gatewayText;
-    if (e->scriptPath) {
-      installOptions.scriptEnabled = true;
-      installOptions.scriptPath = *e->scriptPath;
-    }
-    if (e->modeScriptPath) {
-      installOptions.modeScriptEnabled = true;
-      installOptions.modeScriptPath = *e->modeScriptPath;
-    }
-    if (e->keepConfig) installOptions.keepConfig = *e->keepConfig;
-    if (e->defaultConfig) installOptions.defaultConfig = *e->defaultConfig;
-    if (e->keepBranding) installOptions.keepBranding = *e->keepBranding;
-    if (e->setName) {
-      setName = *e->setName;
-      select.clear();
-    }
-    if (e->select) {
-      select = *e->select;
-      setName.clear();
-    }
+    applyInventoryEntry(*e, installOptions, setName, select);
   }
   const InventoryEntry* listed = options_.inventory.find(record.mac);
   if (options_.pool && !(listed && listed->addressText)) {
@@ -160,14 +137,8 @@ void HeadlessInstaller::install(RouterRow& row) {
     choice.folder = options_.packageDir;
     catalogue_.setFolder(choice.folder, record.architecture);
     catalogue_.applySelection(choice.files);
-    for (const std::string& name : select) {
-      int index = catalogue_.findByFileName(name);
-      if (index < 0) {
-        err_ << "tarnlift: " << name << " is not listed for " << architectureText(record.architecture) << std::endl;
-        continue;
-      }
-      size_t i = static_cast<size_t>(index);
-      if (catalogue_.canToggle(i) && !catalogue_.record(i).selected) catalogue_.toggle(i, choice.files);
+    for (const std::string& name : tickFiles(catalogue_, select, choice.files)) {
+      err_ << "tarnlift: " << name << " is not listed for " << architectureText(record.architecture) << std::endl;
     }
   }
   std::string given = installOptions.addressText.empty()

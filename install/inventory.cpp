@@ -185,4 +185,47 @@ const InventoryEntry* Inventory::find(const MacAddress& mac) const {
   return it == entries_.end() ? nullptr : &it->second;
 }
 
+void applyInventoryEntry(const InventoryEntry& e, InstallOptions& options, std::string& setName,
+                         std::vector<std::string>& select) {
+  if (e.addressText) {
+    options.addressText = *e.addressText;
+    options.netmaskBitsText = e.netmaskBitsText.value_or("");
+  }
+  if (e.gatewayText) options.gatewayText = *e.gatewayText;
+  if (e.scriptPath) {
+    options.scriptEnabled = true;
+    options.scriptPath = *e.scriptPath;
+  }
+  if (e.modeScriptPath) {
+    options.modeScriptEnabled = true;
+    options.modeScriptPath = *e.modeScriptPath;
+  }
+  if (e.keepConfig) options.keepConfig = *e.keepConfig;
+  if (e.defaultConfig) options.defaultConfig = *e.defaultConfig;
+  if (e.keepBranding) options.keepBranding = *e.keepBranding;
+  if (e.setName) {
+    setName = *e.setName;
+    select.clear();
+  }
+  if (e.select) {
+    select = *e.select;
+    setName.clear();
+  }
+}
+
+std::vector<std::string> tickFiles(packages::PackageCatalogue& catalogue, const std::vector<std::string>& names,
+                                   std::vector<std::string>& files) {
+  std::vector<std::string> notListed;
+  for (const std::string& name : names) {
+    int index = catalogue.findByFileName(name);
+    if (index < 0) {
+      notListed.push_back(name);
+      continue;
+    }
+    size_t i = static_cast<size_t>(index);
+    if (catalogue.canToggle(i) && !catalogue.record(i).selected) catalogue.toggle(i, files);
+  }
+  return notListed;
+}
+
 }  // namespace tarnlift

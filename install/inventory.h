@@ -14,6 +14,8 @@
 
 #include "install/datagram.h"
 #include "install/desk.h"
+#include "install/install_command.h"
+#include "packages/package_catalogue.h"
 
 namespace tarnlift {
 
@@ -55,5 +57,19 @@ class Inventory {
  private:
   std::map<MacAddress, InventoryEntry> entries_;
 };
+
+// Lays a router's section over the values it would get without one (the
+// command line's in serve, the window's own in the window): every key the
+// section gives replaces its value. `set` and `select` replace the choice
+// of packages as a whole: a section's `select` empties setName, its `set`
+// empties select. One rule for both front ends.
+void applyInventoryEntry(const InventoryEntry& entry, InstallOptions& options, std::string& setName,
+                         std::vector<std::string>& select);
+
+// Ticks the named package files in `catalogue` (already showing the
+// router's folder and architecture) into `files` as ticking their boxes
+// would, with what they need. Returns the names the catalogue does not list.
+std::vector<std::string> tickFiles(packages::PackageCatalogue& catalogue, const std::vector<std::string>& names,
+                                   std::vector<std::string>& files);
 
 }  // namespace tarnlift

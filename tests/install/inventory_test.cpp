@@ -111,5 +111,46 @@ TEST(InventoryTest, MissingFileIsNamed) {
   EXPECT_EQ(error, "/nonexistent/fleet.ini: cannot read the inventory");
 }
 
+// The one merge both front ends use: given keys win, the rest stays, and
+// set and select replace each other.
+TEST(InventoryTest, ASectionIsLaidOverTheOptionsItLeavesOutUntouched) {
+  Inventory inventory;
+  std::string error;
+  ASSERT_TRUE(inventory.parse("[02:00:00:00:00:01]\naddress = 10.0.0.5/24\nkeep-branding = no\nselect = a.npk\n"
+                              "[02:00:00:00:00:02]\ngateway = 10.0.0.1\nset = office\n",
+                              "f", "", nullptr, error))
+      << error;
+  InstallOptions base;
+  base.addressText = "192.168.1.9";
+  base.netmaskBitsText = "16";
+  base.gatewayText = "192.168.1.1";
+  base.keepConfig = true;
+  base.scriptEnabled = true;
+  base.scriptPath = "base.rsc";
+
+  InstallOptions first = base;
+  std::string setName = "base set";
+  std::vector<std::string> select;
+  applyInventoryEntry(*inventory.find({2, 0, 0, 0, 0, 1}), first, setName, select);
+  EXPECT_EQ(first.addressText, "10.0.0.5");
+  EXPECT_EQ(first.netmaskBitsText, "24");
+  EXPECT_EQ(first.gatewayText, "192.168.1.1");
+  EXPECT_FALSE(first.keepBranding);
+  EXPECT_TRUE(first.keepConfig);
+  EXPECT_TRUE(first.scriptEnabled);
+  EXPECT_EQ(first.scriptPath, "base.rsc");
+  EXPECT_EQ(setName, "");
+  EXPECT_EQ(select, std::vector<std::string>{"a.npk"});
+
+  InstallOptions second = base;
+  setName.clear();
+  select = {"b.npk"};
+  applyInventoryEntry(*inventory.find({2, 0, 0, 0, 0, 2}), second, setName, select);
+  EXPECT_EQ(second.addressText, "192.168.1.9");
+  EXPECT_EQ(second.gatewayText, "10.0.0.1");
+  EXPECT_EQ(setName, "office");
+  EXPECT_TRUE(select.empty());
+}
+
 }  // namespace
 }  // namespace tarnlift
