@@ -50,6 +50,7 @@
 #define IDC_MODE_SCRIPT 1040
 #define IDC_MODE_SCRIPT_PATH 1041
 #define IDC_MODE_SCRIPT_BROWSE 1042
+#define IDC_LOAD_INVENTORY 1043
 #define IDC_STATUS_BAR 102
 
 // "Save set" (dialog 102).

@@ -44,6 +44,7 @@ enum ControlId : int {
   kIdModeScript = 1040,
   kIdModeScriptPath = 1041,
   kIdModeScriptBrowse = 1042,
+  kIdLoadInventory = 1043,
 };
 
 // Notification codes of WM_COMMAND's high word.
@@ -72,6 +73,9 @@ inline constexpr const char* kRouterColumns[] = {"Label", "MAC address / Media",
 inline constexpr const char* kTitlePrefix = "Quenlark Tarnlift for Brisvane ";
 inline constexpr const char* kScriptFilter = "Script File (*.rsc)";
 inline constexpr const char* kScriptDialogTitle = "Select script";
+// "Load inventory…": its file dialog.
+inline constexpr const char* kInventoryDialogTitle = "Load inventory";
+inline constexpr const char* kInventoryFilter = "Inventory (*.ini;*.txt)";
 inline constexpr const char* kNoModeScriptText = "Could not read mode script";
 inline constexpr const char* kNoConfigScriptText = "Could not read configuration script";
 inline constexpr const char* kSelectedPackagesFormat = "Selected %d package(s)";

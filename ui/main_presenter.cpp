@@ -334,7 +334,7 @@ void MainPresenter::onCommand(int id, int notifyCode) {
     baudChanged();
   } else if (id == kIdPackageDir && notifyCode == kNotifyKillFocus) {
     packageDirChanged();
-  } else if (notifyCode == kNotifyClicked && id >= kIdBrowse && id <= kIdModeScriptBrowse) {
+  } else if (notifyCode == kNotifyClicked && ((id >= kIdBrowse && id <= kIdModeScriptBrowse) || id == kIdLoadInventory)) {
     command(id);
   }
 }
@@ -361,6 +361,9 @@ void MainPresenter::command(int id) {
       return;
     case kIdHelp:
       view_.showHelp();
+      return;
+    case kIdLoadInventory:
+      loadInventory();
       return;
     case kIdBeacon:
       beaconOn_ = view_.isChecked(kIdBeacon);
@@ -601,6 +604,45 @@ void MainPresenter::chooseScript(bool mode) {
   refreshControlState();
 }
 
+void MainPresenter::loadInventory() {
+  std::string path;
+  if (!view_.chooseInventoryFile(path)) return;
+  std::string error;
+  if (!inventory_.load(path, sets_, error)) {
+    // The whole file is refused: no router takes anything from it.
+    logLine() << "inventory refused: " << error;
+    view_.showMessage(error, "Error", MessageIcon::Error);
+    return;
+  }
+  logLine() << "inventory " << path << " lists " << inventory_.size() << " routers";
+  // The routers listed already take their sections now, the others when
+  // they appear.
+  for (const MacAddress& mac : routerOrder_) applyInventory(mac);
+  refreshControlState();
+  refreshPackageMarks();
+}
+
+void MainPresenter::applyInventory(const MacAddress& mac) {
+  if (!inventory_.loaded()) return;
+  RouterRow* row = desk_->table().find(mac);
+  if (row == nullptr) return;
+  std::vector<std::string> notListed;
+  if (!inventory_.applyTo(row->record, desk_->packageDir(), sets_, notListed)) return;
+  const InventoryEntry* entry = inventory_.find(mac);
+  logLine() << "router " << macText(mac) << " takes its options from the inventory"
+            << (entry->label ? " (\"" + *entry->label + "\")" : std::string());
+  for (const std::string& name : notListed) {
+    logLine() << "inventory: " << name << " is not listed for " << architectureText(row->record.architecture);
+  }
+}
+
+// The inventory's `after` for its routers, the "Auto reboot" list for the
+// others.
+AfterInstall MainPresenter::afterInstallFor(const MacAddress& mac) {
+  std::optional<AfterInstall> listed = inventory_.afterFor(mac);
+  return listed ? *listed : autoRebootChoice();
+}
+
 // ---- notifications ---------------------------------------------------------
 
 void MainPresenter::onRouterItemChanging() {
@@ -664,6 +706,7 @@ AfterInstall MainPresenter::autoRebootChoice() {
 void MainPresenter::onTimer() {
   if (!desk_) return;
   InstallDesk::TickResult tick = desk_->tick();
+  for (const MacAddress& mac : tick.added) applyInventory(mac);
   if (tick.tableChanged) {
     refreshRouterList();
     refreshControlState();
@@ -688,13 +731,20 @@ void MainPresenter::onTimer() {
     refreshPackageMarks();
   }
   for (const DeskNews& n : news) {
-    if (!n.hadNews || selected == nullptr || n.mac != selectedMac) continue;
+    if (!n.hadNews) continue;
+    if (selected == nullptr || n.mac != selectedMac) {
+      // A router the inventory gives an `after` is rebooted (or shut down)
+      // as it says, selected or not.
+      std::optional<AfterInstall> listed = inventory_.afterFor(n.mac);
+      if (listed) desk_->actAfterInstallOnce(n, *listed);
+      continue;
+    }
     uint32_t status = n.status.status;
     if (status == kStatusDone || status == kStatusFailed) continue;
     updateCaptionAndProgress();
     view_.setEnabled(kIdInstall, false);
     if (status != kStatusWaitingReboot) continue;
-    AfterInstall after = autoRebootChoice();
+    AfterInstall after = afterInstallFor(n.mac);
     if (after == AfterInstall::None) {
       view_.setEnabled(kIdShutdown, true);
       view_.setEnabled(kIdReboot, true);

@@ -35,6 +35,7 @@
 #include "packages/package_sets.h"
 #include "ui/main_ids.h"
 #include "ui/main_view.h"
+#include "ui/window_inventory.h"
 
 namespace tarnlift::ui {
 
@@ -131,6 +132,7 @@ class MainPresenter : private packages::PackageListView,
   packages::PackageCatalogue& catalogue() { return catalogue_; }
   packages::PackageSets& sets() { return sets_; }
   RememberedChoices& remembered() { return remembered_; }
+  const WindowInventory& inventory() const { return inventory_; }
   RouterRecord* selectedRouter();
   bool netbootEnabled() const { return netbootEnabled_; }
   uint32_t clientAddress() const { return clientAddress_; }
@@ -166,6 +168,9 @@ class MainPresenter : private packages::PackageListView,
   void netBooting();
   void takeFieldsInto(RouterRecord& record);
   void chooseScript(bool mode);
+  void loadInventory();
+  void applyInventory(const MacAddress& mac);
+  AfterInstall afterInstallFor(const MacAddress& mac);
   void togglePackage(int index);
   void showPackageDescription(int index);
   void updateCaptionAndProgress();
@@ -202,6 +207,7 @@ class MainPresenter : private packages::PackageListView,
   int placeTop_ = 20;
   int placeHeight_ = 0;
   std::set<std::string> listedSets_;
+  WindowInventory inventory_;
 };
 
 }  // namespace tarnlift::ui

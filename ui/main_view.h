@@ -124,6 +124,10 @@ class MainView {
   // The file dialog for scripts: filter "Script File (*.rsc)", title
   // "Select script", the file must exist. True with the path on OK.
   virtual bool chooseScriptFile(std::string& path) = 0;
+  // The file dialog of "Load inventory…": filter "Inventory (*.ini;*.txt)"
+  // and all files, title "Load inventory", the file must exist. True with
+  // the path on OK.
+  virtual bool chooseInventoryFile(std::string& path) = 0;
   // The folder browser that "Browse..." opens (Part of the package list).
   virtual packages::FolderBrowser& folderBrowser() = 0;
 };

@@ -294,19 +294,12 @@ class Win32MainView : public MainView {
   }
   void showHelp() override { showHelpDialog(window_); }
   bool chooseScriptFile(std::string& path) override {
-    std::vector<char> buffer(4096, '\0');
     static const char kFilter[] = "Script File (*.rsc)\0*.rsc\0";
-    OPENFILENAMEA dialog{};
-    dialog.lStructSize = sizeof dialog;
-    dialog.hwndOwner = window_;
-    dialog.lpstrFilter = kFilter;
-    dialog.lpstrFile = buffer.data();
-    dialog.nMaxFile = static_cast<DWORD>(buffer.size());
-    dialog.lpstrTitle = ui::kScriptDialogTitle;
-    dialog.Flags = OFN_FILEMUSTEXIST | OFN_PATHMUSTEXIST | OFN_HIDEREADONLY | OFN_NOCHANGEDIR;
-    if (!GetOpenFileNameA(&dialog)) return false;
-    path = buffer.data();
-    return true;
+    return openFile(kFilter, ui::kScriptDialogTitle, path);
+  }
+  bool chooseInventoryFile(std::string& path) override {
+    static const char kFilter[] = "Inventory (*.ini;*.txt)\0*.ini;*.txt\0All files (*.*)\0*.*\0";
+    return openFile(kFilter, ui::kInventoryDialogTitle, path);
   }
   packages::FolderBrowser& folderBrowser() override { return folderBrowser_; }
 
@@ -316,6 +309,23 @@ class Win32MainView : public MainView {
     RECT rect;  // in client coordinates, at the dialog's own size
     bool stretch;
   };
+
+  // The system's open-file dialog for an existing file; `filter` is the
+  // dialog's list of NUL-separated pairs.
+  bool openFile(const char* filter, const char* title, std::string& path) {
+    std::vector<char> buffer(4096, '\0');
+    OPENFILENAMEA dialog{};
+    dialog.lStructSize = sizeof dialog;
+    dialog.hwndOwner = window_;
+    dialog.lpstrFilter = filter;
+    dialog.lpstrFile = buffer.data();
+    dialog.nMaxFile = static_cast<DWORD>(buffer.size());
+    dialog.lpstrTitle = title;
+    dialog.Flags = OFN_FILEMUSTEXIST | OFN_PATHMUSTEXIST | OFN_HIDEREADONLY | OFN_NOCHANGEDIR;
+    if (!GetOpenFileNameA(&dialog)) return false;
+    path = buffer.data();
+    return true;
+  }
 
   void setUpLists() {
     // Routers/Drives: one picture per row (router, done, failed, disks).

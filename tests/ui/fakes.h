@@ -240,7 +240,17 @@ class FakeView : public MainView {
     if (scriptAnswer) path = scriptPath;
     return scriptAnswer;
   }
+  bool chooseInventoryFile(std::string& path) override {
+    ++inventoryDialogs;
+    if (inventoryAnswer) path = inventoryPath;
+    return inventoryAnswer;
+  }
   packages::FolderBrowser& folderBrowser() override { return browser; }
+
+  // "Load inventory…"
+  int inventoryDialogs = 0;
+  bool inventoryAnswer = false;
+  std::string inventoryPath;
 };
 
 class FakeRouterInstaller : public RouterInstaller {

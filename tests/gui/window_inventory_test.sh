@@ -1,0 +1,207 @@
+#!/usr/bin/env bash
+# "Load inventory…" in the real window: tarnlift.exe (under Wine, with a
+# display) in a server namespace, the router simulator in a router namespace
+# joined to it by a veth pair. A bad file is refused with its line and
+# changes nothing; a good one gives the router that appears its address,
+# netmask, gateway, configure script and packages, which the driver reads
+# from the controls, and Install sends them.
+#
+# usage: window_inventory_test.sh TARNLIFT_EXE GUIPROBE ROUTERSIM MKPKG [SCREENSHOT_DIR]
+set -u
+gui=$(realpath "$1")
+probe=$(realpath "$2")
+routersim=$(realpath "$3")
+mkpkg=$(realpath "$4")
+shots=${5:+$(realpath "$5")}
+
+skip() { echo "SKIP: $*"; exit 77; }
+[ "$(id -u)" = 0 ] || skip "needs root for network namespaces"
+command -v ip > /dev/null || skip "needs iproute2"
+command -v wine > /dev/null || skip "needs wine"
+[ -x "$routersim" ] || skip "no router simulator at $routersim"
+[ -x "$mkpkg" ] || skip "no package writer at $mkpkg"
+if [ -z "${DISPLAY:-}" ]; then
+  command -v xvfb-run > /dev/null || skip "no display and no xvfb-run"
+  exec xvfb-run -a "$0" "$@"
+fi
+
+here=$(cd "$(dirname "$0")" && pwd)
+# shellcheck source=../lib/netns_pair.sh
+source "$here/../lib/netns_pair.sh"
+netns_names tli
+work=$(mktemp -d /tmp/tl-inventory-XXXXXX)
+gui_pid=
+sim_pid=
+cleanup() {
+  [ -n "$gui_pid" ] && kill "$gui_pid" 2> /dev/null
+  [ -n "$sim_pid" ] && kill "$sim_pid" 2> /dev/null
+  # Only the Wine server of the prefix made here.
+  WINEPREFIX=$work/wine wineserver -k 2> /dev/null
+  netns_remove
+  [ -n "${KEEP_WORK:-}" ] || rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 1' INT TERM
+
+exec 3>&1
+fail() {
+  exec 1>&3
+  echo "FAIL: $*"
+  echo "--- window log (tail)"; tr -d "\r" < "$work/gui.log" 2> /dev/null | grep -v "^iface: " | tail -40
+  echo "--- driver errors (tail)"; tail -20 "$work/probe.err" 2> /dev/null
+  echo "--- routersim"; cat "$work/sim.out" 2> /dev/null; tail -10 "$work/sim.err" 2> /dev/null
+  exit 1
+}
+
+netns_pair 192.168.88.1
+case $? in
+  0) ;;
+  2) skip "cannot create network namespaces" ;;
+  *) fail "cannot join the namespaces by a veth pair" ;;
+esac
+
+export WINEPREFIX=$work/wine WINEDEBUG=-all
+in_srv() { ip netns exec "$srv" "$@"; }
+in_srv wineboot -i > /dev/null 2>&1
+in_srv wine reg add 'HKCU\Software\Wine\X11 Driver' /v Decorated /d N /f > /dev/null 2>&1
+
+drive() { in_srv wine "$probe" "$@" 2>> "$work/probe.err" | tr -d '\r'; return "${PIPESTATUS[0]}"; }
+drive_ok() {
+  local out
+  out=$(drive "$@") || fail "driver failed: $* ($(tail -3 "$work/probe.err"))"
+  [ -n "$out" ] && printf '%s\n' "$out"
+  return 0
+}
+expect_eq() { [ "$2" = "$3" ] || fail "$1: got '$2', expected '$3'"; }
+title="Quenlark Tarnlift for Brisvane"
+win() { drive_ok win "$title" 30000 -- "$@"; }
+shot() {
+  [ -n "$shots" ] || return 0
+  command -v import > /dev/null || return 0
+  mkdir -p "$shots"
+  local rect left top right bottom
+  rect=$(drive win "$2" 5000 -- sync -- sleep 700 -- sync -- rect) || return 0
+  read -r left top right bottom <<< "$rect"
+  [ "$left" -lt 0 ] && left=0
+  [ "$top" -lt 0 ] && top=0
+  import -window root "$work/screen.png" 2> /dev/null || return 0
+  convert "$work/screen.png" -crop "$((right - left))x$((bottom - top))+$left+$top" +repage "$shots/$1.png"
+  echo "screenshot: $shots/$1.png"
+}
+winpath() { local p=${1//\//\\}; echo "Z:$p"; }
+row_of() { drive win "$title" 5000 -- rows 1002 | awk -F'\t' -v mac="$1" '$6 == mac { print $1; exit }'; }
+wait_row() {  # MAC; sets $row
+  row=""
+  for _ in $(seq 1 300); do
+    row=$(row_of "$1")
+    [ -n "$row" ] && return 0
+    sleep 0.2
+  done
+  fail "no row for $1"
+}
+# Loads FILE through "Load inventory…" and its file dialog.
+load_inventory() {
+  win -- click 1043
+  drive_ok dlg "Load inventory" 20000 -- settext 1148 "$(winpath "$1")" -- click 1 -- gone "Load inventory" 10000
+}
+
+mkdir -p "$work/start" "$work/pk" "$work/out"
+hexof() { head -c "$1" /dev/urandom | od -An -v -tx1 | tr -d ' \n'; }
+"$mkpkg" "$work/pk/system-6.41.npk" --package system 6.41 --arch arm --part 4 "$(hexof 30000)" --data 100000 > /dev/null ||
+  fail "mkpkg"
+"$mkpkg" "$work/pk/extra-6.41.npk" --package extra 6.41 --arch arm --depends system:6.41 --part 4 "$(hexof 7000)" \
+  > /dev/null || fail "mkpkg"
+"$mkpkg" "$work/pk/empty-6.41.npk" --package empty 6.41 --arch arm > /dev/null || fail "mkpkg"
+printf '/system identity set name=lab\n' > "$work/lab.rsc"
+# Line 4 is wrong: nothing of this file may reach the router.
+printf '# the lab\n[02:00:00:00:00:01]\naddress = 10.0.0.99/24\ngateway = 10.0.0\n' > "$work/bad.ini"
+cat > "$work/lab.ini" << 'INI'
+# the lab
+[02:00:00:00:00:01]
+label = Lab desk
+address = 10.0.0.77/24
+gateway = 10.0.0.1
+script = lab.rsc
+select = extra-6.41.npk
+after = reboot
+
+[02:00:00:00:00:09]
+address = 10.0.0.78/24
+INI
+
+# The installation transport takes its interface from the saved client
+# address, and the package folder is the saved one.
+settings='HKCU\SOFTWARE\Quenlark\NetServer'
+in_srv wine reg add "$settings" /v "PXE Client Address" /t REG_DWORD /d 0x0158a8c0 /f > /dev/null 2>&1
+in_srv wine reg add "$settings" /v "Package Path" /t REG_SZ /d "$(winpath "$work/pk")" /f > /dev/null 2>&1
+
+(cd "$work/start" && exec ip netns exec "$srv" timeout 300 wine "$gui") >> "$work/gui.log" 2>&1 &
+gui_pid=$!
+win > /dev/null
+expect_eq "package folder" "$(win -- text 1003)" "$(winpath "$work/pk")"
+expect_eq "the button" "$(win -- state 1043)" "enabled=1 checked=0 readonly=0 visible=1"
+layout=$(win -- layout) || fail "the main window's layout has problems: $layout"
+echo "$layout"
+
+# ---- A bad file: refused with its line, nothing applied.
+load_inventory "$work/bad.ini"
+box=$(drive_ok box Error 10000)
+echo "refused: $box"
+case "$box" in
+  "$(winpath "$work/bad.ini"):4: "*) ;;
+  *) fail "the refusal does not name FILE:4: '$box'" ;;
+esac
+
+(exec ip netns exec "$rtr" timeout 200 "$routersim" --interface "$veth_b" --output "$work/out" --repeat-ms 300 \
+  --delay-ms 15 --label Lab1 > "$work/sim.out" 2> "$work/sim.err") &
+sim_pid=$!
+wait_row 02:00:00:00:00:01
+drive_ok win "$title" -- waitcell 1002 "$row" 2 Ready 10000
+win -- selectrow 1002 "$row" -- sync -- sleep 300 -- sync
+expect_eq "address after the refused file" "$(win -- text 1006)/$(win -- text 1005) via $(win -- text 1008)" "/ via "
+expect_eq "packages after the refused file" "$(win -- rows 1001 | cut -f2 | tr '\n' ' ')" "2 2 2 "
+
+# ---- The good file: the router listed takes its section at once.
+load_inventory "$work/lab.ini"
+drive nobox Error 1000 || fail "the good file was refused: $(drive_ok box Error 1000)"
+win -- sync -- sleep 300 -- sync
+expect_eq "address from the inventory" "$(win -- text 1006)/$(win -- text 1005) via $(win -- text 1008)" \
+  "10.0.0.77/24 via 10.0.0.1"
+expect_eq "script ticked" "$(win -- state 1032)" "enabled=1 checked=1 readonly=0 visible=1"
+expect_eq "script path" "$(win -- text 1033)" "$(winpath "$work/lab.rsc")"
+# empty, extra, system: extra selected and the system it needs.
+expect_eq "packages from the inventory" "$(win -- rows 1001 | cut -f5 | tr '\n' ' ')" "empty extra system "
+expect_eq "ticked from the inventory" "$(win -- rows 1001 | cut -f2 | tr '\n' ' ')" "2 1 1 "
+expect_eq "caption" "$(win -- text 1025)" "Selected 2 package(s)"
+tr -d '\r' < "$work/gui.log" | grep -q "router 02:00:00:00:00:01 takes its options from the inventory (\"Lab desk\")" ||
+  fail "the log does not tell that the router took its section"
+layout=$(win -- layout) || fail "the layout has problems with the inventory's values: $layout"
+shot main_window_inventory "$title"
+
+# ---- Install sends what the inventory gave.
+win -- click 1023
+drive_ok win "$title" -- waitcell 1002 "$row" 2 Done 120000
+timeout 60 tail --pid="$sim_pid" -f /dev/null
+wait "$sim_pid" || fail "routersim exit $?"
+sim_pid=
+router_dir=$work/out/02-00-00-00-00-01
+cmp -s "$work/pk/system-6.41.npk" "$router_dir/system-6.41.npk" || fail "system-6.41.npk differs"
+cmp -s "$work/pk/extra-6.41.npk" "$router_dir/extra-6.41.npk" || fail "extra-6.41.npk differs"
+[ -e "$router_dir/empty-6.41.npk" ] && fail "a package the inventory did not select was sent"
+{
+  cat "$work/lab.rsc"
+  printf '\n:local eth [/interface ethernet get [/interface ethernet find mac-address="02:00:00:00:00:01"] name]\n'
+  printf '/interface enable $eth\n/ip address add address=10.0.0.77/24 interface=$eth\n'
+  printf '/ip route add gateway=10.0.0.1\n'
+} > "$work/expected.scr"
+cmp -s "$work/expected.scr" "$router_dir/autorun.scr" || fail "autorun.scr differs: $(cat "$router_dir/autorun.scr")"
+grep -q $'\tterm=reboot\t' "$work/sim.out" || fail "the router was not rebooted"
+echo "installed: $(tr -d '\r' < "$work/sim.out")"
+
+win -- sysclose
+timeout 60 tail --pid="$gui_pid" -f /dev/null
+wait "$gui_pid"
+rc=$?
+gui_pid=
+expect_eq "exit code after closing" "$rc" 0
+echo "PASS: the window's Load inventory refuses a bad file and fills a router's options from a good one"

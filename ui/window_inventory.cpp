@@ -1,0 +1,76 @@
+#include "ui/window_inventory.h"
+
+#include "install/install_command.h"
+#include "net/address.h"
+
+namespace tarnlift::ui {
+
+bool WindowInventory::load(const std::string& path, const packages::PackageSets& sets, std::string& error) {
+  Inventory read;
+  if (!read.load(path, [&sets](const std::string& name) { return sets.contains(name); }, error)) return false;
+  inventory_ = std::move(read);
+  path_ = path;
+  return true;
+}
+
+bool WindowInventory::applyTo(RouterRecord& record, const std::string& packageDir, packages::PackageSets& sets,
+                              std::vector<std::string>& notListed) {
+  const InventoryEntry* entry = inventory_.find(record.mac);
+  if (entry == nullptr || record.kind != kKindRouter || record.status != kStatusReady) return false;
+  // The row's values as the option controls would hand them to Install.
+  InstallOptions options;
+  options.keepConfig = record.keepConfig;
+  options.addressText = record.address != 0 ? net::formatIpv4(record.address) : "";
+  options.netmaskBitsText = record.netmaskBits != 0 ? std::to_string(record.netmaskBits) : "";
+  options.gatewayText = record.gateway != 0 ? net::formatIpv4(record.gateway) : "";
+  options.defaultConfig = record.defaultConfig;
+  options.keepBranding = record.keepBranding;
+  options.scriptEnabled = record.scriptEnabled;
+  options.scriptPath = record.scriptPath;
+  options.modeScriptEnabled = record.modeScriptEnabled;
+  options.modeScriptPath = record.modeScriptPath;
+  std::string setName;
+  std::vector<std::string> select;
+  applyInventoryEntry(*entry, options, setName, select);
+
+  record.keepConfig = options.keepConfig;
+  record.address = addressFromText(options.addressText);
+  record.netmaskBits = netmaskBitsFromText(options.netmaskBitsText);
+  record.gateway = addressFromText(options.gatewayText);
+  // As with the remembered choice: a router without a default
+  // configuration never has the option on.
+  record.defaultConfig = options.defaultConfig && hasDefaultConfiguration(record);
+  record.keepBranding = options.keepBranding;
+  record.scriptEnabled = options.scriptEnabled;
+  record.scriptPath = options.scriptPath;
+  record.modeScriptEnabled = options.modeScriptEnabled;
+  record.modeScriptPath = options.modeScriptPath;
+
+  if (!setName.empty()) {
+    packages::PackageChoice choice{record.setName, record.packageDir, record.files};
+    // The file was checked against the saved sets; one deleted since keeps
+    // the row's own choice.
+    if (sets.chooseSet(choice, setName)) {
+      record.setName = choice.setName;
+      record.packageDir = choice.folder;
+      record.files = choice.files;
+    }
+  } else if (!select.empty()) {
+    std::vector<std::string> files;
+    resolver_.setFolder(packageDir, record.architecture);
+    resolver_.applySelection(files);
+    notListed = tickFiles(resolver_, select, files);
+    record.setName.clear();
+    record.packageDir = packageDir;
+    record.files = files;
+  }
+  return true;
+}
+
+std::optional<AfterInstall> WindowInventory::afterFor(const MacAddress& mac) const {
+  const InventoryEntry* entry = inventory_.find(mac);
+  if (entry == nullptr) return std::nullopt;
+  return entry->after;
+}
+
+}  // namespace tarnlift::ui
