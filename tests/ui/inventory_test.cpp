@@ -182,5 +182,47 @@ TEST_F(InventoryTest, TheSectionsAfterWinsOverTheAutoRebootListSelectedOrNot) {
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "shutdown"), 1);
 }
 
+TEST_F(InventoryTest, ASetChoosesTheWindowsSavedSetAndTheOtherKeysFillTheirControls) {
+  // "Office" is saved in the window: ppp and the system it needs.
+  discover(announced(1, "R1"));
+  selectRow(macOf(1));
+  presenter->onPackageClick(0);
+  view.setNameAnswers = {"Office"};
+  click(kIdSaveSet);
+  ASSERT_TRUE(presenter->sets().contains("Office"));
+
+  writeText(files.file("mode.rsc"), "/x\n");
+  std::string path = files.file("sets.ini");
+  writeText(path,
+            "[02:00:00:00:00:02]\nset = Office\nmode-script = mode.rsc\ndefault-config = yes\n"
+            "[02:00:00:00:00:03]\ndefault-config = yes\n");
+  load(path);
+  ASSERT_TRUE(view.boxes.empty()) << view.boxes[0].text;
+  discover(announced(2, "R2"));
+  RouterRecord protectedBranding = announced(3, "R3");
+  protectedBranding.unprotected = false;
+  discover(protectedBranding);
+
+  selectRow(macOf(2));
+  EXPECT_EQ(record(macOf(2)).setName, "Office");
+  EXPECT_TRUE(has(record(macOf(2)).files, "ppp-6.41.npk"));
+  EXPECT_EQ(view.selectedText(kIdSets), "Office");
+  EXPECT_TRUE(view.checked[kIdModeScript]);
+  EXPECT_EQ(view.texts[kIdModeScriptPath], files.file("mode.rsc"));
+  // "Apply default config" only where there is a default configuration.
+  EXPECT_FALSE(view.checked[kIdDefaultConfig]);
+  selectRow(macOf(3));
+  EXPECT_TRUE(view.checked[kIdDefaultConfig]);
+}
+
+TEST_F(InventoryTest, ASetTheWindowHasNotSavedRefusesTheFile) {
+  std::string path = files.file("sets.ini");
+  writeText(path, "[02:00:00:00:00:02]\nset = Office\n");
+  load(path);
+  ASSERT_EQ(view.boxes.size(), 1u);
+  EXPECT_EQ(view.boxes[0].text, path + ":2: no package set named 'Office'");
+  EXPECT_FALSE(presenter->inventory().loaded());
+}
+
 }  // namespace
 }  // namespace tarnlift::ui
