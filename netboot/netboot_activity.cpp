@@ -31,6 +31,12 @@ void recordTftpTransfer(uint64_t bytes) {
   activity().tftpBytesSent += bytes;
 }
 
+void recordOtherServer(const std::string& line) {
+  std::lock_guard<std::mutex> lock(activityMutex());
+  ++activity().otherServerNotices;
+  activity().lastOtherServer = line;
+}
+
 NetbootActivity netbootActivity() {
   std::lock_guard<std::mutex> lock(activityMutex());
   return activity();

@@ -22,12 +22,16 @@ struct NetbootActivity {
   uint64_t tftpTransfers = 0;
   uint64_t tftpBytesSent = 0;
   std::vector<AnsweredClient> lastClients;  // newest first, at most kLastClients
+  // "another boot server answered ..." lines: how many so far, and the last.
+  uint64_t otherServerNotices = 0;
+  std::string lastOtherServer;
 };
 
 inline constexpr size_t kLastClients = 16;
 
 void recordBootpReply(const std::string& mac, int clientClass);
 void recordTftpTransfer(uint64_t bytes);
+void recordOtherServer(const std::string& line);
 NetbootActivity netbootActivity();
 
 }  // namespace tarnlift::netboot

@@ -173,7 +173,10 @@ void NetbootServer::handleWatch() {
     if (received < 0) return;
     ForeignReply reply;
     if (watch_.hearReply(buffer, static_cast<size_t>(received), address, port, reply)) {
-      logLine(LogPriority::Warning) << foreignReplyText(reply);
+      std::string line = foreignReplyText(reply);
+      logLine(LogPriority::Warning) << line;
+      // The window shows it where its status lines go.
+      recordOtherServer(line);
     }
   }
 }

@@ -706,6 +706,10 @@ AfterInstall MainPresenter::autoRebootChoice() {
 void MainPresenter::onTimer() {
   if (!desk_) return;
   InstallDesk::TickResult tick = desk_->tick();
+  // Another boot server answering our clients is the commonest reason a
+  // router does not boot from us: say so where the window's status lines go.
+  std::string notice;
+  if (netboot_->otherServerNotice(otherServerNoticesSeen_, notice)) view_.setStatusText(notice);
   for (const MacAddress& mac : tick.added) applyInventory(mac);
   if (tick.tableChanged) {
     refreshRouterList();

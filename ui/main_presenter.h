@@ -47,6 +47,9 @@ class NetbootWorker {
   // for the thread to be ready; no request queue by then is fatal
   // ("no code!!!").
   virtual void changeSettings(bool enabled, uint32_t clientAddress) = 0;
+  // The newest "another boot server answered ..." line when there is one
+  // newer than `seen` (which it then advances); false otherwise.
+  virtual bool otherServerNotice(uint64_t& seen, std::string& line) = 0;
 };
 
 // The beacon "you have to etherboot".
@@ -196,6 +199,7 @@ class MainPresenter : private packages::PackageListView,
   uint32_t clientAddress_ = 0;
   bool beaconOn_ = false;
   bool underWineApplication_ = false;
+  uint64_t otherServerNoticesSeen_ = 0;
   int lastPercent_ = 0;
   MacAddress shownRouter_{};
   bool haveShownRouter_ = false;

@@ -7,6 +7,7 @@
 #include "app/log.h"
 #include "install/install_service.h"
 #include "install/transport.h"
+#include "netboot/netboot_activity.h"
 #include "netboot/netboot_server.h"
 #include "ui/local_drive_installer.h"
 
@@ -16,6 +17,13 @@ class SystemMainWorkers::Netboot : public NetbootWorker {
  public:
   explicit Netboot(const std::string& kernelOverride) : thread_(kernelOverride) { thread_.start(); }
   void changeSettings(bool enabled, uint32_t clientAddress) override { thread_.changeSettings(enabled, clientAddress); }
+  bool otherServerNotice(uint64_t& seen, std::string& line) override {
+    netboot::NetbootActivity activity = netboot::netbootActivity();
+    if (activity.otherServerNotices == seen) return false;
+    seen = activity.otherServerNotices;
+    line = activity.lastOtherServer;
+    return true;
+  }
   void stop() { thread_.stopServer(); }
 
  private:

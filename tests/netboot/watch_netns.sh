@@ -15,11 +15,14 @@
 #   TARNLIFT_COMMAND may be several words (e.g. "wine /path/tarnlift-cli.exe");
 #   for window, the path of tarnlift.exe.
 #   BOOTP_CLIENT: tools/bootpclient, or tests/netboot/bootp_peer.py.
+#   GUIPROBE (window only): reads the window's status bar, where the line
+#   shows too.
 # Exit 77 (skipped) when not root, or without ip, dnsmasq or python3.
 set -u
 case_name=$1
 tarnlift_cmd=$2
 bootp_client=$3
+probe=${4:-}
 
 skip() { echo "SKIP: $*"; exit 77; }
 [ "$(id -u)" = 0 ] || skip "needs root for network namespaces"
@@ -184,6 +187,17 @@ case $case_name in
     [ "$(grep -c "another boot server" "$work/server.err")" = 1 ] || fail "reported more than once a minute"
     grep -q "another boot server answered .*: 192.168.88.2" "$work/server.err" && fail "reported its own reply"
     grep -q "not watching" "$work/server.err" && fail "the watch was off"
+    if [ "$case_name" = window ] && [ -n "$probe" ]; then
+      # The window shows the line where its status lines go: the status bar.
+      shown=""
+      for _ in $(seq 1 20); do
+        shown=$(wine "$probe" win "Quenlark Tarnlift" 10000 -- text 102 2>> "$work/probe.err" | tr -d '\r')
+        [ "$shown" = "$line" ] && break
+        sleep 0.25
+      done
+      [ "$shown" = "$line" ] || fail "status bar shows '$shown', expected '$line'"
+      echo "status bar: $shown"
+    fi
     kill -0 "$server_pid" 2> /dev/null || fail "the server ended"
     ;;
 esac

@@ -321,6 +321,14 @@ class FakeNetboot : public NetbootWorker {
  public:
   std::vector<std::pair<bool, uint32_t>> changes;
   void changeSettings(bool on, uint32_t address) override { changes.emplace_back(on, address); }
+  // Lines the boot server logged about other servers, oldest first.
+  std::vector<std::string> notices;
+  bool otherServerNotice(uint64_t& seen, std::string& line) override {
+    if (seen >= notices.size()) return false;
+    seen = notices.size();
+    line = notices.back();
+    return true;
+  }
 };
 
 class FakeBeacon : public BeaconWorker {

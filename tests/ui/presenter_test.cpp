@@ -329,6 +329,21 @@ TEST_F(PresenterTest, WineLoaderWithoutApplicationShowsNoTip) {
   EXPECT_TRUE(view.boxes.empty());
 }
 
+TEST_F(PresenterTest, AnotherBootServerAnsweringShowsInTheStatusBarOnce) {
+  start();
+  presenter->onTimer();
+  view.statusText = "There are 2 packages";
+  presenter->onTimer();
+  EXPECT_EQ(view.statusText, "There are 2 packages");
+  workers.netboot.notices.push_back("another boot server answered 02:00:5E:00:08:01: 192.168.88.3");
+  presenter->onTimer();
+  EXPECT_EQ(view.statusText, "another boot server answered 02:00:5E:00:08:01: 192.168.88.3");
+  // Shown once: a later status line is not overwritten by the same notice.
+  view.statusText = "There are 3 packages";
+  presenter->onTimer();
+  EXPECT_EQ(view.statusText, "There are 3 packages");
+}
+
 TEST_F(PresenterTest, Command1026OpensTheDialogWithTheCurrentValuesAndHandsOnTheResult) {
   settings().writeInt("PXE Client Address", parseDottedAddress("10.0.0.9"));
   start();
