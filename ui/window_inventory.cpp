@@ -1,7 +1,7 @@
 #include "ui/window_inventory.h"
 
 #include "install/install_command.h"
-#include "net/address.h"
+#include "ui/router_actions.h"
 
 namespace tarnlift::ui {
 
@@ -18,17 +18,7 @@ bool WindowInventory::applyTo(RouterRecord& record, const std::string& packageDi
   const InventoryEntry* entry = inventory_.find(record.mac);
   if (entry == nullptr || record.kind != kKindRouter || record.status != kStatusReady) return false;
   // The row's values as the option controls would hand them to Install.
-  InstallOptions options;
-  options.keepConfig = record.keepConfig;
-  options.addressText = record.address != 0 ? net::formatIpv4(record.address) : "";
-  options.netmaskBitsText = record.netmaskBits != 0 ? std::to_string(record.netmaskBits) : "";
-  options.gatewayText = record.gateway != 0 ? net::formatIpv4(record.gateway) : "";
-  options.defaultConfig = record.defaultConfig;
-  options.keepBranding = record.keepBranding;
-  options.scriptEnabled = record.scriptEnabled;
-  options.scriptPath = record.scriptPath;
-  options.modeScriptEnabled = record.modeScriptEnabled;
-  options.modeScriptPath = record.modeScriptPath;
+  InstallOptions options = optionsShownFor(record);
   std::string setName;
   std::vector<std::string> select;
   applyInventoryEntry(*entry, options, setName, select);
