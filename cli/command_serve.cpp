@@ -345,8 +345,8 @@ CommandRun defineServe(CLI::App& app) {
            "installed again gets its address again.")
       ->group(install);
   addValue(app, "--results", arguments->resultsFile, "FILE",
-           "Append one JSON line per router that ends (time, MAC, label, address, files, bytes, seconds, "
-           "result, text) to FILE.")
+           "Append one JSON line per router that ends (time, MAC, label, address, files, versions, bytes, "
+           "seconds, result, text) to FILE.")
       ->group(which);
   addSwitch(app, "--no-save", arguments->noSave,
             "Leave the remembered settings (\"Previous Install\", package folder, pool addresses) untouched.")

@@ -145,13 +145,22 @@ void HeadlessInstaller::install(RouterRow& row) {
                           ? std::string()
                           : installOptions.addressText +
                                 (installOptions.netmaskBitsText.empty() ? "" : "/" + installOptions.netmaskBitsText);
-  started_[record.mac] = {clock_.nowMicros(), given};
+  started_[record.mac] = {clock_.nowMicros(), given, {}, {}};
   InstallContext context{catalogue_,  choice, sets_,
                          remembered_, *this,  [this](const RouterRecord& request) { server_.start(request, true); }};
   InstallOutcome outcome = runInstallCommand(&record, installOptions, context);
   if (outcome != InstallOutcome::Started) {
     finish(record, false, refusal_);
     return;
+  }
+  // The versions come from the catalogue now: it shows another router's
+  // folder by the time this one ends.
+  Started& started = started_[record.mac];
+  started.files = record.files;
+  for (const std::string& file : record.files) {
+    int index = catalogue_.findByFileName(file);
+    started.versions.push_back(
+        index < 0 ? std::string() : packages::formatVersion(catalogue_.record(static_cast<size_t>(index)).version));
   }
   desk_.showFirstStatus(record.mac);
   if (!options_.liveProgress) progress(row);
@@ -176,12 +185,14 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
     result.label = record.label;
     if (const InventoryEntry* e = options_.inventory.find(record.mac); e && e->label) result.label = *e->label;
     result.architecture = architectureText(record.architecture);
+    // A router refused before anything was sent lists no files.
     if (auto it = started_.find(record.mac); it != started_.end()) {
-      result.seconds = static_cast<double>(clock_.nowMicros() - it->second.first) / 1e6;
-      result.address = it->second.second;
+      result.seconds = static_cast<double>(clock_.nowMicros() - it->second.micros) / 1e6;
+      result.address = it->second.address;
+      result.files = it->second.files;
+      result.versions = it->second.versions;
       started_.erase(it);
     }
-    result.files = record.files;
     result.bytes = record.totalSize;
     result.success = success;
     result.text = text;

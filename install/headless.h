@@ -104,7 +104,14 @@ class HeadlessInstaller : public InstallPrompter {
   std::string refusal_;
   std::set<MacAddress> ignored_;
   const Clock& clock_;
-  std::map<MacAddress, std::pair<uint64_t, std::string>> started_;  // µs and address given  // unknown routers already logged
+  // What the results need of an install that started.
+  struct Started {
+    uint64_t micros = 0;
+    std::string address;                // given, A.B.C.D/BITS or ""
+    std::vector<std::string> files;     // sent, in install order
+    std::vector<std::string> versions;  // of each file's package
+  };
+  std::map<MacAddress, Started> started_;
 };
 
 // Whether progress may be drawn live: standard output is a terminal that

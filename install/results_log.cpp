@@ -88,19 +88,22 @@ std::string resultJsonLine(const RouterResult& r) {
     line += "\":";
     line += json;
   };
-  std::string files;
-  files += '[';
-  for (size_t i = 0; i < r.files.size(); ++i) {
-    if (i != 0) files += ',';
-    files += jsonString(r.files[i]);
-  }
-  files += ']';
+  auto array = [](const std::vector<std::string>& strings) {
+    std::string json = "[";
+    for (size_t i = 0; i < strings.size(); ++i) {
+      if (i != 0) json += ',';
+      json += jsonString(strings[i]);
+    }
+    json += ']';
+    return json;
+  };
   field("time", jsonString(r.time));
   field("mac", jsonString(r.mac));
   field("label", jsonString(r.label));
   field("architecture", jsonString(r.architecture));
   field("address", jsonString(r.address));
-  field("files", files);
+  field("files", array(r.files));
+  field("versions", array(r.versions));
   field("bytes", std::to_string(r.bytes));
   field("seconds", seconds);
   field("result", r.success ? "\"installed\"" : "\"failed\"");

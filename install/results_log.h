@@ -18,7 +18,8 @@ struct RouterResult {
   std::string label;
   std::string architecture;
   std::string address;  // A.B.C.D/BITS given, or ""
-  std::vector<std::string> files;
+  std::vector<std::string> files;     // the package files sent, in install order
+  std::vector<std::string> versions;  // each file's package version, as files
   uint64_t bytes = 0;
   double seconds = 0;
   bool success = false;

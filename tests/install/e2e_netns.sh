@@ -297,7 +297,7 @@ for line in lines:
     dashed = r["mac"].replace(":", "-")
     assert r["address"] == received[dashed].split("=")[1], (r, received[dashed])
     assert r["result"] == "installed" and r["architecture"] == "arm", r
-    assert r["files"] == ["system-6.41.npk", "autorun.scr"] or "system-6.41.npk" in r["files"], r
+    assert r["files"] == ["system-6.41.npk"] and r["versions"] == ["6.41"], r
     assert r["bytes"] > 0 and r["seconds"] >= 0, r
 PY
     done

@@ -397,6 +397,8 @@ TEST_F(HeadlessTest, JsonLinesReplaceTheTableWithEscapedStrings) {
   EXPECT_GT(progress, 0u);
   EXPECT_NE(out.str().find("\"label\":\"Desk \\\"A\\\"\\tcaf\\u00e9\\ufffd\""), std::string::npos) << out.str();
   EXPECT_EQ(out.str().find("\tInstallation finished"), std::string::npos);
+  // The versions sent, one per file.
+  EXPECT_NE(out.str().find("\"files\":[\"system-6.41.npk\"],\"versions\":[\"6.41\"]"), std::string::npos) << out.str();
 }
 
 }  // namespace

@@ -31,7 +31,8 @@ TEST(ResultsLogTest, EachLineIsOnDiskAtOnce) {
   r.label = "Desk \"A\"\t\xFF";
   r.architecture = "arm";
   r.address = "10.0.0.5/24";
-  r.files = {"system-6.41.npk", "autorun.scr"};
+  r.files = {"system-6.41.npk", "extra-6.41.npk"};
+  r.versions = {"6.41", "6.41rc2"};
   r.bytes = 1234;
   r.seconds = 2.5;
   r.success = true;
@@ -39,7 +40,8 @@ TEST(ResultsLogTest, EachLineIsOnDiskAtOnce) {
   log.write(r);
   EXPECT_EQ(testing::readFile(path),
             "{\"time\":\"2026-01-02T03:04:05Z\",\"mac\":\"02:00:00:00:00:01\",\"label\":\"Desk \\\"A\\\"\\t\\ufffd\","
-            "\"architecture\":\"arm\",\"address\":\"10.0.0.5/24\",\"files\":[\"system-6.41.npk\",\"autorun.scr\"],"
+            "\"architecture\":\"arm\",\"address\":\"10.0.0.5/24\",\"files\":[\"system-6.41.npk\",\"extra-6.41.npk\"],"
+            "\"versions\":[\"6.41\",\"6.41rc2\"],"
             "\"bytes\":1234,\"seconds\":2.500,\"result\":\"installed\",\"text\":\"Installation finished successfully\"}\n");
   r.success = false;
   log.write(r);
