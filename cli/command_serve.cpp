@@ -25,6 +25,7 @@
 #include "cli/privileges.h"
 #include "cli/server_guard.h"
 #include "cli/stop_signals.h"
+#include "install/finish_command.h"
 #include "install/headless.h"
 #include "install/install_service.h"
 #include "install/results_log.h"
@@ -62,6 +63,8 @@ struct ServeArguments {
   std::string inventoryFile;
   std::string poolText;
   std::string resultsFile;
+  std::string onFinish;
+  bool onFinishGiven = false;
   bool noSave = false;
 };
 
@@ -103,6 +106,7 @@ int checkServeArguments(ServeArguments& arguments, uint32_t& count) {
     if (!parseMac(text, mac)) return usageError("--mac needs a MAC such as 4C:5E:0C:01:02:03");
     options.macs.insert(mac);
   }
+  if (arguments.onFinishGiven && arguments.onFinish.empty()) return usageError("--on-finish needs a command");
   if (!arguments.countText.empty() && (!parseCount(arguments.countText, count) || count == 0)) {
     return usageError("--count needs a positive number");
   }
@@ -170,11 +174,19 @@ int runServe(ServeArguments& arguments) {
     pool->loadRemembered(settings.readString(kPoolSettingsValue, ""));
     options.pool = pool;
   }
+  std::shared_ptr<ResultsLog> results;
   if (!arguments.resultsFile.empty()) {
-    auto results = std::make_shared<ResultsLog>();
+    results = std::make_shared<ResultsLog>();
     std::string error;
     if (!results->open(arguments.resultsFile, error)) return failure(error);
-    options.onEnded = [results](const RouterResult& result) { results->write(result); };
+  }
+  std::shared_ptr<FinishCommand> finishCommand;
+  if (!arguments.onFinish.empty()) finishCommand = std::make_shared<FinishCommand>(arguments.onFinish);
+  if (results || finishCommand) {
+    options.onEnded = [results, finishCommand](const RouterResult& result) {
+      if (results) results->write(result);
+      if (finishCommand) finishCommand->submit(result);
+    };
   }
   if (options.onlyKnown) {
     // Network booting answers the same routers the installer takes.
@@ -287,6 +299,8 @@ int runServe(ServeArguments& arguments) {
   service.transport().close();
   if (beacon) setBeacon(false);
   netbootService.stop();
+  // The last routers' commands get their bounded time to end.
+  if (finishCommand) finishCommand->stop(FinishCommand::kDefaultStopWaitMs);
   if (!arguments.noSave) {
     if (options.pool) settings.writeString(kPoolSettingsValue, options.pool->rememberedText());
     remembered.save(settings);
@@ -348,6 +362,11 @@ CommandRun defineServe(CLI::App& app) {
            "Append one JSON line per router that ends (time, MAC, label, address, files, versions, bytes, "
            "seconds, result, text) to FILE.")
       ->group(which);
+  CLI::Option* onFinish =
+      addValue(app, "--on-finish", arguments->onFinish, "CMD",
+               "Run CMD after each router ends (/bin/sh -c CMD; cmd.exe /c CMD on Windows) with the results' "
+               "facts in TARNLIFT_MAC, TARNLIFT_RESULT, ... (see docs/fleet.md); its output goes to the log.")
+          ->group(which);
   addSwitch(app, "--no-save", arguments->noSave,
             "Leave the remembered settings (\"Previous Install\", package folder, pool addresses) untouched.")
       ->group(which);
@@ -368,7 +387,10 @@ CommandRun defineServe(CLI::App& app) {
   addSwitch(app, "--hold", options.hold,
             "List routers and keep them \"Ready\" until the web console or API installs them.")
       ->group(web);
-  return [arguments] { return runServe(*arguments); };
+  return [arguments, onFinish] {
+    arguments->onFinishGiven = onFinish->count() > 0;
+    return runServe(*arguments);
+  };
 }
 
 const CliCommandRegistrar serveCommand(

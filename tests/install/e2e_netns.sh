@@ -243,8 +243,14 @@ sys.stdout.write(data.decode("latin-1"))
       printf '[02:00:00:00:00:01]\naddress = 10.0.0.11/24\nscript = user.rsc\nselect = extra-6.41.npk\n\n'
       printf '# the second gets the command line packages\n[02:00:00:00:00:02]\naddress = 10.0.1.12/16\n'
     } > "$work/fleet.ini"
+    # --on-finish in the platform's own interpreter writes a line per router.
+    if [[ "$serve_cmd" == wine* ]]; then
+      finish_cmd="echo %TARNLIFT_MAC% %TARNLIFT_RESULT% %TARNLIFT_FILES%>> $(serve_path "$work/finish.txt")"
+    else
+      finish_cmd='echo "$TARNLIFT_MAC $TARNLIFT_RESULT $TARNLIFT_FILES" >> finish.txt'
+    fi
     start_serve --select empty-6.41.npk --address 10.9.9.9/8 --inventory "$(serve_path "$work/fleet.ini")" \
-      --only-known --count 2
+      --only-known --count 2 --on-finish "$finish_cmd"
     # Long enough for the known two to finish (Wine starts slowly); the
     # unknown two keep the simulator waiting until then.
     sim_seconds=10
@@ -263,6 +269,12 @@ sys.stdout.write(data.decode("latin-1"))
     [ ! -e "$work/out/02-00-00-00-00-03" ] && [ ! -e "$work/out/02-00-00-00-00-04" ] || fail "an unknown router was installed"
     expect_line "$work/sim.out" $'02:00:00:00:00:03\tunfinished'
     [ "$(grep -c 'unknown router 02:00:00:00:00:03' "$work/serve.err")" = 1 ] || fail "unknown router not logged once"
+    [ -f "$work/finish.txt" ] || fail "--on-finish wrote nothing"
+    tr -d '\r' < "$work/finish.txt" | sed 's/ *$//' | sort > "$work/finish.sorted"
+    printf '02:00:00:00:00:01 installed system-6.41.npk extra-6.41.npk\n02:00:00:00:00:02 installed empty-6.41.npk\n' \
+      > "$work/finish.expected"
+    cmp -s "$work/finish.expected" "$work/finish.sorted" || fail "--on-finish lines: $(cat "$work/finish.txt")"
+    [ "$(grep -c 'on-finish 02:00:00:00:00:0[12]: exit code 0' "$work/serve.err")" = 2 ] || fail "--on-finish ends not logged"
     ;;
   fleet)
     # 20 routers: the inventory gives the first 10 their addresses, the pool
@@ -279,18 +291,29 @@ sys.stdout.write(data.decode("latin-1"))
     for run in 1 2; do
       rm -rf "$work/out" && mkdir -p "$work/out"
       start_serve --select system-6.41.npk --inventory "$(serve_path "$work/fleet.ini")" \
-        --address-pool 10.0.1.1-10.0.1.50/16 --results "$(serve_path "$work/results$run.jsonl")" --count 20
+        --address-pool 10.0.1.1-10.0.1.50/16 --results "$(serve_path "$work/results$run.jsonl")" --count 20 \
+        --on-finish "echo \"\$TARNLIFT_MAC \$TARNLIFT_RESULT \$TARNLIFT_ADDRESS\" >> finish$run.txt; echo said \$TARNLIFT_MAC"
       SIM_TIMEOUT=200 run_sim --count 20 --timeout-s 180 || fail "run $run: routersim exit $?"
       wait_serve
       [ "$serve_rc" = 0 ] || fail "run $run: serve exit $serve_rc"
       addresses > "$work/addresses$run"
+      [ "$(grep -c 'on-finish 02:00:00:00:00:[0-9A-F]*: said 02:00:00:00:00:' "$work/serve.err")" = 20 ] ||
+        fail "run $run: not 20 --on-finish outputs in the log"
       [ "$(wc -l < "$work/addresses$run")" = 20 ] || fail "run $run: not 20 routers: $(cat "$work/addresses$run")"
       [ "$(cut -d' ' -f2 "$work/addresses$run" | sort -u | wc -l)" = 20 ] || fail "run $run: an address twice"
       # One results line per router, matching what the router received.
-      python3 - "$work/results$run.jsonl" "$work/addresses$run" << 'PY' || fail "run $run: results do not match"
+      # --on-finish ran once per router, with its MAC, result and address.
+      python3 - "$work/results$run.jsonl" "$work/addresses$run" "$work/finish$run.txt" << 'PY' || fail "run $run: results do not match"
 import json, sys
 lines = open(sys.argv[1], encoding="ascii").read().splitlines()
 received = dict(line.split(" ") for line in open(sys.argv[2]).read().splitlines())
+finished = open(sys.argv[3]).read().splitlines()
+assert len(finished) == 20, finished
+assert len({f.split(" ")[0] for f in finished}) == 20, finished
+for f in finished:
+    mac, result, address = f.split(" ")
+    assert result == "installed", f
+    assert address == received[mac.replace(":", "-")].split("=")[1], (f, received)
 assert len(lines) == 20, len(lines)
 for line in lines:
     r = json.loads(line)
@@ -304,6 +327,8 @@ PY
     grep -qx '02-00-00-00-00-0A address=10.0.0.110/24' "$work/addresses1" || fail "inventory address not given"
     [ "$(grep -c 'address=10.0.1.[0-9]*/16$' "$work/addresses1")" = 10 ] || fail "not 10 pool addresses"
     expect_same "$work/addresses1" "$work/addresses2"
+    # For the notes: the records of a run, when asked for.
+    [ -n "${TL_E2E_KEEP:-}" ] && cp "$work/results1.jsonl" "$work/finish1.txt" "$work/serve.err" "$TL_E2E_KEEP/"
     ;;
   onlyknownbootp)
     # Network booting answers only the known routers: an unknown client gets
