@@ -65,6 +65,8 @@ struct ServeArguments {
   std::string resultsFile;
   std::string onFinish;
   bool onFinishGiven = false;
+  std::string onFinishJobsText;
+  uint32_t onFinishJobs = FinishCommand::kDefaultMaxRunning;
   bool noSave = false;
 };
 
@@ -107,6 +109,13 @@ int checkServeArguments(ServeArguments& arguments, uint32_t& count) {
     options.macs.insert(mac);
   }
   if (arguments.onFinishGiven && arguments.onFinish.empty()) return usageError("--on-finish needs a command");
+  if (!arguments.onFinishJobsText.empty()) {
+    if (!parseCount(arguments.onFinishJobsText, arguments.onFinishJobs) || arguments.onFinishJobs == 0 ||
+        arguments.onFinishJobs > 64) {
+      return usageError("--on-finish-jobs needs a number from 1 to 64");
+    }
+    if (!arguments.onFinishGiven) return usageError("--on-finish-jobs needs --on-finish CMD");
+  }
   if (!arguments.countText.empty() && (!parseCount(arguments.countText, count) || count == 0)) {
     return usageError("--count needs a positive number");
   }
@@ -181,7 +190,7 @@ int runServe(ServeArguments& arguments) {
     if (!results->open(arguments.resultsFile, error)) return failure(error);
   }
   std::shared_ptr<FinishCommand> finishCommand;
-  if (!arguments.onFinish.empty()) finishCommand = std::make_shared<FinishCommand>(arguments.onFinish);
+  if (!arguments.onFinish.empty()) finishCommand = std::make_shared<FinishCommand>(arguments.onFinish, arguments.onFinishJobs);
   if (results || finishCommand) {
     options.onEnded = [results, finishCommand](const RouterResult& result) {
       if (results) results->write(result);
@@ -367,6 +376,10 @@ CommandRun defineServe(CLI::App& app) {
                "Run CMD after each router ends (/bin/sh -c CMD; cmd.exe /c CMD on Windows) with the results' "
                "facts in TARNLIFT_MAC, TARNLIFT_RESULT, ... (see docs/fleet.md); its output goes to the log.")
           ->group(which);
+  addValue(app, "--on-finish-jobs", arguments->onFinishJobsText, "N",
+           "How many --on-finish commands run at once; the others wait their turn (default: 4; 1: one at a time, "
+           "in the order the routers ended).")
+      ->group(which);
   addSwitch(app, "--no-save", arguments->noSave,
             "Leave the remembered settings (\"Previous Install\", package folder, pool addresses) untouched.")
       ->group(which);

@@ -243,14 +243,15 @@ sys.stdout.write(data.decode("latin-1"))
       printf '[02:00:00:00:00:01]\naddress = 10.0.0.11/24\nscript = user.rsc\nselect = extra-6.41.npk\n\n'
       printf '# the second gets the command line packages\n[02:00:00:00:00:02]\naddress = 10.0.1.12/16\n'
     } > "$work/fleet.ini"
-    # --on-finish in the platform's own interpreter writes a line per router.
+    # --on-finish in the platform's own interpreter writes a line per router
+    # (one command at a time: cmd.exe cannot append to a file another has open).
     if [[ "$serve_cmd" == wine* ]]; then
       finish_cmd="echo %TARNLIFT_MAC% %TARNLIFT_RESULT% %TARNLIFT_FILES%>> $(serve_path "$work/finish.txt")"
     else
       finish_cmd='echo "$TARNLIFT_MAC $TARNLIFT_RESULT $TARNLIFT_FILES" >> finish.txt'
     fi
     start_serve --select empty-6.41.npk --address 10.9.9.9/8 --inventory "$(serve_path "$work/fleet.ini")" \
-      --only-known --count 2 --on-finish "$finish_cmd"
+      --only-known --count 2 --on-finish "$finish_cmd" --on-finish-jobs 1
     # Long enough for the known two to finish (Wine starts slowly); the
     # unknown two keep the simulator waiting until then.
     sim_seconds=10
@@ -395,6 +396,10 @@ PY
     in_srv --client-address 192.168.88.1 --after later; [ $? = 2 ] || fail "bad --after: expected exit 2"
     in_srv --client-address 192.168.88.1 --count 0; [ $? = 2 ] || fail "bad --count: expected exit 2"
     in_srv --client-address 192.168.88.1 --mac 1:2:3; [ $? = 2 ] || fail "bad --mac: expected exit 2"
+    in_srv --client-address 192.168.88.1 --on-finish ""; [ $? = 2 ] || fail "empty --on-finish: expected exit 2"
+    in_srv --client-address 192.168.88.1 --on-finish true --on-finish-jobs 0; [ $? = 2 ] ||
+      fail "--on-finish-jobs 0: expected exit 2"
+    expect_line "$work/serve.err" "--on-finish-jobs needs a number from 1 to 64"
     in_srv --client-address 10.77.0.1 --count 1; [ $? = 1 ] || fail "no interface: expected exit 1"
     expect_line "$work/serve.err" "no network interface reaches 10.77.0.1"
     ;;
