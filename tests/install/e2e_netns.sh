@@ -291,15 +291,27 @@ sys.stdout.write(data.decode("latin-1"))
     }
     for run in 1 2; do
       rm -rf "$work/out" && mkdir -p "$work/out"
+      # In the second run the first router's command hangs: the installs
+      # go on, and the stop kills it after its 10 s.
+      hang=
+      [ "$run" = 2 ] && hang='; [ $TARNLIFT_MAC != 02:00:00:00:00:01 ] || sleep 100'
+      started=$(date +%s)
       start_serve --select system-6.41.npk --inventory "$(serve_path "$work/fleet.ini")" \
         --address-pool 10.0.1.1-10.0.1.50/16 --results "$(serve_path "$work/results$run.jsonl")" --count 20 \
-        --on-finish "echo \"\$TARNLIFT_MAC \$TARNLIFT_RESULT \$TARNLIFT_ADDRESS\" >> finish$run.txt; echo said \$TARNLIFT_MAC"
+        --on-finish "echo \"\$TARNLIFT_MAC \$TARNLIFT_RESULT \$TARNLIFT_ADDRESS\" >> finish$run.txt; echo said \$TARNLIFT_MAC$hang"
       SIM_TIMEOUT=200 run_sim --count 20 --timeout-s 180 || fail "run $run: routersim exit $?"
       wait_serve
       [ "$serve_rc" = 0 ] || fail "run $run: serve exit $serve_rc"
       addresses > "$work/addresses$run"
       [ "$(grep -c 'on-finish 02:00:00:00:00:[0-9A-F]*: said 02:00:00:00:00:' "$work/serve.err")" = 20 ] ||
         fail "run $run: not 20 --on-finish outputs in the log"
+      if [ "$run" = 2 ]; then
+        [ $(($(date +%s) - started)) -lt 60 ] || fail "the hanging command held serve up"
+        expect_line "$work/serve.err" "on-finish: 1 still running after 10 s: killed; 0 waiting: not run"
+        expect_line "$work/serve.err" "on-finish 02:00:00:00:00:01: killed at the server's stop"
+        [ "$(grep -c 'on-finish 02:00:00:00:00:[0-9A-F]*: exit code 0' "$work/serve.err")" = 19 ] ||
+          fail "not 19 commands ended by themselves"
+      fi
       [ "$(wc -l < "$work/addresses$run")" = 20 ] || fail "run $run: not 20 routers: $(cat "$work/addresses$run")"
       [ "$(cut -d' ' -f2 "$work/addresses$run" | sort -u | wc -l)" = 20 ] || fail "run $run: an address twice"
       # One results line per router, matching what the router received.
