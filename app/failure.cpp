@@ -8,10 +8,12 @@ namespace tarnlift {
 namespace {
 
 std::atomic<FatalPresenter> gPresenter{nullptr};
+std::atomic<FailureExplainer> gExplainer{nullptr};
 
 }  // namespace
 
 void setFatalPresenter(FatalPresenter presenter) { gPresenter = presenter; }
+void setFailureExplainer(FailureExplainer explainer) { gExplainer = explainer; }
 
 void reportFailure(std::string& message, uint32_t code, bool fatal) {
   if (code == 0) code = lastSystemError();
@@ -22,11 +24,16 @@ void reportFailure(std::string& message, uint32_t code, bool fatal) {
   message += ")";
   logLine(LogPriority::Error) << message;
   if (!fatal) return;
+  std::string shown = message;
+  if (FailureExplainer explainer = gExplainer.load()) {
+    std::string cause = explainer(message);
+    if (!cause.empty()) shown += "\n" + cause;
+  }
   FatalPresenter presenter = gPresenter.load();
   if (presenter != nullptr) {
-    presenter(message);
+    presenter(shown);
   } else {
-    showFatalBox(message);
+    showFatalBox(shown);
   }
   exitProcessNow(1);
 }

@@ -31,6 +31,12 @@ std::string systemErrorText(uint32_t code);
 using FatalPresenter = void (*)(const std::string& text);
 void setFatalPresenter(FatalPresenter presenter);
 
+// Adds to a fatal failure's text what is known of its cause (a finding of
+// the doctor): the text is shown followed by a line with the finding. The
+// log line keeps the text alone. Null (the default): nothing is added.
+using FailureExplainer = std::string (*)(const std::string& text);
+void setFailureExplainer(FailureExplainer explainer);
+
 // Platform halves.
 void showFatalBox(const std::string& text);
 [[noreturn]] void exitProcessNow(int code);

@@ -20,6 +20,7 @@
 #include "app/sync.h"
 #include "cli/choice_options.h"
 #include "cli/cli_options.h"
+#include "doctor/explain.h"
 #include "cli/command.h"
 #include "cli/netboot_options.h"
 #include "cli/privileges.h"
@@ -217,11 +218,12 @@ int runServe(ServeArguments& arguments) {
   netboot::findInterface(client);
   if (netboot::serverAddress() == 0) {
     // The command line is right; the machine is not set up for it.
-    if (!arguments.interfaceName.empty()) {
-      return failure("the interface " + arguments.interfaceName + " does not reach " + clientText +
-                     " (no address of it holds that subnet, or there is no such interface)");
-    }
-    return failure("no network interface reaches " + clientText);
+    int code = arguments.interfaceName.empty()
+                   ? failure("no network interface reaches " + clientText)
+                   : failure("the interface " + arguments.interfaceName + " does not reach " + clientText +
+                             " (no address of it holds that subnet, or there is no such interface)");
+    std::cerr << "tarnlift: " << doctor::explainNoInterface(client, arguments.interfaceName) << std::endl;
+    return code;
   }
 
   // Network booting runs beside the installer, on the same interface.

@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "doctor/explain.h"
 #include "app/failure.h"
 #include "app/log.h"
 #include "app/service_manager.h"
@@ -226,6 +227,8 @@ int main(int argc, char** argv) {
   using namespace tarnlift::cli;
   setLogStream(std::cerr);
   setFatalPresenter(&presentFatal);
+  // A server that cannot bind its ports says who holds them.
+  doctor::explainFatalFailures();
   gJournal = standardErrorIsJournal();
   setLogPriorityPrefixes(gJournal);
   if (argc < 2) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "doctor/explain.h"
 #include "app/log.h"
 #include "resources/resource_ids.h"
 #include "ui/dialogs.h"
@@ -559,6 +560,9 @@ INT_PTR CALLBACK mainProc(HWND window, UINT message, WPARAM wParam, LPARAM lPara
 void* buildMainWindow(const StartupOptions& options) { return buildMainWindow(options, nullptr); }
 
 void* buildMainWindow(const StartupOptions& options, std::unique_ptr<DriveInstaller> drives) {
+  // A boot server that cannot bind its ports names the program holding them
+  // in the fatal box.
+  doctor::explainFatalFailures();
   gWindow = new MainWindow;
   gWindow->view = std::make_unique<Win32MainView>();
   gWindow->workers = std::make_unique<ui::SystemMainWorkers>(std::move(drives));
