@@ -47,7 +47,23 @@ std::vector<Finding> checkFirewall(const std::string& interfaceName) {
   std::string rules;
   std::string why;
   if (!doctor::readFirewallRules(rules, why)) {
-    return {{Level::Warn, "firewall", "not checked (" + why + ")", "make sure UDP 67, 69 and 5000 may come in"}};
+    doctor::FirewallProfiles profiles;
+    std::string profilesWhy;
+    if (!doctor::readFirewallProfiles(profiles, profilesWhy)) {
+      // Say why the platform's own kind of firewall could not be read.
+      std::string shown = profilesWhy.find("Linux") != std::string::npos ? why : profilesWhy;
+      return {{Level::Warn, "firewall", "not checked (" + shown + ")", "make sure UDP 67, 69 and 5000 may come in"}};
+    }
+    if (profiles.onProfiles.empty()) return {{Level::Ok, "firewall", "the Windows firewall is off", ""}};
+    if (profiles.programAllowed) {
+      return {{Level::Ok, "firewall",
+               "the Windows firewall is on (" + profiles.onProfiles + ") and allows " + profiles.program + " in", ""}};
+    }
+    return {{Level::Warn, "firewall",
+             "the Windows firewall is on (" + profiles.onProfiles + ") and no enabled inbound rule allows " +
+                 profiles.program,
+             "allow the program in (Windows asks the first time it listens; or: netsh advfirewall firewall add rule "
+             "name=Tarnlift dir=in action=allow program=\"" + profiles.program + "\")"}};
   }
   std::vector<FirewallBlock> blocks;
   if (!findBlockingRules(rules, interfaceName, {67, 69, 5000}, blocks, why)) {

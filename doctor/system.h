@@ -31,4 +31,14 @@ std::vector<NeededProgram> diskRoadPrograms();
 // `nft -j list ruleset`. False with `why` when they cannot be read.
 bool readFirewallRules(std::string& rules, std::string& why);
 
+// The Windows firewall, read through its COM interface: which of the current
+// profiles are on, and whether an enabled inbound allow rule names this
+// program. False with `why` where it cannot be read (and on Linux).
+struct FirewallProfiles {
+  std::string onProfiles;   // "public, private"; empty when none is on
+  bool programAllowed = false;
+  std::string program;      // the path the rules were searched for
+};
+bool readFirewallProfiles(FirewallProfiles& profiles, std::string& why);
+
 }  // namespace tarnlift::doctor

@@ -94,4 +94,9 @@ bool readFirewallRules(std::string& rules, std::string& why) {
   return true;
 }
 
+bool readFirewallProfiles(FirewallProfiles&, std::string& why) {
+  why = "Linux has no firewall profiles";
+  return false;
+}
+
 }  // namespace tarnlift::doctor
