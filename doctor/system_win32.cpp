@@ -1,8 +1,11 @@
+#include <winsock2.h>
 #include <windows.h>
+#include <iphlpapi.h>
 #include <netfw.h>
 #include <oleauto.h>
 
 #include <cwctype>
+#include <vector>
 
 #include "doctor/system.h"
 
@@ -72,9 +75,34 @@ bool allowsProgram(INetFwPolicy2* policy, const std::wstring& program) {
 
 }  // namespace
 
-LinkState linkState(const std::string&) {
+LinkState linkState(const std::string& interfaceName) {
   LinkState state;
-  state.why = "the link state is not read on Windows";
+  ULONG size = 16 * 1024;
+  std::vector<unsigned char> buffer;
+  ULONG result = ERROR_BUFFER_OVERFLOW;
+  for (int attempt = 0; attempt < 4 && result == ERROR_BUFFER_OVERFLOW; ++attempt) {
+    buffer.resize(size);
+    result = GetAdaptersAddresses(AF_INET, GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER,
+                                  nullptr, reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.data()), &size);
+  }
+  if (result != NO_ERROR) {
+    state.why = "the adapter list cannot be read (error " + std::to_string(result) + ")";
+    return state;
+  }
+  for (auto* a = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.data()); a != nullptr; a = a->Next) {
+    if (a->AdapterName == nullptr || interfaceName != a->AdapterName) continue;
+    state.known = true;
+    // Down: switched off; lower layer down or not present: on, but no cable
+    // or radio link under it.
+    state.up = a->OperStatus != IfOperStatusDown;
+    state.carrier = a->OperStatus == IfOperStatusUp;
+    if (a->OperStatus == IfOperStatusUnknown || a->OperStatus == IfOperStatusTesting) {
+      state.known = false;
+      state.why = "the adapter does not say";
+    }
+    return state;
+  }
+  state.why = "no adapter named " + interfaceName;
   return state;
 }
 

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# `tarnlift-cli.exe doctor --probe` under Wine: the Windows half of the probe
+# `tarnlift-cli.exe doctor --probe` under Wine: the interface with its link
+# state as the adapter list gives it, and the Windows half of the probe
 # (UDP port 68 on the interface's address, ARP for the server's MAC) finds a
 # DHCP server (dnsmasq with a range) on a segment made of two namespaces.
 #   doctor_probe_wine.sh TARNLIFT_CLI_EXE
@@ -47,7 +48,10 @@ dnsmasq_pid=$!
 for _ in $(seq 1 50); do grep -q started "$work/dnsmasq.log" 2> /dev/null && break; sleep 0.1; done
 mac=$(ip -n "$rtr" -br link show "$veth_b" | awk '{print toupper($3)}')
 ip netns exec "$srv" wine "$exe" doctor --client-address 192.168.88.1 --probe 2> /dev/null | tr -d '\r' > "$work/out"
-grep "probe" "$work/out"
+grep "probe\|interface" "$work/out"
+# The adapter's operational status: up, with its peer up.
+grep -q "^ok   interface: .* 192.168.88.2/24 (MAC .*) for client 192.168.88.1, link up, carrier on" "$work/out" ||
+  fail "the interface line"
 # Wine's SendARP gives no answer: the MAC is "not known" there, never a guess.
 grep -Eq "^warn probe: another boot server on this segment: 192.168.88.1 \(MAC ($mac|not known)\), offered 192.168.88.1[0-5][0-9], .*boot file 'other.efi'" \
   "$work/out" || fail "the other server is not listed"
