@@ -198,14 +198,24 @@ int runServe(ServeArguments& arguments) {
       if (finishCommand) finishCommand->submit(result);
     };
   }
+  // The MACs network booting answers with --only-known: the same routers the
+  // installer takes. Shared with the "PXE Booter" thread, and replaced when
+  // a hang-up re-reads the inventory.
+  auto knownLock = std::make_shared<std::mutex>();
+  auto known = std::make_shared<std::set<MacAddress>>();
+  auto rememberKnown = [&options, knownLock, known] {
+    std::set<MacAddress> macs = options.macs;
+    for (const auto& [mac, entry] : options.inventory.entries()) macs.insert(mac);
+    std::lock_guard<std::mutex> lock(*knownLock);
+    *known = std::move(macs);
+  };
   if (options.onlyKnown) {
-    // Network booting answers the same routers the installer takes.
-    std::set<MacAddress> known = options.macs;
-    for (const auto& [mac, entry] : options.inventory.entries()) known.insert(mac);
-    netbootOptions.mayAnswer = [known](const uint8_t* bytes) {
+    rememberKnown();
+    netbootOptions.mayAnswer = [knownLock, known](const uint8_t* bytes) {
       MacAddress mac{};
       std::copy(bytes, bytes + mac.size(), mac.begin());
-      return known.count(mac) != 0;
+      std::lock_guard<std::mutex> lock(*knownLock);
+      return known->count(mac) != 0;
     };
   }
   settings.writeInt("PXE Client Address", client);
@@ -282,6 +292,29 @@ int runServe(ServeArguments& arguments) {
     }
     if (takeReloadRequest()) {
       logLine() << "serve: hang-up: re-reading the package folder " << options.packageDir;
+      if (!arguments.inventoryFile.empty()) {
+        // Checked whole, as at the start: a bad line keeps the inventory
+        // that was in force, so nothing is half-applied.
+        Inventory fresh;
+        std::string error;
+        if (!fresh.load(
+                arguments.inventoryFile, [&sets](const std::string& name) { return sets.contains(name); }, error)) {
+          logLine(LogPriority::Warning) << "serve: hang-up: inventory not re-read, the previous one stays: " << error;
+        } else {
+          std::unique_lock<std::mutex> lock;
+          if (console) lock = std::unique_lock<std::mutex>(console->desk().lock());
+          if (options.pool) {
+            for (const auto& [mac, entry] : fresh.entries()) {
+              if (entry.addressText) options.pool->reserve(hostOrder(addressFromText(*entry.addressText)));
+            }
+          }
+          logLine() << "serve: hang-up: inventory " << arguments.inventoryFile << " re-read: " << fresh.size()
+                    << " routers";
+          options.inventory = fresh;
+          installer.setInventory(std::move(fresh));
+          if (options.onlyKnown) rememberKnown();
+        }
+      }
       if (console) {
         std::lock_guard<std::mutex> lock(console->desk().lock());
         installer.rereadPackages();

@@ -70,6 +70,9 @@ class HeadlessInstaller : public InstallPrompter {
   // Reads the package folder again (files added or replaced since start),
   // logging what it found; later installs choose from what is there now.
   void rereadPackages();
+  // Puts a newly read inventory in force for the routers installed from now
+  // on (a hang-up re-reads the file).
+  void setInventory(Inventory inventory) { options_.inventory = std::move(inventory); }
 
   size_t finished() const { return succeeded_ + failed_; }
   size_t succeeded() const { return succeeded_; }

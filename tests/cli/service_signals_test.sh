@@ -43,7 +43,9 @@ for _ in $(seq 1 100); do [ -S "$work/notify" ] && break; sleep 0.05; done
 : > "$work/err"
 journal=$(stat -c '%d:%i' "$work/err")
 # The options come as a unit gives them: from an options file.
-printf '# segment one\n--client-address 10.9.0.2\n\n  --packages   %s\n' "$work/pk" > "$work/tl.conf"
+printf '[02:00:00:00:00:01]\naddress = 10.9.0.21/24\n' > "$work/inventory.ini"
+printf '# segment one\n--client-address 10.9.0.2\n\n  --packages   %s\n--inventory %s\n' "$work/pk" "$work/inventory.ini" \
+  > "$work/tl.conf"
 HOME=$work XDG_CONFIG_HOME=$work/config NOTIFY_SOCKET=$work/notify JOURNAL_STREAM=$journal \
   "$tarnlift" serve --options-file "$work/tl.conf" > "$work/out" 2>> "$work/err" &
 server=$!
@@ -56,6 +58,21 @@ for _ in $(seq 1 100); do grep -q "re-reading the package folder" "$work/err" &&
 grep -q "^<6>serve: hang-up: re-reading the package folder $work/pk" "$work/err" || fail "SIGHUP not taken"
 sleep 0.3
 kill -0 $server 2>/dev/null || fail "SIGHUP ended the server"
+grep -q "^<6>serve: hang-up: inventory $work/inventory.ini re-read: 1 routers" "$work/err" || fail "inventory not re-read"
+
+# The inventory is read again on a hang-up: a new section counts; a bad
+# line keeps the one in force and the server running.
+printf '[02:00:00:00:00:01]\naddress = 10.9.0.21/24\n[02:00:00:00:00:02]\naddress = 10.9.0.22/24\n' > "$work/inventory.ini"
+kill -HUP $server
+for _ in $(seq 1 100); do grep -q "re-read: 2 routers" "$work/err" && break; sleep 0.05; done
+grep -q "^<6>serve: hang-up: inventory $work/inventory.ini re-read: 2 routers" "$work/err" || fail "new inventory not read"
+printf '[02:00:00:00:00:01]\naddress = 10.9.0\n' > "$work/inventory.ini"
+kill -HUP $server
+for _ in $(seq 1 100); do grep -q "inventory not re-read" "$work/err" && break; sleep 0.05; done
+grep -q "^<4>serve: hang-up: inventory not re-read, the previous one stays: .*inventory.ini:2: " "$work/err" ||
+  fail "a bad inventory on hang-up is not named"
+sleep 0.3
+kill -0 $server 2>/dev/null || fail "a bad inventory on hang-up ended the server"
 
 kill -TERM $server
 rc=
