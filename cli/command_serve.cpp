@@ -328,6 +328,8 @@ int runServe(ServeArguments& arguments) {
       installer.tick();
       console->desk().publishChanges();
       web::fillNetbootActivity(netbootPanel);
+      // The network boot thread may have walked the adapters again since.
+      netbootPanel.interfaceAddress = netboot::formatIpv4(netboot::serverAddress());
       console->desk().setNetboot(netbootPanel);
     } else {
       installer.tick();

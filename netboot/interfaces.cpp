@@ -76,10 +76,18 @@ bool detectRunningUnderWine() {
 }
 
 void findInterface(uint32_t clientAddress, InterfaceSource& source) {
-  gServerAddress = 0;
-  gServerNetmask = 0;
+  // Several threads walk the adapters at start (network boot, installer,
+  // serve itself); the values change only once the walk has an answer, so a
+  // reader on another thread never sees a passing "no interface".
+  auto noInterface = [] {
+    gServerAddress = 0;
+    gServerNetmask = 0;
+  };
   std::vector<AdapterInfo> adapters;
-  if (!source.listAdapters(adapters)) return;
+  if (!source.listAdapters(adapters)) {
+    noInterface();
+    return;
+  }
   const AdapterInfo* chosen = nullptr;
   const std::string only = onlyInterface();
   for (const AdapterInfo& adapter : adapters) {
@@ -107,7 +115,10 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
     source.afterAdapterWalk();
     if (chosen != nullptr) break;
   }
-  if (chosen == nullptr) return;
+  if (chosen == nullptr) {
+    noInterface();
+    return;
+  }
   uint32_t gateway = 0;
   for (const std::string& text : chosen->gateways) {
     logLine() << "iface: " << chosen->description << " gw: " << text;

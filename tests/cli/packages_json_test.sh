@@ -16,10 +16,13 @@ mkdir "$work/pk"
   { echo "FAIL: mkpkg quote"; exit 1; }
 "$mkpkg" "$work/pk/plain-2.0.npk" --package plain 2.0 --arch mipsel --description "Plain" > /dev/null ||
   { echo "FAIL: mkpkg plain"; exit 1; }
-"$@" packages --tick plain-2.0.npk "$work/pk" > "$work/list.txt" 2> /dev/null || { echo "FAIL: packages exits $?"; exit 1; }
-"$@" packages --json --tick plain-2.0.npk "$work/pk" > "$work/list.json" 2> /dev/null ||
-  { echo "FAIL: packages --json exits $?"; exit 1; }
-python3 - "$work/list.txt" "$work/list.json" <<'PY' || exit 1
+# On a failure, what the program said and printed comes with the message.
+show() { echo "--- standard error"; cat "$work/err"; echo "--- text"; cat -v "$work/list.txt"; echo "--- json"; cat -v "$work/list.json"; }
+"$@" packages --tick plain-2.0.npk "$work/pk" > "$work/list.txt" 2> "$work/err" ||
+  { echo "FAIL: packages exits $?"; show; exit 1; }
+"$@" packages --json --tick plain-2.0.npk "$work/pk" > "$work/list.json" 2> "$work/err" ||
+  { echo "FAIL: packages --json exits $?"; show; exit 1; }
+python3 - "$work/list.txt" "$work/list.json" <<'PY' || { show; exit 1; }
 import json, sys
 raw = open(sys.argv[2], "rb").read()
 assert all(b < 0x80 for b in raw), "the JSON document is not plain ASCII: %r" % raw

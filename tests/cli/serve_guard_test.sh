@@ -22,7 +22,7 @@ PY
 holder=$!
 for _ in $(seq 1 100); do [ -e "$work/ready" ] && break; sleep 0.05; done
 [ -e "$work/ready" ] || { echo "FAIL: could not hold the guard"; exit 1; }
-HOME=$work XDG_CONFIG_HOME=$work/config timeout 30 "$tarnlift" serve --client-address 127.0.0.1 >"$work/out" 2>"$work/err"
+HOME=$work XDG_CONFIG_HOME=$work/config timeout --foreground 30 "$tarnlift" serve --client-address 127.0.0.1 >"$work/out" 2>"$work/err"
 rc=$?
 [ "$rc" -eq 1 ] || { echo "FAIL: exit code $rc, expected 1"; cat "$work/err"; exit 1; }
 grep -qx "QL Router Install Server is already running" "$work/err" || { echo "FAIL: no refusal"; cat "$work/err"; exit 1; }
@@ -32,6 +32,6 @@ grep -q "serve: installing" "$work/err" && { echo "FAIL: it went on serving"; ex
 # Without the holder the guard is free: the same command goes on (and
 # stops at the interface check, which has nothing to do with the guard).
 kill $holder; wait $holder 2>/dev/null
-HOME=$work XDG_CONFIG_HOME=$work/config timeout 30 "$tarnlift" serve --client-address 127.0.0.1 >"$work/out" 2>"$work/err"
+HOME=$work XDG_CONFIG_HOME=$work/config timeout --foreground 30 "$tarnlift" serve --client-address 127.0.0.1 >"$work/out" 2>"$work/err"
 grep -q "already running" "$work/err" && { echo "FAIL: refused without a holder"; exit 1; }
 echo "PASS"

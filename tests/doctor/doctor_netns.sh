@@ -117,7 +117,7 @@ PY
     grep -q "^fail port 69/udp: held by dnsmasq (PID $dnsmasq_pid)" "$work/doctor.out" || fail "69 not named"
     grep -q "^fail port 69/udp: .*fix: stop dnsmasq (PID $dnsmasq_pid)" "$work/doctor.out" || fail "no fix"
     # The server itself: the fatal text as it was, then the holder.
-    in_srv timeout 30 "$tarnlift" serve --client-address 192.168.88.1 --packages "$work/pk" --boot-images "$work/boot" \
+    in_srv timeout --foreground 30 "$tarnlift" serve --client-address 192.168.88.1 --packages "$work/pk" --boot-images "$work/boot" \
       --netboot > "$work/serve.out" 2> "$work/serve.err"
     status=$?
     cat "$work/serve.err" | grep -i -A1 "bind"
@@ -152,7 +152,7 @@ PY
     doctor --client-address 10.77.0.1 --packages "$work/pk" --boot-images "$work/boot" && fail "exit 0 without interface"
     grep -q "^fail interface: no interface is in the subnet of 10.77.0.1; the addresses that exist: $veth_a 192.168.88.2/24" \
       "$work/doctor.out" || fail "the interface line"
-    in_srv timeout 30 "$tarnlift" serve --client-address 10.77.0.1 --packages "$work/pk" > /dev/null 2> "$work/serve.err"
+    in_srv timeout --foreground 30 "$tarnlift" serve --client-address 10.77.0.1 --packages "$work/pk" > /dev/null 2> "$work/serve.err"
     status=$?
     cat "$work/serve.err"
     [ "$status" = 1 ] || fail "serve exit $status"

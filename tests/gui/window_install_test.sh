@@ -51,7 +51,7 @@ stop_gui() {  # closes the window by its close box; the exit code must be 0
   expect_eq "exit code after closing" "$rc" 0
 }
 start_sim() {
-  (exec ip netns exec "$rtr" timeout 300 "$routersim" --interface "$veth_b" --output "$work/out" --repeat-ms 300 "$@" \
+  (exec ip netns exec "$rtr" timeout --foreground 300 "$routersim" --interface "$veth_b" --output "$work/out" --repeat-ms 300 "$@" \
     > "$work/sim.out" 2> "$work/sim.err") &
   sim_pid=$!
 }

@@ -88,7 +88,7 @@ case "$box" in
   *) fail "the refusal does not name FILE:4: '$box'" ;;
 esac
 
-(exec ip netns exec "$rtr" timeout 200 "$routersim" --interface "$veth_b" --output "$work/out" --repeat-ms 300 \
+(exec ip netns exec "$rtr" timeout --foreground 200 "$routersim" --interface "$veth_b" --output "$work/out" --repeat-ms 300 \
   --delay-ms 15 --label Lab --count 2 > "$work/sim.out" 2> "$work/sim.err") &
 sim_pid=$!
 wait_row 02:00:00:00:00:02

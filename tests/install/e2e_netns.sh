@@ -73,7 +73,7 @@ printf '/system routerboard mode set x\n' > "$work/mode.rsc"
 
 # Runs serve in the server namespace (in the background) with extra arguments.
 start_serve() {
-  (cd "$work" && exec ip netns exec "$srv" timeout "${SERVE_TIMEOUT:-120}" $serve_cmd serve \
+  (cd "$work" && exec ip netns exec "$srv" timeout --foreground "${SERVE_TIMEOUT:-120}" $serve_cmd serve \
     --client-address 192.168.88.1 --packages "$(serve_path "$work/pk")" "$@" > "$work/serve.out" 2> "$work/serve.err") &
   serve_pid=$!
 }
@@ -83,7 +83,7 @@ serve_path() {
   if [[ "$serve_cmd" == wine* ]]; then echo "Z:${1//\//\\}"; else echo "$1"; fi
 }
 run_sim() {
-  ip netns exec "$rtr" timeout "${SIM_TIMEOUT:-150}" "$routersim" --interface "$veth_b" --output "$work/out" \
+  ip netns exec "$rtr" timeout --foreground "${SIM_TIMEOUT:-150}" "$routersim" --interface "$veth_b" --output "$work/out" \
     --repeat-ms 300 "$@" > "$work/sim.out" 2> "$work/sim.err"
 }
 wait_serve() {
@@ -353,11 +353,11 @@ PY
       --mac 02:00:00:00:00:01 --only-known
     for _ in $(seq 1 300); do grep -q "serve: installing on" "$work/serve.err" 2> /dev/null && break; sleep 0.1; done
     grep -q "serve: installing on" "$work/serve.err" || fail "serve did not start"
-    ip netns exec "$rtr" timeout 20 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
+    ip netns exec "$rtr" timeout --foreground 20 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
       --mac 02:00:00:00:00:09 --timeout 4 > "$work/unknown.out" 2>&1
     rc=$?
     [ "$rc" = 2 ] || fail "unknown client: bootpclient exit $rc, expected 2 (no reply): $(cat "$work/unknown.out")"
-    ip netns exec "$rtr" timeout 30 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
+    ip netns exec "$rtr" timeout --foreground 30 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
       --mac 02:00:00:00:00:01 --timeout 20 --client 192.168.88.1 --server 192.168.88.2 > "$work/known.out" 2>&1 ||
       fail "known client got no matching reply: $(cat "$work/known.out")"
     kill "$serve_pid" 2> /dev/null
@@ -368,7 +368,7 @@ PY
   badinventory)
     # Every kind of bad line is refused before anything is sent.
     printf '/x\n' > "$work/ok.rsc"
-    in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve --client-address 192.168.88.1 \
+    in_srv() { (cd "$work" && ip netns exec "$srv" timeout --foreground 60 $serve_cmd serve --client-address 192.168.88.1 \
       --select system-6.41.npk --packages "$(serve_path "$work/pk")" "$@" > "$work/serve.out" 2> "$work/serve.err"); }
     n=0
     for bad in '[02:00:00:00:01]' 'address = 10.0.0.5' 'address = 10.0.0.5/40' 'gateway = 10.0.0' \
@@ -376,7 +376,7 @@ PY
       'after = never' 'colour = red' '[02:00:00:00:00:01]'; do
       n=$((n + 1))
       printf '# fleet\n[02:00:00:00:00:01]\nscript = ok.rsc\n%s\n' "$bad" > "$work/bad$n.ini"
-      ip netns exec "$rtr" timeout 10 "$routersim" --interface "$veth_b" --output "$work/out" --timeout-s 2 \
+      ip netns exec "$rtr" timeout --foreground 10 "$routersim" --interface "$veth_b" --output "$work/out" --timeout-s 2 \
         > "$work/sim.out" 2> "$work/sim.err" &
       sim_pid=$!
       in_srv --inventory "$(serve_path "$work/bad$n.ini")"
@@ -403,7 +403,7 @@ PY
     expect_line "$work/serve.out" $'02:00:00:00:00:01\tno package set named Previous Install'
     ;;
   usage)
-    in_srv() { (cd "$work" && ip netns exec "$srv" timeout 60 $serve_cmd serve "$@" > "$work/serve.out" 2> "$work/serve.err"); }
+    in_srv() { (cd "$work" && ip netns exec "$srv" timeout --foreground 60 $serve_cmd serve "$@" > "$work/serve.out" 2> "$work/serve.err"); }
     in_srv; [ $? = 2 ] || fail "no arguments: expected exit 2"
     in_srv --client-address 192.168.88.1 --after later; [ $? = 2 ] || fail "bad --after: expected exit 2"
     in_srv --client-address 192.168.88.1 --count 0; [ $? = 2 ] || fail "bad --count: expected exit 2"

@@ -46,7 +46,7 @@ printf -- '--interface %s\n--client-address 192.168.62.1\n--packages %s\n--selec
   "$a2" "$work/pk2" > "$work/two.conf"
 
 serve() { # NAME CONF
-  (HOME=$work/home$1 XDG_CONFIG_HOME=$work/home$1/config exec ip netns exec "$srv" timeout 90 "$tarnlift" serve \
+  (HOME=$work/home$1 XDG_CONFIG_HOME=$work/home$1/config exec ip netns exec "$srv" timeout --foreground 90 "$tarnlift" serve \
     --options-file "$2" > "$work/serve$1.out" 2> "$work/serve$1.err") &
   pids+=($!)
 }
@@ -60,23 +60,23 @@ for n in 1 2; do
 done
 
 # A third server on the first interface: refused, the first goes on.
-HOME=$work/home3 ip netns exec "$srv" timeout 30 "$tarnlift" serve --interface "$a1" --client-address 192.168.61.1 \
+HOME=$work/home3 ip netns exec "$srv" timeout --foreground 30 "$tarnlift" serve --interface "$a1" --client-address 192.168.61.1 \
   > "$work/serve3.out" 2> "$work/serve3.err"
 rc=$?
 [ $rc = 1 ] || fail "a second server on $a1 exited $rc, expected 1"
 grep -qx "QL Router Install Server is already running" "$work/serve3.err" || fail "no refusal for the second server"
 # An interface that does not reach the client address.
-HOME=$work/home3 ip netns exec "$srv" timeout 30 "$tarnlift" serve --interface lo --client-address 192.168.61.1 \
+HOME=$work/home3 ip netns exec "$srv" timeout --foreground 30 "$tarnlift" serve --interface lo --client-address 192.168.61.1 \
   > "$work/serve4.out" 2> "$work/serve4.err"
 rc=$?
 [ $rc = 1 ] || fail "a wrong interface exited $rc, expected 1"
 grep -q "the interface lo does not reach 192.168.61.1" "$work/serve4.err" || fail "wrong interface not named"
 
-ip netns exec "$r1" timeout 60 "$routersim" --interface "$b1" --output "$work/out1" --repeat-ms 300 \
+ip netns exec "$r1" timeout --foreground 60 "$routersim" --interface "$b1" --output "$work/out1" --repeat-ms 300 \
   > "$work/sim1.out" 2> "$work/sim1.err" &
 pids+=($!)
 sim1=${pids[-1]}
-ip netns exec "$r2" timeout 60 "$routersim" --interface "$b2" --output "$work/out2" --repeat-ms 300 \
+ip netns exec "$r2" timeout --foreground 60 "$routersim" --interface "$b2" --output "$work/out2" --repeat-ms 300 \
   > "$work/sim2.out" 2> "$work/sim2.err" &
 pids+=($!)
 sim2=${pids[-1]}

@@ -43,22 +43,22 @@ as_nobody() { # CAPS ARGS...
 }
 
 # Without the capability: refused before anything is bound.
-as_nobody "" timeout 30 "$tarnlift" serve --netboot --boot-images "$work/images" --client-address 192.168.88.1 \
+as_nobody "" timeout --foreground 30 "$tarnlift" serve --netboot --boot-images "$work/images" --client-address 192.168.88.1 \
   --packages "$work/pk" > "$work/bare.out" 2> "$work/bare.err"
 rc=$?
 [ $rc = 1 ] || fail "without the capability: exit $rc, expected 1"
 grep -q "CAP_NET_BIND_SERVICE" "$work/bare.err" || fail "the missing capability is not named"
 
 # With it: BOOTP answered, the router installed.
-(as_nobody net_bind_service timeout 90 "$tarnlift" serve --netboot --boot-images "$work/images" \
+(as_nobody net_bind_service timeout --foreground 90 "$tarnlift" serve --netboot --boot-images "$work/images" \
   --client-address 192.168.88.1 --packages "$work/pk" --select system-6.41.npk --count 1 \
   > "$work/serve.out" 2> "$work/serve.err") &
 serve_pid=$!
 for _ in $(seq 1 100); do grep -q "serve: installing on" "$work/serve.err" 2> /dev/null && break; sleep 0.1; done
 grep -q "serve: installing on 192.168.88.2" "$work/serve.err" || fail "serve did not start as nobody"
-ip netns exec "$rtr" timeout 20 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
+ip netns exec "$rtr" timeout --foreground 20 "$bootpclient" --interface "$veth_b" --vendor-class ARM__boot \
   --client 192.168.88.1 --server 192.168.88.2 > "$work/bootp.out" 2> "$work/bootp.err" || fail "no BOOTP answer"
-ip netns exec "$rtr" timeout 60 "$routersim" --interface "$veth_b" --output "$work/out" --repeat-ms 300 \
+ip netns exec "$rtr" timeout --foreground 60 "$routersim" --interface "$veth_b" --output "$work/out" --repeat-ms 300 \
   > "$work/sim.out" 2> "$work/sim.err" || fail "routersim exit $?"
 wait "$serve_pid"
 rc=$?

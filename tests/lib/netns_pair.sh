@@ -8,6 +8,12 @@
 #                               Returns 2 when this machine cannot make
 #                               namespaces at all, 1 when a later step fails.
 #   netns_remove                deletes both namespaces (and so the pair)
+#
+# The scripts bound each program they start with `timeout --foreground`. Without
+# --foreground, timeout passes a stop on to its whole process group and follows
+# it with SIGCONT; a sanitizer build checking for leaks as it exits stops its
+# own threads by ptrace at that moment, the SIGCONT cancels that stop, and the
+# program never ends (seen 2 times in 40 with a minimal program).
 
 netns_names() {
   local id=$$$RANDOM

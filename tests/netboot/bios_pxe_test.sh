@@ -44,7 +44,7 @@ case $case_name in
     # placeholder and shows its message.
     side="for _ in \$(seq 1 600); do grep -q 'client system arch: 0' \"\$TL_WORK/server.err\" && break; sleep 0.1; done
       grep -q 'client system arch: 0' \"\$TL_WORK/server.err\" || { echo 'the PC never asked'; exit 1; }
-      timeout 100 '$routersim' --interface \"\$TL_BRIDGE\" --format-ms 8000 --repeat-ms 300 || exit 1
+      timeout --foreground 100 '$routersim' --interface \"\$TL_BRIDGE\" --format-ms 8000 --repeat-ms 300 || exit 1
       for _ in \$(seq 1 100); do grep -q 'Installation finished successfully' \"\$TL_WORK/server.out\" && exit 0; sleep 0.1; done
       echo 'serve did not report the installation as finished'; exit 1"
     bash "$harness" -f bios -t 150 -F "handle_18" -w "$side" "Returning to the firmware" \

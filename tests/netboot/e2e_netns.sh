@@ -95,7 +95,7 @@ subcommand=netboot
 # The server's own process (by exec) under a time limit, so that the clean-up
 # reaches it and it can never outlive the test.
 # shellcheck disable=SC2086
-(HOME=$work XDG_CONFIG_HOME=$work/config exec ip netns exec "$srv" timeout 300 $tarnlift_cmd $subcommand $server_args \
+(HOME=$work XDG_CONFIG_HOME=$work/config exec ip netns exec "$srv" timeout --foreground 300 $tarnlift_cmd $subcommand $server_args \
   > "$work/server.out" 2> "$work/server.err") &
 server_pid=$!
 # Ready once the interface was found (Wine needs seconds to start).

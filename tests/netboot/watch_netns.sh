@@ -125,13 +125,13 @@ if [ "$case_name" = window ]; then
   mkdir -p "$work/start"
   # The window's log lines go to its standard output; both streams are read
   # as its log.
-  (cd "$work/start" && exec ip netns exec "$srv" timeout 300 wine "$tarnlift_cmd" > "$work/server.err" 2>&1) &
+  (cd "$work/start" && exec ip netns exec "$srv" timeout --foreground 300 wine "$tarnlift_cmd" > "$work/server.err" 2>&1) &
   server_pid=$!
 else
   subcommand=netboot
   [ "$case_name" = serve ] && subcommand="serve --netboot"
   # shellcheck disable=SC2086
-  (HOME=$work XDG_CONFIG_HOME=$work/config exec ip netns exec "$srv" timeout 300 $tarnlift_cmd $subcommand \
+  (HOME=$work XDG_CONFIG_HOME=$work/config exec ip netns exec "$srv" timeout --foreground 300 $tarnlift_cmd $subcommand \
     --client-address 192.168.88.1 > "$work/server.out" 2> "$work/server.err") &
   server_pid=$!
 fi

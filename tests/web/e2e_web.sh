@@ -36,14 +36,36 @@ work=$(mktemp -d /tmp/tl-web-XXXXXX)
 serve_pid=
 bg_pids=()
 own_wine_prefix=
+# A server told to stop must end within seconds; one that does not is a
+# defect worth its own failure (with where its threads are), not a test that
+# hangs until CTest's time-out.
+stop_serve() {
+  [ -n "$serve_pid" ] || return 0
+  kill "$serve_pid" 2> /dev/null
+  for _ in $(seq 300); do
+    kill -0 "$serve_pid" 2> /dev/null || return 0
+    sleep 0.1
+  done
+  echo "FAIL ($case_name): serve did not end within 30 s of SIGTERM"
+  local child
+  for child in $(pgrep -P "$serve_pid"); do
+    command -v gdb > /dev/null && timeout 60 gdb -p "$child" -batch -ex "thread apply all bt" 2>&1 | grep -E '^(#|Thread)'
+    kill -9 "$child" 2> /dev/null
+  done
+  kill -9 "$serve_pid" 2> /dev/null
+  tail -20 "$work/serve.err" 2> /dev/null
+  return 1
+}
 cleanup() {
-  [ -n "$serve_pid" ] && kill "$serve_pid" 2> /dev/null
+  local status=$?
+  stop_serve || status=1
   for p in "${bg_pids[@]}"; do kill "$p" 2> /dev/null; done
   # Only the Wine server of the prefix made here, never the caller's.
   [ -n "$own_wine_prefix" ] && WINEPREFIX=$own_wine_prefix wineserver -k 2> /dev/null
   wait 2> /dev/null
   netns_remove
   rm -rf "$work"
+  exit "$status"
 }
 trap cleanup EXIT
 trap 'exit 1' INT TERM
@@ -85,7 +107,7 @@ base=http://127.0.0.1:$port
 in_srv() { ip netns exec "$srv" "$@"; }
 api() { in_srv curl -sS --max-time 10 "$@"; }
 start_serve() {
-  (cd "$work" && exec ip netns exec "$srv" timeout "${SERVE_TIMEOUT:-150}" $tarnlift serve \
+  (cd "$work" && exec ip netns exec "$srv" timeout --foreground "${SERVE_TIMEOUT:-150}" $tarnlift serve \
     --client-address 192.168.88.1 --packages "$(serve_path "$work/pk")" "$@" > "$work/serve.out" 2> "$work/serve.err") &
   serve_pid=$!
   # Wine takes seconds to start.
@@ -97,7 +119,7 @@ start_serve() {
   fail "the console did not start"
 }
 start_sim() {
-  (exec ip netns exec "$rtr" timeout "${SIM_TIMEOUT:-150}" "$routersim" --interface "$veth_b" --output "$work/out" \
+  (exec ip netns exec "$rtr" timeout --foreground "${SIM_TIMEOUT:-150}" "$routersim" --interface "$veth_b" --output "$work/out" \
     --repeat-ms 300 "$@" > "$work/sim.out" 2> "$work/sim.err") &
   sim_pid=$!
   bg_pids+=("$sim_pid")
@@ -184,10 +206,10 @@ PY
     ;;
   security)
     printf 's3cret-token\n' > "$work/token"
-    out=$(in_srv timeout 60 $tarnlift serve --client-address 192.168.88.1 --web 0.0.0.0:$port 2>&1)
+    out=$(in_srv timeout --foreground 60 $tarnlift serve --client-address 192.168.88.1 --web 0.0.0.0:$port 2>&1)
     [ $? = 2 ] || fail "a non-loopback address without a token must be refused with exit 2"
     echo "$out" | grep -q -- "--web-token FILE" || fail "the refusal does not say what to add: $out"
-    in_srv timeout 60 $tarnlift serve --client-address 192.168.88.1 --hold > /dev/null 2>&1
+    in_srv timeout --foreground 60 $tarnlift serve --client-address 192.168.88.1 --hold > /dev/null 2>&1
     [ $? = 2 ] || fail "--hold without --web must be refused"
     start_serve --web "0.0.0.0:$port" --web-token "$work/token" --hold
     [ "$(status_of "$base/api/v1/routers")" = 401 ] || fail "no token: not 401"
