@@ -17,54 +17,25 @@ if [ -z "${DISPLAY:-}" ]; then
   exec xvfb-run -a "$0" "$@"
 fi
 here=$(cd "$(dirname "$0")" && pwd)
-# shellcheck source=../lib/netns_pair.sh
-source "$here/../lib/netns_pair.sh"
-netns_names tlf
-work=$(mktemp -d /tmp/tl-fatal-XXXXXX)
-holder_pid=
-gui_pid=
-cleanup() {
-  [ -n "$gui_pid" ] && kill "$gui_pid" 2> /dev/null
-  [ -n "$holder_pid" ] && kill "$holder_pid" 2> /dev/null
-  WINEPREFIX=$work/wine wineserver -k 2> /dev/null
-  netns_remove
-  rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-fail() {
-  echo "FAIL: $*"
-  echo "--- window log (tail)"; tr -d '\r' < "$work/gui.log" 2> /dev/null | grep -v "^iface: " | tail -20
-  exit 1
-}
-netns_pair 192.168.88.1
-case $? in
-  0) ;;
-  2) skip "cannot create network namespaces" ;;
-  *) fail "cannot join the namespaces by a veth pair" ;;
-esac
-export WINEPREFIX=$work/wine WINEDEBUG=-all
-ip netns exec "$srv" wineboot -i > /dev/null 2>&1
+window_ns_prefix=tlf
+window_work_prefix=tl-fatal
+shots=
+# shellcheck source=window_netns.sh
+source "$here/window_netns.sh"
+# shellcheck source=../lib/hold_udp_port.sh
+source "$here/../lib/hold_udp_port.sh"
 settings='HKCU\SOFTWARE\Quenlark\NetServer'
-ip netns exec "$srv" wine reg add "$settings" /v "PXE Enabled" /t REG_DWORD /d 1 /f > /dev/null 2>&1 ||
+in_srv wine reg add "$settings" /v "PXE Enabled" /t REG_DWORD /d 1 /f > /dev/null 2>&1 || fail "cannot write the settings"
+in_srv wine reg add "$settings" /v "PXE Client Address" /t REG_DWORD /d 0x0158a8c0 /f > /dev/null 2>&1 ||
   fail "cannot write the settings"
-ip netns exec "$srv" wine reg add "$settings" /v "PXE Client Address" /t REG_DWORD /d 0x0158a8c0 /f > /dev/null 2>&1 ||
-  fail "cannot write the settings"
-# A TFTP service of the machine on the served address, without address reuse.
-ip netns exec "$srv" python3 -c '
-import socket, time
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.bind(("192.168.88.2", 69))
-print("holding", flush=True)
-time.sleep(300)' > "$work/holder.out" 2>&1 &
-holder_pid=$!
-for _ in $(seq 1 50); do grep -q holding "$work/holder.out" && break; sleep 0.1; done
-grep -q holding "$work/holder.out" || fail "could not hold port 69"
+# A TFTP service of the machine on the served address.
+hold_udp_port "$srv" 192.168.88.2 69 "$work/holder.out" || fail "could not hold port 69"
+bg_pids+=("$holder_pid")
 
 mkdir -p "$work/start"
 (cd "$work/start" && exec ip netns exec "$srv" timeout 120 wine "$gui" > "$work/gui.log" 2>&1) &
 gui_pid=$!
-text=$(wine "$probe" box Error 60000 2> "$work/probe.err" | tr -d '\r') || fail "no Error box ($(tail -2 "$work/probe.err"))"
+text=$(drive box Error 60000) || fail "no Error box ($(tail -2 "$work/probe.err"))"
 printf '%s\n' "$text"
 wait "$gui_pid"
 rc=$?

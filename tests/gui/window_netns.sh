@@ -4,16 +4,18 @@
 # drive_ok, expect_eq, win, shot, winpath, in_srv, in_rtr, fail).
 # Expects $here, $probe, $shots, $window_ns_prefix and $window_work_prefix;
 # sets $work, $srv, $rtr, $title, and the PIDs $gui_pid and $sim_pid that the
-# clean-up ends.
+# clean-up ends (with any in $bg_pids).
 # shellcheck source=../lib/netns_pair.sh
 source "$here/../lib/netns_pair.sh"
 netns_names "$window_ns_prefix"
 work=$(mktemp -d "/tmp/$window_work_prefix-XXXXXX")
 gui_pid=
 sim_pid=
+bg_pids=()
 cleanup() {
   [ -n "$gui_pid" ] && kill "$gui_pid" 2> /dev/null
   [ -n "$sim_pid" ] && kill "$sim_pid" 2> /dev/null
+  for p in "${bg_pids[@]}"; do kill "$p" 2> /dev/null; done
   # Only the Wine server of the prefix made here.
   WINEPREFIX=$work/wine wineserver -k 2> /dev/null
   netns_remove

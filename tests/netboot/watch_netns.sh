@@ -36,6 +36,8 @@ if [ "$case_name" = window ] && [ -z "${DISPLAY:-}" ]; then
   exec xvfb-run -a "$0" "$@"
 fi
 first_word=${tarnlift_cmd%% *}
+# shellcheck source=../lib/hold_udp_port.sh
+source "$(dirname "$0")/../lib/hold_udp_port.sh"
 command -v "$first_word" > /dev/null 2>&1 || [ -x "$first_word" ] || skip "no $first_word"
 
 id=$$$RANDOM
@@ -98,15 +100,7 @@ dnsmasq_pid=$!
 
 if [ "$case_name" = held ]; then
   # A DHCP client of the server's machine holding port 68 on its own.
-  ip netns exec "$srv" python3 -c '
-import socket, time
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.bind(("0.0.0.0", 68))
-print("holding", flush=True)
-time.sleep(300)' > "$work/holder.out" 2>&1 &
-  holder_pid=$!
-  for _ in $(seq 1 50); do grep -q holding "$work/holder.out" && break; sleep 0.1; done
-  grep -q holding "$work/holder.out" || fail "could not hold port 68"
+  hold_udp_port "$srv" 0.0.0.0 68 "$work/holder.out" || fail "could not hold port 68"
 fi
 
 wait_ready=200
