@@ -24,10 +24,12 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 1' INT TERM
 
-# Failures are told on the script's own output, also from inside $(...).
-exec 3>&1
+# Failures are told on standard error, which reaches the log also from inside
+# $(...). Not on a copy of standard output kept open on another descriptor:
+# the Wine services that the program starts would inherit it and hold the
+# test's output open after the test has ended.
 fail() {
-  exec 1>&3
+  exec 1>&2
   echo "FAIL: $*"
   echo "--- window log (tail)"; tr -d "\r" < "$work/gui.log" 2> /dev/null | grep -v "^iface: " | tail -40
   echo "--- driver errors (tail)"; tail -20 "$work/probe.err" 2> /dev/null
