@@ -135,6 +135,10 @@ for _ in $(seq 1 $wait_ready); do
   sleep 0.1
 done
 grep -q "found: true" "$work/server.err" || fail "server did not find its interface"
+# dnsmasq's answer ends the client's tries, so the first request must be
+# heard: wait for the BOOTP socket and the watch's own.
+wait_udp_bound "$srv" 67 || fail "the server never bound UDP port 67"
+wait_udp_bound "$srv" 68 || fail "nothing bound UDP port 68"
 kill -0 "$dnsmasq_pid" 2> /dev/null || fail "dnsmasq did not start"
 
 bootp() {  # MAC
