@@ -54,7 +54,7 @@ grep -q "READY=1" "$work/notify.log" || fail "no READY=1"
 grep -q "^<6>serve: installing on 10.9.0.1" "$work/err" || fail "no <6> in front of the start line"
 
 kill -HUP $server
-for _ in $(seq 1 100); do grep -q "re-reading the package folder" "$work/err" && break; sleep 0.05; done
+for _ in $(seq 1 100); do grep -q "re-read: 1 routers" "$work/err" && break; sleep 0.05; done
 grep -q "^<6>serve: hang-up: re-reading the package folder $work/pk" "$work/err" || fail "SIGHUP not taken"
 sleep 0.3
 kill -0 $server 2>/dev/null || fail "SIGHUP ended the server"

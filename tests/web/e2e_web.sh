@@ -186,7 +186,8 @@ assert values['tarnlift_routers{status="Ready"}'] == 1, values
 assert values['tarnlift_install_bytes_sent_total'] > 400000, values
 assert values['process_start_time_seconds'] > 1.6e9, values
 PY
-    sleep 0.5
+    # The stream's last event may still be on its way.
+    for _ in $(seq 1 100); do grep -q '"status":"Done"' "$work/events.txt" && break; sleep 0.1; done
     # The stream carried R1's changes in order: Ready, Installing, ..., Done.
     python3 - "$work/events.txt" << 'PY' || fail "the event stream is not in order"
 import json, sys
@@ -256,7 +257,12 @@ PY
       --timeout 20 --client 192.168.88.1 --server 192.168.88.2) || fail "BOOTP: $out"
     ip netns exec "$rtr" curl -s -m 30 -o "$work/image" "tftp://192.168.88.2/image" || fail "TFTP download"
     size=$(stat -c %s "$work/image")
-    sleep 0.6
+    # The transfer is counted when the last acknowledgement arrives, which
+    # may be a moment after curl has its file.
+    for _ in $(seq 1 100); do
+      api "$base/metrics" | grep -qx 'tarnlift_tftp_transfers_total 1' && break
+      sleep 0.1
+    done
     api "$base/api/v1/netboot" > "$work/netboot.json"
     python3 - "$work/netboot.json" "$size" << 'PY' || { cat "$work/netboot.json"; fail "the netboot panel"; }
 import json, sys
