@@ -296,7 +296,10 @@ sys.stdout.write(data.decode("latin-1"))
       hang=
       [ "$run" = 2 ] && hang='; [ $TARNLIFT_MAC != 02:00:00:00:00:01 ] || sleep 100'
       started=$(date +%s)
-      start_serve --select system-6.41.npk --inventory "$(serve_path "$work/fleet.ini")" \
+      # The first run also writes its events as JSON lines instead of the table.
+      json=()
+      [ "$run" = 1 ] && json=(--json)
+      start_serve --select system-6.41.npk --inventory "$(serve_path "$work/fleet.ini")" "${json[@]}" \
         --address-pool 10.0.1.1-10.0.1.50/16 --results "$(serve_path "$work/results$run.jsonl")" --count 20 \
         --on-finish "echo \"\$TARNLIFT_MAC \$TARNLIFT_RESULT \$TARNLIFT_ADDRESS\" >> finish$run.txt; echo said \$TARNLIFT_MAC$hang"
       SIM_TIMEOUT=200 run_sim --count 20 --timeout-s 180 || fail "run $run: routersim exit $?"
@@ -336,6 +339,25 @@ for line in lines:
     assert r["files"] == ["system-6.41.npk"] and r["versions"] == ["6.41"], r
     assert r["bytes"] > 0 and r["seconds"] >= 0, r
 PY
+      if [ "$run" = 1 ]; then
+        # serve --json: every line parses; one seen and one ended event per
+        # router, the ended ones with the same facts as the results file.
+        python3 - "$work/serve.out" "$work/results1.jsonl" << 'PY' || fail "serve --json lines"
+import json, sys
+events = [json.loads(line) for line in open(sys.argv[1], encoding="ascii").read().splitlines()]
+results = {r["mac"]: r for r in map(json.loads, open(sys.argv[2]).read().splitlines())}
+seen = [e["mac"] for e in events if e["event"] == "seen"]
+ended = [e for e in events if e["event"] == "ended"]
+assert sorted(seen) == sorted(results), seen
+assert sorted(e["mac"] for e in ended) == sorted(results), ended
+assert all(e["event"] in ("seen", "progress", "ended") for e in events), events
+for e in ended:
+    r = results[e["mac"]]
+    for key in ("address", "files", "versions", "result", "label", "architecture"):
+        assert e[key] == r[key], (key, e, r)
+print("serve --json: %d lines, %d routers seen and ended" % (len(events), len(seen)))
+PY
+      fi
     done
     grep -qx '02-00-00-00-00-0A address=10.0.0.110/24' "$work/addresses1" || fail "inventory address not given"
     [ "$(grep -c 'address=10.0.1.[0-9]*/16$' "$work/addresses1")" = 10 ] || fail "not 10 pool addresses"
