@@ -272,7 +272,7 @@ bool TftpTransfer::sendWindowed(const uint8_t* content, uint32_t length) {
     if (last > sentUpTo) sentUpTo = last;
   };
 
-  uint32_t wait = kTftpWindowWaitMs;
+  uint32_t wait = kTftpWaitMs;  // the OACK's first repeat; kTftpWindowWaitMs once the client answers
   uint32_t silence = 0;  // waited since the last datagram, in time-outs' worth
   uint32_t silenceLimit = kTftpWindowFirstSilenceMs;
   while (true) {

@@ -35,6 +35,10 @@ inline constexpr long long kTftpWindowSizeLimit = 65535;
 // timer restarts with every datagram it gets (and ignores) still gets a
 // silence long enough to repeat its lost acknowledgement. It gives up after
 // 10 s of silence before the first answer and 4 s after any datagram.
+// The OACK is the exception: its first repeat waits kTftpWaitMs, as in lock
+// step. A client acknowledges it only once it is ready to receive (firmware
+// first makes room for the whole file), and some clients abort a transfer on
+// a second OACK ("unexpected OACK"), so repeating it early costs a download.
 inline constexpr uint32_t kTftpWindowWaitMs = 50;
 inline constexpr uint32_t kTftpWindowMaxWaitMs = 1600;
 inline constexpr uint32_t kTftpWindowFirstSilenceMs = 10000;

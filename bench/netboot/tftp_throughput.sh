@@ -56,10 +56,16 @@ ip -n "$srv" link set "$veth_a" up
 ip -n "$rtr" link set "$veth_b" up
 
 if [ "$loss" != 0 ]; then
+  # ACK 0 is spared: a lost one makes the server repeat its OACK, and atftp
+  # aborts on a second OACK.
   for ns in "$srv" "$rtr"; do
     ip netns exec "$ns" nft -f - << NFT || exit 1
 table inet tlloss {
-  chain in { type filter hook input priority 0; meta l4proto udp numgen random mod 100 < $loss drop; }
+  chain in {
+    type filter hook input priority 0;
+    udp length 12 @th,64,32 0x00040000 accept
+    meta l4proto udp numgen random mod 100 < $loss drop
+  }
 }
 NFT
   done

@@ -208,7 +208,10 @@ EOF
     # A client that asks for a window of blocks (RFC 7440), on a clean link
     # and with 1 % and 5 % of the datagrams lost both ways (dropped at random
     # on arrival in either namespace by nftables; this machine's kernel may
-    # have no netem): every download arrives byte for byte.
+    # have no netem): every download arrives byte for byte. The client's
+    # acknowledgement of the OACK (ACK 0, a 12-byte UDP datagram) is never
+    # dropped: the server then repeats the OACK, and atftp aborts on a second
+    # one ("unexpected OACK"), a limit of that client that no server can help.
     out=$(bootp 02:00:5E:00:07:01 PXEClient:Arch:00007 --arch 7 $check --pxe --netmask 255.255.255.0 \
       --image-length "$(stat -c %s "$work/expect/143")") || fail "BOOTP EFI: $out"
     for loss in 0 1 5; do
@@ -217,7 +220,11 @@ EOF
           ip netns exec "$ns" nft delete table inet tlloss 2> /dev/null
           ip netns exec "$ns" nft -f - << NFT || fail "cannot make datagrams go lost"
 table inet tlloss {
-  chain in { type filter hook input priority 0; meta l4proto udp numgen random mod 100 < $loss drop; }
+  chain in {
+    type filter hook input priority 0;
+    udp length 12 @th,64,32 0x00040000 accept
+    meta l4proto udp numgen random mod 100 < $loss drop
+  }
 }
 NFT
         done

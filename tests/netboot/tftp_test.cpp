@@ -573,11 +573,12 @@ TEST_F(TftpTest, StrayAcknowledgementsDoNotMoveTheWindow) {
   EXPECT_EQ(client.dataPackets, 7);
 }
 
-// The waits of a windowed transfer with no answer: 50 ms, doubling up to
-// 1.6 s, the last one cut to the silence allowed.
-std::vector<uint32_t> windowedWaits(uint32_t silenceMs) {
+// The waits of a windowed transfer with no answer: from the first one (50 ms
+// after a datagram, 200 ms for the OACK), doubling up to 1.6 s, the last one
+// cut to the silence allowed.
+std::vector<uint32_t> windowedWaits(uint32_t silenceMs, uint32_t firstMs = kTftpWindowWaitMs) {
   std::vector<uint32_t> waits;
-  uint32_t wait = kTftpWindowWaitMs, total = 0;
+  uint32_t wait = firstMs, total = 0;
   while (total < silenceMs) {
     uint32_t next = std::min(wait, silenceMs - total);
     waits.push_back(next);
@@ -587,15 +588,16 @@ std::vector<uint32_t> windowedWaits(uint32_t silenceMs) {
   return waits;
 }
 
-// With no answer at all, the OACK is repeated with growing gaps for 10 s.
+// With no answer at all, the OACK is repeated with growing gaps for 10 s,
+// the first after 200 ms as in lock step.
 TEST_F(TftpTest, WindowedTransferBacksOffAndGivesUpAfterTenSilentSeconds) {
   std::vector<uint32_t> waits;
   network.onIdle = [&] { waits.push_back(network.lastWaitMs); };
   std::vector<uint8_t> bytes = content(512 * 6 + 1);
   EXPECT_FALSE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
-  std::vector<uint32_t> expected{50, 100, 200, 400, 800, 1600, 1600, 1600, 1600, 1600, 450};
+  std::vector<uint32_t> expected{200, 400, 800, 1600, 1600, 1600, 1600, 1600, 600};
   EXPECT_EQ(waits, expected);
-  EXPECT_EQ(windowedWaits(kTftpWindowFirstSilenceMs), expected);
+  EXPECT_EQ(windowedWaits(kTftpWindowFirstSilenceMs, kTftpWaitMs), expected);
   EXPECT_TRUE(log.contains("TFTP timeout"));
   EXPECT_EQ(network.sentBy("transfer").size(), expected.size()) << "the OACK, and a repeat after each wait but the last";
 }
@@ -629,6 +631,26 @@ TEST_F(TftpTest, WindowedTransferResendsAfterFiftyMilliseconds) {
   };
   ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), content(512 * 9 + 5)));
   EXPECT_EQ(waits, std::vector<uint32_t>{kTftpWindowWaitMs});
+}
+
+// A lost acknowledgement of the OACK is waited for as in lock step: the OACK
+// is repeated after 200 ms, never sooner, since a client slow to make room
+// for the file must not get a second OACK (some abort on one).
+TEST_F(TftpTest, WindowedTransferRepeatsTheOackAfterTheLockStepWait) {
+  WindowClient client(network, 4, 512);
+  client.lostAcks = {1};
+  std::vector<uint32_t> waits;
+  network.onIdle = [&] {
+    waits.push_back(network.lastWaitMs);
+    if (network.transfer != nullptr) client.acknowledge(*network.transfer, client.lastAcked);
+  };
+  std::vector<uint8_t> bytes = content(512 * 9 + 5);
+  ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
+  EXPECT_EQ(waits, std::vector<uint32_t>{kTftpWaitMs});
+  EXPECT_EQ(client.received, bytes);
+  size_t oacks = 0;
+  for (const SentDatagram& d : network.sentBy("transfer")) oacks += opcode(d) == kTftpOpOack;
+  EXPECT_EQ(oacks, 2u) << "the OACK, and one repeat after the wait";
 }
 
 // Block numbers roll over to 0 after 65535 in windows too.
