@@ -620,15 +620,21 @@ TEST_F(TftpTest, WindowedTransferGivesUpAfterFourSilentSecondsFollowingADatagram
   EXPECT_EQ(order.size(), 4 * waits.size()) << "the window, then again after each wait but the last";
 }
 
+// Each time the server waits in vain, notes how long it waited and lets the
+// client repeat its last acknowledgement, as its own time-out would.
+void recordWaitsAndRepeatAcks(FakeNetwork& network, WindowClient& client, std::vector<uint32_t>& waits) {
+  network.onIdle = [&network, &client, &waits] {
+    waits.push_back(network.lastWaitMs);
+    if (network.transfer != nullptr) client.acknowledge(*network.transfer, client.lastAcked);
+  };
+}
+
 // A lost acknowledgement costs 50 ms, not the 200 ms of lock step.
 TEST_F(TftpTest, WindowedTransferResendsAfterFiftyMilliseconds) {
   WindowClient client(network, 4, 512);
   client.lostAcks = {2};
   std::vector<uint32_t> waits;
-  network.onIdle = [&] {
-    waits.push_back(network.lastWaitMs);
-    if (network.transfer != nullptr) client.acknowledge(*network.transfer, client.lastAcked);
-  };
+  recordWaitsAndRepeatAcks(network, client, waits);
   ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), content(512 * 9 + 5)));
   EXPECT_EQ(waits, std::vector<uint32_t>{kTftpWindowWaitMs});
 }
@@ -640,10 +646,7 @@ TEST_F(TftpTest, WindowedTransferRepeatsTheOackAfterTheLockStepWait) {
   WindowClient client(network, 4, 512);
   client.lostAcks = {1};
   std::vector<uint32_t> waits;
-  network.onIdle = [&] {
-    waits.push_back(network.lastWaitMs);
-    if (network.transfer != nullptr) client.acknowledge(*network.transfer, client.lastAcked);
-  };
+  recordWaitsAndRepeatAcks(network, client, waits);
   std::vector<uint8_t> bytes = content(512 * 9 + 5);
   ASSERT_TRUE(transfer(rrq("x", {{"windowsize", "4"}}), bytes));
   EXPECT_EQ(waits, std::vector<uint32_t>{kTftpWaitMs});
