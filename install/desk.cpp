@@ -67,6 +67,7 @@ std::vector<DeskNews> InstallDesk::poll() {
     news.previousStatus = row->record.status;
     news.previousProgress = row->record.progress;
     news.previousText = row->record.statusText;
+    news.previousConfirmed = row->confirmed;
     if (news.isDrive) {
       news.hadNews = drives_.status(mac, news.status);
       if (!news.hadNews) drives_.cancel(mac);
@@ -81,6 +82,7 @@ std::vector<DeskNews> InstallDesk::poll() {
       uint32_t total = news.status.total != 0 ? news.status.total : row->record.totalSize;
       news.status.total = total;
       table_.setStatus(mac, news.status.status, total, news.status.progress, news.status.statusText);
+      row->confirmed = news.status.confirmed;
     }
     result.push_back(news);
   }
@@ -93,7 +95,7 @@ void InstallDesk::actAfterInstall(const MacAddress& mac, AfterInstall after) {
 }
 
 bool InstallDesk::actAfterInstallOnce(const DeskNews& news, AfterInstall after) {
-  if (!news.startedWaitingReboot() || after == AfterInstall::None) return false;
+  if (!afterInstallDue(news) || after == AfterInstall::None) return false;
   actAfterInstall(news.mac, after);
   return true;
 }

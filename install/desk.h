@@ -4,7 +4,8 @@
 // ("Previous Install") and the remembered defaults, merges them into the
 // table, ages silent rows, and asks the sessions of busy rows (network
 // routers and local drives) for news. What to show and whether to reboot is
-// the front end's business; the desk only reports.
+// the front end's business; the desk reports, and holds the rule of when a
+// reboot or shutdown chosen for after the install is due (AfterInstallMoment).
 //
 // The workers sit behind small interfaces so that tests drive the desk (and
 // the window's presenter) with fakes.
@@ -80,6 +81,19 @@ class NoDriveInstaller : public DriveInstaller {
 
 enum class AfterInstall { Reboot, Shutdown, None };
 
+// When the after-install action (reboot, shutdown) is taken.
+// - WaitingReboot: as soon as a router waits for its reboot, that is just
+//   after the installer sent "FILE\n", the end of the file list. The
+//   window's timer does this.
+// - TransferConfirmed: once the router has confirmed the end of the
+//   transfer: its "WTRM" (whose acknowledgement covers "FILE\n"), or, when
+//   that never comes, the session's success after its wait. Until then
+//   "FILE\n" stays the installer's last datagram, so a router that lost it
+//   gets it again by repeating its "RETR"; a "TERM" sent earlier would take
+//   its place and the router would never see the end of its files. `serve`
+//   and the web console do this.
+enum class AfterInstallMoment { WaitingReboot, TransferConfirmed };
+
 // One busy row's answer to the desk's poll.
 struct DeskNews {
   MacAddress mac{};
@@ -88,12 +102,25 @@ struct DeskNews {
   uint32_t previousStatus = 0;  // the row's values before this tick
   uint32_t previousProgress = 0;
   std::string previousText;
+  bool previousConfirmed = false;
   SessionStatus status;        // what was stored in the table (hadNews)
 
-  // The router has just begun waiting for its reboot: the after-install
-  // action is due now, and never again for this wait.
+  // The router has just begun waiting for its reboot.
   bool startedWaitingReboot() const {
     return hadNews && status.status == kStatusWaitingReboot && previousStatus != kStatusWaitingReboot;
+  }
+  // The router has just confirmed the end of its transfer: "WTRM" was heard
+  // since the last poll, or the session ended in success without it (30 s
+  // after "FILE\n"; or 3 s after a "WTRM" that no poll saw).
+  bool transferJustConfirmed() const {
+    if (!hadNews || isDrive || previousConfirmed) return false;
+    if (status.status == kStatusWaitingReboot) return status.confirmed;
+    return status.status == kStatusDone;
+  }
+  // Whether the after-install action is due now; never twice for one
+  // installation.
+  bool afterInstallDue(AfterInstallMoment moment) const {
+    return moment == AfterInstallMoment::WaitingReboot ? startedWaitingReboot() : transferJustConfirmed();
   }
 };
 
@@ -131,9 +158,13 @@ class InstallDesk {
   std::vector<DeskNews> poll();
   // The auto reboot choice for a router now waiting for reboot.
   void actAfterInstall(const MacAddress& mac, AfterInstall after);
-  // The after-install action for news that a router has just begun waiting
-  // for its reboot; nothing for any other news (so a front end may offer it
-  // every news of every tick). True when it acted.
+  // When actAfterInstallOnce acts (default: WaitingReboot, the window's).
+  void setAfterInstallMoment(AfterInstallMoment moment) { afterInstallMoment_ = moment; }
+  AfterInstallMoment afterInstallMoment() const { return afterInstallMoment_; }
+  bool afterInstallDue(const DeskNews& news) const { return news.afterInstallDue(afterInstallMoment_); }
+  // The after-install action for news that makes it due (see
+  // AfterInstallMoment); nothing for any other news (so a front end may
+  // offer it every news of every tick). True when it acted.
   bool actAfterInstallOnce(const DeskNews& news, AfterInstall after);
 
   // After an Install command started a row's session: the row shows the
@@ -165,6 +196,7 @@ class InstallDesk {
   std::string packageDir_;
   std::function<void()> sendBeacon_;
   uint64_t ticks_ = 0;
+  AfterInstallMoment afterInstallMoment_ = AfterInstallMoment::WaitingReboot;
 };
 
 }  // namespace tarnlift

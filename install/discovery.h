@@ -51,6 +51,8 @@ struct RouterRow {
   std::string statusCell;
   std::string architectureCell;
   int image = 0;  // 0 router, 1 done, 2 failed, 3 fixed disk, 4 removable
+  // The router's session heard its "WTRM" (the desk keeps this from its polls).
+  bool confirmed = false;
 };
 
 // The table behind the list, keyed by MAC, toolkit-neutral. Only the front

@@ -34,6 +34,7 @@ EnvironmentList finishEnvironment(const RouterResult& r) {
   return {{"TARNLIFT_TIME", r.time},
           {"TARNLIFT_MAC", r.mac},
           {"TARNLIFT_RESULT", r.success ? "installed" : "failed"},
+          {"TARNLIFT_CONFIRMED", r.confirmed ? "true" : "false"},
           {"TARNLIFT_LABEL", r.label},
           {"TARNLIFT_ARCHITECTURE", r.architecture},
           {"TARNLIFT_ADDRESS", r.address},

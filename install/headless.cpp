@@ -32,6 +32,10 @@ HeadlessInstaller::HeadlessInstaller(InstallServer& server, const Clock& clock, 
       desk_(routers_, drives_, sets, remembered, clock),
       clock_(clock) {
   desk_.setPackageDir(options_.packageDir);
+  // Reboot or shut down only what has confirmed the end of its transfer: a
+  // "TERM" sent at once would replace a lost "FILE\n" in the answer to the
+  // router's repeat, and the router would never complete.
+  desk_.setAfterInstallMoment(AfterInstallMoment::TransferConfirmed);
   if (options_.sendBeacon) desk_.setBeacon(options_.sendBeacon);
 }
 
@@ -71,12 +75,12 @@ void HeadlessInstaller::tick() {
     // A router whose session is gone keeps its row with status 0 until it
     // announces itself again; there is nothing to print for it.
     if (textChanged && !final && s.status != kStatusNone && !options_.liveProgress) progress(*row);
-    if (news.startedWaitingReboot()) {
+    if (desk_.afterInstallDue(news)) {
       AfterInstall after = options_.afterFor ? options_.afterFor(news.mac) : options_.after;
       if (const InventoryEntry* entry = options_.inventory.find(news.mac); entry && entry->after) after = *entry->after;
       desk_.actAfterInstallOnce(news, after);
     }
-    if (final && statusChanged) finish(row->record, s.status == kStatusDone, s.statusText);
+    if (final && statusChanged) finish(row->record, s.status == kStatusDone, s.statusText, s.confirmed);
   }
   if (changed) redraw();
 }
@@ -167,7 +171,7 @@ void HeadlessInstaller::install(RouterRow& row) {
   if (row.record.status == kStatusFailed) finish(row.record, false, row.record.statusText);
 }
 
-void HeadlessInstaller::finish(const RouterRecord& record, bool success, const std::string& text) {
+void HeadlessInstaller::finish(const RouterRecord& record, bool success, const std::string& text, bool confirmed) {
   if (success) {
     ++succeeded_;
   } else {
@@ -195,6 +199,7 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
     }
     result.bytes = record.totalSize;
     result.success = success;
+    result.confirmed = confirmed;
     result.text = text;
     if (options_.json) out_ << "{\"event\":\"ended\"," << resultJsonLine(result).substr(1) << std::endl;
     if (options_.onEnded) options_.onEnded(result);

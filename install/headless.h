@@ -85,7 +85,8 @@ class HeadlessInstaller : public InstallPrompter {
 
  private:
   void install(RouterRow& row);
-  void finish(const RouterRecord& record, bool success, const std::string& text);
+  // confirmed: the router answered the end of its files with "WTRM".
+  void finish(const RouterRecord& record, bool success, const std::string& text, bool confirmed = false);
   void progress(const RouterRow& row);
   void redraw();
   bool mayInstall(const MacAddress& mac);

@@ -107,6 +107,7 @@ std::string resultJsonLine(const RouterResult& r) {
   field("bytes", std::to_string(r.bytes));
   field("seconds", seconds);
   field("result", r.success ? "\"installed\"" : "\"failed\"");
+  field("confirmed", r.confirmed ? "true" : "false");
   field("text", jsonString(r.text));
   line += '}';
   return line;

@@ -23,6 +23,9 @@ struct RouterResult {
   uint64_t bytes = 0;
   double seconds = 0;
   bool success = false;
+  // The router confirmed the end of the transfer ("WTRM"); false for a
+  // router that went silent after its last file (and for every failure).
+  bool confirmed = false;
   std::string text;  // the final status text (the failure's reason)
 };
 

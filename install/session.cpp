@@ -193,6 +193,7 @@ void Installator::onDatagram(const uint8_t* datagram, size_t length, uint64_t no
       case InstallState::AwaitTerminate:
         if (payloadHasTag(payload, payloadLength, "WTRM")) {
           timeout_ = kAfterTerminateUs;
+          confirmed_ = true;
         } else {
           fail("bad router response");
         }

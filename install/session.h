@@ -102,6 +102,9 @@ struct SessionStatus {
   uint32_t total = 0;
   uint32_t progress = 0;
   std::string statusText;
+  // The router answered the end of the file list ("FILE\n") with "WTRM":
+  // it has everything. A session that ends without it only knows what it sent.
+  bool confirmed = false;
 };
 
 class Installator {
@@ -121,7 +124,9 @@ class Installator {
   void shutdown();
   void fail(const std::string& reason);
 
-  SessionStatus status() const { return {request_.status, request_.totalSize, request_.progress, request_.statusText}; }
+  SessionStatus status() const {
+    return {request_.status, request_.totalSize, request_.progress, request_.statusText, confirmed_};
+  }
   InstallState state() const { return state_; }
   uint64_t deadline() const { return deadline_; }
   uint64_t timeout() const { return timeout_; }
@@ -151,6 +156,7 @@ class Installator {
   uint64_t timeout_ = 0;
   uint64_t deadline_ = 0;
   std::string autorunPath_;
+  bool confirmed_ = false;  // "WTRM" heard
 };
 
 // The "Router installer": owns the sessions and runs the receiving loop on

@@ -32,6 +32,7 @@ RouterResult result(const std::string& mac, bool success) {
   r.bytes = 1234;
   r.seconds = 2.5;
   r.success = success;
+  r.confirmed = success;
   r.text = "Installation finished successfully";
   return r;
 }
@@ -55,7 +56,7 @@ TEST(FinishCommandTest, TheResultsFactsArriveInTheEnvironment) {
   command.stop(30000);
   EXPECT_EQ(command.completed(), 1u) << log.text();
   std::string facts = testing::readFile(dir.file("facts.txt"));
-  EXPECT_EQ(facts.rfind("02:00:00:00:00:01|installed|Desk A|arm|10.0.0.5/24|system-6.41.npk extra-6.41.npk|"
+  EXPECT_EQ(facts.rfind("02:00:00:00:00:01|installed|true|Desk A|arm|10.0.0.5/24|system-6.41.npk extra-6.41.npk|"
                         "6.41 6.41rc2|1234|2.500|Installation finished successfully|2026-01-02T03:04:05Z|",
                         0),
             0u)

@@ -6,8 +6,8 @@ namespace tarnlift::testing {
 
 std::string commandWritingEnvironment(const std::string& file) {
   std::string text = "printf '%s';";
-  const char* names[] = {"MAC",   "RESULT",   "LABEL", "ARCHITECTURE", "ADDRESS", "FILES",
-                         "VERSIONS", "BYTES", "SECONDS", "TEXT",         "TIME"};
+  const char* names[] = {"MAC",   "RESULT",  "CONFIRMED", "LABEL", "ARCHITECTURE", "ADDRESS",
+                         "FILES", "VERSIONS", "BYTES",     "SECONDS", "TEXT",       "TIME"};
   for (const char* name : names) text += " printf '%s|' \"$TARNLIFT_" + std::string(name) + "\";";
   return "{ " + text + " } > '" + file + "'";
 }

@@ -36,16 +36,19 @@ TEST(ResultsLogTest, EachLineIsOnDiskAtOnce) {
   r.bytes = 1234;
   r.seconds = 2.5;
   r.success = true;
+  r.confirmed = true;
   r.text = "Installation finished successfully";
   log.write(r);
   EXPECT_EQ(testing::readFile(path),
             "{\"time\":\"2026-01-02T03:04:05Z\",\"mac\":\"02:00:00:00:00:01\",\"label\":\"Desk \\\"A\\\"\\t\\ufffd\","
             "\"architecture\":\"arm\",\"address\":\"10.0.0.5/24\",\"files\":[\"system-6.41.npk\",\"extra-6.41.npk\"],"
             "\"versions\":[\"6.41\",\"6.41rc2\"],"
-            "\"bytes\":1234,\"seconds\":2.500,\"result\":\"installed\",\"text\":\"Installation finished successfully\"}\n");
+            "\"bytes\":1234,\"seconds\":2.500,\"result\":\"installed\",\"confirmed\":true,"
+            "\"text\":\"Installation finished successfully\"}\n");
   r.success = false;
+  r.confirmed = false;
   log.write(r);
-  EXPECT_NE(testing::readFile(path).find("\"result\":\"failed\""), std::string::npos);
+  EXPECT_NE(testing::readFile(path).find("\"result\":\"failed\",\"confirmed\":false,"), std::string::npos);
   EXPECT_FALSE(log.open(dir.file("no/such/folder/r.jsonl"), error));
   EXPECT_NE(error.find("cannot open"), std::string::npos);
 }

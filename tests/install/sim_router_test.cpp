@@ -113,7 +113,9 @@ struct Rig {
       for (auto& sim : sims) {
         MacAddress mac = sim->config().mac;
         SessionStatus s = server.status(mac);
-        if (s.status == kStatusWaitingReboot && rebooted.insert(mac).second) server.reboot(mac);
+        // As `serve` does: once the router confirmed the end of its files
+        // ("WTRM"), or its session ended in success without that.
+        if ((s.confirmed || s.status == kStatusDone) && rebooted.insert(mac).second) server.reboot(mac);
       }
       while (!segment.toRouters.empty()) {
         std::vector<uint8_t> d = segment.toRouters.front();

@@ -110,18 +110,11 @@ void SimRouter::onDatagram(const uint8_t* datagram, size_t length, int64_t nowMs
     return;
   }
   if (std::memcmp(sourceMacOf(datagram), server_.data(), 6) != 0) return;
-  uint16_t ahead = static_cast<uint16_t>(sequenceOf(datagram) - ack_);
-  if (ahead != 1) {
-    // A repeat or a duplicate, except a final command that overtook the end
-    // of the file list: the installer sends "TERM" as soon as it sent
-    // "FILE\n", and from then on resends "TERM" only. A router obeys it.
-    if (ahead < 0x8000 && ahead != 0 && payloadHasTag(payload, payloadLength, "TERM") && !inFile_ &&
-        (state_ == SimState::Requesting || state_ == SimState::AwaitTerm)) {
-      termText_.assign(reinterpret_cast<const char*>(payload), payloadLength);
-      finish("installed");
-    }
-    return;
-  }
+  // Only the next datagram in order counts. A repeat or a duplicate is
+  // dropped, and so is one that comes after a datagram lost on the way (a
+  // "TERM" behind a lost "FILE\n"): the router repeats its request until the
+  // awaited datagram itself arrives.
+  if (static_cast<uint16_t>(sequenceOf(datagram) - ack_) != 1) return;
   ack_ = sequenceOf(datagram);
   lastHeardMs_ = nowMs;
   handle(payload, payloadLength, nowMs);
@@ -172,7 +165,6 @@ void SimRouter::handleTransferAnswer(const uint8_t* payload, size_t length, int6
       state_ = SimState::AwaitTerm;
       termDeadlineMs_ = nowMs + config_.termWaitMs;
       send("WTRM", nowMs);
-      wtrmSends_ = 1;
       return;
     }
     size_t nameEnd = text.find('\n', 5);
@@ -280,12 +272,11 @@ void SimRouter::tick(int64_t nowMs) {
         finish("installed");
         return;
       }
-      // A lost "WTRM" would only cost the installer its 30 s wait, but a
-      // repeated one renews its 3 s wait: send it at most three times.
-      if (wtrmSends_ < 3 && nowMs - lastSentMs_ >= config_.repeatMs) {
-        resend(nowMs);
-        ++wtrmSends_;
-      }
+      // "WTRM" is repeated like any request until "TERM" comes: a lost one,
+      // or a lost "TERM", is repaired by the repeat (the installer answers
+      // it with its last datagram). Each repeat renews the installer's 3 s
+      // wait, which ends 3 s after the last.
+      if (nowMs - lastSentMs_ >= config_.repeatMs) resend(nowMs);
       wake = std::min(termDeadlineMs_, lastSentMs_ + config_.repeatMs);
       break;
     case SimState::Finished:

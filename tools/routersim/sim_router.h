@@ -118,7 +118,6 @@ class SimRouter {
   int64_t transferStartMs_ = -1;
   int64_t transferEndMs_ = -1;
   int offers_ = 0;
-  int wtrmSends_ = 0;
   bool silent_ = false;
   bool inFile_ = false;
   ReceivedFile current_;
