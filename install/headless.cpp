@@ -67,6 +67,13 @@ void HeadlessInstaller::tick() {
     if (!news.hadNews) continue;
     RouterRow* row = desk_.table().find(news.mac);
     const SessionStatus& s = news.status;
+    // Before anything else: the router's "WTRM" alone changes no status,
+    // progress or text.
+    if (desk_.afterInstallDue(news)) {
+      AfterInstall after = options_.afterFor ? options_.afterFor(news.mac) : options_.after;
+      if (const InventoryEntry* entry = options_.inventory.find(news.mac); entry && entry->after) after = *entry->after;
+      desk_.actAfterInstallOnce(news, after);
+    }
     bool statusChanged = s.status != news.previousStatus;
     if (!statusChanged && s.progress == news.previousProgress && s.statusText == news.previousText) continue;
     changed = true;
@@ -75,11 +82,6 @@ void HeadlessInstaller::tick() {
     // A router whose session is gone keeps its row with status 0 until it
     // announces itself again; there is nothing to print for it.
     if (textChanged && !final && s.status != kStatusNone && !options_.liveProgress) progress(*row);
-    if (desk_.afterInstallDue(news)) {
-      AfterInstall after = options_.afterFor ? options_.afterFor(news.mac) : options_.after;
-      if (const InventoryEntry* entry = options_.inventory.find(news.mac); entry && entry->after) after = *entry->after;
-      desk_.actAfterInstallOnce(news, after);
-    }
     if (final && statusChanged) finish(row->record, s.status == kStatusDone, s.statusText, s.confirmed);
   }
   if (changed) redraw();

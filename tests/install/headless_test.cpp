@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <sstream>
 
 #include "app/registry.h"
@@ -18,11 +20,23 @@ namespace {
 using routersim::SimRouter;
 using routersim::SimRouterConfig;
 
+// What passed the segment, in order: "I " (installer) or "R " (router), the
+// message ("FILE\n" alone is the end of the files; "data" a chunk), and
+// " lost" for a datagram the test dropped; with the time in ms.
+struct Passed {
+  int64_t ms = 0;
+  std::string what;
+};
+
 class Segment : public DatagramTransport {
  public:
+  explicit Segment(const Clock& clock) : clock_(clock) {}
   int send(const uint8_t* b, size_t n) override {
-    toRouters.emplace_back(b, b + n);
+    if (note("I ", b, n, dropToRouters)) toRouters.emplace_back(b, b + n);
     return static_cast<int>(n);
+  }
+  void fromRouter(const uint8_t* b, size_t n) {
+    if (note("R ", b, n, dropToServer)) toServer.emplace_back(b, b + n);
   }
   int waitReceive(uint8_t* b, uint64_t) override {
     if (toServer.empty()) return -1;
@@ -33,14 +47,39 @@ class Segment : public DatagramTransport {
   }
   MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
   std::deque<std::vector<uint8_t>> toServer, toRouters;
+  // Payloads for which these say true are lost on the way.
+  std::function<bool(const std::string& payload)> dropToRouters, dropToServer;
+  std::vector<Passed> passed;
+  // Where `what` first passed at or after index `from`; passed.size() when never.
+  size_t find(const std::string& what, size_t from = 0) const {
+    while (from < passed.size() && passed[from].what != what) ++from;
+    return from;
+  }
+
+ private:
+  bool note(const char* who, const uint8_t* b, size_t n, const std::function<bool(const std::string&)>& drop) {
+    std::string payload(reinterpret_cast<const char*>(b) + kHeaderSize, n - kHeaderSize);
+    std::string what = "data";
+    if (payload == "FILE\n") {
+      what = payload;
+    } else if (payload.size() >= 4 && std::all_of(payload.begin(), payload.begin() + 4, [](char c) {
+                 return c >= 'A' && c <= 'Z';
+               })) {
+      what = payload.substr(0, 4);
+    }
+    bool lost = drop && drop(payload);
+    passed.push_back({static_cast<int64_t>(clock_.nowMicros() / 1000), who + what + (lost ? " lost" : "")});
+    return !lost;
+  }
+  const Clock& clock_;
 };
 
 class HeadlessTest : public ::testing::Test {
  protected:
   testing::CapturedLog log;
   testing::TempDir dir;
-  Segment segment;
   ManualClock clock{1'000'000};
+  Segment segment{clock};
   InstallServer server{segment, clock};
   packages::PackageSets sets;
   RememberedChoices remembered;
@@ -49,10 +88,10 @@ class HeadlessTest : public ::testing::Test {
   std::unique_ptr<HeadlessInstaller> installer;
 
   void SetUp() override { testing::writeSystemAndExtra(dir, 5000); }
-  void addRouter(SimRouterConfig config) {
-    config.repeatMs = 100;
-    sims.push_back(std::make_unique<SimRouter>(
-        config, [this](const uint8_t* d, size_t n) { segment.toServer.emplace_back(d, d + n); }));
+  void addRouter(SimRouterConfig config, int64_t repeatMs = 100) {
+    config.repeatMs = repeatMs;
+    sims.push_back(
+        std::make_unique<SimRouter>(config, [this](const uint8_t* d, size_t n) { segment.fromRouter(d, n); }));
   }
   void make(HeadlessOptions options) {
     if (options.packageDir.empty()) options.packageDir = dir.path();
@@ -170,6 +209,62 @@ TEST_F(HeadlessTest, NoCommandWithAfterNone) {
   run(60'000, 1);
   EXPECT_EQ(installer->succeeded(), 1u);
   EXPECT_EQ(sims[0]->term(), "");
+}
+
+// The end of the files ("FILE\n") is lost once: the router repeats its
+// "RETR" and gets "FILE\n" again, because "TERM" waits for the router's
+// "WTRM". Had "TERM" gone out when the router began waiting for its reboot,
+// it would have answered the repeat, one past what the router awaits, and
+// the router would never have completed.
+TEST_F(HeadlessTest, ALostEndOfFilesIsSentAgainAndTermWaitsForTheRoutersWtrm) {
+  // The router repeats after a second: the desk's tick (250 ms) comes first.
+  addRouter(router(1), 1'000);
+  segment.dropToRouters = [lost = 0](const std::string& payload) mutable { return payload == "FILE\n" && lost++ == 0; };
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.json = true;
+  make(options);
+  run(60'000, 1);
+  run(1'000);
+  ASSERT_EQ(installer->succeeded(), 1u) << out.str();
+  EXPECT_EQ(sims[0]->outcome(), "installed");
+  EXPECT_EQ(sims[0]->files().size(), 2u);  // system-6.41.npk, autorun.scr
+  EXPECT_EQ(sims[0]->term(), "TERM\nInstallation successful\n");
+  size_t lost = segment.find("I FILE\n lost");
+  size_t repeat = segment.find("R RETR", lost);
+  size_t again = segment.find("I FILE\n", lost);
+  size_t wtrm = segment.find("R WTRM");
+  size_t term = segment.find("I TERM");
+  ASSERT_LT(lost, segment.passed.size());
+  EXPECT_LT(repeat, again);
+  EXPECT_LT(again, wtrm);
+  EXPECT_LT(wtrm, term);
+  ASSERT_LT(term, segment.passed.size());
+  EXPECT_NE(out.str().find("\"result\":\"installed\",\"confirmed\":true,"), std::string::npos) << out.str();
+}
+
+// Every "WTRM" is lost: the session ends in success 30 s after "FILE\n",
+// and only then does "TERM" go out; the results say the router never
+// confirmed.
+TEST_F(HeadlessTest, WithEveryWtrmLostTermFollowsTheSessionsSuccessAfterItsWait) {
+  SimRouterConfig patient = router(1);
+  patient.termWaitMs = 40'000;
+  addRouter(patient);
+  segment.dropToServer = [](const std::string& payload) { return payload.rfind("WTRM", 0) == 0; };
+  HeadlessOptions options;
+  options.select = {"system-6.41.npk"};
+  options.json = true;
+  make(options);
+  run(60'000, 1);
+  run(1'000);
+  ASSERT_EQ(installer->succeeded(), 1u) << out.str();
+  size_t end = segment.find("I FILE\n");
+  size_t term = segment.find("I TERM");
+  ASSERT_LT(term, segment.passed.size());
+  EXPECT_LT(segment.find("R WTRM lost"), term);
+  EXPECT_GE(segment.passed[term].ms - segment.passed[end].ms, 30'000);
+  EXPECT_EQ(sims[0]->term(), "TERM\nInstallation successful\n");
+  EXPECT_NE(out.str().find("\"result\":\"installed\",\"confirmed\":false,"), std::string::npos) << out.str();
 }
 
 TEST_F(HeadlessTest, AddressQuestionIsAnsweredYesAndSaid) {

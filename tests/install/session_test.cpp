@@ -222,6 +222,39 @@ TEST_F(SessionTest, WithoutWtrmSucceedsThirtySecondsAfterLastFile) {
   server.pollOnce();
   EXPECT_EQ(status().status, kStatusDone);
   EXPECT_EQ(status().statusText, "Installation finished successfully");
+  // Success, but the router never confirmed that it has everything.
+  EXPECT_FALSE(status().confirmed);
+}
+
+TEST_F(SessionTest, ALostEndOfFilesIsSentAgainOnTheRoutersRepeatedRetr) {
+  dir.write("a.npk", "abc");
+  toTransfer(request({"a.npk"}));
+  say("RETR");
+  say("RETR");
+  EXPECT_EQ(say("RETR"), "");
+  // The router asks for more; "FILE\n" goes out and is lost on the way.
+  transport.incoming.push_back(router.next("RETR"));
+  server.pollOnce();
+  auto end = transport.sent.back();
+  ASSERT_EQ(FakeTransport::payloadOf(end), "FILE\n");
+  EXPECT_EQ(status().status, kStatusWaitingReboot);
+  EXPECT_FALSE(status().confirmed);
+  // Its repeat (same numbers: it never heard "FILE\n") gets it again, as
+  // it stands, as often as it asks.
+  for (int i = 0; i < 2; ++i) {
+    clock.advanceMillis(1'000);
+    transport.incoming.push_back(router.repeat("RETR"));
+    server.pollOnce();
+    EXPECT_EQ(transport.sent.back(), end);
+  }
+  router.heard(end);
+  EXPECT_EQ(say("WTRM"), "<none>");
+  EXPECT_TRUE(status().confirmed);
+  EXPECT_EQ(status().status, kStatusWaitingReboot);
+  clock.advanceMillis(3'001);
+  server.pollOnce();
+  EXPECT_EQ(status().status, kStatusDone);
+  EXPECT_TRUE(status().confirmed);
 }
 
 TEST_F(SessionTest, WrongAnswerToOfferFails) {

@@ -138,7 +138,10 @@ TEST_F(DeskTest, TheTickSendsTheBeaconOnEveryFourthTickBeforeTheTableWork) {
   EXPECT_EQ(sent, 3);
 }
 
+// The window's moment (the default): when the router begins waiting for
+// its reboot, whether or not it has confirmed anything.
 TEST_F(DeskTest, TheAfterInstallActionIsTakenOnceWhenTheWaitBegins) {
+  EXPECT_EQ(desk.afterInstallMoment(), AfterInstallMoment::WaitingReboot);
   routers.discovered = {router(1)};
   desk.tick();
   desk.table().setStatus(router(1).mac, kStatusInstalling, 100, 0, "");
@@ -155,6 +158,49 @@ TEST_F(DeskTest, TheAfterInstallActionIsTakenOnceWhenTheWaitBegins) {
   // "None" never acts, not even when the wait begins.
   EXPECT_FALSE(desk.actAfterInstallOnce(first.news[0], AfterInstall::None));
   EXPECT_EQ(routers.calls.size(), 1u);
+}
+
+// `serve` and the web console: the action waits for the router's "WTRM"
+// and is taken once; the session's success 3 s later does not repeat it.
+TEST_F(DeskTest, AfterTheTransferIsConfirmedTheActionIsTakenOnceOnTheRoutersWtrm) {
+  desk.setAfterInstallMoment(AfterInstallMoment::TransferConfirmed);
+  routers.discovered = {router(1)};
+  desk.tick();
+  desk.table().setStatus(router(1).mac, kStatusInstalling, 100, 0, "");
+  routers.sessions[router(1).mac] = {kStatusWaitingReboot, 100, 100, "Done"};
+  InstallDesk::TickResult waiting = desk.tick();
+  ASSERT_EQ(waiting.news.size(), 1u);
+  EXPECT_TRUE(waiting.news[0].startedWaitingReboot());
+  EXPECT_FALSE(desk.actAfterInstallOnce(waiting.news[0], AfterInstall::Reboot));
+  EXPECT_FALSE(desk.actAfterInstallOnce(desk.tick().news[0], AfterInstall::Reboot));
+  routers.sessions[router(1).mac].confirmed = true;
+  InstallDesk::TickResult confirmed = desk.tick();
+  EXPECT_TRUE(desk.table().find(router(1).mac)->confirmed);
+  EXPECT_TRUE(desk.actAfterInstallOnce(confirmed.news[0], AfterInstall::Reboot));
+  EXPECT_FALSE(desk.actAfterInstallOnce(desk.tick().news[0], AfterInstall::Reboot));
+  routers.sessions[router(1).mac] = {kStatusDone, 100, 100, "Installation finished successfully", true};
+  EXPECT_FALSE(desk.actAfterInstallOnce(desk.tick().news[0], AfterInstall::Reboot));
+  EXPECT_EQ(routers.calls, (std::vector<std::string>{"reboot"}));
+}
+
+// Without "WTRM" the action comes with the session's success after its
+// wait (30 s after "FILE\n"); a failure never brings it.
+TEST_F(DeskTest, AfterTheTransferIsConfirmedWithoutWtrmTheActionComesWithTheSuccess) {
+  desk.setAfterInstallMoment(AfterInstallMoment::TransferConfirmed);
+  routers.discovered = {router(1), router(2)};
+  desk.tick();
+  for (uint8_t last : {1, 2}) {
+    desk.table().setStatus(router(last).mac, kStatusInstalling, 100, 0, "");
+    routers.sessions[router(last).mac] = {kStatusWaitingReboot, 100, 100, "Done"};
+  }
+  for (const DeskNews& n : desk.tick().news) EXPECT_FALSE(desk.actAfterInstallOnce(n, AfterInstall::Shutdown));
+  routers.sessions[router(1).mac] = {kStatusDone, 100, 100, "Installation finished successfully"};
+  routers.sessions[router(2).mac] = {kStatusFailed, 100, 0, "Installation failed: bad router response"};
+  std::vector<bool> acted;
+  for (const DeskNews& n : desk.tick().news) acted.push_back(desk.actAfterInstallOnce(n, AfterInstall::Shutdown));
+  EXPECT_EQ(acted, (std::vector<bool>{true, false}));
+  EXPECT_EQ(routers.calls, (std::vector<std::string>{"shutdown"}));
+  EXPECT_FALSE(desk.table().find(router(1).mac)->confirmed);
 }
 
 TEST_F(DeskTest, AStartedRowShowsItsSessionsFirstStatusAtOnce) {

@@ -505,6 +505,25 @@ TEST_F(PresenterTest, WaitingRebootWithRebootChoiceRebootsOnce) {
   EXPECT_FALSE(view.isEnabled(kIdInstall));
 }
 
+// The window keeps its moment: it reboots when the status becomes "Waiting
+// reboot", before any "WTRM", and not again when the router confirms or the
+// session ends.
+TEST_F(PresenterTest, TheWindowRebootsWhenTheWaitBeginsNotOnTheRoutersConfirmation) {
+  start();
+  discover(announced(1));
+  selectRow(macOf(1));
+  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {kStatusWaitingReboot, 100, 100, "Done", false};
+  presenter->onTimer();
+  EXPECT_EQ(workers.routers.calls, Names{"reboot"});
+  workers.routers.sessions[macOf(1)].confirmed = true;
+  presenter->onTimer();
+  workers.routers.sessions[macOf(1)] = {kStatusDone, 100, 100, "Installation finished successfully", true};
+  presenter->onTimer();
+  EXPECT_EQ(workers.routers.calls, Names{"reboot"});
+  EXPECT_EQ(view.routerRows[0].status, "Done");
+}
+
 TEST_F(PresenterTest, WaitingRebootWithShutdownChoiceShutsDown) {
   start();
   discover(announced(1));
