@@ -7,6 +7,7 @@
 #include <deque>
 #include <random>
 
+#include "fake_transport.h"
 #include "install/session.h"
 #include "temp_dir.h"
 #include "tests/app/capture_log.h"
@@ -288,6 +289,53 @@ TEST(SimulatedInstall, ShutdownPayload) {
   rig.server.shutdown(rig.sims[0]->config().mac);
   rig.run(1'000, [](const RouterRecord&) {});
   EXPECT_EQ(rig.sims[0]->term(), "TERM\nshutdown\n");
+}
+
+// A router takes only the next datagram in order. A "TERM" that comes one
+// past the awaited "FILE\n" (which was lost) is dropped; the router repeats
+// its request, takes "FILE\n" when it comes, answers "WTRM" and then obeys
+// the "TERM" that follows it.
+TEST(SimRouterAlone, TakesOnlyTheNextDatagramInOrder) {
+  std::vector<std::string> sent;
+  SimRouterConfig config;
+  config.mac = {0x02, 0, 0, 0, 0, 1};
+  config.repeatMs = 300;
+  SimRouter sim(config, [&sent](const uint8_t* d, size_t n) {
+    sent.emplace_back(reinterpret_cast<const char*>(d) + kHeaderSize, n - kHeaderSize);
+  });
+  const MacAddress server = {0x02, 0xAA, 0, 0, 0, 1};
+  auto hear = [&](uint16_t seq, const std::string& payload, int64_t nowMs) {
+    std::vector<uint8_t> d = testing::makeDatagram(server, config.mac, seq, 0, payload);
+    sim.onDatagram(d.data(), d.size(), nowMs);
+  };
+  sim.tick(0);
+  hear(1, "OFFR\n", 0);
+  EXPECT_EQ(sent.back(), "YACK");
+  hear(2, "", 0);
+  sim.tick(1);
+  EXPECT_EQ(sent.back(), "STRT");
+  hear(3, "", 1);
+  EXPECT_EQ(sent.back(), "RETR");
+  size_t requests = sent.size();
+  // 4 is "FILE\n", lost on the way; 5 is "TERM".
+  hear(5, "TERM\nInstallation successful\n", 2);
+  EXPECT_FALSE(sim.finished());
+  EXPECT_EQ(sent.size(), requests);
+  sim.tick(301);
+  EXPECT_EQ(sent.size(), requests + 1);
+  EXPECT_EQ(sent.back(), "RETR");
+  hear(4, "FILE\n", 302);
+  EXPECT_EQ(sent.back(), "WTRM");
+  EXPECT_EQ(sim.state(), routersim::SimState::AwaitTerm);
+  // "WTRM" is repeated until "TERM" comes.
+  sim.tick(602);
+  EXPECT_EQ(sent.back(), "WTRM");
+  EXPECT_EQ(sent.size(), requests + 3);
+  hear(5, "TERM\nInstallation successful\n", 700);
+  EXPECT_TRUE(sim.finished());
+  EXPECT_EQ(sim.outcome(), "installed");
+  EXPECT_EQ(sim.term(), "TERM\nInstallation successful\n");
+  EXPECT_TRUE(sim.errors().empty());
 }
 
 }  // namespace
