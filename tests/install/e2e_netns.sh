@@ -187,6 +187,55 @@ case $case_name in
     done
     [ "$(ls "$work/out" | wc -l)" = 20 ] || fail "not 20 routers stored files"
     ;;
+  nftloss)
+    # Six routers, two packages each, while nftables drops TL_E2E_LOSS percent
+    # (default 10) of the installation protocol's datagrams at random in each
+    # direction, on arrival in the receiving namespace (both ends use UDP
+    # port 5000; a drop in the sender's output chain would fail its sendto
+    # instead of losing the datagram). A segmented send (several answers in
+    # one go) is one packet to nftables and goes or stays whole. Every file
+    # arrives byte for byte and every router confirms the end of its files:
+    # a lost "FILE\n" comes again on the router's repeat, because "TERM"
+    # waits for the router's "WTRM".
+    command -v nft > /dev/null || skip "needs nft"
+    loss=${TL_E2E_LOSS:-10}
+    for ns in "$srv" "$rtr"; do
+      ip netns exec "$ns" nft -f - << NFT || fail "cannot make datagrams go lost"
+table inet tlloss {
+  chain in {
+    type filter hook input priority 0;
+    udp dport 5000 numgen random mod 100 < $loss drop
+  }
+}
+NFT
+    done
+    started=$(date +%s%N)
+    SERVE_TIMEOUT=200 start_serve --select system-6.41.npk --select extra-6.41.npk --count 6 --json \
+      --results "$(serve_path "$work/results.jsonl")"
+    SIM_TIMEOUT=200 run_sim --count 6 --timeout-s 180 --compare "$work/pk" || fail "routersim exit $?"
+    wait_serve
+    took=$((($(date +%s%N) - started) / 1000000))
+    [ "$serve_rc" = 0 ] || fail "serve exit $serve_rc"
+    [ "$(ls "$work/out" | wc -l)" = 6 ] || fail "not 6 routers stored files"
+    for dir in "$work"/out/*; do
+      expect_same "$work/pk/system-6.41.npk" "$dir/system-6.41.npk"
+      expect_same "$work/pk/extra-6.41.npk" "$dir/extra-6.41.npk"
+    done
+    expect_line "$work/sim.err" "routersim: 12 files identical to $work/pk, 0 different"
+    [ "$(grep -c $'\tinstalled\t.*\tterm=reboot\terrors=0\t' "$work/sim.out")" = 6 ] || fail "not 6 routers installed and rebooted"
+    python3 - "$work/results.jsonl" "$work/serve.out" << 'PY' || fail "not every router confirmed"
+import json, sys
+results = [json.loads(line) for line in open(sys.argv[1]).read().splitlines()]
+ended = [e for e in map(json.loads, open(sys.argv[2]).read().splitlines()) if e["event"] == "ended"]
+for name, lines in (("results", results), ("serve --json", ended)):
+    assert len(lines) == 6 and len({r["mac"] for r in lines}) == 6, (name, lines)
+    for r in lines:
+        assert r["result"] == "installed" and r["confirmed"] is True, (name, r)
+        assert r["files"] == ["system-6.41.npk", "extra-6.41.npk"], (name, r)
+PY
+    transfer=$(grep -o 'transfer_ms=[0-9]*' "$work/sim.out" | cut -d= -f2 | sort -n | tail -1)
+    echo "six routers, two packages each, $loss % loss each way: $took ms in all, longest transfer $transfer ms"
+    ;;
   beacon)
     # The router namespace listens on UDP port 5010 for "you have to etherboot".
     ip netns exec "$rtr" timeout 100 python3 -c '
