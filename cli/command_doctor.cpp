@@ -18,6 +18,7 @@
 #include "cli/firewall_rules.h"
 #include "doctor/probe.h"
 #include "doctor/system.h"
+#include "install/headless.h"
 #include "netboot/boot_images.h"
 #include "install/install_command.h"
 #include "netboot/interfaces.h"
@@ -28,12 +29,15 @@ namespace {
 using doctor::Finding;
 using doctor::Level;
 
+constexpr uint64_t kLongestProbeSeconds = 300;
+
 struct DoctorArguments {
   std::string clientText;
   std::string interfaceName;
   std::string packages = ".";
   std::string bootImages;
   bool probe = false;
+  std::string probeSecondsText;
   bool json = false;
 };
 
@@ -90,6 +94,15 @@ int runDoctor(const DoctorArguments& a) {
     client = addressFromText(a.clientText);
     if (client == 0) return usageError("--client-address needs A.B.C.D, not " + a.clientText);
   }
+  int probeMillis = doctor::kProbeMillis;
+  if (!a.probeSecondsText.empty()) {
+    uint64_t seconds = 0;
+    if (!parseUnsigned(a.probeSecondsText, seconds, kLongestProbeSeconds) || seconds == 0) {
+      return usageError("--probe-seconds needs a number of seconds from 1 to " + std::to_string(kLongestProbeSeconds));
+    }
+    if (!a.probe) return usageError("--probe-seconds needs --probe");
+    probeMillis = static_cast<int>(seconds) * 1000;
+  }
   if (!a.bootImages.empty()) {
     if (!netboot::directoryExists(a.bootImages)) return failure("no boot image directory " + a.bootImages);
     netboot::setBootImageDirectory(a.bootImages);
@@ -111,7 +124,20 @@ int runDoctor(const DoctorArguments& a) {
     } else {
       std::vector<doctor::ProbeAnswer> answers;
       std::string why;
-      if (!doctor::probeBootServers(served.name, served.address, served.mac, 3000, answers, why)) {
+      // A terminal shows where the wait is (it is long enough to wonder).
+      bool live = !a.json && terminalShowsLiveProgress();
+      doctor::ProbeProgressShown progress;
+      std::string shown;
+      if (live) {
+        progress = [&shown](const doctor::ProbeProgress& p) {
+          std::string line = doctor::probeProgressLine(p);
+          if (line != shown) std::cout << "\r\x1b[K" << line << std::flush;
+          shown = line;
+        };
+      }
+      bool sent = doctor::probeBootServers(served.name, served.address, served.mac, probeMillis, answers, why, progress);
+      if (live && !shown.empty()) std::cout << "\r\x1b[K" << std::flush;
+      if (!sent) {
         findings.push_back({Level::Warn, "probe", "not sent (" + why + ")", "run doctor --probe as root"});
       } else {
         // Our own server, if one runs here, is not "another" one.
@@ -119,7 +145,7 @@ int runDoctor(const DoctorArguments& a) {
         for (const doctor::ProbeAnswer& answer : answers) {
           if (answer.server != served.address) others.push_back(answer);
         }
-        for (Finding& f : doctor::probeFindings(others)) findings.push_back(f);
+        for (Finding& f : doctor::probeFindings(others, probeMillis)) findings.push_back(f);
       }
     }
   }
@@ -150,8 +176,12 @@ CommandRun defineDoctor(CLI::App& app) {
   addValue(app, "--boot-images", a->bootImages, "DIR",
            "Check the boot image records of this folder (default: the per-user folder, then the system folder).");
   addSwitch(app, "--probe", a->probe,
-            "Also broadcast one DHCPDISCOVER on the interface and list every BOOTP/DHCP server that answers "
-            "within 3 s (needs root).");
+            "Also look for other BOOTP/DHCP servers as a DHCP client would: broadcast a DHCPDISCOVER on the "
+            "interface, again after 4 s, and list every server that answers within 8 s (needs root).");
+  addValue(app, "--probe-seconds", a->probeSecondsText, "N",
+           "How long --probe listens, 1 to " + std::to_string(kLongestProbeSeconds) +
+               " s; a DHCPDISCOVER goes out at 0 s, 4 s, then 12, 28, 60 s... while 4 s of listening "
+               "remain after it (default: 8).");
   addSwitch(app, "--json", a->json, "Print one JSON array of {level, check, found, fix} instead of lines.");
   return [a] { return runDoctor(*a); };
 }

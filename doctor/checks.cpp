@@ -1,6 +1,7 @@
 #include "doctor/checks.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
 
 #include "doctor/system.h"
@@ -27,6 +28,13 @@ int maskBits(uint32_t netmask) {
 }
 
 bool isLoopback(uint32_t address) { return (address & 0xFF) == 127; }
+
+// Milliseconds as seconds with `decimals` places: "8", "3.0".
+std::string secondsText(int millis, int decimals = 0) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.*f", decimals, millis / 1000.0);
+  return text;
+}
 
 std::string withBits(uint32_t address, uint32_t netmask) {
   return formatIpv4(address) + "/" + std::to_string(maskBits(netmask));
@@ -304,10 +312,15 @@ std::vector<Finding> checkLocalDiskRoad() {
   return findings;
 }
 
-std::vector<Finding> probeFindings(const std::vector<ProbeAnswer>& answers) {
+std::vector<Finding> probeFindings(const std::vector<ProbeAnswer>& answers, int totalMillis) {
   std::vector<Finding> findings;
   if (answers.empty()) {
-    findings.push_back({Level::Ok, "probe", "no other BOOTP/DHCP server answered within 3 s", ""});
+    std::string sent;
+    for (int at : discoverTimes(totalMillis)) sent += (sent.empty() ? "" : ", ") + std::to_string(at / 1000);
+    findings.push_back({Level::Ok, "probe",
+                        "no other BOOTP/DHCP server answered within " + secondsText(totalMillis) +
+                            " s (DHCPDISCOVER sent at " + sent + " s)",
+                        ""});
     return findings;
   }
   for (const ProbeAnswer& a : answers) {
@@ -316,6 +329,7 @@ std::vector<Finding> probeFindings(const std::vector<ProbeAnswer>& answers) {
     found += ", offered " + formatIpv4(a.offered);
     if (a.nextServer != 0) found += ", next server " + formatIpv4(a.nextServer);
     found += ", boot file '" + a.bootFile + "'";
+    found += ", answered after " + secondsText(a.afterMillis, 1) + " s";
     findings.push_back({Level::Warn, "probe", found,
                         "routers may boot from it instead: stop it, or keep it off this segment or away from the "
                         "routers' addresses"});

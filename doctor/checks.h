@@ -49,7 +49,8 @@ std::vector<Finding> checkPackages(const std::string& folder);
 // 132 and 134.
 std::vector<Finding> checkLocalDiskRoad();
 
-// The answers of a probe as findings: each answer a warning.
-std::vector<Finding> probeFindings(const std::vector<ProbeAnswer>& answers);
+// The answers of a probe that listened totalMillis as findings: each
+// answer a warning.
+std::vector<Finding> probeFindings(const std::vector<ProbeAnswer>& answers, int totalMillis);
 
 }  // namespace tarnlift::doctor

@@ -1,6 +1,8 @@
 #include "doctor/probe.h"
 
+#include <algorithm>
 #include <cstring>
+#include <random>
 
 namespace tarnlift::doctor {
 namespace {
@@ -64,6 +66,77 @@ bool parseProbeAnswer(const uint8_t* data, size_t length, uint32_t xid, const ne
     }
   }
   return true;
+}
+
+std::vector<int> discoverTimes(int totalMillis) {
+  constexpr int kFirstRetransmitMillis = 4000;
+  constexpr int kLongestGapMillis = 64000;
+  std::vector<int> times{0};
+  int gap = kFirstRetransmitMillis;
+  // Each DHCPDISCOVER gets at least as long as the first retransmission
+  // gives the first one to be answered.
+  for (int at = gap; at + kFirstRetransmitMillis <= totalMillis; at += gap) {
+    times.push_back(at);
+    gap = std::min(gap * 2, kLongestGapMillis);
+  }
+  return times;
+}
+
+std::string probeProgressLine(const ProbeProgress& p) {
+  return "probe: listening " + std::to_string(p.elapsedMillis / 1000) + " of " + std::to_string(p.totalMillis / 1000) +
+         " s, DHCPDISCOVER " + std::to_string(p.sent) + " of " + std::to_string(p.discovers) + " sent, " +
+         std::to_string(p.answers) + (p.answers == 1 ? " answer" : " answers");
+}
+
+bool runProbe(ProbeChannel& channel, const Clock& clock, const net::MacAddress& mac, uint32_t xid, int totalMillis,
+              std::vector<ProbeAnswer>& answers, std::string& why, const ProbeProgressShown& progress) {
+  constexpr int kProgressMillis = 250;
+  answers.clear();
+  const std::vector<int> times = discoverTimes(totalMillis);
+  const std::vector<uint8_t> discover = makeDiscover(mac, xid);
+  const uint64_t start = clock.nowMicros();
+  auto elapsed = [&] { return static_cast<int>((clock.nowMicros() - start) / 1000); };
+  size_t sent = 0;
+  auto tell = [&] {
+    if (progress) progress({std::min(elapsed(), totalMillis), totalMillis, sent, times.size(), answers.size()});
+  };
+  while (true) {
+    int now = elapsed();
+    if (sent < times.size() && now >= times[sent]) {
+      if (!channel.send(discover, why)) return false;
+      ++sent;
+      tell();
+      continue;
+    }
+    if (now >= totalMillis) break;
+    int until = sent < times.size() ? times[sent] : totalMillis;
+    ProbeDatagram datagram;
+    ProbeAnswer answer;
+    if (channel.receive(std::min(until - now, kProgressMillis), datagram) &&
+        parseProbeAnswer(datagram.bytes.data(), datagram.bytes.size(), xid, mac, datagram.source, answer)) {
+      // A server answers every DHCPDISCOVER: one line per server and offer.
+      bool seen = std::any_of(answers.begin(), answers.end(), [&answer](const ProbeAnswer& a) {
+        return a.server == answer.server && a.offered == answer.offered;
+      });
+      if (!seen) {
+        answer.afterMillis = elapsed();
+        answer.serverMac = datagram.sourceMac;
+        answer.macKnown = datagram.macKnown || channel.lookUpMac(datagram.source, answer.serverMac);
+        answers.push_back(answer);
+      }
+    }
+    tell();
+  }
+  return true;
+}
+
+bool probeBootServers(const std::string& interfaceName, uint32_t interfaceAddress, const net::MacAddress& mac,
+                      int totalMillis, std::vector<ProbeAnswer>& answers, std::string& why,
+                      const ProbeProgressShown& progress) {
+  answers.clear();
+  std::unique_ptr<ProbeChannel> channel = openProbeChannel(interfaceName, interfaceAddress, why);
+  if (!channel) return false;
+  return runProbe(*channel, SteadyClock::instance(), mac, std::random_device{}(), totalMillis, answers, why, progress);
 }
 
 }  // namespace tarnlift::doctor

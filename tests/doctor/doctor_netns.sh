@@ -4,8 +4,11 @@
 #              --json says the same as the lines
 #   held       dnsmasq holds UDP 67 and 69 on the server's interface: doctor
 #              names it and its PID (exit 1); serve --netboot fails and names it
-#   probe      a DHCP server (dnsmasq with a range) on the segment: --probe
-#              lists its address and hardware address
+#   probe      a DHCP server (dnsmasq with a range, --no-ping) on the segment:
+#              --probe lists its address and hardware address; --probe-seconds,
+#              the progress line on a terminal, none in --json
+#   probeping  the same with dnsmasq as it comes (it pings before offering and
+#              answers after about 3 s): listed all the same
 #   firewall   an nftables rule drops UDP 69: doctor warns and names the rule
 #   nointerface  no address in the client's subnet: fail, with the addresses
 #              that exist; serve's failure says the same
@@ -127,14 +130,49 @@ PY
       fail "serve's failure does not name dnsmasq"
     ;;
   probe)
+    # A server that answers at once; --probe-seconds shortens the wait, and
+    # on a terminal one line says how far the probe is (never in --json).
     start_dnsmasq "$rtr" --interface="$veth_b" --bind-interfaces \
       --dhcp-range=192.168.88.100,192.168.88.150,255.255.255.0,1h --dhcp-boot=other.efi --no-ping
     mac=$(ip -n "$rtr" -br link show "$veth_b" | awk '{print toupper($3)}')
     started=$(date +%s%N)
+    # `script` gives the program a terminal for standard output (standard
+    # error, the log, goes to a file).
+    TERM=xterm in_srv script -qec "$tarnlift doctor ${common[*]} --probe --probe-seconds 2 2> $work/doctor.err" \
+      /dev/null > "$work/doctor.out"
+    took=$((($(date +%s%N) - started) / 1000000))
+    tr -d '\r' < "$work/doctor.out" | sed 's/.*\x1b\[K//' > "$work/lines"
+    cat "$work/lines"
+    grep -q "^warn probe: another boot server on this segment: 192.168.88.1 (MAC $mac), offered 192.168.88.1[0-5][0-9], .*boot file 'other.efi', answered after [0-9.]* s" \
+      "$work/lines" || fail "the other server is not listed"
+    grep -q $'probe: listening [0-2] of 2 s, DHCPDISCOVER 1 of 1 sent, 1 answer\r' "$work/doctor.out" ||
+      fail "no progress line on a terminal"
+    [ "$took" -ge 2000 ] && [ "$took" -lt 7000 ] || fail "--probe-seconds 2 took $took ms"
+    TERM=xterm in_srv script -qec "$tarnlift doctor ${common[*]} --probe --probe-seconds 1 --json 2> /dev/null" \
+      /dev/null > "$work/doctor.json"
+    grep -q "probe: listening" "$work/doctor.json" && fail "a progress line in --json"
+    python3 -c 'import json, sys; assert any(f["check"] == "probe" and f["level"] == "warn" for f in json.load(sys.stdin))' \
+      < "$work/doctor.json" || fail "--json on a terminal"
+    in_srv "$tarnlift" doctor "${common[@]}" --probe-seconds 3 > /dev/null 2>&1
+    [ $? = 2 ] || fail "--probe-seconds without --probe is not a usage error"
+    in_srv "$tarnlift" doctor "${common[@]}" --probe --probe-seconds 0 > /dev/null 2>&1
+    [ $? = 2 ] || fail "--probe-seconds 0 is not a usage error"
+    echo "doctor --probe --probe-seconds 2 took $took ms"
+    ;;
+  probeping)
+    # dnsmasq as it comes: it pings an address before offering it, so it
+    # answers about 3 s after the DHCPDISCOVER. The probe listens like a DHCP
+    # client (DHCPDISCOVER at 0 and 4 s, 8 s in all) and lists it.
+    start_dnsmasq "$rtr" --interface="$veth_b" --bind-interfaces \
+      --dhcp-range=192.168.88.100,192.168.88.150,255.255.255.0,1h --dhcp-boot=other.efi
+    mac=$(ip -n "$rtr" -br link show "$veth_b" | awk '{print toupper($3)}')
+    started=$(date +%s%N)
     doctor "${common[@]}" --probe
     took=$((($(date +%s%N) - started) / 1000000))
-    grep -q "^warn probe: another boot server on this segment: 192.168.88.1 (MAC $mac), offered 192.168.88.1[0-5][0-9], .*boot file 'other.efi'" \
-      "$work/doctor.out" || fail "the other server is not listed"
+    grep -q "^warn probe: another boot server on this segment: 192.168.88.1 (MAC $mac), offered 192.168.88.1[0-5][0-9], .*boot file 'other.efi', answered after [0-9.]* s" \
+      "$work/doctor.out" || fail "the default dnsmasq is not listed"
+    [ "$(grep -c '^warn probe:' "$work/doctor.out")" = 1 ] || fail "not one line for the one server"
+    [ "$took" -ge 8000 ] || fail "the probe listened $took ms, not 8 s"
     echo "doctor --probe took $took ms"
     ;;
   firewall)

@@ -2,6 +2,7 @@
 // ruleset, probe answers, the interface check and the finding lines.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "cli/firewall_rules.h"
@@ -89,6 +90,163 @@ TEST(ProbeTest, AnAnswerGivesTheServerIdentifierOfferAndBootFile) {
     reply[0] = 2;
     EXPECT_TRUE(parseProbeAnswer(reply.data(), length, 7, mac, 9, a));
   }
+}
+
+// An offer of `offered` from `server` to the probe `xid` of `mac`.
+std::vector<uint8_t> offerFrom(const net::MacAddress& mac, uint32_t xid, const char* server, const char* offered) {
+  std::vector<uint8_t> reply = makeDiscover(mac, xid);
+  reply[0] = 2;
+  uint32_t address = net::parseIpv4(offered);
+  std::memcpy(&reply[16], &address, 4);
+  uint32_t id = net::parseIpv4(server);
+  const uint8_t options[] = {53, 1, 2, 54, 4, 0, 0, 0, 0, 255};
+  std::memcpy(&reply[240], options, sizeof options);
+  std::memcpy(&reply[245], &id, 4);
+  return reply;
+}
+
+// The segment in test time: each server answers each DHCPDISCOVER after its
+// own delay (a server that pings first answers seconds later).
+class ScriptedSegment : public ProbeChannel {
+ public:
+  struct Server {
+    const char* address;
+    const char* offered;
+    int delayMillis;
+    bool macInFrame;
+  };
+  ScriptedSegment(ManualClock& clock, net::MacAddress mac, uint32_t xid, std::vector<Server> servers)
+      : clock_(clock), start_(clock.nowMicros()), mac_(mac), xid_(xid), servers_(std::move(servers)) {}
+
+  bool send(const std::vector<uint8_t>& discover, std::string& why) override {
+    if (failSends) {
+      why = "cannot send the probe: Network is down";
+      return false;
+    }
+    sentAt.push_back(nowMillis());
+    EXPECT_EQ(discover, makeDiscover(mac_, xid_));
+    for (const Server& s : servers_) pending_.push_back({nowMillis() + s.delayMillis, &s});
+    return true;
+  }
+  bool receive(int waitMillis, ProbeDatagram& datagram) override {
+    EXPECT_GT(waitMillis, 0);
+    EXPECT_LE(waitMillis, 250);
+    int until = nowMillis() + waitMillis;
+    auto next = std::min_element(pending_.begin(), pending_.end(),
+                                 [](const Pending& a, const Pending& b) { return a.at < b.at; });
+    if (next == pending_.end() || next->at > until) {
+      clock_.setMicros(start_ + static_cast<uint64_t>(until) * 1000);
+      return false;
+    }
+    clock_.setMicros(start_ + static_cast<uint64_t>(next->at) * 1000);
+    const Server& s = *next->server;
+    pending_.erase(next);
+    datagram.bytes = offerFrom(mac_, xid_, s.address, s.offered);
+    datagram.source = net::parseIpv4(s.address);
+    datagram.macKnown = s.macInFrame;
+    if (s.macInFrame) datagram.sourceMac = {0x02, 0xEE, 0, 0, 0, 1};
+    return true;
+  }
+  bool lookUpMac(uint32_t address, net::MacAddress& mac) override {
+    looked.push_back(net::formatIpv4(address));
+    mac = {0x02, 0xEE, 0, 0, 0, 2};
+    return true;
+  }
+  int nowMillis() const { return static_cast<int>((clock_.nowMicros() - start_) / 1000); }
+
+  std::vector<int> sentAt;
+  std::vector<std::string> looked;
+  bool failSends = false;
+
+ private:
+  struct Pending {
+    int at;
+    const Server* server;
+  };
+  ManualClock& clock_;
+  uint64_t start_;
+  net::MacAddress mac_;
+  uint32_t xid_;
+  std::vector<Server> servers_;
+  std::vector<Pending> pending_;
+};
+
+TEST(ProbeTest, DiscoversGoOutAt0And4SecondsThenAsDhcpClientsRetransmit) {
+  EXPECT_EQ(discoverTimes(kProbeMillis), (std::vector<int>{0, 4000}));
+  EXPECT_EQ(discoverTimes(1000), (std::vector<int>{0}));
+  EXPECT_EQ(discoverTimes(7999), (std::vector<int>{0}));
+  EXPECT_EQ(discoverTimes(15999), (std::vector<int>{0, 4000}));
+  EXPECT_EQ(discoverTimes(16000), (std::vector<int>{0, 4000, 12000}));
+  EXPECT_EQ(discoverTimes(300000), (std::vector<int>{0, 4000, 12000, 28000, 60000, 124000, 188000, 252000}));
+}
+
+// A server that pings before it offers answers 3 s after each DHCPDISCOVER:
+// the probe hears it (once), and every other server that answers before the
+// end, and none after.
+TEST(ProbeTest, ListensUntilFourSecondsAfterTheSecondDiscover) {
+  ManualClock clock;
+  net::MacAddress mac{0x02, 0, 0x5E, 1, 2, 3};
+  ScriptedSegment segment(clock, mac, 42,
+                          {{"192.168.88.1", "192.168.88.100", 3030, true},
+                           {"192.168.88.7", "192.168.88.200", 3500, false},
+                           {"192.168.88.9", "192.168.88.50", 4100, true}});
+  std::vector<ProbeAnswer> answers;
+  std::vector<ProbeProgress> shown;
+  std::string why;
+  ASSERT_TRUE(runProbe(segment, clock, mac, 42, kProbeMillis, answers, why,
+                       [&shown](const ProbeProgress& p) { shown.push_back(p); }));
+  EXPECT_EQ(segment.sentAt, (std::vector<int>{0, 4000}));
+  EXPECT_EQ(segment.nowMillis(), 8000);
+  // The third server answers the first DHCPDISCOVER at 4.1 s, the second
+  // one only after the end (8.1 s): once.
+  ASSERT_EQ(answers.size(), 3u);
+  EXPECT_EQ(net::formatIpv4(answers[0].server), "192.168.88.1");
+  EXPECT_EQ(net::formatIpv4(answers[0].offered), "192.168.88.100");
+  EXPECT_EQ(answers[0].afterMillis, 3030);
+  EXPECT_TRUE(answers[0].macKnown);
+  EXPECT_EQ(answers[1].afterMillis, 3500);
+  EXPECT_TRUE(answers[1].macKnown);
+  EXPECT_EQ(answers[1].serverMac, (net::MacAddress{0x02, 0xEE, 0, 0, 0, 2}));
+  EXPECT_EQ(answers[2].afterMillis, 4100);
+  // The address of a server whose frame did not carry its MAC is looked up once.
+  EXPECT_EQ(segment.looked, std::vector<std::string>{"192.168.88.7"});
+  // Progress at least every 250 ms, ending with the whole picture.
+  ASSERT_GE(shown.size(), 32u);
+  for (size_t i = 1; i < shown.size(); ++i) EXPECT_LE(shown[i].elapsedMillis - shown[i - 1].elapsedMillis, 250);
+  EXPECT_EQ(probeProgressLine(shown.back()), "probe: listening 8 of 8 s, DHCPDISCOVER 2 of 2 sent, 3 answers");
+  EXPECT_EQ(probeProgressLine(shown.front()), "probe: listening 0 of 8 s, DHCPDISCOVER 1 of 2 sent, 0 answers");
+}
+
+TEST(ProbeTest, AShorterProbeSendsOnceAndMissesTheLateServer) {
+  ManualClock clock;
+  net::MacAddress mac{0x02, 0, 0x5E, 1, 2, 3};
+  ScriptedSegment segment(clock, mac, 5, {{"192.168.88.1", "192.168.88.100", 3030, true}});
+  std::vector<ProbeAnswer> answers;
+  std::string why;
+  ASSERT_TRUE(runProbe(segment, clock, mac, 5, 3000, answers, why));
+  EXPECT_EQ(segment.sentAt, std::vector<int>{0});
+  EXPECT_TRUE(answers.empty());
+  EXPECT_EQ(probeFindings(answers, 3000)[0].found,
+            "no other BOOTP/DHCP server answered within 3 s (DHCPDISCOVER sent at 0 s)");
+  EXPECT_EQ(probeFindings(answers, kProbeMillis)[0].found,
+            "no other BOOTP/DHCP server answered within 8 s (DHCPDISCOVER sent at 0, 4 s)");
+  segment.failSends = true;
+  EXPECT_FALSE(runProbe(segment, clock, mac, 5, kProbeMillis, answers, why));
+  EXPECT_EQ(why, "cannot send the probe: Network is down");
+}
+
+TEST(ProbeTest, AFoundServerSaysWhenItAnswered) {
+  ProbeAnswer a;
+  a.server = net::parseIpv4("192.168.88.1");
+  a.offered = net::parseIpv4("192.168.88.129");
+  a.bootFile = "other.efi";
+  a.afterMillis = 3034;
+  std::vector<Finding> f = probeFindings({a}, kProbeMillis);
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_EQ(f[0].level, Level::Warn);
+  EXPECT_EQ(f[0].found,
+            "another boot server on this segment: 192.168.88.1 (MAC not known), offered 192.168.88.129, boot file "
+            "'other.efi', answered after 3.0 s");
 }
 
 TEST(InterfaceCheckTest, FindsTheAdapterOfTheClientsSubnetOrListsWhatExists) {
