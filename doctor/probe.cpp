@@ -4,6 +4,8 @@
 #include <cstring>
 #include <random>
 
+#include "app/failure.h"
+
 namespace tarnlift::doctor {
 namespace {
 constexpr size_t kFixedPart = 236;
@@ -86,6 +88,50 @@ std::string probeProgressLine(const ProbeProgress& p) {
   return "probe: listening " + std::to_string(p.elapsedMillis / 1000) + " of " + std::to_string(p.totalMillis / 1000) +
          " s, DHCPDISCOVER " + std::to_string(p.sent) + " of " + std::to_string(p.discovers) + " sent, " +
          std::to_string(p.answers) + (p.answers == 1 ? " answer" : " answers");
+}
+
+namespace {
+// "what: the system's text (code)" for the socket library's last error.
+std::string socketFailure(const char* what) {
+  uint32_t code = net::UdpSocket::lastError();
+  return std::string(what) + ": " + systemErrorText(code) + " (" + std::to_string(code) + ")";
+}
+}  // namespace
+
+bool UdpProbeChannel::open(const std::string& interfaceName, uint32_t interfaceAddress, std::string& why) {
+  if (!socket_.open() || !socket_.setReuseAddress() || !socket_.setBroadcast()) {
+    why = socketFailure("cannot prepare the probe's socket");
+    return false;
+  }
+  socket_.ignoreConnectionResets();
+  // Tied to the interface where the platform can: the DHCPDISCOVER leaves
+  // there without a route, and the answers to port 68 arrive there.
+  if (!socket_.bindOnInterface(interfaceAddress, 68, interfaceName)) {
+    why = socketFailure("cannot bind UDP port 68");
+    return false;
+  }
+  return true;
+}
+
+bool UdpProbeChannel::send(const std::vector<uint8_t>& discover, std::string& why) {
+  if (socket_.sendTo(discover.data(), discover.size(), net::kBroadcastAddress, 67) < 0) {
+    why = socketFailure("cannot send the probe");
+    return false;
+  }
+  return true;
+}
+
+bool UdpProbeChannel::receive(int waitMillis, ProbeDatagram& datagram) {
+  uint8_t buffer[1500];
+  uint32_t source = 0;
+  // At least a millisecond: a wait of 0 would be a wait without limit.
+  uint64_t waitUs = static_cast<uint64_t>(std::max(waitMillis, 1)) * 1000;
+  int n = socket_.receiveWithin(buffer, sizeof buffer, waitUs, &source, nullptr);
+  if (n <= 0) return false;
+  datagram.bytes.assign(buffer, buffer + n);
+  datagram.source = source;
+  datagram.macKnown = false;
+  return true;
 }
 
 bool runProbe(ProbeChannel& channel, const Clock& clock, const net::MacAddress& mac, uint32_t xid, int totalMillis,

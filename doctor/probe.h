@@ -16,6 +16,7 @@
 
 #include "app/clock.h"
 #include "net/address.h"
+#include "net/udp_socket.h"
 
 namespace tarnlift::doctor {
 
@@ -64,6 +65,19 @@ class ProbeChannel {
   virtual bool receive(int waitMillis, ProbeDatagram& datagram) = 0;
   // The hardware address of a server whose datagram did not carry it.
   virtual bool lookUpMac(uint32_t, net::MacAddress&) { return false; }
+};
+
+// The channel over UDP port 68 of the interface, as both platforms open it:
+// it sends the DHCPDISCOVERs there and hears what comes to it. The
+// platforms add what they know of the sender's hardware address.
+class UdpProbeChannel : public ProbeChannel {
+ public:
+  bool open(const std::string& interfaceName, uint32_t interfaceAddress, std::string& why);
+  bool send(const std::vector<uint8_t>& discover, std::string& why) override;
+  bool receive(int waitMillis, ProbeDatagram& datagram) override;
+
+ private:
+  net::UdpSocket socket_;
 };
 
 // Opens the platform's channel on the interface; null with `why` when it

@@ -19,73 +19,44 @@
 
 namespace tarnlift::doctor {
 namespace {
-struct Fd {
-  int fd = -1;
-  ~Fd() {
-    if (fd >= 0) close(fd);
-  }
-};
-std::string errnoText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
-class LinuxProbeChannel : public ProbeChannel {
+class LinuxProbeChannel : public UdpProbeChannel {
  public:
-  bool open(const std::string& interfaceName, std::string& why) {
+  ~LinuxProbeChannel() override {
+    if (packet_ >= 0) close(packet_);
+  }
+
+  bool open(const std::string& interfaceName, uint32_t interfaceAddress, std::string& why) {
     unsigned index = if_nametoindex(interfaceName.c_str());
     if (index == 0) {
       why = "no interface named " + interfaceName;
       return false;
     }
-    packet_.fd = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));
-    if (packet_.fd < 0) {
-      why = errnoText("cannot open a packet socket (it needs root or CAP_NET_RAW)");
+    packet_ = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));
+    if (packet_ < 0) {
+      why = std::string("cannot open a packet socket (it needs root or CAP_NET_RAW): ") + std::strerror(errno);
       return false;
     }
     sockaddr_ll link{};
     link.sll_family = AF_PACKET;
     link.sll_protocol = htons(ETH_P_IP);
     link.sll_ifindex = static_cast<int>(index);
-    if (bind(packet_.fd, reinterpret_cast<sockaddr*>(&link), sizeof link) != 0) {
-      why = errnoText("cannot listen on the interface");
+    if (bind(packet_, reinterpret_cast<sockaddr*>(&link), sizeof link) != 0) {
+      why = std::string("cannot listen on the interface: ") + std::strerror(errno);
       return false;
     }
-    udp_.fd = socket(AF_INET, SOCK_DGRAM, 0);
-    int on = 1;
-    if (udp_.fd < 0 || setsockopt(udp_.fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        setsockopt(udp_.fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0 ||
-        setsockopt(udp_.fd, SOL_SOCKET, SO_BINDTODEVICE, interfaceName.c_str(),
-                   static_cast<socklen_t>(interfaceName.size())) != 0) {
-      why = errnoText("cannot prepare the probe's socket");
-      return false;
-    }
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_port = htons(68);
-    if (bind(udp_.fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
-      why = errnoText("cannot bind UDP port 68");
-      return false;
-    }
-    return true;
+    return UdpProbeChannel::open(interfaceName, interfaceAddress, why);
   }
 
-  bool send(const std::vector<uint8_t>& discover, std::string& why) override {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(67);
-    to.sin_addr.s_addr = INADDR_BROADCAST;
-    if (sendto(udp_.fd, discover.data(), discover.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0) {
-      why = errnoText("cannot send the probe");
-      return false;
-    }
-    return true;
-  }
-
+  // The answers are read off the interface, with the sender's hardware
+  // address; what reaches the UDP socket is left there.
   bool receive(int waitMillis, ProbeDatagram& datagram) override {
-    pollfd p{packet_.fd, POLLIN, 0};
+    pollfd p{packet_, POLLIN, 0};
     if (poll(&p, 1, waitMillis) <= 0) return false;
     uint8_t frame[2048];
     sockaddr_ll from{};
     socklen_t fromLength = sizeof from;
-    ssize_t n = recvfrom(packet_.fd, frame, sizeof frame, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
+    ssize_t n = recvfrom(packet_, frame, sizeof frame, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);
     if (n < static_cast<ssize_t>(sizeof(iphdr) + sizeof(udphdr))) return false;
     const auto* ip = reinterpret_cast<const iphdr*>(frame);
     size_t header = static_cast<size_t>(ip->ihl) * 4;
@@ -103,14 +74,14 @@ class LinuxProbeChannel : public ProbeChannel {
   }
 
  private:
-  Fd packet_;
-  Fd udp_;
+  int packet_ = -1;
 };
 }  // namespace
 
-std::unique_ptr<ProbeChannel> openProbeChannel(const std::string& interfaceName, uint32_t, std::string& why) {
+std::unique_ptr<ProbeChannel> openProbeChannel(const std::string& interfaceName, uint32_t interfaceAddress,
+                                               std::string& why) {
   auto channel = std::make_unique<LinuxProbeChannel>();
-  if (!channel->open(interfaceName, why)) return nullptr;
+  if (!channel->open(interfaceName, interfaceAddress, why)) return nullptr;
   return channel;
 }
 
