@@ -114,6 +114,16 @@ class HeadlessTest : public ::testing::Test {
       clock.advanceMillis(1);
     }
   }
+  // Installs system-6.41.npk with JSON lines until one router ended, and a
+  // second more for what is still on its way.
+  void installSystemWithJson() {
+    HeadlessOptions options;
+    options.select = {"system-6.41.npk"};
+    options.json = true;
+    make(options);
+    run(60'000, 1);
+    run(1'000);
+  }
   static SimRouterConfig router(uint8_t last) {
     SimRouterConfig c;
     c.mac = {0x02, 0, 0, 0, 0, last};
@@ -220,12 +230,7 @@ TEST_F(HeadlessTest, ALostEndOfFilesIsSentAgainAndTermWaitsForTheRoutersWtrm) {
   // The router repeats after a second: the desk's tick (250 ms) comes first.
   addRouter(router(1), 1'000);
   segment.dropToRouters = [lost = 0](const std::string& payload) mutable { return payload == "FILE\n" && lost++ == 0; };
-  HeadlessOptions options;
-  options.select = {"system-6.41.npk"};
-  options.json = true;
-  make(options);
-  run(60'000, 1);
-  run(1'000);
+  installSystemWithJson();
   ASSERT_EQ(installer->succeeded(), 1u) << out.str();
   EXPECT_EQ(sims[0]->outcome(), "installed");
   EXPECT_EQ(sims[0]->files().size(), 2u);  // system-6.41.npk, autorun.scr
@@ -251,12 +256,7 @@ TEST_F(HeadlessTest, WithEveryWtrmLostTermFollowsTheSessionsSuccessAfterItsWait)
   patient.termWaitMs = 40'000;
   addRouter(patient);
   segment.dropToServer = [](const std::string& payload) { return payload.rfind("WTRM", 0) == 0; };
-  HeadlessOptions options;
-  options.select = {"system-6.41.npk"};
-  options.json = true;
-  make(options);
-  run(60'000, 1);
-  run(1'000);
+  installSystemWithJson();
   ASSERT_EQ(installer->succeeded(), 1u) << out.str();
   size_t end = segment.find("I FILE\n");
   size_t term = segment.find("I TERM");

@@ -29,6 +29,16 @@ class DeskTest : public ::testing::Test {
     r.lastSeen = static_cast<int64_t>(clock.nowMicros());
     return r;
   }
+  // Rows for the routers, each installing, with a session that waits for
+  // its reboot: the next tick brings that news.
+  void waitingForReboot(std::initializer_list<uint8_t> lasts) {
+    for (uint8_t last : lasts) routers.discovered.push_back(router(last));
+    desk.tick();
+    for (uint8_t last : lasts) {
+      desk.table().setStatus(router(last).mac, kStatusInstalling, 100, 0, "");
+      routers.sessions[router(last).mac] = {kStatusWaitingReboot, 100, 100, "Done"};
+    }
+  }
 };
 
 TEST_F(DeskTest, DrainedRoutersGetPreviousInstallAndTheRememberedDefaults) {
@@ -142,10 +152,7 @@ TEST_F(DeskTest, TheTickSendsTheBeaconOnEveryFourthTickBeforeTheTableWork) {
 // its reboot, whether or not it has confirmed anything.
 TEST_F(DeskTest, TheAfterInstallActionIsTakenOnceWhenTheWaitBegins) {
   EXPECT_EQ(desk.afterInstallMoment(), AfterInstallMoment::WaitingReboot);
-  routers.discovered = {router(1)};
-  desk.tick();
-  desk.table().setStatus(router(1).mac, kStatusInstalling, 100, 0, "");
-  routers.sessions[router(1).mac] = {kStatusWaitingReboot, 100, 100, "Installation finished successfully"};
+  waitingForReboot({1});
   InstallDesk::TickResult first = desk.tick();
   ASSERT_EQ(first.news.size(), 1u);
   EXPECT_TRUE(first.news[0].startedWaitingReboot());
@@ -164,10 +171,7 @@ TEST_F(DeskTest, TheAfterInstallActionIsTakenOnceWhenTheWaitBegins) {
 // and is taken once; the session's success 3 s later does not repeat it.
 TEST_F(DeskTest, AfterTheTransferIsConfirmedTheActionIsTakenOnceOnTheRoutersWtrm) {
   desk.setAfterInstallMoment(AfterInstallMoment::TransferConfirmed);
-  routers.discovered = {router(1)};
-  desk.tick();
-  desk.table().setStatus(router(1).mac, kStatusInstalling, 100, 0, "");
-  routers.sessions[router(1).mac] = {kStatusWaitingReboot, 100, 100, "Done"};
+  waitingForReboot({1});
   InstallDesk::TickResult waiting = desk.tick();
   ASSERT_EQ(waiting.news.size(), 1u);
   EXPECT_TRUE(waiting.news[0].startedWaitingReboot());
@@ -187,12 +191,7 @@ TEST_F(DeskTest, AfterTheTransferIsConfirmedTheActionIsTakenOnceOnTheRoutersWtrm
 // wait (30 s after "FILE\n"); a failure never brings it.
 TEST_F(DeskTest, AfterTheTransferIsConfirmedWithoutWtrmTheActionComesWithTheSuccess) {
   desk.setAfterInstallMoment(AfterInstallMoment::TransferConfirmed);
-  routers.discovered = {router(1), router(2)};
-  desk.tick();
-  for (uint8_t last : {1, 2}) {
-    desk.table().setStatus(router(last).mac, kStatusInstalling, 100, 0, "");
-    routers.sessions[router(last).mac] = {kStatusWaitingReboot, 100, 100, "Done"};
-  }
+  waitingForReboot({1, 2});
   for (const DeskNews& n : desk.tick().news) EXPECT_FALSE(desk.actAfterInstallOnce(n, AfterInstall::Shutdown));
   routers.sessions[router(1).mac] = {kStatusDone, 100, 100, "Installation finished successfully"};
   routers.sessions[router(2).mac] = {kStatusFailed, 100, 0, "Installation failed: bad router response"};
