@@ -94,7 +94,7 @@ struct ProbeProgress {
   size_t answers = 0;
 };
 using ProbeProgressShown = std::function<void(const ProbeProgress&)>;
-// "probe: listening 3 of 8 s, DHCPDISCOVER 1 of 2 sent, 1 server answered"
+// "probe: listening 3 of 8 s, DHCPDISCOVER 1 of 2 sent, 1 answer"
 std::string probeProgressLine(const ProbeProgress& progress);
 
 // Sends the DHCPDISCOVERs on the channel at discoverTimes(totalMillis) and
