@@ -13,7 +13,7 @@ std::string quotedWord(const std::string& word) {
   if (!word.empty() && word.find_first_of(" \t\n\v\"") == std::string::npos) return word;
   // Backslashes count only before a quote: doubled there (and before the
   // closing quote), as the runtime halves them again.
-  std::string text = "\"";
+  std::string text(1, '"');
   size_t backslashes = 0;
   for (char c : word) {
     if (c == '\\') {
@@ -25,13 +25,17 @@ std::string quotedWord(const std::string& word) {
     text += c;
   }
   text.append(backslashes * 2, '\\');
-  return text + "\"";
+  text += '"';
+  return text;
 }
 }  // namespace
 
 std::string commandLineOf(const std::string& program, const std::vector<std::string>& arguments) {
   std::string line = quotedWord(program);
-  for (const std::string& word : arguments) line += " " + quotedWord(word);
+  for (const std::string& word : arguments) {
+    line += ' ';
+    line += quotedWord(word);
+  }
   return line;
 }
 
