@@ -81,6 +81,10 @@ tr -d '\r' < "$work/gui.log" | grep -q "name=Unnamed" && fail "an installation s
 # FLASH: options that only a network router has stay locked.
 flash=$(row_of 'F:\')
 win -- selectrow 1002 "$flash" -- sync -- sleep 300 -- sync
+# The row's label cell is narrow: the status bar names the disk whole.
+expect_eq "disk in the status bar" "$(win -- text 102)" \
+  "F:\\ is disk 2, 16.0 GB, SanDisk Cruzer Blade: Install erases the whole disk"
+shot main_window_drive_selected "$title"
 choose_folder
 expect_eq "address locked" "$(win -- state 1006 | cut -d' ' -f3)" "readonly=1"
 expect_eq "keep config off" "$(win -- state 1028 | cut -d' ' -f1)" "enabled=0"
