@@ -18,15 +18,10 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-export MTOOLS_SKIP_CHECK=1
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-pass() { echo "ok: $*"; }
+here=$(cd "$(dirname "$0")" && pwd)
 cd "$work" || exit 1
-# The program's settings stay in the test's own folder.
-export HOME=$work/home
-unset XDG_CONFIG_HOME
-mkdir -p "$HOME"
+# shellcheck source=e2e_lib.sh
+source "$here/e2e_lib.sh"
 
 for tool in mkfs.fat mcopy mdir minfo syslinux; do
   if ! command -v "$tool" >/dev/null && [ ! -x "/usr/sbin/$tool" ] && [ ! -x "/sbin/$tool" ]; then
@@ -274,8 +269,4 @@ else
 fi
 rm -rf bigpk stopped.img
 
-if [ $failures -ne 0 ]; then
-  echo "$failures check(s) failed"
-  exit 1
-fi
-echo "all checks passed"
+finish

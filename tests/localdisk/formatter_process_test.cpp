@@ -28,11 +28,11 @@ FormatterCommand standIn(const std::string& milliseconds, std::vector<std::strin
   return command;
 }
 
-// The id of the child the stand-in started, from its "child PID" line.
-unsigned long childOf(const std::string& log) {
+// The child the stand-in started (its "child PID" line) has ended too.
+void expectItsChildEnded(const std::string& log) {
   std::smatch found;
-  if (!std::regex_search(log, found, std::regex("child ([0-9]+)"))) return 0;
-  return std::stoul(found[1].str());
+  ASSERT_TRUE(std::regex_search(log, found, std::regex("child ([0-9]+)"))) << log;
+  EXPECT_TRUE(tarnlift::testing::processGone(std::stoul(found[1].str()))) << "the formatter's own child is left running";
 }
 
 TEST(FormatterProcess, TheFormatterGetsItsAnswerAndItsOutputIsLogged) {
@@ -63,9 +63,7 @@ TEST(FormatterProcess, AFormatterThatTakesTooLongIsKilledWithWhatItStarted) {
   EXPECT_TRUE(log.contains("format timeout\n")) << log.text();
   EXPECT_FALSE(log.contains("even TerminateProcess failed"));
   EXPECT_FALSE(log.contains("format done"));
-  unsigned long child = childOf(log.text());
-  ASSERT_NE(child, 0u) << log.text();
-  EXPECT_TRUE(tarnlift::testing::processGone(child)) << "the formatter's own child is left running";
+  expectItsChildEnded(log.text());
 }
 
 TEST(FormatterProcess, AStopEndsTheFormatterAndWhatItStartedAtOnce) {
@@ -83,9 +81,7 @@ TEST(FormatterProcess, AStopEndsTheFormatterAndWhatItStartedAtOnce) {
   stopper.join();
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(20));
   EXPECT_TRUE(log.contains("format stopped\n")) << log.text();
-  unsigned long child = childOf(log.text());
-  ASSERT_NE(child, 0u) << log.text();
-  EXPECT_TRUE(tarnlift::testing::processGone(child)) << "the formatter's own child is left running";
+  expectItsChildEnded(log.text());
 }
 
 TEST(FormatterProcess, AMissingFormatterCannotStart) {

@@ -25,14 +25,11 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-export MTOOLS_SKIP_CHECK=1
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-pass() { echo "ok: $*"; }
+here=$(cd "$(dirname "$0")" && pwd)
 cd "$work" || exit 1
-export HOME=$work/home
-unset XDG_CONFIG_HOME
-mkdir -p "$HOME" pk bi
+# shellcheck source=e2e_lib.sh
+source "$here/e2e_lib.sh"
+mkdir -p pk bi
 
 # A small kit: any bytes for kernel and RAM disk, Debian's SYSLINUX installer.
 "$mkpkg" pk/system-7.15.npk --package system 7.15 --arch i386 --data 200000 > /dev/null || exit 1
@@ -70,12 +67,8 @@ if attach backing_loop backing.img; then
   ln -s backing.img other-name.img
   for name in backing.img other-name.img; do
     run_disk "$name" backing
-    rc=$?
-    if [ $rc -eq 1 ] && grep -q "refused: $name is the backing file of $backing_loop: detach it first" backing.err; then
-      pass "backing file refused as $name"
-    else
-      fail "backing file as $name: exit $rc"; tail -2 backing.err
-    fi
+    expect_refusal "backing file refused as $name" $? backing.err \
+      "$name is the backing file of $backing_loop: detach it first (losetup -d $backing_loop)"
   done
   [ "$(sha256sum < backing.img)" = "$before" ] && pass "backing file unchanged" || fail "the backing file was written"
   losetup -d "$backing_loop"
@@ -93,12 +86,8 @@ if attach parted_loop parted.img -P && addpart "$parted_loop" 1 2048 40960 2> /d
   fi
   before=$(head_sum "$parted_loop")
   run_disk "$partition" parted
-  rc=$?
-  if [ $rc -eq 1 ] && grep -q "refused: $partition is a partition of $parted_loop: a disk is erased whole, so name the whole disk $parted_loop instead" parted.err; then
-    pass "partition refused, whole disk named"
-  else
-    fail "partition: exit $rc"; tail -2 parted.err
-  fi
+  expect_refusal "partition refused, whole disk named" $? parted.err \
+    "$partition is a partition of $parted_loop: a disk is erased whole, so name the whole disk $parted_loop instead"
   [ "$(head_sum "$parted_loop")" = "$before" ] && pass "partitioned disk unchanged" || fail "the partitioned disk was written"
 else
   echo "note: no partition could be added to a loop device here; skipped"
@@ -147,8 +136,4 @@ if attach loop_a a.img && attach loop_b b.img; then
   fi
 fi
 
-if [ $failures -ne 0 ]; then
-  echo "$failures check(s) failed"
-  exit 1
-fi
-echo "all checks passed"
+finish
