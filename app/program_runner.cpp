@@ -8,6 +8,37 @@
 
 namespace tarnlift {
 
+namespace {
+std::string quotedWord(const std::string& word) {
+  if (!word.empty() && word.find_first_of(" \t\n\v\"") == std::string::npos) return word;
+  // Backslashes count only before a quote: doubled there (and before the
+  // closing quote), as the runtime halves them again.
+  std::string text(1, '"');
+  size_t backslashes = 0;
+  for (char c : word) {
+    if (c == '\\') {
+      ++backslashes;
+      continue;
+    }
+    text.append(c == '"' ? backslashes * 2 + 1 : backslashes, '\\');
+    backslashes = 0;
+    text += c;
+  }
+  text.append(backslashes * 2, '\\');
+  text += '"';
+  return text;
+}
+}  // namespace
+
+std::string commandLineOf(const std::string& program, const std::vector<std::string>& arguments) {
+  std::string line = quotedWord(program);
+  for (const std::string& word : arguments) {
+    line += ' ';
+    line += quotedWord(word);
+  }
+  return line;
+}
+
 ProgramRunner::ProgramRunner(uint32_t resourceId, std::string fileName, ProgramSource* source)
     : resourceId_(resourceId), fileName_(std::move(fileName)), source_(source) {}
 
@@ -18,7 +49,7 @@ ProgramRunner::~ProgramRunner() {
 
 bool ProgramRunner::holdsProcess() const { return process_ != nullptr; }
 
-void ProgramRunner::run(const std::string& arguments) {
+bool ProgramRunner::run(const std::vector<std::string>& arguments) {
   if (process_ != nullptr) {
     if (runner::processRunning(*process_)) {
       logLine() << "already running";
@@ -30,18 +61,29 @@ void ProgramRunner::run(const std::string& arguments) {
     forgotten_.push_back(std::move(process_));
   }
   logLine() << "run embedded prog";
-  if (path_.empty()) writeOut();
-  std::string commandLine = path_ + " " + arguments;
+  if (path_.empty() && !writeOut()) {
+    // Nothing runs that could be mistaken for the program's work.
+    logLine() << "Cannot create file";
+    return false;
+  }
+  std::string commandLine = commandLineOf(path_, arguments);
   logLine() << "cmdline: " << commandLine;
   uint32_t error = 0;
   process_ = runner::startProcess(path_, commandLine, arguments, error);
-  if (process_ == nullptr) logLine() << "execute: CreateProcess failed: " << error;
+  if (process_ == nullptr) {
+    logLine() << "execute: CreateProcess failed: " << error;
+    return false;
+  }
+  return true;
 }
 
-void ProgramRunner::writeOut() {
-  path_ = runner::temporaryDirectory() + fileName_;
-  fileWritten_ = true;
-  logLine() << "exe: " << path_;
+bool ProgramRunner::writeOut() {
+  // A folder made new for this runner: nothing another user (or another
+  // installation) put into the shared temporary directory can stand in the
+  // way or be run in the program's place.
+  std::string folder = runner::makePrivateFolder();
+  std::string path = (folder.empty() ? runner::temporaryDirectory() : folder) + fileName_;
+  logLine() << "exe: " << path;
   ProgramSource* source = source_ != nullptr ? source_ : platformProgramSource();
   const uint8_t* record = nullptr;
   size_t storedSize = 0;
@@ -54,8 +96,15 @@ void ProgramRunner::writeOut() {
   uint32_t length =
       uint32_t(record[0]) | uint32_t(record[1]) << 8 | uint32_t(record[2]) << 16 | uint32_t(record[3]) << 24;
   if (length > storedSize - 4) fatalFailure("LoadResource");
-  // A file that cannot be opened is not reported: the start fails instead.
-  runner::writeProgramFile(path_, record + 4, length);
+  if (folder.empty()) return false;
+  if (!runner::writeProgramFile(path, record + 4, length)) {
+    runner::deleteFolder(folder);
+    return false;
+  }
+  folder_ = folder;
+  path_ = path;
+  fileWritten_ = true;
+  return true;
 }
 
 bool ProgramRunner::isRunning() { return process_ != nullptr && runner::processRunning(*process_); }
@@ -74,6 +123,7 @@ void ProgramRunner::cleanUp() {
     if (runner::deleteFile(path_)) break;
     sleepMilliseconds(50);
   }
+  runner::deleteFolder(folder_);
   fileWritten_ = false;
 }
 

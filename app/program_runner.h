@@ -1,6 +1,7 @@
-// Runs a program that travels inside this one: writes it out once to the
-// temporary directory, starts it as a separate process, lets the caller
-// poll it, and kills it and deletes the file when asked.
+// Runs a program that travels inside this one: writes it out once into a
+// folder of its own under the temporary directory, starts it as a separate
+// process, lets the caller poll it, and kills it and deletes the file when
+// asked.
 #pragma once
 
 #include <cstddef>
@@ -34,19 +35,24 @@ class ProgramRunner {
   ProgramRunner(const ProgramRunner&) = delete;
   ProgramRunner& operator=(const ProgramRunner&) = delete;
 
-  // Starts the program with the arguments (words separated by blanks). A
-  // copy that still runs is brought to the front and forgotten; a new one
-  // is started all the same. A failed start is only logged.
-  virtual void run(const std::string& arguments);
+  // Starts the program with the arguments, one word each (a word may hold
+  // blanks). A copy that still runs is brought to the front and forgotten; a
+  // new one is started all the same. False when the program could not be
+  // written out ("Cannot create file" is logged) or not started (logged as
+  // well): the caller must not count on its work then.
+  virtual bool run(const std::vector<std::string>& arguments);
   // True while the started process has not ended.
   virtual bool isRunning();
-  // Ends the process and forgets it.
+  // Ends the process and everything it started, waits for it, forgets it.
   virtual void kill();
   // Kills a held process, then deletes the written file (100 tries, 50 ms
-  // apart; a file that stays is left without a report).
+  // apart; a file that stays is left without a report) and its folder.
   virtual void cleanUp();
 
   const std::string& path() const { return path_; }
+  // The runner's own folder under the temporary directory; empty until the
+  // program has been written out.
+  const std::string& folder() const { return folder_; }
   uint32_t resourceId() const { return resourceId_; }
   bool holdsProcess() const;
 
@@ -58,10 +64,11 @@ class ProgramRunner {
   using ProcessPtr = std::unique_ptr<Process, ProcessDeleter>;
 
  private:
-  void writeOut();
+  bool writeOut();
 
   uint32_t resourceId_;
   std::string fileName_;
+  std::string folder_;
   std::string path_;
   bool fileWritten_ = false;
   ProgramSource* source_;
@@ -69,26 +76,42 @@ class ProgramRunner {
   std::vector<ProcessPtr> forgotten_;
 };
 
+// The program and its arguments as one command line: a word with blanks,
+// tabs or quotes (or an empty one) is quoted so that the program gets it back
+// whole, after the rules of the Windows C runtime. Windows starts programs
+// with it; both platforms log it.
+std::string commandLineOf(const std::string& program, const std::vector<std::string>& arguments);
+
 // ---- Platform halves ----------------------------------------------------------
 namespace runner {
 // The temporary directory with its trailing separator.
 std::string temporaryDirectory();
-// Writes bytes to path as an executable file, replacing any file there;
-// false when it cannot be opened (then nothing is written).
+// A new folder under the temporary directory that is this process's alone
+// (Linux: mkdtemp, mode 0700; Windows: a name of its own, created new in
+// the user's temporary folder), with its trailing separator; empty when
+// none can be made. Nobody else can have put anything into it.
+std::string makePrivateFolder();
+// Writes bytes to path as a new executable file (created exclusively, a
+// link at path is never followed); false when it cannot be created or not
+// written whole, and then nothing is left at path.
 bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size);
-// Starts path with the command line (path, blank, arguments) in the current
-// directory. Null on failure, with the system's error number in error.
+// Starts path with the arguments in the current directory, in a process
+// group (Linux) or job (Windows) of its own so that kill ends everything it
+// starts. Null on failure, with the system's error number in error.
 ProgramRunner::ProcessPtr startProcess(const std::string& path, const std::string& commandLine,
-                                       const std::string& arguments, uint32_t& error);
+                                       const std::vector<std::string>& arguments, uint32_t& error);
 // Whether the process still runs; false when its state cannot be read.
 bool processRunning(ProgramRunner::Process& process);
 // Brings the first top-level window of the process's main thread forward.
 void bringForward(ProgramRunner::Process& process);
-// Ends the process with exit code 0 and releases it.
+// Ends the process and everything it started with exit code 0, waits for
+// it and releases it.
 void terminateProcess(ProgramRunner::Process& process);
 // Releases what is left of a process that is no longer wanted.
 void releaseProcess(ProgramRunner::Process& process);
 bool deleteFile(const std::string& path);
+// Removes the (empty) folder; false when it stays.
+bool deleteFolder(const std::string& folder);
 }  // namespace runner
 
 }  // namespace tarnlift

@@ -1,8 +1,9 @@
-// Linux half of the program runner. The program is written out with the
-// executable bit, started with posix_spawn in the current directory (the
-// arguments are split at blanks; no shell is involved), polled with
-// waitpid(WNOHANG) and ended with SIGKILL. There is no window to bring
-// forward and none to keep off screen.
+// Linux half of the program runner. The program is written into a folder of
+// the runner's own (mkdtemp, mode 0700) with the executable bit, started with
+// posix_spawn in the current directory as the leader of a process group of
+// its own (no shell is involved), polled with waitpid(WNOHANG) and ended
+// with SIGKILL to its whole group. There is no window to bring forward and
+// none to keep off screen.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -12,7 +13,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <sstream>
 
 #include "app/program_runner.h"
 
@@ -49,10 +49,13 @@ std::string temporaryDirectory() {
   return text;
 }
 
+std::string makePrivateFolder() {
+  std::string pattern = temporaryDirectory() + "tarnlift-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) return {};
+  return pattern + "/";
+}
+
 bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size) {
-  // Replace by removing first: a name in a shared directory may be a link
-  // left by someone else, which must not be followed.
-  ::unlink(path.c_str());
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0700);
   if (fd < 0) return false;
   size_t done = 0;
@@ -62,20 +65,26 @@ bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size)
     if (written <= 0) break;
     done += static_cast<size_t>(written);
   }
-  ::close(fd);
-  return done == size;
+  bool closed = ::close(fd) == 0;
+  if (done == size && closed) return true;
+  ::unlink(path.c_str());
+  return false;
 }
 
 ProgramRunner::ProcessPtr startProcess(const std::string& path, const std::string&,
-                                                     const std::string& arguments, uint32_t& error) {
+                                       const std::vector<std::string>& arguments, uint32_t& error) {
   std::vector<std::string> words{path};
-  std::istringstream split(arguments);
-  for (std::string word; split >> word;) words.push_back(word);
+  words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
   pid_t pid = -1;
-  int result = posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv.data(), environ);
+  int result = posix_spawn(&pid, path.c_str(), nullptr, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
   if (result != 0) {
     error = static_cast<uint32_t>(result);
     return nullptr;
@@ -91,7 +100,8 @@ void bringForward(ProgramRunner::Process&) {}
 
 void terminateProcess(ProgramRunner::Process& process) {
   if (poll(process) && !process.ended) {
-    ::kill(process.pid, SIGKILL);
+    // The group: what the program started dies with it.
+    if (::kill(-process.pid, SIGKILL) != 0) ::kill(process.pid, SIGKILL);
     int status = 0;
     while (waitpid(process.pid, &status, 0) < 0 && errno == EINTR) {
     }
@@ -106,6 +116,8 @@ void releaseProcess(ProgramRunner::Process& process) {
 }
 
 bool deleteFile(const std::string& path) { return ::unlink(path.c_str()) == 0 || errno == ENOENT; }
+
+bool deleteFolder(const std::string& folder) { return ::rmdir(folder.c_str()) == 0 || errno == ENOENT; }
 
 }  // namespace runner
 }  // namespace tarnlift

@@ -1,9 +1,14 @@
 // Windows half of the program runner: the program is an RCDATA resource of
-// the executable, started with CreateProcessA at an off-screen position so
-// that its console window stays out of the user's way.
+// the executable, written into a folder of the runner's own under the user's
+// temporary folder, started with CreateProcessA at an off-screen position so
+// that its console window stays out of the user's way, inside a job object
+// so that kill ends whatever it started too.
 #include <windows.h>
 
+#include <string>
+
 #include "app/failure.h"
+#include "app/process_job.h"
 #include "app/program_runner.h"
 
 namespace tarnlift {
@@ -11,6 +16,7 @@ namespace tarnlift {
 struct ProgramRunner::Process {
   HANDLE handle = nullptr;
   DWORD threadId = 0;
+  void* job = nullptr;
 };
 
 namespace {
@@ -45,6 +51,9 @@ void ProgramRunner::ProcessDeleter::operator()(Process* process) const { delete 
 
 namespace runner {
 
+// How long a kill waits for the ended process to be gone.
+constexpr DWORD kTerminateWaitMs = 30000;
+
 std::string temporaryDirectory() {
   char buffer[MAX_PATH + 1] = {};
   DWORD length = GetTempPathA(MAX_PATH, buffer);
@@ -52,8 +61,23 @@ std::string temporaryDirectory() {
   return std::string(buffer, length);
 }
 
+std::string makePrivateFolder() {
+  std::string base = temporaryDirectory();
+  if (base.empty()) return {};
+  // The user's temporary folder is private to the user already; a name
+  // created new (never one that exists) keeps two installations apart.
+  static LONG counter = 0;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string folder = base + "tarnlift-" + std::to_string(GetCurrentProcessId()) + "-" +
+                         std::to_string(InterlockedIncrement(&counter)) + "-" + std::to_string(GetTickCount() % 100000);
+    if (CreateDirectoryA(folder.c_str(), nullptr)) return folder + "\\";
+    if (GetLastError() != ERROR_ALREADY_EXISTS) return {};
+  }
+  return {};
+}
+
 bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size) {
-  HANDLE file = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE file = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) return false;
   size_t done = 0;
   while (done < size) {
@@ -62,12 +86,14 @@ bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size)
     if (!WriteFile(file, data + done, chunk, &written, nullptr) || written == 0) break;
     done += written;
   }
-  CloseHandle(file);
-  return done == size;
+  bool closed = CloseHandle(file) != 0;
+  if (done == size && closed) return true;
+  DeleteFileA(path.c_str());
+  return false;
 }
 
 ProgramRunner::ProcessPtr startProcess(const std::string& path, const std::string& commandLine,
-                                                     const std::string&, uint32_t& error) {
+                                       const std::vector<std::string>&, uint32_t& error) {
   char directory[MAX_PATH + 1] = {};
   DWORD directoryLength = GetCurrentDirectoryA(MAX_PATH, directory);
   STARTUPINFOA startup{};
@@ -78,15 +104,21 @@ ProgramRunner::ProcessPtr startProcess(const std::string& path, const std::strin
   startup.wShowWindow = SW_SHOWNORMAL;
   PROCESS_INFORMATION info{};
   std::string line = commandLine;
-  if (!CreateProcessA(path.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr,
+  // Suspended until it is in its job: nothing it starts can escape the job.
+  // A forgotten copy keeps running, so the job does not kill on close.
+  void* job = processjob::create(false);
+  if (!CreateProcessA(path.c_str(), line.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr,
                       directoryLength != 0 && directoryLength <= MAX_PATH ? directory : nullptr, &startup, &info)) {
     error = GetLastError();
+    processjob::close(job);
     return nullptr;
   }
+  processjob::adoptAndResume(job, info.hProcess, info.hThread);
   CloseHandle(info.hThread);
   ProgramRunner::ProcessPtr process(new ProgramRunner::Process);
   process->handle = info.hProcess;
   process->threadId = info.dwThreadId;
+  process->job = job;
   return process;
 }
 
@@ -104,14 +136,21 @@ void bringForward(ProgramRunner::Process& process) {
 
 void terminateProcess(ProgramRunner::Process& process) {
   if (process.handle == nullptr) return;
-  TerminateProcess(process.handle, 0);
-  CloseHandle(process.handle);
-  process.handle = nullptr;
+  processjob::endAll(process.job, process.handle, kTerminateWaitMs);
+  releaseProcess(process);
 }
 
 void releaseProcess(ProgramRunner::Process& process) {
   if (process.handle != nullptr) CloseHandle(process.handle);
+  processjob::close(process.job);
   process.handle = nullptr;
+  process.job = nullptr;
+}
+
+bool deleteFolder(const std::string& folder) {
+  if (RemoveDirectoryA(folder.c_str())) return true;
+  DWORD error = GetLastError();
+  return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
 }
 
 bool deleteFile(const std::string& path) {

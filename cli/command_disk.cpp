@@ -91,10 +91,12 @@ bool confirm(const std::string& target) {
   return answer == "yes";
 }
 
-// Runs the installation on its thread and shows its progress.
-int runInstallation(const RouterRecord& request) {
+// Runs the installation on its thread, through the drive held since the
+// check, and shows its progress.
+int runInstallation(const RouterRecord& request, std::unique_ptr<localdisk::HeldDrive> held) {
   bool live = terminalShowsLiveProgress();
   localdisk::DiskInstallation installation(request);
+  installation.useHeldDrive(std::move(held));
   installation.start();
   std::string lastText;
   uint32_t lastState = 0;
@@ -112,6 +114,9 @@ int runInstallation(const RouterRecord& request) {
     }
     status = installation.status();
     if (stopRequested() && status.state == kStatusInstalling) {
+      // The formatter and the boot loader's installer end first, then the
+      // installation: nothing writes on the target once this is said.
+      installation.cancel();
       // The writes so far stay; the volume's files or its boot sector may
       // be half-made, so the disk is said to be unusable, not left to be
       // discovered so in a router.
@@ -194,9 +199,12 @@ int runDisk(DiskOptions& options) {
     std::cerr << "tarnlift: refused: " << error << std::endl;
     return kExitFailed;
   }
-  if (target.isDevice && !options.yes) {
+  // An image file that holds something is erased like a device.
+  if ((target.isDevice || target.existingBytes > 0) && !options.yes) {
     if (!localdisk::standardInputIsTerminal()) {
-      return usageError("erasing the device " + options.target + " needs --yes");
+      return usageError(target.isDevice ? "erasing the device " + options.target + " needs --yes"
+                                        : "overwriting the image file " + options.target + " (" +
+                                              std::to_string(target.existingBytes) + " bytes) needs --yes");
     }
     if (!confirm(options.target)) {
       std::cerr << "tarnlift: nothing was written" << std::endl;
@@ -234,7 +242,7 @@ int runDisk(DiskOptions& options) {
   // the baud rate the remembered one.
   sets.saveSets(settings);
   remembered.save(settings);
-  return runInstallation(request);
+  return runInstallation(request, std::move(target.held));
 }
 
 CommandRun defineDisk(CLI::App& app) {
@@ -248,7 +256,9 @@ CommandRun defineDisk(CLI::App& app) {
            "Take the kernel, RAM disk and boot loader records from this folder (default: the per-user folder, "
            "then the system folder).");
   options->given = addChoiceOptions(app, options->choice);
-  addSwitch(app, "--yes", options->yes, "Erase a device without asking (needed when standard input is no terminal).");
+  addSwitch(app, "--yes", options->yes,
+            "Erase a device or overwrite an existing image file without asking (needed when standard input is no "
+            "terminal).");
   return [options] { return runDisk(*options); };
 }
 

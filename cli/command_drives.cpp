@@ -1,6 +1,7 @@
 // `tarnlift drives`: the local drives as the window's list shows them, one
-// tab-separated line each: label, hardware address, drive type; or with
-// --json one array of objects.
+// tab-separated line each: label, hardware address, drive type, and what
+// the disk is (its number on Windows, size and model); or with --json one
+// array of objects.
 #include <iostream>
 #include <memory>
 
@@ -18,9 +19,11 @@ int runDrives(bool json) {
     if (json) {
       rows.push_back({{"label", row.label},
                       {"mac", macText(row.mac)},
-                      {"type", localdisk::driveTypeText(row.driveType)}});
+                      {"type", localdisk::driveTypeText(row.driveType)},
+                      {"description", row.driveDescription}});
     } else {
-      std::cout << row.label << '\t' << macText(row.mac) << '\t' << localdisk::driveTypeText(row.driveType) << '\n';
+      std::cout << row.label << '\t' << macText(row.mac) << '\t' << localdisk::driveTypeText(row.driveType) << '\t'
+                << row.driveDescription << '\n';
     }
   }
   if (json) std::cout << jsonText(rows) << '\n';
@@ -30,7 +33,8 @@ int runDrives(bool json) {
 
 CommandRun defineDrives(CLI::App& app) {
   auto json = std::make_shared<bool>(false);
-  addSwitch(app, "--json", *json, "Print one JSON array of {label, mac, type} instead of tab-separated lines.");
+  addSwitch(app, "--json", *json,
+            "Print one JSON array of {label, mac, type, description} instead of tab-separated lines.");
   return [json] { return runDrives(*json); };
 }
 

@@ -61,6 +61,9 @@ class DriveInstaller {
   virtual ~DriveInstaller() = default;
   // The drive rows to offer (local drives other than the system's).
   virtual std::vector<RouterRecord> listDrives() = 0;
+  // Whether the drive may be erased, by what it is; when not, reason says
+  // why, naming the drive (shown to the user, nothing started).
+  virtual bool mayErase(const RouterRecord&, std::string&) { return true; }
   // Starts installing the drive row (filled with its options and files).
   virtual void start(const RouterRecord& request) = 0;
   // News of the drive's installation: true with its values while one exists

@@ -100,7 +100,8 @@ bool RouterTable::addRouter(const RouterRecord& record, int64_t nowUs) {
 void RouterTable::addDrive(const RouterRecord& record) {
   RouterRow row;
   row.record = record;
-  row.labelCell = record.label;
+  // What would be erased, so that the user can tell the disks apart.
+  row.labelCell = record.label + (record.driveDescription.empty() ? "" : " (" + record.driveDescription + ")");
   row.macCell = record.driveType == 3 ? "Hard disk" : "Removable media";
   row.statusCell = "Ready";
   row.image = record.driveType == 3 ? 3 : 4;

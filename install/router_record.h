@@ -38,6 +38,7 @@ struct RouterRecord {
   uint32_t storageSize = 0;
   bool spaceWarned = false;
   uint32_t driveType = 0;
+  std::string driveDescription;  // a drive's disk: number, size, model ("" unknown)
   uint32_t baudRate = 0;
   bool defaultConfig = false;
   bool scriptEnabled = false;

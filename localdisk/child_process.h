@@ -19,13 +19,14 @@ class ChildProcess {
 
   bool createPipes();
   // argv[0] is the program's path; standard output and error both go to
-  // the output pipe.
+  // the output pipe. The child leads a process group of its own.
   bool start(const std::vector<std::string>& argv);
   void writeInput(const std::string& text);
   // Up to limit bytes of output: what was collected, else waits up to
   // timeoutMs for some (empty at the end of the output).
   std::string readOutput(size_t limit, uint32_t timeoutMs);
   Wait waitFor(uint32_t milliseconds);
+  // Kills the child's whole process group and waits for the child.
   bool terminate();
   void closeInput();
   void close();

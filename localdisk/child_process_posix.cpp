@@ -56,8 +56,14 @@ bool ChildProcess::start(const std::vector<std::string>& argv) {
   std::vector<char*> pointers;
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
+  // A process group of its own: terminate ends what the tool started too.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
   pid_t pid = -1;
-  int result = posix_spawn(&pid, words[0].c_str(), &actions, nullptr, pointers.data(), environ);
+  int result = posix_spawn(&pid, words[0].c_str(), &actions, &attributes, pointers.data(), environ);
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   closeFd(input_[0]);
   closeFd(output_[1]);
@@ -124,7 +130,7 @@ ChildProcess::Wait ChildProcess::waitFor(uint32_t milliseconds) {
 
 bool ChildProcess::terminate() {
   if (pid_ <= 0 || ended_) return false;
-  if (::kill(pid_, SIGKILL) != 0) return false;
+  if (::kill(-pid_, SIGKILL) != 0 && ::kill(pid_, SIGKILL) != 0) return false;
   int status = 0;
   while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
   }

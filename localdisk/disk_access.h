@@ -42,16 +42,47 @@ class Device {
   virtual bool close() = 0;
 };
 
+// A drive resolved once, checked and opened once, and held for the whole
+// installation: every later step works through what was opened, and before
+// each step the drive's name must still lead to it. Closing the devices it
+// hands out leaves the hold; destroying the hold lets the drive go.
+class HeldDrive {
+ public:
+  virtual ~HeldDrive() = default;
+  // Steps 2 and 15: the held volume, as a second handle of its own.
+  virtual std::unique_ptr<Device> openVolume() = 0;
+  // Step 4: the whole disk, given the device number the volume answered.
+  // Null, with the reason, when the number is not the held volume's disk,
+  // when what else is on that disk forbids erasing it, or when it cannot
+  // be opened. Windows locks and dismounts the volume here, before sector
+  // 0 is touched, and asks the held handles for the disk number again.
+  virtual std::unique_ptr<Device> openPhysical(uint32_t deviceNumber, std::string& reason) = 0;
+  // Before each later step: whether the name still leads to what is held
+  // and nothing has taken it meanwhile; reason says what changed.
+  virtual bool unchanged(std::string& reason) = 0;
+  // The formatter opens the drive itself and wants it alone: the hold
+  // stays, but its exclusive claim (Linux: O_EXCL; Windows: the volume's
+  // lock) is given up while the formatter runs and taken back afterwards,
+  // which fails when someone else took the drive meanwhile.
+  virtual void lendToFormatter() = 0;
+  virtual bool takeBack(std::string& reason) = 0;
+  // How the formatter and the volume's files reach the held drive (Linux:
+  // the held descriptor as /proc/PID/fd/N; Windows: its letter).
+  virtual DriveId reach() const = 0;
+  // How the boot loader's installer names it ("X:" or that path).
+  virtual std::string bootLoaderTarget() const = 0;
+};
+
 class DiskAccess {
  public:
   virtual ~DiskAccess() = default;
-  // The drive's volume, for reading and writing; null when it cannot be
-  // opened (or, on Linux, may not be used: the reason is logged).
-  virtual std::unique_ptr<Device> openVolume(const DriveId& drive) = 0;
-  // The whole disk with the device number the volume gave; null on failure.
-  virtual std::unique_ptr<Device> openPhysical(uint32_t deviceNumber) = 0;
-  // How the boot loader's installer names the drive ("X:" or the disk).
-  virtual std::string bootLoaderTarget(const DriveId& drive) = 0;
+  // Whether the drive may be erased, by what it is; when not, reason says
+  // why in one line that names it. Nothing is written.
+  virtual bool check(const DriveId& drive, std::string& reason) = 0;
+  // Step 2: resolves the drive once, checks it and opens it for the whole
+  // installation; null, with the reason, when it may not be used or cannot
+  // be opened.
+  virtual std::unique_ptr<HeldDrive> hold(const DriveId& drive, std::string& reason) = 0;
 };
 
 // A new file on the drive being written.
@@ -83,11 +114,6 @@ class SourceFiles {
 };
 std::unique_ptr<SourceFiles> makeSourceFiles();
 
-// Whether the drive may be erased; when not, reason says why in one line
-// (Linux: a disk with a mounted partition or swap, the system's disk, a
-// path that is neither a disk nor an image file, or none at all).
-bool driveUsable(const DriveId& drive, std::string& reason);
-
 // The platform's implementations.
 std::unique_ptr<DiskAccess> makePlatformDiskAccess();
 std::unique_ptr<VolumeFiles> makePlatformVolumeFiles();
@@ -97,7 +123,7 @@ inline constexpr int kImageDiskKernel = 120;
 inline constexpr int kImageDiskSyslinuxConfig = 124;
 inline constexpr int kImageDiskInitrd = 132;
 inline constexpr int kImageDiskSyslinuxInstaller = 134;
-// The name the installer is written out under.
+// The name the installer is written out under (in a folder of its own).
 const char* bootLoaderInstallerName();
 
 // Everything a disk installation uses; the defaults are the platform's.

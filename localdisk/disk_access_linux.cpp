@@ -1,21 +1,17 @@
 // Linux device access and volume files. A drive is a whole disk or an image
-// file; a partition named by the user stands for its disk (the analogue of
-// the volume-to-physical-drive step on Windows). The new FAT volume is
-// written through mtools, which works on an unmounted volume and, for image
-// files, without root.
-#include <dirent.h>
+// file, resolved and opened once and held for the whole installation; the
+// tools get the held descriptor as /proc/PID/fd/N, so that a name changed
+// meanwhile cannot send them elsewhere. The new FAT volume is written
+// through mtools, which works on an unmounted volume and, for image files,
+// without root.
 #include <fcntl.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <fstream>
-#include <mutex>
-#include <set>
+#include <cstring>
 #include <sstream>
 
 #include "app/log.h"
@@ -29,46 +25,10 @@ namespace {
 constexpr uint32_t kToolTimeoutMs = 600000;
 constexpr uint32_t kDiskDeviceType = 7;  // a disk, as the Windows query calls it
 
-bool exists(const std::string& path) {
-  struct stat info {};
-  return stat(path.c_str(), &info) == 0;
-}
-
-std::string devText(dev_t device) { return std::to_string(major(device)) + ":" + std::to_string(minor(device)); }
-
-std::string baseName(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::vector<std::string> entries(const std::string& directory) {
-  std::vector<std::string> names;
-  std::ifstream probe;
-  if (DIR* dir = opendir(directory.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      if (entry->d_name[0] != '.') names.push_back(entry->d_name);
-    }
-    closedir(dir);
-  }
-  return names;
-}
-
-// The /sys/class/block directory of a block device path; empty otherwise.
-std::string sysDirectoryOf(const std::string& path, bool& isBlock) {
-  isBlock = false;
-  struct stat info {};
-  if (stat(path.c_str(), &info) != 0 || !S_ISBLK(info.st_mode)) return {};
-  isBlock = true;
-  char resolved[PATH_MAX];
-  std::string link = "/sys/dev/block/" + devText(info.st_rdev);
-  if (realpath(link.c_str(), resolved) == nullptr) return {};
-  return resolved;
-}
-
 class LinuxDevice : public Device {
  public:
-  LinuxDevice(int fd, std::string wholeDisk, uint32_t partition, std::vector<std::string>* table, std::mutex* lock)
-      : fd_(fd), wholeDisk_(std::move(wholeDisk)), partition_(partition), table_(table), lock_(lock) {}
+  // number: the held drive's device number, or none (-1) for the whole disk.
+  LinuxDevice(int fd, int64_t number) : fd_(fd), number_(number) {}
   ~LinuxDevice() override {
     if (fd_ >= 0) ::close(fd_);
   }
@@ -96,16 +56,14 @@ class LinuxDevice : public Device {
     return true;
   }
   int deviceNumber(StorageDeviceNumber& number) override {
-    if (table_ == nullptr || wholeDisk_.empty()) {
+    if (number_ < 0 || fd_ < 0) {
       logLine() << "I/O Operation failed";
       return -1;
     }
-    std::lock_guard<std::mutex> guard(*lock_);
-    auto found = std::find(table_->begin(), table_->end(), wholeDisk_);
-    if (found == table_->end()) found = table_->insert(table_->end(), wholeDisk_);
     number.deviceType = kDiskDeviceType;
-    number.deviceNumber = static_cast<uint32_t>(found - table_->begin());
-    number.partitionNumber = partition_;
+    number.deviceNumber = static_cast<uint32_t>(number_);
+    // Only whole disks are held: there is no partition.
+    number.partitionNumber = 0;
     return kStorageDeviceNumberSize;
   }
   bool close() override {
@@ -118,49 +76,97 @@ class LinuxDevice : public Device {
 
  private:
   int fd_;
-  std::string wholeDisk_;
-  uint32_t partition_;
-  std::vector<std::string>* table_;
-  std::mutex* lock_;
+  int64_t number_;
 };
 
-int openForWriting(const std::string& path) {
-  struct stat info {};
-  int flags = O_RDWR | O_CLOEXEC;
-  // A block device opened exclusively cannot be in use by a mount.
-  if (stat(path.c_str(), &info) == 0 && S_ISBLK(info.st_mode)) flags |= O_EXCL;
-  return ::open(path.c_str(), flags);
-}
+// The held drive's number: the analogue of a physical drive's number,
+// different for each drive this process holds.
+std::atomic<uint32_t> nextDeviceNumber{0};
+
+std::string fdPath(pid_t pid, int fd) { return "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd); }
+
+class LinuxHeldDrive : public HeldDrive {
+ public:
+  LinuxHeldDrive(LinuxSystem& system, LinuxTarget target, int plain, int exclusive)
+      : system_(system), target_(std::move(target)), plain_(plain), exclusive_(exclusive), number_(nextDeviceNumber++) {
+    // Children reach the held descriptor through the proc file system (the
+    // kernel opens the very same file or device); without one mounted they
+    // get the resolved name, checked before every step.
+    reach_.path = access("/proc/self/fd", X_OK) == 0 ? fdPath(getpid(), plain_) : target_.resolved;
+  }
+  ~LinuxHeldDrive() override {
+    if (exclusive_ >= 0) ::close(exclusive_);
+    ::close(plain_);
+  }
+  std::unique_ptr<Device> openVolume() override {
+    int fd = fcntl(plain_, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    return std::make_unique<LinuxDevice>(fd, number_);
+  }
+  std::unique_ptr<Device> openPhysical(uint32_t deviceNumber, std::string& reason) override {
+    if (deviceNumber != number_) {
+      reason = "device number " + std::to_string(deviceNumber) + " is not that of " + target_.path;
+      return nullptr;
+    }
+    int fd = fcntl(plain_, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) {
+      reason = "cannot open " + target_.path + " again: " + std::strerror(errno);
+      return nullptr;
+    }
+    return std::make_unique<LinuxDevice>(fd, -1);
+  }
+  bool unchanged(std::string& reason) override {
+    // What is held was checked to be target_.facts when it was opened.
+    PathFacts now = system_.facts(target_.path);
+    if (now.kind == PathFacts::Missing) {
+      reason = target_.path + " is gone since it was checked";
+      return false;
+    }
+    if (!now.sameObject(target_.facts)) {
+      reason = target_.path + " changed since it was checked: it now leads to " + system_.resolve(target_.path) +
+               ", not to the " + (target_.device ? "device " : "file ") + target_.resolved + " that was checked";
+      return false;
+    }
+    return linuxTargetFree(system_, target_, reason);
+  }
+  void lendToFormatter() override {
+    // The formatter opens a device exclusively itself.
+    if (exclusive_ >= 0) ::close(exclusive_);
+    exclusive_ = -1;
+  }
+  bool takeBack(std::string& reason) override {
+    if (target_.device) {
+      exclusive_ = ::open(fdPath(getpid(), plain_).c_str(), O_RDWR | O_EXCL | O_CLOEXEC);
+      if (exclusive_ < 0) {
+        reason = target_.path + " was taken while it was formatted (" + std::strerror(errno) +
+                 "): it is mounted or opened exclusively by another program";
+        return false;
+      }
+    }
+    return unchanged(reason);
+  }
+  DriveId reach() const override { return reach_; }
+  std::string bootLoaderTarget() const override { return reach_.path; }
+
+ private:
+  LinuxSystem& system_;
+  LinuxTarget target_;
+  int plain_;
+  int exclusive_;
+  uint32_t number_;
+  DriveId reach_;
+};
 
 class LinuxDiskAccess : public DiskAccess {
  public:
-  std::unique_ptr<Device> openVolume(const DriveId& drive) override {
-    std::string reason;
-    if (!driveUsable(drive, reason)) {
-      logLine() << "refused: " << reason;
-      return nullptr;
-    }
-    int fd = openForWriting(drive.path);
-    if (fd < 0) return nullptr;
-    return std::make_unique<LinuxDevice>(fd, wholeDiskPath(drive.path), partitionNumberOf(drive.path), &disks_,
-                                         &lock_);
+  bool check(const DriveId& drive, std::string& reason) override {
+    LinuxTarget target;
+    return checkLinuxTarget(realLinuxSystem(), drive.path, target, reason);
   }
-  std::unique_ptr<Device> openPhysical(uint32_t deviceNumber) override {
-    std::string path;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      if (deviceNumber >= disks_.size()) return nullptr;
-      path = disks_[deviceNumber];
-    }
-    int fd = openForWriting(path);
-    if (fd < 0) return nullptr;
-    return std::make_unique<LinuxDevice>(fd, path, 0, nullptr, nullptr);
+  std::unique_ptr<HeldDrive> hold(const DriveId& drive, std::string& reason) override {
+    LinuxTarget target;
+    return holdLinuxTarget(realLinuxSystem(), drive.path, target, reason);
   }
-  std::string bootLoaderTarget(const DriveId& drive) override { return wholeDiskPath(drive.path); }
-
- private:
-  std::mutex lock_;
-  std::vector<std::string> disks_;  // device number -> whole disk
 };
 
 void logToolOutput(const std::string& output) {
@@ -224,8 +230,7 @@ class MtoolsVolumeFiles : public VolumeFiles {
     setenv("MTOOLS_SKIP_CHECK", "1", 1);
   }
   std::unique_ptr<OutputFile> createNew(const DriveId& drive, const std::string& name) override {
-    std::string disk = wholeDiskPath(drive.path);
-    if (disk.empty()) return nullptr;
+    const std::string& disk = drive.path;
     // Created only if absent: a name already on the volume is a failure.
     if (mtools({"mdir", "-i", disk, "-b", "::" + name}, false)) return nullptr;
     const char* directory = std::getenv("TMPDIR");
@@ -236,9 +241,7 @@ class MtoolsVolumeFiles : public VolumeFiles {
     return std::make_unique<MtoolsOutputFile>(disk, name, pattern, fd);
   }
   bool copyInto(const DriveId& drive, const std::string& source, const std::string& name) override {
-    std::string disk = wholeDiskPath(drive.path);
-    if (disk.empty()) return false;
-    return mtools({"mcopy", "-i", disk, "-o", source, "::" + name});
+    return mtools({"mcopy", "-i", drive.path, "-o", source, "::" + name});
   }
 };
 
@@ -248,142 +251,44 @@ std::unique_ptr<DiskAccess> makePlatformDiskAccess() { return std::make_unique<L
 std::unique_ptr<VolumeFiles> makePlatformVolumeFiles() { return std::make_unique<MtoolsVolumeFiles>(); }
 const char* bootLoaderInstallerName() { return "syslinux"; }
 
-std::string firstLineOf(const std::string& path) {
-  std::ifstream in(path);
-  std::string line;
-  std::getline(in, line);
-  return line;
-}
-
-std::string wholeDiskPath(const std::string& path) {
-  struct stat info {};
-  if (path.empty() || stat(path.c_str(), &info) != 0) return {};
-  if (S_ISREG(info.st_mode)) return path;
-  bool isBlock = false;
-  std::string sys = sysDirectoryOf(path, isBlock);
-  if (sys.empty()) return {};
-  if (exists(sys + "/partition")) sys = sys.substr(0, sys.rfind('/'));
-  return "/dev/" + baseName(sys);
-}
-
-uint32_t partitionNumberOf(const std::string& path) {
-  bool isBlock = false;
-  std::string sys = sysDirectoryOf(path, isBlock);
-  if (sys.empty()) return 0;
-  return static_cast<uint32_t>(std::strtoul(firstLineOf(sys + "/partition").c_str(), nullptr, 10));
-}
-
-DiskUse diskUse(const std::string& name) {
-  DiskUse use;
-  std::string base = "/sys/block/" + name;
-  std::set<std::string> devices;
-  std::vector<std::string> parts{base};
-  for (const std::string& entry : entries(base)) {
-    if (exists(base + "/" + entry + "/partition")) parts.push_back(base + "/" + entry);
+std::unique_ptr<HeldDrive> holdLinuxTarget(LinuxSystem& system, const std::string& path, LinuxTarget& target,
+                                           std::string& reason) {
+  if (!checkLinuxTarget(system, path, target, reason)) return nullptr;
+  // The checked name, opened once: never through a link put in its place
+  // since (O_NOFOLLOW), exclusively for a device, which the kernel refuses
+  // while anything has it mounted and refuses to mount while it is held.
+  int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | (target.device ? O_EXCL : 0);
+  int first = ::open(target.resolved.c_str(), flags);
+  if (first < 0) {
+    reason = "cannot open " + path + ": " + std::strerror(errno);
+    return nullptr;
   }
-  for (const std::string& part : parts) {
-    std::string dev = firstLineOf(part + "/dev");
-    if (!dev.empty()) devices.insert(dev);
-    for (const std::string& holder : entries(part + "/holders")) {
-      use.held = true;
-      std::string holderDev = firstLineOf("/sys/block/" + holder + "/dev");
-      if (!holderDev.empty()) devices.insert(holderDev);
+  struct stat opened {};
+  fstat(first, &opened);
+  PathFacts held;
+  held.kind = S_ISBLK(opened.st_mode) ? PathFacts::Block : S_ISREG(opened.st_mode) ? PathFacts::Regular : PathFacts::Other;
+  held.device = opened.st_dev;
+  held.inode = opened.st_ino;
+  held.rdev = S_ISBLK(opened.st_mode) ? opened.st_rdev : 0;
+  if (!held.sameObject(target.facts)) {
+    ::close(first);
+    reason = path + " changed between the check and the open";
+    return nullptr;
+  }
+  int exclusive = -1;
+  int plain = first;
+  if (target.device) {
+    // A second, plain descriptor of the same device stays while the
+    // exclusive one is lent to the formatter.
+    exclusive = first;
+    plain = ::open(fdPath(getpid(), first).c_str(), O_RDWR | O_CLOEXEC);
+    if (plain < 0) {
+      reason = "cannot open " + path + ": " + std::strerror(errno);
+      ::close(exclusive);
+      return nullptr;
     }
   }
-  std::ifstream mountinfo("/proc/self/mountinfo");
-  for (std::string line; std::getline(mountinfo, line);) {
-    std::istringstream fields(line);
-    std::string id, parent, dev, root, mountPoint;
-    fields >> id >> parent >> dev >> root >> mountPoint;
-    std::string word, source;
-    while (fields >> word && word != "-") {
-    }
-    std::string fsType;
-    fields >> fsType >> source;
-    bool ours = devices.count(dev) != 0;
-    struct stat info {};
-    if (!ours && source.rfind("/dev/", 0) == 0 && stat(source.c_str(), &info) == 0 && S_ISBLK(info.st_mode)) {
-      ours = devices.count(devText(info.st_rdev)) != 0;
-    }
-    if (!ours) continue;
-    use.mounts.push_back(mountPoint);
-    if (mountPoint == "/" || mountPoint == "/boot" || mountPoint == "/boot/efi") use.system = true;
-  }
-  std::ifstream swaps("/proc/swaps");
-  std::string header;
-  std::getline(swaps, header);
-  for (std::string line; std::getline(swaps, line);) {
-    std::string swapPath = line.substr(0, line.find_first_of(" \t"));
-    struct stat info {};
-    if (stat(swapPath.c_str(), &info) != 0) continue;
-    dev_t device = S_ISBLK(info.st_mode) ? info.st_rdev : info.st_dev;
-    if (devices.count(devText(device)) != 0) {
-      use.swap = true;
-      use.system = true;
-    }
-  }
-  return use;
-}
-
-bool driveUsable(const DriveId& drive, std::string& reason) {
-  const std::string& path = drive.path;
-  struct stat info {};
-  if (path.empty()) {
-    reason = "no drive named";
-    return false;
-  }
-  if (stat(path.c_str(), &info) != 0) {
-    reason = path + " does not exist";
-    return false;
-  }
-  if (S_ISREG(info.st_mode)) return true;
-  if (!S_ISBLK(info.st_mode)) {
-    reason = path + " is neither a disk nor a disk image file";
-    return false;
-  }
-  std::string disk = wholeDiskPath(path);
-  if (disk.empty()) {
-    reason = path + " is not a disk known to the system";
-    return false;
-  }
-  std::string name = baseName(disk);
-  switch (blockDiskType(name)) {
-    case kDriveCdRom:
-      reason = path + " is an optical drive, not a disk";
-      return false;
-    case kDriveRamDisk:
-      reason = path + " is a RAM disk, not a disk";
-      return false;
-    case kDriveRemote:
-      reason = path + " is a network block device, not a local disk";
-      return false;
-    case kDriveUnknown:
-      if (name.rfind("loop", 0) != 0) {
-        reason = path + " is a mapped, RAID or floppy device, not a disk";
-        return false;
-      }
-      break;
-    default:
-      break;
-  }
-  DiskUse use = diskUse(name);
-  if (use.system) {
-    reason = disk + " holds the running system";
-    return false;
-  }
-  if (!use.mounts.empty()) {
-    reason = disk + " has a mounted file system (" + use.mounts.front() + "): unmount it first";
-    return false;
-  }
-  if (use.swap) {
-    reason = disk + " is used for swap";
-    return false;
-  }
-  if (use.held) {
-    reason = disk + " is in use by a mapped or RAID device";
-    return false;
-  }
-  return true;
+  return std::make_unique<LinuxHeldDrive>(system, target, plain, exclusive);
 }
 
 }  // namespace tarnlift::localdisk

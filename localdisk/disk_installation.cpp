@@ -1,6 +1,9 @@
 #include "localdisk/disk_installation.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <vector>
 
@@ -48,9 +51,9 @@ DiskInstallation::DiskInstallation(const RouterRecord& row, DiskServices* servic
     : Thread("Unnamed"), row_(row), services_(services != nullptr ? *services : platformDiskServices()) {
   drive_ = driveIdOf(row_);
   setStopSignal(&stopEvent_);
-  // The thread may be left waiting for its stop event for long; ending it
-  // need not wait the default time.
-  setStopTimeout(1000);
+  // Never left running: a stop ends the children and then the thread, so
+  // ending it waits as long as that takes instead of killing it.
+  setStopTimeout(kWaitInfinite);
   MutexLock lock(mutex_);
   status_.state = kStatusInstalling;
   status_.statusText = "Preparing for installation...";
@@ -60,6 +63,11 @@ DiskInstallation::DiskInstallation(const RouterRecord& row, DiskServices* servic
 }
 
 DiskInstallation::~DiskInstallation() { destroy(); }
+
+void DiskInstallation::cancel() {
+  stopEvent_.set();
+  waitFor(kWaitInfinite);
+}
 
 DiskStatus DiskInstallation::status() {
   MutexLock lock(mutex_);
@@ -93,6 +101,17 @@ bool DiskInstallation::fail(const std::string& text) {
   return false;
 }
 
+bool DiskInstallation::refuse(const std::string& reason, const std::string& text) {
+  logLine() << "refused: " << reason;
+  return fail(text);
+}
+
+bool DiskInstallation::stillHeld(const std::string& text) {
+  if (stopping()) return fail(kInstallationCancelled);
+  std::string reason;
+  return held_->unchanged(reason) || refuse(reason, text);
+}
+
 uint32_t DiskInstallation::run() {
   if (!install()) {
     std::string errorText;
@@ -110,7 +129,7 @@ uint32_t DiskInstallation::run() {
 
 bool DiskInstallation::writeBootImageFile(const std::string& name, int number) {
   netboot::BootImage image = netboot::loadBootImage(number);
-  std::unique_ptr<OutputFile> file = services_.files->createNew(drive_, name);
+  std::unique_ptr<OutputFile> file = services_.files->createNew(target_, name);
   if (file == nullptr) {
     std::cerr << "Cannot create file" << std::endl;
     return false;
@@ -120,7 +139,7 @@ bool DiskInstallation::writeBootImageFile(const std::string& name, int number) {
 }
 
 bool DiskInstallation::writeMbrFile(const uint8_t* sector) {
-  std::unique_ptr<OutputFile> file = services_.files->createNew(drive_, "mbr");
+  std::unique_ptr<OutputFile> file = services_.files->createNew(target_, "mbr");
   if (file == nullptr) {
     logLine() << "Cannot create file";
     return false;
@@ -130,7 +149,7 @@ bool DiskInstallation::writeMbrFile(const uint8_t* sector) {
 }
 
 bool DiskInstallation::writeAutorun() {
-  std::unique_ptr<OutputFile> file = services_.files->createNew(drive_, "autorun.scr");
+  std::unique_ptr<OutputFile> file = services_.files->createNew(target_, "autorun.scr");
   if (file == nullptr) {
     logLine() << "Cannot create file";
     return false;
@@ -160,10 +179,32 @@ bool DiskInstallation::writeAutorun() {
 }
 
 bool DiskInstallation::install() {
+  bool completed = installSteps();
+  // The drive is let go before anyone hears of the end.
+  held_.reset();
+  if (completed) {
+    MutexLock lock(mutex_);
+    status_.statusText = "Installation completed";
+    status_.state = kStatusDone;
+    status_.progress = row_.totalSize;
+    post();
+  }
+  return completed;
+}
+
+bool DiskInstallation::installSteps() {
   // 1-6: sector 0 of the disk that holds the volume is saved and cleared.
   update("Formatting drive...", 0);
-  DiskAccess& devices = *services_.devices;
-  std::unique_ptr<Device> volume = devices.openVolume(drive_);
+  std::string reason;
+  // 2: the drive is held from here (or from the caller's check) to the end.
+  pauseForTest("open");
+  if (held_ == nullptr) {
+    held_ = services_.devices->hold(drive_, reason);
+    if (held_ == nullptr) return refuse(reason, "Cannot open device");
+  } else if (!stillHeld("Cannot open device")) {
+    return false;
+  }
+  std::unique_ptr<Device> volume = held_->openVolume();
   if (volume == nullptr) return fail("Cannot open device");
   StorageDeviceNumber number;
   if (volume->deviceNumber(number) < kStorageDeviceNumberSize) fatalFailure("IOCTL_GET_DEVICE_NUMBER failed");
@@ -172,8 +213,10 @@ bool DiskInstallation::install() {
   volume->close();
   volume.reset();
 
-  std::unique_ptr<Device> disk = devices.openPhysical(number.deviceNumber);
-  if (disk == nullptr) return fail("Cannot open physical device");
+  pauseForTest("physical");
+  if (!stillHeld("Cannot open physical device")) return false;
+  std::unique_ptr<Device> disk = held_->openPhysical(number.deviceNumber, reason);
+  if (disk == nullptr) return refuse(reason, "Cannot open physical device");
   uint8_t oldSector[kSectorSize] = {};
   if (!disk->seek(0)) return fail("Cannot seek physical device");
   if (disk->read(oldSector, kSectorSize) < static_cast<int>(kSectorSize)) return fail("Cannot seek read device");
@@ -183,36 +226,58 @@ bool DiskInstallation::install() {
   disk->close();
   disk.reset();
 
-  // 7: the label "y" is also the answer to the formatter's question.
+  // 7: the label "y" is also the answer to the formatter's question. The
+  // formatter opens the drive itself; the hold lends it its exclusive claim.
+  pauseForTest("format");
+  if (!stillHeld("Cannot format device")) return false;
+  target_ = held_->reach();
   DriveFormatter& formatter = *services_.formatter;
-  if (!formatter.format(drive_, "y", true)) return fail("Cannot format device");
-  if (formatter.formatsTwice() && !formatter.format(drive_, "y", true)) return fail("Cannot format device");
+  held_->lendToFormatter();
+  bool formatted = formatter.format(target_, "y", true, &stopEvent_) &&
+                   (!formatter.formatsTwice() || formatter.format(target_, "y", true, &stopEvent_));
+  bool takenBack = held_->takeBack(reason);
+  if (stopping()) return fail(kInstallationCancelled);
+  if (!formatted) return fail("Cannot format device");
+  if (!takenBack) return refuse(reason, "Cannot format device");
 
   // 8-10: the boot files and the old sector 0.
   update("Copying system files...", 0);
+  pauseForTest("files");
+  if (!stillHeld("Cannot copy system files")) return false;
   if (!writeBootImageFile("linux", kImageDiskKernel)) return fail("Cannot copy system files");
   if (!writeBootImageFile("initrd.rgz", kImageDiskInitrd)) return fail("Cannot copy system files");
   if (!writeBootImageFile("syslinux.cfg", kImageDiskSyslinuxConfig)) return fail("Cannot copy system files");
   if (!writeMbrFile(oldSector)) return fail("Cannot copy system files");
 
-  // 11: the boot loader's own installer writes the boot code.
+  // 11: the boot loader's own installer writes the boot code. A disk
+  // without it cannot boot, so an installer that could not be written out
+  // or started fails the step.
+  pauseForTest("bootloader");
+  if (!stillHeld("Cannot copy system files")) return false;
   std::unique_ptr<ProgramRunner> bootLoader = services_.makeBootLoaderRunner();
-  bootLoader->run("-s " + devices.bootLoaderTarget(drive_));
-  while (bootLoader->isRunning()) {
-    logLine() << "still syslinux";
-    sleepMilliseconds(100);
-  }
   // From here on every failure releases the installer's process and file.
   auto failAfterBootLoader = [&](const std::string& text) {
     bootLoader->cleanUp();
     return fail(text);
   };
+  auto stillHeldAfterBootLoader = [&](const std::string& text) {
+    if (stillHeld(text)) return true;
+    bootLoader->cleanUp();
+    return false;
+  };
+  if (!bootLoader->run({"-s", held_->bootLoaderTarget()})) return failAfterBootLoader("Cannot copy system files");
+  while (bootLoader->isRunning()) {
+    logLine() << "still syslinux";
+    if (stopEvent_.waitFor(100)) return failAfterBootLoader(kInstallationCancelled);
+  }
 
   // 12: the packages, counting copied bytes.
+  pauseForTest("packages");
   SourceFiles& sources = *services_.sources;
   uint32_t previousSize = 0;
   for (const std::string& name : row_.files) {
     update("Copying file: " + name, previousSize);
+    if (!stillHeldAfterBootLoader("Cannot copy packages")) return false;
     std::string source = packages::joinFolderPath(row_.packageDir, name);
     uint64_t size = 0;
     int sized = sources.size(source, size);
@@ -220,31 +285,37 @@ bool DiskInstallation::install() {
       logLine() << (sized == 1 ? "Cannot open file" : "Cannot get file size");
       return failAfterBootLoader("Cannot get package size");
     }
-    if (!services_.files->copyInto(drive_, source, name)) return failAfterBootLoader("Cannot copy packages");
+    if (!services_.files->copyInto(target_, source, name)) return failAfterBootLoader("Cannot copy packages");
     previousSize = static_cast<uint32_t>(size);
   }
 
   // 13-14: the scripts.
+  if (!stillHeldAfterBootLoader("Cannot copy config")) return false;
   if (!writeAutorun()) return failAfterBootLoader("Cannot copy config");
   if (row_.modeScriptEnabled && !row_.modeScriptPath.empty() &&
-      !services_.files->copyInto(drive_, row_.modeScriptPath, "mode.scr")) {
+      !services_.files->copyInto(target_, row_.modeScriptPath, "mode.scr")) {
     return failAfterBootLoader("Cannot copy mode script");
   }
 
   // 15: opening and closing the volume makes the platform flush it.
-  volume = devices.openVolume(drive_);
+  if (!stillHeldAfterBootLoader("Cannot open device")) return false;
+  volume = held_->openVolume();
   if (volume == nullptr) return failAfterBootLoader("Cannot open device");
   volume->close();
   volume.reset();
   bootLoader->cleanUp();
-  {
-    MutexLock lock(mutex_);
-    status_.statusText = "Installation completed";
-    status_.state = kStatusDone;
-    status_.progress = row_.totalSize;
-    post();
-  }
   return true;
+}
+
+void pauseForTest(const char* point) {
+  const char* setting = std::getenv("TARNLIFT_TEST_PAUSE");
+  if (setting == nullptr) return;
+  std::string text = setting;
+  size_t colon = text.find(':');
+  if (colon == std::string::npos || text.compare(0, colon, point) != 0) return;
+  std::string file = text.substr(colon + 1);
+  std::ofstream(file + ".reached") << point << '\n';
+  for (int i = 0; i < 1200 && !std::filesystem::exists(file + ".go"); ++i) sleepMilliseconds(50);
 }
 
 LocalDiskInstaller::~LocalDiskInstaller() {
@@ -277,7 +348,7 @@ bool LocalDiskInstaller::hasNews(const MacAddress& mac) {
 void LocalDiskInstaller::cancel(const MacAddress& mac) {
   auto it = installations_.find(mac);
   if (it == installations_.end()) return;
-  it->second->stopEvent().set();
+  it->second->cancel();
   installations_.erase(it);
 }
 

@@ -32,10 +32,22 @@ class DiskInstallation : public Thread {
   // Copies the row, sets state 4 and "Preparing for installation...", and
   // posts a notification. services null: the platform's.
   explicit DiskInstallation(const RouterRecord& row, DiskServices* services = nullptr);
+  // Cancels a running installation first (see cancel).
   ~DiskInstallation() override;
 
-  // Set by the owner to end the thread once the installation is over.
+  // Set by the owner to end the thread once the installation is over. Set
+  // while it runs, it ends the installation at the next step; the formatter
+  // and the boot loader's installer are ended at once, with all they
+  // started, and waited for.
   Event& stopEvent() { return stopEvent_; }
+  // Sets the stop event and waits until the thread has ended: afterwards
+  // nothing of this installation runs on the drive any more.
+  void cancel();
+
+  // A drive the caller already resolved, checked and opened (the headless
+  // front end holds it from the moment it checks the target); without one,
+  // step 2 holds the row's drive. Before start.
+  void useHeldDrive(std::unique_ptr<HeldDrive> held) { held_ = std::move(held); }
 
   // The current status (under the lock).
   DiskStatus status();
@@ -54,9 +66,16 @@ class DiskInstallation : public Thread {
   uint32_t run() override;
 
  private:
+  // Steps 1 to 15; install() lets the drive go and reports completion.
+  bool installSteps();
   // Sets the status text, adds amount to the progress counter, posts.
   void update(const std::string& text, uint32_t amount);
   bool fail(const std::string& text);
+  // A drive that changed or was taken: the reason is logged, text fails.
+  bool refuse(const std::string& reason, const std::string& text);
+  // Whether the held drive is still the one checked; else fails with text.
+  bool stillHeld(const std::string& text);
+  bool stopping() { return stopEvent_.waitFor(0); }
   void post();
   bool writeBootImageFile(const std::string& name, int number);
   bool writeMbrFile(const uint8_t* sector);
@@ -65,6 +84,8 @@ class DiskInstallation : public Thread {
   RouterRecord row_;
   DiskServices services_;
   DriveId drive_;
+  std::unique_ptr<HeldDrive> held_;
+  DriveId target_;  // how the formatter and the files reach the held drive
   Event stopEvent_{true};
   Mutex mutex_;
   Event notificationEvent_{false};
@@ -87,7 +108,8 @@ class LocalDiskInstaller {
   bool news(const MacAddress& mac, DiskStatus& status);
   // Whether notifications were posted since the last call to news.
   bool hasNews(const MacAddress& mac);
-  // Ends the installation of the row and forgets it.
+  // Ends the installation of the row (its children are ended and waited
+  // for, then its thread) and forgets it.
   void cancel(const MacAddress& mac);
   bool holds(const MacAddress& mac) const { return installations_.count(mac) != 0; }
 
@@ -105,5 +127,14 @@ bool printSector(Device& device);
 
 // The text of the line that sets the serial ports' speed.
 std::string baudRateLine(uint32_t baudRate);
+
+// The failure text of an installation ended by its owner.
+inline constexpr const char* kInstallationCancelled = "Installation cancelled";
+
+// A test of the whole program may hold an installation at a named point to
+// change the drive under it: with TARNLIFT_TEST_PAUSE=POINT:FILE in the
+// environment, the installation creates FILE.reached at POINT and waits
+// (at most a minute) until FILE.go exists. Nothing happens without it.
+void pauseForTest(const char* point);
 
 }  // namespace tarnlift::localdisk

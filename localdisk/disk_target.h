@@ -3,16 +3,20 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "install/router_record.h"
+#include "localdisk/disk_access.h"
 
 namespace tarnlift::localdisk {
 
 struct DiskTarget {
-  RouterRecord row;         // the drive row to install
-  bool isDevice = false;    // a real device: erasing it needs a confirmation
-  bool createdFile = false; // an image file made just now
+  RouterRecord row;            // the drive row to install
+  std::unique_ptr<HeldDrive> held;  // checked and opened once, for the installation
+  bool isDevice = false;       // a real device: erasing it needs a confirmation
+  bool createdFile = false;    // an image file made just now
+  uint64_t existingBytes = 0;  // an existing image file's size: when not 0, a confirmation too
 };
 
 enum class TargetResult { Ok, BadUsage, Refused };
@@ -21,8 +25,9 @@ enum class TargetResult { Ok, BadUsage, Refused };
 // checked before anything else is looked at.
 bool diskTargetNameValid(const std::string& target, std::string& error);
 
-// Finds the drive TARGET names; a missing image file is made with
-// imageMiB mebibytes. On failure error holds one line.
+// Finds the drive TARGET names, checks it and holds it; a missing image file
+// is made with imageMiB mebibytes. On failure error holds one line that
+// names the target and the reason.
 TargetResult resolveDiskTarget(const std::string& target, uint64_t imageMiB, DiskTarget& result, std::string& error);
 
 bool standardInputIsTerminal();

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "localdisk/disk_access.h"
 #include "localdisk/disk_target.h"
 #include "localdisk/linux_disks.h"
 
@@ -19,13 +18,13 @@ bool diskTargetNameValid(const std::string& target, std::string& error) {
 
 TargetResult resolveDiskTarget(const std::string& target, uint64_t imageMiB, DiskTarget& result, std::string& error) {
   struct stat info {};
-  if (stat(target.c_str(), &info) != 0) {
+  if (lstat(target.c_str(), &info) != 0) {
     if (errno != ENOENT || target.rfind("/dev/", 0) == 0) {
       error = target + " does not exist";
       return TargetResult::Refused;
     }
     // A new image file of the asked size.
-    int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (fd < 0) {
       error = "cannot create " + target + ": " + std::strerror(errno);
       return TargetResult::Refused;
@@ -38,22 +37,24 @@ TargetResult resolveDiskTarget(const std::string& target, uint64_t imageMiB, Dis
       return TargetResult::Refused;
     }
     result.createdFile = true;
-    result.isDevice = false;
-    result.row = makeDriveRow(target, kImageFileLetter, kDriveFixed);
-    return TargetResult::Ok;
   }
-  DriveId drive;
-  drive.path = target;
-  if (!driveUsable(drive, error)) return TargetResult::Refused;
-  result.isDevice = !S_ISREG(info.st_mode);
+  // Checked and opened once: what is written is what was checked.
+  LinuxTarget checked;
+  result.held = holdLinuxTarget(realLinuxSystem(), target, checked, error);
+  if (result.held == nullptr) {
+    if (result.createdFile) ::unlink(target.c_str());
+    return TargetResult::Refused;
+  }
+  result.isDevice = checked.device;
   if (!result.isDevice) {
+    if (!result.createdFile) result.existingBytes = checked.facts.size;
     result.row = makeDriveRow(target, kImageFileLetter, kDriveFixed);
     return TargetResult::Ok;
   }
-  // A device keeps the letter and type of its row in the drive list.
-  std::string disk = wholeDiskPath(target);
+  // A device keeps the letter, type and description of its row in the
+  // drive list.
   for (const RouterRecord& row : listLocalDrives()) {
-    if (row.label == disk) {
+    if (row.label == "/dev/" + checked.disk) {
       result.row = row;
       result.row.label = target;
       return TargetResult::Ok;

@@ -24,11 +24,15 @@ TargetResult resolveDiskTarget(const std::string& target, uint64_t, DiskTarget& 
   if (!diskTargetNameValid(target, error)) return TargetResult::BadUsage;
   char letter = static_cast<char>(std::toupper(static_cast<unsigned char>(target[0])));
   for (const RouterRecord& row : listLocalDrives()) {
-    if (std::toupper(row.mac[5]) == letter) {
-      result.row = row;
-      result.isDevice = true;
-      return TargetResult::Ok;
-    }
+    if (std::toupper(row.mac[5]) != letter) continue;
+    // Checked by what is on its disk, and held from now on.
+    DiskServices& services = platformDiskServices();
+    if (!services.devices->check(driveIdOf(row), error)) return TargetResult::Refused;
+    result.held = services.devices->hold(driveIdOf(row), error);
+    if (result.held == nullptr) return TargetResult::Refused;
+    result.row = row;
+    result.isDevice = true;
+    return TargetResult::Ok;
   }
   error = std::string("drive ") + letter + ": is not a removable or fixed drive other than the system's";
   return TargetResult::Refused;

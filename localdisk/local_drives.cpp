@@ -6,6 +6,7 @@
 
 #include "app/failure.h"
 #include "app/log.h"
+#include "app/program_runner.h"
 
 namespace tarnlift::localdisk {
 
@@ -50,6 +51,7 @@ std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator) {
     if (candidate.system) continue;
     if (std::toupper(candidate.letter) == 'A') continue;
     rows.push_back(makeDriveRow(candidate.label, candidate.letter, candidate.type));
+    rows.back().driveDescription = candidate.description;
   }
   return rows;
 }
@@ -57,6 +59,22 @@ std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator) {
 std::vector<RouterRecord> listLocalDrives() {
   std::unique_ptr<DriveEnumerator> enumerator = makePlatformDriveEnumerator();
   return listLocalDrives(*enumerator);
+}
+
+std::string diskDescription(uint64_t bytes, const std::string& model) {
+  std::string text;
+  if (bytes > 0) {
+    char size[32];
+    // As makers count: 1 GB is 10^9 bytes.
+    if (bytes >= 1000000000ull) {
+      std::snprintf(size, sizeof size, "%.1f GB", static_cast<double>(bytes) / 1e9);
+    } else {
+      std::snprintf(size, sizeof size, "%.1f MB", static_cast<double>(bytes) / 1e6);
+    }
+    text = size;
+  }
+  if (!model.empty()) text += (text.empty() ? "" : ", ") + model;
+  return text;
 }
 
 int32_t fileSize(const std::string& path) {
@@ -69,16 +87,19 @@ int32_t fileSize(const std::string& path) {
   return static_cast<int32_t>(size);
 }
 
+std::string FormatterCommand::commandLine() const { return commandLineOf(program, arguments); }
+
 FormatterCommand windowsFormatterCommand(bool ntFamily, const std::string& systemDirectory,
                                          const std::string& windowsDirectory, char letter, const std::string& label,
                                          bool fat32) {
   FormatterCommand command;
+  std::string drive = std::string(1, letter) + ":";
   if (ntFamily) {
     command.program = systemDirectory + "\\format.com";
-    command.commandLine = command.program + " " + letter + ": /FS:" + (fat32 ? "FAT32" : "FAT") + " /Q /X /V:" + label;
+    command.arguments = {drive, std::string("/FS:") + (fat32 ? "FAT32" : "FAT"), "/Q", "/X", "/V:" + label};
   } else {
     command.program = windowsDirectory + "\\Command\\format.com";
-    command.commandLine = command.program + " " + letter + ": /Q /V:xxx";
+    command.arguments = {drive, "/Q", "/V:xxx"};
   }
   // Enter for "insert the disk", then the label, which is also the answer
   // to the question whether to go ahead.
@@ -90,55 +111,99 @@ FormatterCommand linuxFormatterCommand(const std::string& mkfsProgram, const std
                                        const std::string& label, bool fat32) {
   FormatterCommand command;
   command.program = mkfsProgram;
+  if (fat32) command.arguments = {"-F", "32"};
   // -I: the whole disk is one volume without a partition table.
-  command.commandLine = mkfsProgram + (fat32 ? " -F 32" : "") + " -I -n " + label + " " + target;
+  for (const char* word : {"-I", "-n"}) command.arguments.push_back(word);
+  command.arguments.push_back(label);
+  command.arguments.push_back(target);
   return command;
 }
 
 namespace {
-// The output as it came, without the line ends that would leave blank lines.
-void logOutput(std::string text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  if (!text.empty()) logLine() << text;
+
+// The formatter's output, logged a line at a time as the lines come in; a
+// line not yet ended waits for its end (or for the end of the output).
+class OutputLines {
+ public:
+  void add(const std::string& text) {
+    pending_ += text;
+    size_t end;
+    while ((end = pending_.find_first_of("\r\n")) != std::string::npos) {
+      emit(pending_.substr(0, end));
+      pending_.erase(0, end + 1);
+    }
+  }
+  void finish() {
+    emit(pending_);
+    pending_.clear();
+  }
+
+ private:
+  static void emit(const std::string& line) {
+    if (!line.empty()) logLine() << line;
+  }
+  std::string pending_;
+};
+
+// Ends the formatter after a time-out or a stop: false for the caller.
+bool endFormatter(FormatterProcess& process, OutputLines& lines) {
+  if (!process.terminate()) logLine() << "even TerminateProcess failed";
+  lines.add(process.takeOutput());
+  lines.finish();
+  process.close();
+  return false;
 }
+
 }  // namespace
 
-bool runFormatter(FormatterProcess& process, const FormatterCommand& command, uint32_t timeoutMs) {
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command, const Clock& clock,
+                  uint32_t timeoutMs, Waitable* stop) {
   if (!process.createPipes()) {
     logLine() << "Cannot create pipe";
     return false;
   }
   logLine() << "app: " << command.program;
-  logLine() << "cmd: " << command.commandLine;
-  bool started = process.start(command.program, command.commandLine);
+  logLine() << "cmd: " << command.commandLine();
+  bool started = process.start(command.program, command.arguments);
   logLine() << "format before";
   if (!started) {
     logLine() << "Cannot start format";
     process.close();
     return false;
   }
+  // The limit counts from here, whatever the formatter says or keeps quiet.
+  const uint64_t startedAt = clock.nowMicros();
   for (const std::string& answer : command.answers) process.writeInput(answer);
-  logOutput(process.readOutput(8196));
-  switch (process.waitFor(timeoutMs)) {
-    case FormatterProcess::Wait::Failed:
-      fatalFailure("Format failed");
-    case FormatterProcess::Wait::TimedOut:
+  OutputLines lines;
+  while (true) {
+    uint64_t elapsedMs = (clock.nowMicros() - startedAt) / 1000;
+    if (stop != nullptr && stop->waitFor(0)) {
+      logLine() << "format stopped";
+      return endFormatter(process, lines);
+    }
+    if (elapsedMs >= timeoutMs) {
       logLine() << "format timeout";
-      if (!process.terminate()) logLine() << "even TerminateProcess failed";
-      process.close();
-      return false;
-    case FormatterProcess::Wait::Ended:
-      break;
+      return endFormatter(process, lines);
+    }
+    uint64_t left = timeoutMs - elapsedMs;
+    FormatterProcess::Wait wait = process.waitFor(static_cast<uint32_t>(left < kFormatPollMs ? left : kFormatPollMs));
+    lines.add(process.takeOutput());
+    if (wait == FormatterProcess::Wait::Failed) fatalFailure("Format failed");
+    if (wait == FormatterProcess::Wait::Ended) break;
   }
-  logOutput(process.readOutput(8196));
+  lines.finish();
   logLine() << "format done";
   process.close();
   return true;
 }
 
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command, uint32_t timeoutMs, Waitable* stop) {
+  return runFormatter(process, command, SteadyClock::instance(), timeoutMs, stop);
+}
+
 bool formatDrive(const DriveId& drive, const std::string& label, bool fat32) {
   std::unique_ptr<DriveFormatter> formatter = makePlatformFormatter();
-  return formatter->format(drive, label, fat32);
+  return formatter->format(drive, label, fat32, nullptr);
 }
 
 }  // namespace tarnlift::localdisk

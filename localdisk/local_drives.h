@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "app/clock.h"
+#include "app/sync.h"
 #include "install/router_record.h"
 
 namespace tarnlift::localdisk {
@@ -48,6 +50,9 @@ struct DriveCandidate {
   uint8_t letter = 0;
   uint32_t type = kDriveUnknown;
   bool system = false;  // holds the system (Windows: the system directory)
+  // The disk's number, size and model, so that the user sees what would be
+  // erased; empty when unknown.
+  std::string description;
 };
 
 class DriveEnumerator {
@@ -63,6 +68,10 @@ std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator();
 std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator);
 std::vector<RouterRecord> listLocalDrives();
 
+// "16.0 GB, Maker Model" for a drive row: the size as makers count it
+// (10^9 bytes a GB); empty when nothing is known.
+std::string diskDescription(uint64_t bytes, const std::string& model);
+
 // Size of a file opened for reading, or -1 when it cannot be opened.
 int32_t fileSize(const std::string& path);
 
@@ -76,11 +85,17 @@ class FormatterProcess {
   virtual ~FormatterProcess() = default;
   // The pipes for input and output; false when they cannot be made.
   virtual bool createPipes() = 0;
-  virtual bool start(const std::string& program, const std::string& commandLine) = 0;
+  // Starts the program with its arguments, one word each (never split
+  // again, so a path with blanks stays one argument), in a job (Windows)
+  // or process group (Linux) of its own.
+  virtual bool start(const std::string& program, const std::vector<std::string>& arguments) = 0;
   virtual void writeInput(const std::string& text) = 0;
-  // Up to limit bytes of output (blocking until some come or the output ends).
-  virtual std::string readOutput(size_t limit) = 0;
+  // What the formatter has written since the last call, without waiting.
+  virtual std::string takeOutput() = 0;
+  // Waits up to milliseconds for the formatter to end, gathering its output
+  // meanwhile.
   virtual Wait waitFor(uint32_t milliseconds) = 0;
+  // Ends the formatter and everything it started, and waits for it.
   virtual bool terminate() = 0;
   // Closes the pipes and handles.
   virtual void close() = 0;
@@ -89,15 +104,19 @@ class FormatterProcess {
 // The platform's formatter process (pipes, hidden window).
 std::unique_ptr<FormatterProcess> makePlatformFormatterProcess();
 
-// The program and command line of the formatter for a drive.
+// The program and arguments of the formatter for a drive.
 struct FormatterCommand {
   std::string program;
-  std::string commandLine;
+  std::vector<std::string> arguments;
   // The answers written to the formatter's input, in order.
   std::vector<std::string> answers;
+  // The command line as the log shows it (and Windows starts it).
+  std::string commandLine() const;
 };
 
 inline constexpr uint32_t kFormatTimeoutMs = 300000;
+// How often the run looks at the clock, the output and a stop request.
+inline constexpr uint32_t kFormatPollMs = 100;
 
 // Windows: the formatter of the NT family or of the older family.
 FormatterCommand windowsFormatterCommand(bool ntFamily, const std::string& systemDirectory,
@@ -108,14 +127,19 @@ FormatterCommand linuxFormatterCommand(const std::string& mkfsProgram, const std
                                        const std::string& label, bool fat32);
 
 // Runs the formatter to its end: true when it ran to its end (its exit code
-// is not examined).
+// is not examined). The time limit counts from the start, on the clock
+// given; each line of its output is logged as it comes. A stop set
+// meanwhile ends the formatter (and what it started) at once: false.
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command, const Clock& clock,
+                  uint32_t timeoutMs = kFormatTimeoutMs, Waitable* stop = nullptr);
 bool runFormatter(FormatterProcess& process, const FormatterCommand& command,
-                  uint32_t timeoutMs = kFormatTimeoutMs);
+                  uint32_t timeoutMs = kFormatTimeoutMs, Waitable* stop = nullptr);
 
 class DriveFormatter {
  public:
   virtual ~DriveFormatter() = default;
-  virtual bool format(const DriveId& drive, const std::string& label, bool fat32) = 0;
+  // stop: set by the owner to end the format early (null: never).
+  virtual bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) = 0;
   // Whether the system needs the format twice (Windows 5.1 and 5.2).
   virtual bool formatsTwice() = 0;
 };

@@ -1,5 +1,5 @@
-// Windows drives: the logical drive roots, formatted with format.com driven
-// through pipes.
+// Windows drives: the logical drive roots (windows_drives), formatted with
+// format.com driven through pipes.
 #include <windows.h>
 
 #include <cctype>
@@ -7,31 +7,13 @@
 
 #include "app/failure.h"
 #include "app/log.h"
+#include "app/process_job.h"
+#include "app/program_runner.h"
 #include "localdisk/local_drives.h"
+#include "localdisk/windows_drives.h"
 
 namespace tarnlift::localdisk {
 namespace {
-
-class LogicalDriveEnumerator : public DriveEnumerator {
- public:
-  std::vector<DriveCandidate> candidates() override {
-    char system[512] = {};
-    if (GetSystemDirectoryA(system, sizeof system) == 0) fatalFailure("GetSystemDirectory");
-    char systemLetter = static_cast<char>(std::toupper(static_cast<unsigned char>(system[0])));
-    char roots[512] = {};
-    if (GetLogicalDriveStringsA(sizeof roots, roots) == 0) fatalFailure("GetLogicalDriveStrings");
-    std::vector<DriveCandidate> result;
-    for (const char* root = roots; *root != 0; root += std::strlen(root) + 1) {
-      DriveCandidate candidate;
-      candidate.label = root;
-      candidate.letter = static_cast<uint8_t>(root[0]);
-      candidate.type = GetDriveTypeA(root);
-      candidate.system = std::toupper(static_cast<unsigned char>(root[0])) == systemLetter;
-      result.push_back(candidate);
-    }
-    return result;
-  }
-};
 
 class PipeFormatterProcess : public FormatterProcess {
  public:
@@ -42,7 +24,7 @@ class PipeFormatterProcess : public FormatterProcess {
     if (!CreatePipe(&outputRead_, &outputWrite_, &inherit, 4096)) return false;
     return true;
   }
-  bool start(const std::string& program, const std::string& commandLine) override {
+  bool start(const std::string& program, const std::vector<std::string>& arguments) override {
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
@@ -51,10 +33,15 @@ class PipeFormatterProcess : public FormatterProcess {
     startup.hStdError = outputWrite_;
     startup.wShowWindow = SW_HIDE;
     PROCESS_INFORMATION info{};
-    std::string line = commandLine;
-    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
+    std::string line = commandLineOf(program, arguments);
+    // In a job from its first instruction: a stop or a time-out ends the
+    // formatter and whatever it started, and so does the end of this program.
+    job_ = processjob::create(true);
+    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
+                        &startup, &info)) {
       return false;
     }
+    processjob::adoptAndResume(job_, info.hProcess, info.hThread);
     process_ = info.hProcess;
     CloseHandle(info.hThread);
     // The child holds its own ends now; with ours closed, reading its
@@ -69,12 +56,17 @@ class PipeFormatterProcess : public FormatterProcess {
     DWORD written = 0;
     WriteFile(inputWrite_, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
   }
-  std::string readOutput(size_t limit) override {
-    std::string text(limit, '\0');
-    DWORD count = 0;
-    // Blocks until the formatter says something or its output ends.
-    if (!ReadFile(outputRead_, text.data(), static_cast<DWORD>(limit), &count, nullptr)) return {};
-    text.resize(count);
+  std::string takeOutput() override {
+    // Only what is there: a silent formatter must not hold up the clock.
+    std::string text;
+    DWORD available = 0;
+    while (outputRead_ != nullptr && PeekNamedPipe(outputRead_, nullptr, 0, nullptr, &available, nullptr) &&
+           available > 0) {
+      std::string piece(available, '\0');
+      DWORD count = 0;
+      if (!ReadFile(outputRead_, piece.data(), available, &count, nullptr) || count == 0) break;
+      text.append(piece, 0, count);
+    }
     return text;
   }
   Wait waitFor(uint32_t milliseconds) override {
@@ -87,20 +79,24 @@ class PipeFormatterProcess : public FormatterProcess {
         return Wait::Failed;
     }
   }
-  bool terminate() override { return process_ != nullptr && TerminateProcess(process_, 0); }
+  bool terminate() override { return process_ != nullptr && processjob::endAll(job_, process_, kTerminateWaitMs); }
   void close() override {
     for (HANDLE* handle : {&inputRead_, &inputWrite_, &outputRead_, &outputWrite_, &process_}) {
       if (*handle != nullptr) CloseHandle(*handle);
       *handle = nullptr;
     }
+    processjob::close(job_);
+    job_ = nullptr;
   }
 
  private:
+  static constexpr DWORD kTerminateWaitMs = 30000;
   HANDLE inputRead_ = nullptr;
   HANDLE inputWrite_ = nullptr;
   HANDLE outputRead_ = nullptr;
   HANDLE outputWrite_ = nullptr;
   HANDLE process_ = nullptr;
+  void* job_ = nullptr;
 };
 
 OSVERSIONINFOA versionInfo() {
@@ -115,7 +111,7 @@ OSVERSIONINFOA versionInfo() {
 
 class FormatComFormatter : public DriveFormatter {
  public:
-  bool format(const DriveId& drive, const std::string& label, bool fat32) override {
+  bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) override {
     OSVERSIONINFOA version = versionInfo();
     bool nt = version.dwPlatformId == VER_PLATFORM_WIN32_NT;
     char system[MAX_PATH + 1] = {};
@@ -127,7 +123,8 @@ class FormatComFormatter : public DriveFormatter {
       windows = buffer;
     }
     PipeFormatterProcess process;
-    return runFormatter(process, windowsFormatterCommand(nt, system, windows, drive.letter, label, fat32));
+    return runFormatter(process, windowsFormatterCommand(nt, system, windows, drive.letter, label, fat32),
+                        kFormatTimeoutMs, stop);
   }
   bool formatsTwice() override {
     OSVERSIONINFOA version = versionInfo();
@@ -137,7 +134,9 @@ class FormatComFormatter : public DriveFormatter {
 
 }  // namespace
 
-std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator() { return std::make_unique<LogicalDriveEnumerator>(); }
+std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator() {
+  return makeWindowsDriveEnumerator(realWindowsStorage());
+}
 std::unique_ptr<FormatterProcess> makePlatformFormatterProcess() { return std::make_unique<PipeFormatterProcess>(); }
 std::unique_ptr<DriveFormatter> makePlatformFormatter() { return std::make_unique<FormatComFormatter>(); }
 

@@ -4,7 +4,18 @@
 
 namespace tarnlift::ui {
 
-std::vector<RouterRecord> LocalDriveInstaller::listDrives() { return localdisk::listLocalDrives(); }
+LocalDriveInstaller::LocalDriveInstaller(localdisk::DriveEnumerator* drives, localdisk::DiskServices* services)
+    : drives_(drives),
+      services_(services != nullptr ? *services : localdisk::platformDiskServices()),
+      installer_(&services_) {}
+
+std::vector<RouterRecord> LocalDriveInstaller::listDrives() {
+  return drives_ != nullptr ? localdisk::listLocalDrives(*drives_) : localdisk::listLocalDrives();
+}
+
+bool LocalDriveInstaller::mayErase(const RouterRecord& row, std::string& reason) {
+  return services_.devices->check(localdisk::driveIdOf(row), reason);
+}
 
 void LocalDriveInstaller::start(const RouterRecord& request) { installer_.start(request); }
 

@@ -11,14 +11,22 @@ namespace tarnlift::ui {
 
 class LocalDriveInstaller : public DriveInstaller {
  public:
+  // The platform's drives and services, or (tests) ones over a made-up
+  // machine; both kept by the caller for the installer's life.
+  explicit LocalDriveInstaller(localdisk::DriveEnumerator* drives = nullptr,
+                               localdisk::DiskServices* services = nullptr);
   std::vector<RouterRecord> listDrives() override;
+  bool mayErase(const RouterRecord& row, std::string& reason) override;
   void start(const RouterRecord& request) override;
   // The newest status of the drive's installation; a failed one shows its
   // error text.
   bool status(const MacAddress& mac, SessionStatus& status) override;
+  // Returns once nothing of the installation runs on the drive any more.
   void cancel(const MacAddress& mac) override;
 
  private:
+  localdisk::DriveEnumerator* drives_;
+  localdisk::DiskServices& services_;
   localdisk::LocalDiskInstaller installer_;
 };
 

@@ -680,11 +680,24 @@ void MainPresenter::showPackageDescription(int index) {
   view_.setStatusText(text);
 }
 
+void MainPresenter::describeSelectedDrive() {
+  RouterRecord* r = selectedRouter();
+  if (r == nullptr || r->kind != kKindDrive || r->driveDescription.empty()) {
+    haveDescribedDrive_ = false;
+    return;
+  }
+  if (haveDescribedDrive_ && describedDrive_ == r->mac) return;
+  haveDescribedDrive_ = true;
+  describedDrive_ = r->mac;
+  view_.setStatusText(r->label + " is " + r->driveDescription + ": Install erases the whole disk");
+}
+
 void MainPresenter::onPrivateMessage(uint32_t code) {
   if (!desk_) return;
   if (code == kRefreshCode) {
     refreshControlState();
     refreshPackageMarks();
+    describeSelectedDrive();
   } else if (code == kPackageHintCode) {
     showPackageDescription(view_.nextPackageItem());
   }

@@ -176,6 +176,9 @@ class MainPresenter : private packages::PackageListView,
   AfterInstall afterInstallFor(const MacAddress& mac);
   void togglePackage(int index);
   void showPackageDescription(int index);
+  // A newly selected drive's disk (number, size, model) in the status bar:
+  // the row's label cell is too narrow to show it whole.
+  void describeSelectedDrive();
   void updateCaptionAndProgress();
   void tick();
   void readPlacement();
@@ -203,6 +206,10 @@ class MainPresenter : private packages::PackageListView,
   int lastPercent_ = 0;
   MacAddress shownRouter_{};
   bool haveShownRouter_ = false;
+  // The drive whose disk the status bar names, so that it is named once per
+  // selection.
+  MacAddress describedDrive_{};
+  bool haveDescribedDrive_ = false;
   std::vector<MacAddress> routerOrder_;
   TrackingLimits limits_;
   int initialWidth_ = 0;

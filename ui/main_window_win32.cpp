@@ -330,7 +330,8 @@ class Win32MainView : public MainView {
 
   void setUpLists() {
     // Routers/Drives: one picture per row (router, done, failed, disks).
-    SendMessageA(routerList_, LVM_SETEXTENDEDLISTVIEWSTYLE, 0, LVS_EX_FULLROWSELECT);
+    // A label too long for its column (a drive's disk) shows whole as a tip.
+    SendMessageA(routerList_, LVM_SETEXTENDEDLISTVIEWSTYLE, 0, LVS_EX_FULLROWSELECT | LVS_EX_LABELTIP);
     HIMAGELIST devices = ImageList_LoadImageA(module(), MAKEINTRESOURCEA(IDB_DEVICES), 16, 0, RGB(255, 0, 255),
                                               IMAGE_BITMAP, LR_CREATEDIBSECTION);
     SendMessageA(routerList_, LVM_SETIMAGELIST, LVSIL_SMALL, reinterpret_cast<LPARAM>(devices));

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "app/log.h"
 #include "netboot/interfaces.h"
 #include "ui/control_rules.h"
 
@@ -70,8 +71,15 @@ InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalog
                           RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
                           const InstallOptions& options) {
   if (r.status != kStatusReady) return InstallOutcome::Refused;
-  packages::PackageChoice choice{r.setName, r.packageDir, r.files};
   bool drive = r.kind == kKindDrive;
+  // A drive that must not be erased is refused before anything starts.
+  std::string reason;
+  if (drive && !desk.drives().mayErase(r, reason)) {
+    logLine() << "refused: " << reason;
+    prompter.showMessage(reason, "Error", true);
+    return InstallOutcome::Refused;
+  }
+  packages::PackageChoice choice{r.setName, r.packageDir, r.files};
   InstallContext context{catalogue, choice, sets, remembered, prompter, [&desk, drive](const RouterRecord& request) {
                            if (drive) {
                              desk.drives().start(request);

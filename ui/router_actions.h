@@ -39,7 +39,8 @@ void cancelRow(InstallDesk& desk, const RememberedChoices& remembered, RouterRec
 
 // "Install" with the options as the controls show them: the Install command
 // for r (network router or drive); once started, the row shows the
-// session's first status.
+// session's first status. A drive that may not be erased is refused with
+// the reason in an "Error" box.
 InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalogue, packages::PackageSets& sets,
                           RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
                           const InstallOptions& options);

@@ -18,6 +18,7 @@
 #include "app/program_runner.h"
 #include "app/sync.h"
 #include "tests/app/capture_log.h"
+#include "tests/app/process_alive.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -165,7 +166,6 @@ class ProgramRunnerTest : public ::testing::Test {
     }
     return false;
   }
-  std::string programPath() const { return (fs::path(tmp_) / standinName()).string(); }
 
   fs::path base_;
   fs::path previous_;
@@ -179,14 +179,17 @@ TEST_F(ProgramRunnerTest, WritesOutStartsPollsKillsAndDeletes) {
   ProgramRunner runner(134, standinName(), &source_);
   EXPECT_FALSE(runner.isRunning());
   EXPECT_TRUE(runner.path().empty());
-  runner.run("20000 note.txt -s X:");
+  EXPECT_TRUE(runner.run({"20000", "note.txt", "-s", "X:"}));
+  std::string programPath = runner.path();
+  EXPECT_EQ(fs::path(programPath).filename().string(), standinName());
+  EXPECT_EQ(fs::path(programPath).parent_path().parent_path(), fs::path(tmp_));
   EXPECT_TRUE(log.contains("run embedded prog\n"));
-  EXPECT_TRUE(log.contains("exe: " + programPath() + "\n")) << log.text();
-  EXPECT_TRUE(log.contains("cmdline: " + programPath() + " 20000 note.txt -s X:\n")) << log.text();
+  EXPECT_TRUE(log.contains("exe: " + programPath + "\n")) << log.text();
+  EXPECT_TRUE(log.contains("cmdline: " + programPath + " 20000 note.txt -s X:\n")) << log.text();
   EXPECT_FALSE(log.contains("CreateProcess failed"));
-  ASSERT_TRUE(isExecutable(programPath()));
+  ASSERT_TRUE(isExecutable(programPath));
   // The content without the length field and without the padding.
-  EXPECT_EQ(readWhole(programPath()), readWhole(TARNLIFT_RUNNER_STANDIN));
+  EXPECT_EQ(readWhole(programPath), readWhole(TARNLIFT_RUNNER_STANDIN));
   // Started in the current directory with the arguments as words.
   ASSERT_TRUE(waitForNotes(1));
   EXPECT_EQ(notes()[0], "started -s X:");
@@ -194,14 +197,15 @@ TEST_F(ProgramRunnerTest, WritesOutStartsPollsKillsAndDeletes) {
   runner.kill();
   EXPECT_FALSE(runner.isRunning());
   EXPECT_FALSE(runner.holdsProcess());
-  ASSERT_TRUE(fs::exists(programPath()));
+  ASSERT_TRUE(fs::exists(programPath));
   runner.cleanUp();
-  EXPECT_FALSE(fs::exists(programPath()));
+  EXPECT_FALSE(fs::exists(programPath));
+  EXPECT_FALSE(fs::exists(fs::path(programPath).parent_path())) << "the runner's folder goes too";
 }
 
 TEST_F(ProgramRunnerTest, AProgramThatEndsIsNoLongerRunning) {
   ProgramRunner runner(134, standinName(), &source_);
-  runner.run("0 note.txt");
+  runner.run({"0", "note.txt"});
   bool ended = false;
   for (int i = 0; i < 400 && !ended; ++i) {
     ended = !runner.isRunning();
@@ -209,17 +213,18 @@ TEST_F(ProgramRunnerTest, AProgramThatEndsIsNoLongerRunning) {
   }
   EXPECT_TRUE(ended);
   EXPECT_EQ(notes().size(), 1u);
+  std::string programPath = runner.path();
   runner.cleanUp();
-  EXPECT_FALSE(fs::exists(programPath()));
+  EXPECT_FALSE(fs::exists(programPath));
 }
 
 TEST_F(ProgramRunnerTest, SecondRunWhileRunningSaysSoAndStartsAnotherCopy) {
   testing::CapturedLog log;
   ProgramRunner runner(134, standinName(), &source_);
-  runner.run("1500 note.txt first");
+  runner.run({"1500", "note.txt", "first"});
   ASSERT_TRUE(waitForNotes(1));
   ASSERT_TRUE(runner.isRunning());
-  runner.run("20000 note.txt second");
+  runner.run({"20000", "note.txt", "second"});
   EXPECT_TRUE(log.contains("already running\n")) << log.text();
   ASSERT_TRUE(waitForNotes(2));
   EXPECT_EQ(notes()[1], "started second");
@@ -231,9 +236,9 @@ TEST_F(ProgramRunnerTest, SecondRunWhileRunningSaysSoAndStartsAnotherCopy) {
 TEST_F(ProgramRunnerTest, ASecondRunAfterTheFirstEndedIsQuiet) {
   testing::CapturedLog log;
   ProgramRunner runner(134, standinName(), &source_);
-  runner.run("0 note.txt one");
+  runner.run({"0", "note.txt", "one"});
   for (int i = 0; i < 400 && runner.isRunning(); ++i) sleepMilliseconds(25);
-  runner.run("0 note.txt two");
+  runner.run({"0", "note.txt", "two"});
   EXPECT_FALSE(log.contains("already running"));
   ASSERT_TRUE(waitForNotes(2));
   runner.cleanUp();
@@ -242,11 +247,11 @@ TEST_F(ProgramRunnerTest, ASecondRunAfterTheFirstEndedIsQuiet) {
 TEST_F(ProgramRunnerTest, TheFileIsWrittenOnlyOncePerRunner) {
   testing::CapturedLog log;
   ProgramRunner runner(134, standinName(), &source_);
-  runner.run("0 note.txt");
+  runner.run({"0", "note.txt"});
   for (int i = 0; i < 400 && runner.isRunning(); ++i) sleepMilliseconds(25);
-  runner.run("0 note.txt");
+  runner.run({"0", "note.txt"});
   for (int i = 0; i < 400 && runner.isRunning(); ++i) sleepMilliseconds(25);
-  runner.run("0 note.txt");
+  runner.run({"0", "note.txt"});
   EXPECT_EQ(source_.lookups, 1);
   std::string text = log.text();
   size_t exeLines = 0;
@@ -256,35 +261,91 @@ TEST_F(ProgramRunnerTest, TheFileIsWrittenOnlyOncePerRunner) {
   runner.cleanUp();
   // A second runner writes its own copy again.
   ProgramRunner other(134, standinName(), &source_);
-  other.run("0 note.txt");
+  other.run({"0", "note.txt"});
   EXPECT_EQ(source_.lookups, 2);
   other.cleanUp();
 }
 
-TEST_F(ProgramRunnerTest, AFileThatIsNoProgramFailsToStartAndIsOnlyLogged) {
+TEST_F(ProgramRunnerTest, AFileThatIsNoProgramFailsToStartAndSaysSo) {
   testing::CapturedLog log;
   source_.records[135] = recordOf(std::vector<uint8_t>(64, uint8_t('x')));
   ProgramRunner runner(135, standinName(), &source_);
-  runner.run("-s X:");
+  EXPECT_FALSE(runner.run({"-s", "X:"}));
   EXPECT_TRUE(log.contains("execute: CreateProcess failed: ")) << log.text();
   EXPECT_FALSE(runner.isRunning());
   EXPECT_FALSE(runner.holdsProcess());
+  std::string programPath = runner.path();
   runner.cleanUp();
-  EXPECT_FALSE(fs::exists(programPath()));
+  EXPECT_FALSE(fs::exists(programPath));
 }
 
-TEST_F(ProgramRunnerTest, AnUnwritableTemporaryDirectoryIsNotReportedButTheStartFails) {
+// The program cannot be written out: the run says so ("Cannot create file")
+// and fails, and nothing is started in its place.
+TEST_F(ProgramRunnerTest, AFailedWriteFailsTheRunAndStartsNothing) {
   testing::CapturedLog log;
   setTemporaryDirectory((base_ / "missing").string());
   ProgramRunner runner(134, standinName(), &source_);
-  runner.run("0 note.txt");
+  EXPECT_FALSE(runner.run({"0", "note.txt"}));
   EXPECT_TRUE(log.contains("exe: ")) << log.text();
-  EXPECT_TRUE(log.contains("execute: CreateProcess failed: ")) << log.text();
+  EXPECT_TRUE(log.contains("Cannot create file\n")) << log.text();
+  EXPECT_FALSE(log.contains("cmdline: ")) << log.text();
   EXPECT_FALSE(runner.isRunning());
+  EXPECT_TRUE(notes().empty());
   auto started = std::chrono::steady_clock::now();
   runner.cleanUp();
   // Nothing to delete: no hundred retries.
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+}
+
+// Each runner writes into a folder made new for it, that only this user may
+// enter: two at once have two files, and whatever sits at the program's
+// name in the shared temporary directory (a folder, a link) is never used.
+TEST_F(ProgramRunnerTest, EachRunnerWritesIntoAFolderOfItsOwn) {
+  fs::create_directories(fs::path(tmp_) / standinName() / "planted");
+  std::error_code noLinks;  // Windows may refuse links to an ordinary user
+  fs::create_directory_symlink(fs::path(tmp_) / standinName(), fs::path(tmp_) / "tarnlift-link", noLinks);
+  ProgramRunner first(134, standinName(), &source_);
+  ProgramRunner second(134, standinName(), &source_);
+  EXPECT_TRUE(first.run({"20000", "note.txt", "one"}));
+  EXPECT_TRUE(second.run({"20000", "note.txt", "two"}));
+  ASSERT_TRUE(waitForNotes(2));
+  EXPECT_NE(first.folder(), second.folder());
+  for (const ProgramRunner* runner : {&first, &second}) {
+    fs::path folder = fs::path(runner->path()).parent_path();
+    EXPECT_EQ(folder.parent_path(), fs::path(tmp_));
+    EXPECT_NE(folder.filename(), standinName());
+#ifndef _WIN32
+    struct stat info {};
+    ASSERT_EQ(stat(folder.string().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u) << folder;
+    ASSERT_EQ(lstat(runner->path().c_str(), &info), 0);
+    EXPECT_TRUE(S_ISREG(info.st_mode));
+#endif
+  }
+  std::string firstFolder = fs::path(first.path()).parent_path().string();
+  first.cleanUp();
+  EXPECT_FALSE(fs::exists(firstFolder));
+  EXPECT_TRUE(second.isRunning()) << "the other runner's program is not touched";
+  EXPECT_TRUE(fs::exists(second.path()));
+  second.cleanUp();
+  EXPECT_TRUE(fs::exists(fs::path(tmp_) / standinName() / "planted")) << "the planted folder is left alone";
+}
+
+// Kill ends what the program started too (a process group on Linux, a job
+// object on Windows), and waits for it.
+TEST_F(ProgramRunnerTest, KillEndsWhatTheProgramStarted) {
+  ProgramRunner runner(134, standinName(), &source_);
+  EXPECT_TRUE(runner.run({"60000", "note.txt", "--child"}));
+  ASSERT_TRUE(waitForNotes(2));
+  std::string childLine = notes()[0];
+  ASSERT_EQ(childLine.rfind("child ", 0), 0u) << childLine;
+  unsigned long child = std::stoul(childLine.substr(6));
+  ASSERT_NE(child, 0u);
+  EXPECT_TRUE(testing::processAlive(child));
+  runner.kill();
+  EXPECT_FALSE(runner.isRunning());
+  EXPECT_TRUE(testing::processGone(child)) << "the program's child is left running";
+  runner.cleanUp();
 }
 
 TEST_F(ProgramRunnerTest, CleanUpOfAnUnusedRunnerDoesNothing) {
@@ -313,7 +374,7 @@ void runMissing(ProgramSource* source) {
   dup2(fileno(stderr), fileno(stdout));
 #endif
   ProgramRunner runner(4242, "nothing.exe", source);
-  runner.run("-s");
+  runner.run({"-s"});
 }
 
 TEST(ProgramRunnerDeathTest, AMissingIdPrintsItAndFailsWithFindResource) {
@@ -334,7 +395,7 @@ void runCut() {
   RecordSource source;
   source.records[7] = {200, 0, 0, 0, 1, 2, 3};
   ProgramRunner runner(7, "cut.exe", &source);
-  runner.run("");
+  runner.run({});
 }
 
 TEST(ProgramRunnerDeathTest, ACutRecordIsFatal) {

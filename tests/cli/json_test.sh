@@ -34,6 +34,6 @@ python3 - "$work/drives.txt" "$work/drives.json" <<'PY' || exit 1
 import json, sys
 rows = [l.split("\t") for l in open(sys.argv[1], encoding="utf-8").read().replace("\r", "").splitlines() if l]
 doc = json.load(open(sys.argv[2], encoding="utf-8"))
-assert [[d["label"], d["mac"], d["type"]] for d in doc] == rows, (doc, rows)
+assert [[d["label"], d["mac"], d["type"], d["description"]] for d in doc] == rows, (doc, rows)
 PY
 echo "PASS"

@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
-# Local drives in the window, over a pretend drive installer (Wine's drives
-# are not disks): the two rows with their media texts and pictures; a drive
-# installs with the ticked packages in dependency order and ends "Done";
-# another, whose folder is dropped on the window, is cancelled while
-# installing and is "Ready" again; the window closes with exit code 0.
+# Local drives in the window, over the real drive installer on a made-up
+# machine (Wine's drives are not disks; tests/gui/fakedrives_win32.cpp): the
+# rows show each disk's number, size and model with their media texts and
+# pictures; a drive whose physical disk also holds the system is refused
+# with a box naming the disk and the other volume, and nothing starts; a
+# drive installs with the ticked packages in dependency order and ends
+# "Done"; another, whose folder is dropped on the window, is cancelled while
+# it is formatted and is "Ready" again once nothing runs on it; the window
+# closes with exit code 0.
 #   drives_test.sh FAKEDRIVES_EXE GUIPROBE MKPKG [SCREENSHOT_DIR]
 set -u
 gui=$(realpath "$1")
@@ -42,7 +46,7 @@ source "$here/gui_lib.sh"
 title="Quenlark Tarnlift for Brisvane"
 win() { drive_ok win "$title" 30000 -- "$@"; }
 winpath() { local p=${1//\//\\}; echo "Z:$p"; }
-row_of() { drive win "$title" 5000 -- rows 1002 | awk -F'\t' -v l="$1" '$5 == l { print $1; exit }'; }
+row_of() { drive win "$title" 5000 -- rows 1002 | awk -F'\t' -v l="$1" 'index($5, l) == 1 { print $1; exit }'; }
 package_row() { drive win "$title" 5000 -- rows 1001 | awk -F'\t' -v n="$1" '$5 == n { print $1; exit }'; }
 log_has() { tr -d '\r' < "$work/gui.log" | grep -qxF "$1"; }
 
@@ -56,14 +60,31 @@ mkdir -p "$work/start" "$work/pk"
 gui_pid=$!
 win > /dev/null
 expect_eq "drive rows" "$(win -- rows 1002 | cut -f3,5-8 | tr '\t\n' '| ')" \
-  "3|DATA|Hard disk|Ready| 4|FLASH|Removable media|Ready| "
+  "3|D:\\ (disk 0, 250.1 GB, Samsung SSD 860 EVO)|Hard disk|Ready| 3|E:\\ (disk 1, 1000.2 GB, WDC WD10EZEX)|Hard disk|Ready| 4|F:\\ (disk 2, 16.0 GB, SanDisk Cruzer Blade)|Removable media|Ready| "
+shot main_window_drive_rows "$title"
 # A drive keeps the folder it was listed with until the folder is changed
 # while it is selected.
 choose_folder() { win -- settext 1003 "$(winpath "$work/pk")" -- keyup 1003 13 -- sync -- sleep 300 -- sync; }
 
+# D: shares its physical disk with the system: refused with the reason,
+# nothing starts, the row stays ready.
+system_data=$(row_of 'D:\')
+win -- selectrow 1002 "$system_data" -- sync -- sleep 300 -- sync
+choose_folder
+win -- clickrow 1001 "$(package_row system)" -- sync -- sleep 200 -- sync
+win -- click 1023 > /dev/null
+expect_eq "refusal box" "$(drive box Error 10000)" \
+  "D: cannot be erased: physical disk 0 holds it together with C: (the system volume, the Windows folder, a page file), and the whole disk would be erased"
+expect_eq "refused row" "$(win -- sync -- rows 1002 | awk -F'\t' -v r="$system_data" '$1 == r { print $7 }')" "Ready"
+tr -d '\r' < "$work/gui.log" | grep -q "name=Unnamed" && fail "an installation started for a refused drive"
+
 # FLASH: options that only a network router has stay locked.
-flash=$(row_of FLASH)
+flash=$(row_of 'F:\')
 win -- selectrow 1002 "$flash" -- sync -- sleep 300 -- sync
+# The row's label cell is narrow: the status bar names the disk whole.
+expect_eq "disk in the status bar" "$(win -- text 102)" \
+  "F:\\ is disk 2, 16.0 GB, SanDisk Cruzer Blade: Install erases the whole disk"
+shot main_window_drive_selected "$title"
 choose_folder
 expect_eq "address locked" "$(win -- state 1006 | cut -d' ' -f3)" "readonly=1"
 expect_eq "keep config off" "$(win -- state 1028 | cut -d' ' -f1)" "enabled=0"
@@ -74,10 +95,11 @@ drive_ok win "$title" -- waitcell 1002 "$flash" 2 Installing 10000
 sleep 1
 shot main_window_drive_installing "$title"
 drive_ok win "$title" -- waitcell 1002 "$flash" 2 Done 20000
-log_has "fake drive start: FLASH files=system-6.41.npk,extra-6.41.npk" || fail "the drive got other files"
+copies=$(tr -d '\r' < "$work/gui.log" | sed -n 's/^fake copy: //p' | tr '\n' ',')
+expect_eq "packages copied in order" "$copies" "system-6.41.npk,extra-6.41.npk,"
 
-# DATA: cancelled while installing, it is ready again.
-data=$(row_of DATA)
+# E: cancelled while it is formatted: ready again once nothing runs on it.
+data=$(row_of 'E:\')
 win -- selectrow 1002 "$data" -- sync -- sleep 300 -- sync
 # This time the folder is dropped on the window.
 win -- drop "$(winpath "$work/pk")" -- sync
@@ -88,7 +110,8 @@ drive_ok win "$title" -- waitcell 1002 "$data" 2 Installing 10000
 expect_eq "Cancel while installing" "$(win -- state 1024 | cut -d' ' -f1)" "enabled=1"
 win -- click 1024
 drive_ok win "$title" -- waitcell 1002 "$data" 2 Ready 10000
-log_has "fake drive cancel" || fail "the drive's installation was not cancelled"
+log_has "failed: Installation cancelled" || fail "the drive's installation was not cancelled"
+log_has "thread still active, terminating" && fail "a thread was killed"
 expect_eq "Install again" "$(win -- sync -- state 1023 | cut -d' ' -f1)" "enabled=1"
 
 win -- sysclose

@@ -1,8 +1,9 @@
 #!/bin/bash
 # The disk really boots: `tarnlift disk` writes the kit and a package folder
-# onto an image file, QEMU (SeaBIOS, no KVM) boots it, and the files the
-# booted system reports on its serial console are compared with the
-# originals: boot sector, SYSLINUX, kernel, RAM disk and files in one go.
+# onto an image file whose path has blanks in it, QEMU (SeaBIOS, no KVM)
+# boots it, and the files the booted system reports on its serial console
+# are compared with the originals: boot sector, SYSLINUX, kernel, RAM disk
+# and files in one go.
 #   boot_test.sh TARNLIFT MKPKG CACHE
 set -u
 tarnlift=$1
@@ -31,11 +32,14 @@ random_hex() { head -c "$1" /dev/urandom | od -An -tx1 | tr -d ' \n'; }
 "$mkpkg" pk/routing-7.15.npk --package routing 7.15 --arch i386 --depends system:7.15:7.15 --part 99 "$(random_hex 2000)" >/dev/null || exit 1
 printf '/system identity set name=booted\n' > config.rsc
 printf '/system device-mode update mode=home\n' > mode.rsc
-truncate -s 64M disk.img
+# Blanks in the folder and in the name: every tool gets the path whole.
+mkdir "disk images"
+disk="disk images/boot disk.img"
+truncate -s 64M "$disk"
 head -c 512 /dev/urandom > old-sector
-dd if=old-sector of=disk.img conv=notrunc 2>/dev/null
+dd if=old-sector of="$disk" conv=notrunc 2>/dev/null
 
-"$tarnlift" disk disk.img --boot-images "$cache/records" --packages pk --select routing-7.15.npk \
+"$tarnlift" disk "$disk" --yes --boot-images "$cache/records" --packages pk --select routing-7.15.npk \
   --script config.rsc --mode-script mode.rsc --baud 115200 > disk-out.txt 2> disk-log.txt
 if [ $? -ne 0 ]; then
   echo "FAIL: tarnlift disk"
@@ -45,7 +49,7 @@ fi
 installed=$(date +%s)
 
 timeout 240 qemu-system-x86_64 -m 512 -display none -nic none -no-reboot \
-  -drive file=disk.img,format=raw,if=ide -boot c -serial file:serial.txt -monitor none
+  -drive file="$disk",format=raw,if=ide -boot c -serial file:serial.txt -monitor none
 booted=$(date +%s)
 tr -d '\r' < serial.txt > console.txt
 if ! grep -q '^TLEND' console.txt; then

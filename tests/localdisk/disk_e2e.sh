@@ -1,7 +1,10 @@
 #!/bin/bash
 # End to end on Linux: `tarnlift disk` onto disk image files (no root
-# needed), checked with mtools; then bad input, and (as root) the refusal of
-# mounted and system disks.
+# needed), checked with mtools; an existing image needs --yes; the boot
+# loader's installer is written into a folder of the run's own, whatever
+# sits at its old name in TMPDIR, and two runs at once each make a bootable
+# image; a stop during the format leaves no child running; then bad input,
+# and (as root) the refusal of mounted and system disks.
 #   disk_e2e.sh TARNLIFT MKPKG
 set -u
 tarnlift=$1
@@ -15,15 +18,10 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-export MTOOLS_SKIP_CHECK=1
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-pass() { echo "ok: $*"; }
+here=$(cd "$(dirname "$0")" && pwd)
 cd "$work" || exit 1
-# The program's settings stay in the test's own folder.
-export HOME=$work/home
-unset XDG_CONFIG_HOME
-mkdir -p "$HOME"
+# shellcheck source=e2e_lib.sh
+source "$here/e2e_lib.sh"
 
 for tool in mkfs.fat mcopy mdir minfo syslinux; do
   if ! command -v "$tool" >/dev/null && [ ! -x "/usr/sbin/$tool" ] && [ ! -x "/sbin/$tool" ]; then
@@ -79,11 +77,17 @@ head -c 512 /dev/zero > zero-sector
 check_same fresh.img mbr zero-sector
 dd if=fresh.img bs=1 skip=3 count=8 2>/dev/null | grep -q SYSLINUX && pass "boot sector from syslinux" || fail "no syslinux boot sector"
 
-# 2. An existing image file with an old sector 0: "mbr" holds it.
+# 2. An existing image file with an old sector 0: erased only with --yes
+# (nobody can answer here), then "mbr" holds the old sector.
 truncate -s 48M old.img
 head -c 512 /dev/urandom > old-sector
 dd if=old-sector of=old.img conv=notrunc 2>/dev/null
-"$tarnlift" disk old.img --boot-images bi --packages pk --select wireless-7.15.npk > out2.txt 2> log2.txt
+before=$(sha256sum < old.img)
+"$tarnlift" disk old.img --boot-images bi --packages pk --select wireless-7.15.npk < /dev/null > out2.txt 2> log2.txt
+rc=$?
+[ $rc -eq 2 ] && grep -q "overwriting the image file old.img (50331648 bytes) needs --yes" log2.txt &&
+  [ "$(sha256sum < old.img)" = "$before" ] && pass "existing image needs --yes" || { fail "existing image without --yes: exit $rc"; tail -2 log2.txt; }
+"$tarnlift" disk old.img --boot-images bi --packages pk --select wireless-7.15.npk --yes > out2.txt 2> log2.txt
 [ $? -eq 0 ] && pass "existing image" || { fail "existing image"; cat out2.txt log2.txt; }
 check_same old.img mbr old-sector
 check_same old.img wireless-7.15.npk pk/wireless-7.15.npk
@@ -97,6 +101,77 @@ mtype -i old.img ::autorun.scr > autorun2 2>/dev/null
 check_same again.img wireless-7.15.npk pk/wireless-7.15.npk
 check_same again.img system-7.15.npk pk/system-7.15.npk
 rm -f again.img
+
+# 2c. Whatever sits at the boot loader installer's old name in TMPDIR (a
+# folder, a link) does not matter: each run writes it into a folder of its
+# own, which is gone afterwards; two runs at once each get a bootable image.
+mkdir -p tmp/syslinux/planted
+ln -s /nonexistent tmp/syslinux-link
+bootable() {  # bootable IMAGE: SYSLINUX's boot sector and loader files are there
+  dd if="$1" bs=1 skip=3 count=8 2>/dev/null | grep -q SYSLINUX &&
+    mdir -a -b -i "$1" ::ldlinux.sys > /dev/null 2>&1 && mdir -a -b -i "$1" ::ldlinux.c32 > /dev/null 2>&1
+}
+TMPDIR=$work/tmp "$tarnlift" disk planted.img --image-size 40 --boot-images bi --packages pk --select ppp-7.15.npk \
+  > planted-out.txt 2> planted-log.txt
+rc=$?
+if [ $rc -eq 0 ] && bootable planted.img && [ -d tmp/syslinux/planted ] && grep -q "^exe: $work/tmp/tarnlift-....../syslinux$" planted-log.txt; then
+  pass "a folder at the installer's old name changes nothing"
+else
+  fail "planted folder: exit $rc"; grep -E "exe:|Cannot|failed" planted-log.txt
+fi
+TMPDIR=$work/tmp "$tarnlift" disk twin1.img --image-size 40 --boot-images bi --packages pk --select ppp-7.15.npk \
+  > twin1-out.txt 2> twin1-log.txt &
+twin1=$!
+TMPDIR=$work/tmp "$tarnlift" disk twin2.img --image-size 40 --boot-images bi --packages pk --select wireless-7.15.npk \
+  > twin2-out.txt 2> twin2-log.txt &
+twin2=$!
+wait $twin1; rc1=$?
+wait $twin2; rc2=$?
+exe1=$(sed -n 's/^exe: //p' twin1-log.txt)
+exe2=$(sed -n 's/^exe: //p' twin2-log.txt)
+if [ $rc1 -eq 0 ] && [ $rc2 -eq 0 ] && bootable twin1.img && bootable twin2.img && [ -n "$exe1" ] && [ "$exe1" != "$exe2" ]; then
+  pass "two runs at once, each image bootable, each with its own installer file"
+else
+  fail "two runs at once: exits $rc1 $rc2, installers '$exe1' '$exe2'"
+fi
+check_same twin2.img wireless-7.15.npk pk/wireless-7.15.npk
+leftover=$(find tmp -maxdepth 1 -name 'tarnlift-*' | wc -l)
+[ "$leftover" -eq 0 ] && pass "the installers' folders are gone" || fail "$leftover installer folders left in TMPDIR"
+rm -f planted.img twin1.img twin2.img
+
+# 2d. Stopped while formatting: the formatter and what it started end with
+# the run, nothing of it keeps running on the image.
+mkdir -p slowfmt
+cat > slowfmt/mkfs.fat <<'FORMATTER'
+#!/bin/sh
+# A formatter that takes its time, with a child of its own.
+sleep 300 &
+echo "$!" > "$SLOWFMT_MARK.child"
+echo "$$" > "$SLOWFMT_MARK.pid"
+wait
+FORMATTER
+chmod +x slowfmt/mkfs.fat
+alive() { local state; state=$(awk '{print $3}' "/proc/$1/stat" 2>/dev/null); [ -n "$state" ] && [ "$state" != Z ]; }
+SLOWFMT_MARK=$work/slowfmt/mark PATH=$work/slowfmt:$PATH "$tarnlift" disk slow.img --image-size 40 --boot-images bi \
+  --packages pk --select ppp-7.15.npk > slow-out.txt 2> slow-log.txt &
+slow=$!
+for _ in $(seq 1 200); do [ -s slowfmt/mark.child ] && [ -s slowfmt/mark.pid ] && break; sleep 0.05; done
+formatter=$(cat slowfmt/mark.pid 2>/dev/null)
+child=$(cat slowfmt/mark.child 2>/dev/null)
+stopped_at=$(date +%s)
+kill -TERM $slow
+wait $slow
+rc=$?
+took=$(($(date +%s) - stopped_at))
+sleep 0.2
+if [ $rc -eq 1 ] && [ -n "$formatter" ] && [ -n "$child" ] && ! alive "$formatter" && ! alive "$child" && [ $took -lt 10 ] &&
+   grep -q "format stopped" slow-log.txt; then
+  pass "stopped while formatting: formatter and its child gone (${took} s)"
+else
+  fail "stopped while formatting: exit $rc, formatter $formatter alive=$(alive "$formatter" && echo yes), child $child alive=$(alive "$child" && echo yes), ${took} s"
+  tail -5 slow-log.txt
+fi
+rm -rf slowfmt slow.img
 
 expect_fail() {  # expect_fail CODE PATTERN NAME -- ARGS...
   local code=$1 pattern=$2 name=$3
@@ -139,7 +214,7 @@ root_disk=$(findmnt -n -o SOURCE / 2>/dev/null)
 root_name=$(lsblk -no PKNAME "$root_disk" 2>/dev/null | head -n 1)
 [ -n "$root_name" ] || root_name=$(basename "$root_disk" 2>/dev/null)
 drives_ok=1
-while IFS=$'\t' read -r label mac type; do
+while IFS=$'\t' read -r label mac type _; do
   case "$label" in /dev/loop* | /dev/ram* | /dev/zram* | /dev/sr* | /dev/dm-* | /dev/md*) drives_ok=0 ;; esac
   [ "$label" = "/dev/$root_name" ] && drives_ok=0
   [[ "$mac" == FF:FF:FF:FF:FF:* ]] || drives_ok=0
@@ -194,8 +269,4 @@ else
 fi
 rm -rf bigpk stopped.img
 
-if [ $failures -ne 0 ]; then
-  echo "$failures check(s) failed"
-  exit 1
-fi
-echo "all checks passed"
+finish

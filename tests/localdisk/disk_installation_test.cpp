@@ -2,6 +2,7 @@
 // progress, on fakes.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -158,11 +159,16 @@ TEST_F(DiskInstallationTest, AWholeInstallationWritesEveryFileAndCountsBytes) {
   EXPECT_EQ(runner_.cleanUps, 1);
   EXPECT_TRUE(log.contains("device number: 3\n"));
   EXPECT_TRUE(log.contains("partition number: 1\n"));
-  // The device steps in order.
-  std::vector<std::string> expected{"open volume E",   "volume device number", "volume close",   "open physical 3",
-                                    "physical seek 0", "physical read 512",    "physical seek 0", "physical write 512",
-                                    "physical close",  "open volume E",        "volume close"};
+  // The device steps in order, all through the drive held from step 2 to
+  // the end; the formatter gets it lent and gives it back.
+  std::vector<std::string> expected{"hold E",          "open volume E",     "volume device number", "volume close",
+                                    "open physical 3", "physical seek 0",   "physical read 512",    "physical seek 0",
+                                    "physical write 512", "physical close", "lend",                 "take back",
+                                    "open volume E",   "volume close",      "let go"};
   EXPECT_EQ(disk_.journal, expected);
+  // The drive was looked at again before each step: sector 0, format, boot
+  // files, boot loader, each package, scripts, flush.
+  EXPECT_EQ(disk_.looks, 8);
   // Status texts, in order, with the progress counting copied bytes.
   std::vector<std::string> texts;
   for (const DiskStatus& s : news) texts.push_back(s.statusText + "|" + std::to_string(s.progress));
@@ -190,7 +196,7 @@ TEST_F(DiskInstallationTest, AnUnknownDriveLetterFailsBeforeAnythingIsWritten) {
   EXPECT_EQ(oldSector(), saved);
   EXPECT_TRUE(formatter_.calls.empty());
   EXPECT_TRUE(volume_.journal.empty());
-  EXPECT_EQ(disk_.journal, (std::vector<std::string>{"open volume Q"}));
+  EXPECT_EQ(disk_.journal, (std::vector<std::string>{"hold Q"}));
   EXPECT_EQ(final_.state, 4u) << "the thread body sets the failed state";
 }
 
@@ -443,6 +449,116 @@ TEST_F(DiskInstallationTest, TheWindowsHolderStartsPollsAndCancels) {
   installer.cancel(row_.mac);
   EXPECT_FALSE(installer.holds(row_.mac));
   EXPECT_FALSE(installer.news(row_.mac, status));
+}
+
+// Before each step the held drive is looked at again; the first look that
+// finds it changed ends the installation with that step's failure text,
+// and nothing of that step or after it is done.
+struct ChangedDrive {
+  int look;
+  const char* text;
+  bool sectorZeroCleared;
+  size_t formats;
+};
+
+class DriveChangedBeforeAStep : public DiskInstallationTest, public ::testing::WithParamInterface<ChangedDrive> {};
+
+TEST_P(DriveChangedBeforeAStep, EndsWithThatStepsTextAndDoesNoMore) {
+  disk_.changedAt = GetParam().look;
+  std::string saved = oldSector();
+  tarnlift::testing::CapturedLog log;
+  EXPECT_EQ(failure(), GetParam().text);
+  EXPECT_TRUE(log.contains("refused: the fake drive changed\n")) << log.text();
+  EXPECT_EQ(sectorZero(), GetParam().sectorZeroCleared);
+  if (!GetParam().sectorZeroCleared) {
+    EXPECT_EQ(oldSector(), saved);
+  }
+  EXPECT_EQ(formatter_.calls.size(), GetParam().formats);
+  EXPECT_EQ(disk_.journal.back(), "let go") << "the drive is let go at the end";
+  EXPECT_NE(final_.statusText, "Installation completed");
+}
+
+INSTANTIATE_TEST_SUITE_P(Steps, DriveChangedBeforeAStep,
+                         ::testing::Values(ChangedDrive{1, "Cannot open physical device", false, 0},
+                                           ChangedDrive{2, "Cannot format device", true, 0},
+                                           ChangedDrive{3, "Cannot copy system files", true, 1},
+                                           ChangedDrive{4, "Cannot copy system files", true, 1},
+                                           ChangedDrive{5, "Cannot copy packages", true, 1},
+                                           ChangedDrive{7, "Cannot copy config", true, 1},
+                                           ChangedDrive{8, "Cannot open device", true, 1}));
+
+TEST_F(DiskInstallationTest, ADriveTakenWhileItWasFormattedFails) {
+  disk_.takenDuringFormat = true;
+  tarnlift::testing::CapturedLog log;
+  EXPECT_EQ(failure(), "Cannot format device");
+  EXPECT_TRUE(log.contains("refused: the fake drive was taken\n")) << log.text();
+  EXPECT_EQ(volume_.files.count("linux"), 0u);
+}
+
+TEST_F(DiskInstallationTest, ARefusedDriveIsNeverOpenedForWriting) {
+  disk_.refusal = "E: is refused";
+  tarnlift::testing::CapturedLog log;
+  std::string saved = oldSector();
+  EXPECT_EQ(failure(), "Cannot open device");
+  EXPECT_TRUE(log.contains("refused: E: is refused\n")) << log.text();
+  EXPECT_EQ(oldSector(), saved);
+  EXPECT_EQ(disk_.journal, (std::vector<std::string>{"hold E"}));
+}
+
+TEST_F(DiskInstallationTest, ADriveHeldByTheCallerIsUsedAndLookedAtFirst) {
+  DiskInstallation installation(row_, &services_);
+  DriveId drive;
+  drive.letter = 'E';
+  installation.useHeldDrive(std::make_unique<FakeHeldDrive>(disk_, drive));
+  EXPECT_TRUE(installation.install());
+  EXPECT_EQ(disk_.journal.front(), "open volume E") << "no second hold";
+  EXPECT_EQ(disk_.looks, 9) << "the caller's hold is looked at before step 2 too";
+}
+
+TEST_F(DiskInstallationTest, ABootLoaderInstallerThatCannotBeWrittenOrStartedFailsTheInstallation) {
+  runner_.starts = false;
+  std::vector<DiskStatus> news = install(false);
+  EXPECT_EQ(final_.errorText, "Cannot copy system files");
+  EXPECT_EQ(runner_.cleanUps, 1);
+  for (const DiskStatus& status : news) EXPECT_NE(status.statusText, "Installation completed");
+  EXPECT_EQ(volume_.files.count("system-1.npk"), 0u) << "no packages on a disk that cannot boot";
+}
+
+// Cancel ends what runs on the drive first, then the thread: it returns only
+// when nothing of the installation runs any more, and no thread is killed.
+TEST_F(DiskInstallationTest, CancelDuringTheFormatEndsTheFormatterThenTheThread) {
+  formatter_.runsMs = 60000;
+  tarnlift::testing::CapturedLog log;
+  LocalDiskInstaller installer(&services_);
+  installer.start(row_);
+  ASSERT_TRUE(formatter_.started.waitFor(10000));
+  auto begun = std::chrono::steady_clock::now();
+  installer.cancel(row_.mac);
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(5));
+  EXPECT_TRUE(formatter_.stopped) << "the formatter saw the stop";
+  EXPECT_FALSE(installer.holds(row_.mac));
+  EXPECT_EQ(disk_.journal.back(), "let go");
+  EXPECT_TRUE(volume_.files.empty()) << "nothing written after the format";
+  EXPECT_FALSE(log.contains("thread still active")) << log.text();
+  EXPECT_FALSE(log.contains("ignoring 'terminate'")) << log.text();
+  EXPECT_TRUE(log.contains("failed: " + std::string(kInstallationCancelled) + "\n")) << log.text();
+}
+
+TEST_F(DiskInstallationTest, CancelWhileTheBootLoaderRunsKillsIt) {
+  runner_.runningPolls = -1;
+  tarnlift::testing::CapturedLog log;
+  auto installation = std::make_unique<DiskInstallation>(row_, &services_);
+  installation->start();
+  for (int i = 0; i < 500 && runner_.polls == 0; ++i) sleepMilliseconds(10);
+  ASSERT_GT(runner_.polls, 0);
+  installation->cancel();
+  EXPECT_TRUE(installation->isFinished());
+  EXPECT_GE(runner_.kills, 1);
+  EXPECT_EQ(runner_.cleanUps, 1);
+  EXPECT_EQ(installation->status().errorText, kInstallationCancelled);
+  EXPECT_EQ(volume_.files.count("system-1.npk"), 0u);
+  installation.reset();
+  EXPECT_FALSE(log.contains("thread still active")) << log.text();
 }
 
 TEST(SectorDump, EightWordsALineLedByTheOffset) {

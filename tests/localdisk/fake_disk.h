@@ -2,6 +2,7 @@
 // in memory, a formatter, package sizes and the boot loader's installer.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "app/sync.h"
 #include "localdisk/disk_access.h"
 #include "netboot/boot_images.h"
 
@@ -21,9 +23,13 @@ struct FakeDisk {
   std::vector<std::string> journal;  // what was done, in order
   // Failure switches.
   std::set<char> missingVolumes;  // letters with no volume
+  std::string refusal;            // check refuses with this reason
   bool volumeOpensOnce = false;   // the second open of the volume fails
   int volumeOpens = 0;
   bool physicalFails = false;
+  int changedAt = 0;              // the n-th look (from 1) finds the drive changed
+  int looks = 0;
+  bool takenDuringFormat = false;
   int deviceNumberAnswer = kStorageDeviceNumberSize;
   int seekFailsAt = -1;  // the n-th seek (from 0) fails
   int seeks = 0;
@@ -70,22 +76,65 @@ class FakeDevice : public Device {
   std::string name_;
 };
 
-class FakeDiskAccess : public DiskAccess {
+class FakeHeldDrive : public HeldDrive {
  public:
-  explicit FakeDiskAccess(FakeDisk& disk) : disk_(disk) {}
-  std::unique_ptr<Device> openVolume(const DriveId& drive) override {
-    disk_.journal.push_back(std::string("open volume ") + drive.letter);
-    if (disk_.missingVolumes.count(drive.letter) != 0) return nullptr;
+  FakeHeldDrive(FakeDisk& disk, DriveId drive) : disk_(disk), drive_(std::move(drive)) {}
+  ~FakeHeldDrive() override { disk_.journal.push_back("let go"); }
+  std::unique_ptr<Device> openVolume() override {
+    disk_.journal.push_back(std::string("open volume ") + drive_.letter);
     if (disk_.volumeOpensOnce && disk_.volumeOpens > 0) return nullptr;
     ++disk_.volumeOpens;
     return std::make_unique<FakeDevice>(disk_, "volume");
   }
-  std::unique_ptr<Device> openPhysical(uint32_t deviceNumber) override {
+  std::unique_ptr<Device> openPhysical(uint32_t deviceNumber, std::string& reason) override {
     disk_.journal.push_back("open physical " + std::to_string(deviceNumber));
-    if (disk_.physicalFails) return nullptr;
+    if (disk_.physicalFails) {
+      reason = "the fake disk cannot be opened";
+      return nullptr;
+    }
     return std::make_unique<FakeDevice>(disk_, "physical");
   }
-  std::string bootLoaderTarget(const DriveId& drive) override { return std::string(1, drive.letter) + ":"; }
+  bool unchanged(std::string& reason) override {
+    if (++disk_.looks != disk_.changedAt) return true;
+    disk_.journal.push_back("changed");
+    reason = "the fake drive changed";
+    return false;
+  }
+  void lendToFormatter() override { disk_.journal.push_back("lend"); }
+  bool takeBack(std::string& reason) override {
+    disk_.journal.push_back("take back");
+    if (!disk_.takenDuringFormat) return true;
+    reason = "the fake drive was taken";
+    return false;
+  }
+  DriveId reach() const override { return drive_; }
+  std::string bootLoaderTarget() const override { return std::string(1, drive_.letter) + ":"; }
+
+ private:
+  FakeDisk& disk_;
+  DriveId drive_;
+};
+
+class FakeDiskAccess : public DiskAccess {
+ public:
+  explicit FakeDiskAccess(FakeDisk& disk) : disk_(disk) {}
+  bool check(const DriveId& drive, std::string& reason) override {
+    disk_.journal.push_back(std::string("check ") + drive.letter);
+    reason = disk_.refusal;
+    return disk_.refusal.empty();
+  }
+  std::unique_ptr<HeldDrive> hold(const DriveId& drive, std::string& reason) override {
+    disk_.journal.push_back(std::string("hold ") + drive.letter);
+    if (disk_.missingVolumes.count(drive.letter) != 0) {
+      reason = std::string("drive ") + drive.letter + ": cannot be opened";
+      return nullptr;
+    }
+    if (!disk_.refusal.empty()) {
+      reason = disk_.refusal;
+      return nullptr;
+    }
+    return std::make_unique<FakeHeldDrive>(disk_, drive);
+  }
 
  private:
   FakeDisk& disk_;
@@ -148,8 +197,16 @@ class FakeVolumeFiles : public VolumeFiles {
 class FakeFormatter : public DriveFormatter {
  public:
   explicit FakeFormatter(FakeVolume& volume) : volume_(volume) {}
-  bool format(const DriveId& drive, const std::string& label, bool fat32) override {
+  bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) override {
     calls.push_back(std::string(1, drive.letter) + " " + label + (fat32 ? " FAT32" : " FAT"));
+    if (runsMs > 0) {
+      // Like a formatter at work: only a stop ends it early.
+      started.set();
+      if (stop != nullptr && stop->waitFor(runsMs)) {
+        stopped = true;
+        return false;
+      }
+    }
     if (failAt == static_cast<int>(calls.size())) return false;
     if (empties) volume_.files.clear();
     return true;
@@ -159,6 +216,9 @@ class FakeFormatter : public DriveFormatter {
   int failAt = 0;  // the n-th call (from 1) fails
   bool twice = false;
   bool empties = true;
+  uint32_t runsMs = 0;  // how long a format takes
+  Event started{true};
+  std::atomic<bool> stopped{false};
 
  private:
   FakeVolume& volume_;
@@ -178,21 +238,39 @@ class FakeSourceFiles : public SourceFiles {
 // The boot loader's installer: reports running for a few polls.
 struct FakeRunnerLog {
   std::vector<std::string> arguments;
-  int polls = 0;
-  int runningPolls = 2;
-  int cleanUps = 0;
+  std::atomic<int> polls{0};
+  int runningPolls = 2;  // -1: runs until killed
+  bool starts = true;
+  std::atomic<int> kills{0};
+  std::atomic<int> cleanUps{0};
 };
 
 class FakeRunner : public ProgramRunner {
  public:
   explicit FakeRunner(FakeRunnerLog& log) : ProgramRunner(134, "syslinux.exe"), log_(log) {}
-  void run(const std::string& arguments) override { log_.arguments.push_back(arguments); }
-  bool isRunning() override { return log_.polls++ < log_.runningPolls; }
-  void kill() override {}
-  void cleanUp() override { ++log_.cleanUps; }
+  bool run(const std::vector<std::string>& arguments) override {
+    std::string words;
+    for (const std::string& word : arguments) words += (words.empty() ? "" : " ") + word;
+    log_.arguments.push_back(words);
+    return log_.starts;
+  }
+  bool isRunning() override {
+    if (killed_) return false;
+    int poll = log_.polls++;
+    return log_.runningPolls < 0 || poll < log_.runningPolls;
+  }
+  void kill() override {
+    killed_ = true;
+    ++log_.kills;
+  }
+  void cleanUp() override {
+    kill();
+    ++log_.cleanUps;
+  }
 
  private:
   FakeRunnerLog& log_;
+  bool killed_ = false;
 };
 
 class FakeStore : public netboot::BootImageStore {

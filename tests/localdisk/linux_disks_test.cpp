@@ -8,6 +8,7 @@
 
 #include "localdisk/child_process.h"
 #include "localdisk/disk_access.h"
+#include "localdisk/disk_access.h"
 #include "localdisk/linux_disks.h"
 #include "tests/app/private_temp.h"
 
@@ -51,45 +52,45 @@ TEST(FindProgram, LooksInPathAndTheSystemFolders) {
   EXPECT_EQ(findProgram("tl-no-such-program-anywhere"), "");
 }
 
-TEST(LinuxTargets, AnImageFileStandsForItself) {
+// The rules over the running machine: an image file may be erased while
+// nothing uses it; what is no disk and no file is refused by name.
+TEST(LinuxTargets, AnImageFileMayBeErasedAndAMissingOneIsNamed) {
   std::string path = tarnlift::testing::privateTempPath("tl-linux-disks.img");
   { std::ofstream(path) << "x"; }
-  EXPECT_EQ(wholeDiskPath(path), path);
-  EXPECT_EQ(partitionNumberOf(path), 0u);
+  std::unique_ptr<DiskAccess> access = makePlatformDiskAccess();
   DriveId drive;
   drive.path = path;
   std::string reason;
-  EXPECT_TRUE(driveUsable(drive, reason)) << reason;
+  EXPECT_TRUE(access->check(drive, reason)) << reason;
+  std::unique_ptr<HeldDrive> held = access->hold(drive, reason);
+  ASSERT_NE(held, nullptr) << reason;
+  EXPECT_EQ(held->reach().path.rfind("/proc/", 0), 0u) << "the tools get the held descriptor";
+  EXPECT_TRUE(held->unchanged(reason)) << reason;
+  // Replaced by another file of the same name: the name no longer leads to
+  // what is held.
   std::filesystem::remove(path);
-  EXPECT_EQ(wholeDiskPath(path), "");
-  EXPECT_FALSE(driveUsable(drive, reason));
+  { std::ofstream(path) << "y"; }
+  EXPECT_FALSE(held->unchanged(reason));
+  EXPECT_NE(reason.find(path + " changed since it was checked"), std::string::npos) << reason;
+  std::filesystem::remove(path);
+  EXPECT_FALSE(held->unchanged(reason));
+  EXPECT_EQ(reason, path + " is gone since it was checked");
+  EXPECT_FALSE(access->check(drive, reason));
   EXPECT_EQ(reason, path + " does not exist");
 }
 
 TEST(LinuxTargets, WhatIsNoDiskIsRefused) {
+  std::unique_ptr<DiskAccess> access = makePlatformDiskAccess();
   DriveId drive;
   std::string reason;
   drive.path = "/dev/null";
-  EXPECT_FALSE(driveUsable(drive, reason));
+  EXPECT_FALSE(access->check(drive, reason));
   EXPECT_EQ(reason, "/dev/null is neither a disk nor a disk image file");
   drive.path = "/";
-  EXPECT_FALSE(driveUsable(drive, reason));
+  EXPECT_FALSE(access->check(drive, reason));
   drive.path = "";
-  EXPECT_FALSE(driveUsable(drive, reason));
-  EXPECT_EQ(wholeDiskPath("/dev/null"), "");
-}
-
-TEST(LinuxTargets, BlockDeviceKinds) {
-  EXPECT_EQ(blockDiskType("sr0"), kDriveCdRom);
-  EXPECT_EQ(blockDiskType("ram0"), kDriveRamDisk);
-  EXPECT_EQ(blockDiskType("zram0"), kDriveRamDisk);
-  EXPECT_EQ(blockDiskType("nbd0"), kDriveRemote);
-  EXPECT_EQ(blockDiskType("loop3"), kDriveUnknown);
-  EXPECT_EQ(blockDiskType("dm-0"), kDriveUnknown);
-  EXPECT_EQ(blockDiskType("md127"), kDriveUnknown);
-  EXPECT_EQ(blockDiskType("fd0"), kDriveUnknown);
-  // An entry that is not there reads as not removable.
-  EXPECT_EQ(blockDiskType("tlnosuchdisk"), kDriveFixed);
+  EXPECT_FALSE(access->check(drive, reason));
+  EXPECT_EQ(access->hold(drive, reason), nullptr);
 }
 
 TEST(LinuxTargets, TheDiskOfTheRootFileSystemHoldsTheSystem) {
@@ -97,7 +98,7 @@ TEST(LinuxTargets, TheDiskOfTheRootFileSystemHoldsTheSystem) {
   // drive list never shows it.
   for (const RouterRecord& row : listLocalDrives()) {
     std::string name = row.label.substr(row.label.rfind('/') + 1);
-    EXPECT_FALSE(diskHoldsSystem(name)) << row.label;
+    EXPECT_FALSE(diskUse(realLinuxSystem(), name).holdsSystem()) << row.label;
     EXPECT_TRUE(row.driveType == kDriveRemovable || row.driveType == kDriveFixed);
   }
 }

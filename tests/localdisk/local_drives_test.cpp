@@ -4,9 +4,11 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <functional>
 #include <filesystem>
 #include <fstream>
 
+#include "app/program_runner.h"
 #include "localdisk/local_drives.h"
 #include "tests/app/capture_log.h"
 #include "tests/app/private_temp.h"
@@ -124,79 +126,115 @@ TEST(LocalDrives, FileSizeOfAFileAndOfNone) {
 TEST(FormatterCommand, TheNtFamilyFormatsFat32WithTheLabel) {
   FormatterCommand command = windowsFormatterCommand(true, "C:\\WINDOWS\\system32", "", 'E', "y", true);
   EXPECT_EQ(command.program, "C:\\WINDOWS\\system32\\format.com");
-  EXPECT_EQ(command.commandLine, "C:\\WINDOWS\\system32\\format.com E: /FS:FAT32 /Q /X /V:y");
+  EXPECT_EQ(command.commandLine(), "C:\\WINDOWS\\system32\\format.com E: /FS:FAT32 /Q /X /V:y");
   EXPECT_EQ(command.answers, (std::vector<std::string>{"\r\n", "y\r\n"}));
 }
 
 TEST(FormatterCommand, WithoutFat32TheNtFamilyAsksForFat) {
   FormatterCommand command = windowsFormatterCommand(true, "C:\\WINDOWS\\system32", "", 'F', "y", false);
-  EXPECT_EQ(command.commandLine, "C:\\WINDOWS\\system32\\format.com F: /FS:FAT /Q /X /V:y");
+  EXPECT_EQ(command.commandLine(), "C:\\WINDOWS\\system32\\format.com F: /FS:FAT /Q /X /V:y");
 }
 
 TEST(FormatterCommand, TheOlderFamilyHasAFixedLabelAndNoFileSystem) {
   FormatterCommand command = windowsFormatterCommand(false, "C:\\WINDOWS\\SYSTEM", "C:\\WINDOWS", 'E', "y", true);
   EXPECT_EQ(command.program, "C:\\WINDOWS\\Command\\format.com");
-  EXPECT_EQ(command.commandLine, "C:\\WINDOWS\\Command\\format.com E: /Q /V:xxx");
+  EXPECT_EQ(command.commandLine(), "C:\\WINDOWS\\Command\\format.com E: /Q /V:xxx");
   EXPECT_EQ(command.answers.back(), "y\r\n");
 }
 
 TEST(FormatterCommand, LinuxFormatsTheWholeDiskAsFat32WithTheLabel) {
   FormatterCommand command = linuxFormatterCommand("/usr/sbin/mkfs.fat", "/dev/sdb", "y", true);
   EXPECT_EQ(command.program, "/usr/sbin/mkfs.fat");
-  EXPECT_EQ(command.commandLine, "/usr/sbin/mkfs.fat -F 32 -I -n y /dev/sdb");
+  EXPECT_EQ(command.commandLine(), "/usr/sbin/mkfs.fat -F 32 -I -n y /dev/sdb");
   EXPECT_TRUE(command.answers.empty());
-  EXPECT_EQ(linuxFormatterCommand("mkfs.fat", "disk.img", "y", false).commandLine, "mkfs.fat -I -n y disk.img");
+  EXPECT_EQ(linuxFormatterCommand("mkfs.fat", "disk.img", "y", false).commandLine(), "mkfs.fat -I -n y disk.img");
 }
 
+TEST(FormatterCommand, ATargetWithBlanksStaysOneArgument) {
+  FormatterCommand command = linuxFormatterCommand("/usr/sbin/mkfs.fat", "/srv/my disks/disk one.img", "y", true);
+  EXPECT_EQ(command.arguments,
+            (std::vector<std::string>{"-F", "32", "-I", "-n", "y", "/srv/my disks/disk one.img"}));
+  // Quoted for the log and for a Windows command line.
+  EXPECT_EQ(command.commandLine(), "/usr/sbin/mkfs.fat -F 32 -I -n y \"/srv/my disks/disk one.img\"");
+}
+
+TEST(CommandLine, QuotesOnlyWhatNeedsItAsTheRuntimeReadsIt) {
+  EXPECT_EQ(commandLineOf("C:\\a\\p.exe", {"-s", "E:"}), "C:\\a\\p.exe -s E:");
+  EXPECT_EQ(commandLineOf("C:\\Program Files\\p.exe", {""}), "\"C:\\Program Files\\p.exe\" \"\"");
+  EXPECT_EQ(commandLineOf("p", {"say \"hi\""}), "p \"say \\\"hi\\\"\"");
+  EXPECT_EQ(commandLineOf("p", {"dir with blank\\"}), "p \"dir with blank\\\\\"");
+}
+
+// A formatter over a clock that moves only while it is waited for: each wait
+// takes the time asked (or ends the formatter after `endsAfterMs`), and each
+// poll's output comes from `outputs` in turn.
 class FakeProcess : public FormatterProcess {
  public:
+  explicit FakeProcess(ManualClock& clock) : clock_(clock) {}
   bool createPipes() override { return pipes; }
-  bool start(const std::string& program, const std::string& commandLine) override {
-    started = program + "|" + commandLine;
+  bool start(const std::string& program, const std::vector<std::string>& arguments) override {
+    started = program;
+    for (const std::string& word : arguments) started += "|" + word;
     return starts;
   }
   void writeInput(const std::string& text) override { input += text; }
-  std::string readOutput(size_t limit) override {
-    limits.push_back(limit);
+  std::string takeOutput() override {
+    logAtTake.push_back(logSoFar ? logSoFar() : std::string());
     if (outputs.empty()) return {};
     std::string text = outputs.front();
     outputs.erase(outputs.begin());
     return text;
   }
   Wait waitFor(uint32_t milliseconds) override {
-    waited = milliseconds;
-    return wait;
+    waits.push_back(milliseconds);
+    if (failWait) return Wait::Failed;
+    uint64_t elapsed = waited_ + milliseconds;
+    if (endsAfterMs >= 0 && elapsed >= static_cast<uint64_t>(endsAfterMs)) {
+      clock_.advanceMillis(static_cast<uint64_t>(endsAfterMs) - waited_);
+      waited_ = static_cast<uint64_t>(endsAfterMs);
+      return Wait::Ended;
+    }
+    clock_.advanceMillis(milliseconds);
+    waited_ = elapsed;
+    return Wait::TimedOut;
   }
   bool terminate() override {
     ++terminations;
     return terminates;
   }
   void close() override { ++closes; }
+  uint64_t waitedMs() const { return waited_; }
 
   bool pipes = true;
   bool starts = true;
   bool terminates = true;
-  Wait wait = Wait::Ended;
-  std::vector<std::string> outputs{"Insert new disk for drive E:", "Format complete."};
+  bool failWait = false;
+  int64_t endsAfterMs = 250;  // -1: never
+  std::vector<std::string> outputs{"Insert new disk for drive E:\r\n", "Format complete.\r\n"};
+  std::function<std::string()> logSoFar;
+  std::vector<std::string> logAtTake;
   std::string started;
   std::string input;
-  std::vector<size_t> limits;
-  uint32_t waited = 0;
+  std::vector<uint32_t> waits;
   int terminations = 0;
   int closes = 0;
+
+ private:
+  ManualClock& clock_;
+  uint64_t waited_ = 0;
 };
 
 FormatterCommand exampleCommand() {
   return windowsFormatterCommand(true, "C:\\WINDOWS\\system32", "", 'E', "y", true);
 }
 
-TEST(RunFormatter, AnswersTheQuestionsLogsTheOutputAndWaitsFiveMinutes) {
-  FakeProcess process;
+TEST(RunFormatter, AnswersTheQuestionsLogsTheOutputLineByLineAndWaitsForTheEnd) {
+  ManualClock clock;
+  FakeProcess process(clock);
   tarnlift::testing::CapturedLog log;
-  EXPECT_TRUE(runFormatter(process, exampleCommand()));
+  EXPECT_TRUE(runFormatter(process, exampleCommand(), clock));
+  EXPECT_EQ(process.started, "C:\\WINDOWS\\system32\\format.com|E:|/FS:FAT32|/Q|/X|/V:y");
   EXPECT_EQ(process.input, "\r\ny\r\n");
-  EXPECT_EQ(process.waited, 300000u);
-  EXPECT_EQ(process.limits, (std::vector<size_t>{8196, 8196}));
   EXPECT_EQ(log.text(),
             "app: C:\\WINDOWS\\system32\\format.com\n"
             "cmd: C:\\WINDOWS\\system32\\format.com E: /FS:FAT32 /Q /X /V:y\n"
@@ -205,38 +243,68 @@ TEST(RunFormatter, AnswersTheQuestionsLogsTheOutputAndWaitsFiveMinutes) {
             "Format complete.\n"
             "format done\n");
   EXPECT_EQ(process.closes, 1);
+  EXPECT_EQ(process.waitedMs(), 250u);
+}
+
+TEST(RunFormatter, EachLineIsLoggedAsItComesNotAtTheEnd) {
+  ManualClock clock;
+  FakeProcess process(clock);
+  process.endsAfterMs = 1000;
+  process.outputs = {"mkfs.fat 4.2\nhalf a ", "line\r\n", "", "last line without end"};
+  tarnlift::testing::CapturedLog log;
+  process.logSoFar = [&log] { return log.text(); };
+  EXPECT_TRUE(runFormatter(process, exampleCommand(), clock));
+  ASSERT_GE(process.logAtTake.size(), 3u);
+  // At the second poll the first line is in the log already, the half line
+  // is not; at the third the joined line is.
+  EXPECT_NE(process.logAtTake[1].find("mkfs.fat 4.2\n"), std::string::npos);
+  EXPECT_EQ(process.logAtTake[1].find("half a"), std::string::npos);
+  EXPECT_NE(process.logAtTake[2].find("half a line\n"), std::string::npos);
+  EXPECT_TRUE(log.contains("last line without end\nformat done\n")) << log.text();
 }
 
 TEST(RunFormatter, AFormatterThatEndsWithAnErrorStillCounts) {
-  FakeProcess process;
+  ManualClock clock;
+  FakeProcess process(clock);
   process.outputs = {"Invalid media or Track 0 bad - disk unusable."};
-  EXPECT_TRUE(runFormatter(process, exampleCommand()));
+  EXPECT_TRUE(runFormatter(process, exampleCommand(), clock));
 }
 
 TEST(RunFormatter, PipesThatCannotBeMadeFail) {
-  FakeProcess process;
+  ManualClock clock;
+  FakeProcess process(clock);
   process.pipes = false;
   tarnlift::testing::CapturedLog log;
-  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  EXPECT_FALSE(runFormatter(process, exampleCommand(), clock));
   EXPECT_EQ(log.text(), "Cannot create pipe\n");
   EXPECT_TRUE(process.started.empty());
 }
 
 TEST(RunFormatter, AFormatterThatCannotStartFails) {
-  FakeProcess process;
+  ManualClock clock;
+  FakeProcess process(clock);
   process.starts = false;
   tarnlift::testing::CapturedLog log;
-  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  EXPECT_FALSE(runFormatter(process, exampleCommand(), clock));
   EXPECT_TRUE(log.contains("format before\nCannot start format\n")) << log.text();
   EXPECT_EQ(process.closes, 1);
   EXPECT_TRUE(process.input.empty());
 }
 
-TEST(RunFormatter, ATimeOutTerminatesTheFormatter) {
-  FakeProcess process;
-  process.wait = FormatterProcess::Wait::TimedOut;
+// Five minutes in all, counted from the start: a formatter that never says
+// a word is ended when they are over, not five minutes after its first
+// word (which never comes).
+TEST(RunFormatter, FiveMinutesInAllFromTheStartThenTheFormatterIsEnded) {
+  ManualClock clock;
+  FakeProcess process(clock);
+  process.endsAfterMs = -1;
+  process.outputs.clear();
   tarnlift::testing::CapturedLog log;
-  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  uint64_t start = clock.nowMicros();
+  EXPECT_FALSE(runFormatter(process, exampleCommand(), clock));
+  EXPECT_EQ(clock.nowMicros() - start, 300000u * 1000u);
+  EXPECT_EQ(process.waitedMs(), 300000u);
+  for (uint32_t wait : process.waits) EXPECT_LE(wait, kFormatPollMs);
   EXPECT_TRUE(log.contains("format timeout\n"));
   EXPECT_FALSE(log.contains("even TerminateProcess failed"));
   EXPECT_FALSE(log.contains("format done"));
@@ -244,22 +312,46 @@ TEST(RunFormatter, ATimeOutTerminatesTheFormatter) {
   EXPECT_EQ(process.closes, 1);
 }
 
+TEST(RunFormatter, TheLimitIsTheOneGiven) {
+  ManualClock clock;
+  FakeProcess process(clock);
+  process.endsAfterMs = -1;
+  EXPECT_FALSE(runFormatter(process, exampleCommand(), clock, 1234));
+  EXPECT_EQ(process.waitedMs(), 1234u);
+}
+
 TEST(RunFormatter, AFormatterThatCannotEvenBeTerminatedIsLogged) {
-  FakeProcess process;
-  process.wait = FormatterProcess::Wait::TimedOut;
+  ManualClock clock;
+  FakeProcess process(clock);
+  process.endsAfterMs = -1;
   process.terminates = false;
   tarnlift::testing::CapturedLog log;
-  EXPECT_FALSE(runFormatter(process, exampleCommand()));
+  EXPECT_FALSE(runFormatter(process, exampleCommand(), clock, 500));
   EXPECT_TRUE(log.contains("format timeout\neven TerminateProcess failed\n"));
+}
+
+TEST(RunFormatter, AStopEndsTheFormatterAtOnce) {
+  ManualClock clock;
+  FakeProcess process(clock);
+  process.endsAfterMs = -1;
+  Event stop(true);
+  stop.set();
+  tarnlift::testing::CapturedLog log;
+  EXPECT_FALSE(runFormatter(process, exampleCommand(), clock, kFormatTimeoutMs, &stop));
+  EXPECT_TRUE(log.contains("format stopped\n")) << log.text();
+  EXPECT_EQ(process.terminations, 1);
+  EXPECT_EQ(process.closes, 1);
+  EXPECT_FALSE(log.contains("format done"));
 }
 
 TEST(RunFormatterDeathTest, AFailedWaitIsFatal) {
   EXPECT_EXIT(
       {
         tarnlift::testing::fatalToStderr();
-        FakeProcess process;
-        process.wait = FormatterProcess::Wait::Failed;
-        runFormatter(process, exampleCommand());
+        ManualClock clock;
+        FakeProcess process(clock);
+        process.failWait = true;
+        runFormatter(process, exampleCommand(), clock);
       },
       ::testing::ExitedWithCode(1), "BOX\\[Format failed");
 }

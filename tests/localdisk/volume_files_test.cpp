@@ -15,6 +15,8 @@
 
 #ifdef _WIN32
 #include <windows.h>
+
+#include "localdisk/windows_drives.h"
 #endif
 
 namespace tarnlift::localdisk {
@@ -100,20 +102,33 @@ TEST_F(VolumeFilesTest, CopiesOverwriteAndAMissingSourceFails) {
 
 #ifndef _WIN32
 // The disk under the image's volume, found as the installation finds it:
-// the volume's device number, the volume closed, the disk opened.
-std::unique_ptr<Device> openDiskOfVolume(DiskAccess& devices, const DriveId& drive, StorageDeviceNumber& number) {
-  std::unique_ptr<Device> volume = devices.openVolume(drive);
+// the drive held, the volume's device number, the volume closed, the disk
+// opened through the hold.
+std::unique_ptr<Device> openDiskOfVolume(HeldDrive& held, StorageDeviceNumber& number) {
+  std::unique_ptr<Device> volume = held.openVolume();
   EXPECT_NE(volume, nullptr);
   if (volume == nullptr) return nullptr;
   EXPECT_EQ(volume->deviceNumber(number), kStorageDeviceNumberSize);
   EXPECT_TRUE(volume->close());
-  return devices.openPhysical(number.deviceNumber);
+  std::string reason;
+  std::unique_ptr<Device> disk = held.openPhysical(number.deviceNumber, reason);
+  EXPECT_NE(disk, nullptr) << reason;
+  return disk;
+}
+
+std::unique_ptr<HeldDrive> holdDrive(const DriveId& drive) {
+  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
+  std::string reason;
+  std::unique_ptr<HeldDrive> held = devices->hold(drive, reason);
+  EXPECT_NE(held, nullptr) << reason;
+  return held;
 }
 
 TEST_F(VolumeFilesTest, TheImageIsItsOwnDiskAndSectorZeroCanBeReplaced) {
-  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
+  std::unique_ptr<HeldDrive> held = holdDrive(drive_);
+  ASSERT_NE(held, nullptr);
   StorageDeviceNumber number;
-  std::unique_ptr<Device> disk = openDiskOfVolume(*devices, drive_, number);
+  std::unique_ptr<Device> disk = openDiskOfVolume(*held, number);
   ASSERT_NE(disk, nullptr);
   EXPECT_EQ(number.partitionNumber, 0u);
   uint8_t sector[512];
@@ -127,16 +142,21 @@ TEST_F(VolumeFilesTest, TheImageIsItsOwnDiskAndSectorZeroCanBeReplaced) {
   EXPECT_TRUE(disk->close());
   std::string head = readWhole(drive_.path).substr(0, 512);
   EXPECT_EQ(head, std::string(512, '\0'));
-  EXPECT_EQ(devices->bootLoaderTarget(drive_), drive_.path);
-  EXPECT_EQ(devices->openPhysical(number.deviceNumber + 7), nullptr);
+  // The boot loader's installer and the files reach the held descriptor.
+  EXPECT_EQ(held->bootLoaderTarget(), held->reach().path);
+  EXPECT_EQ(fs::read_symlink(held->reach().path), fs::path(drive_.path));
+  std::string reason;
+  EXPECT_EQ(held->openPhysical(number.deviceNumber + 7, reason), nullptr);
+  EXPECT_NE(reason.find("is not that of"), std::string::npos) << reason;
 }
 
 // Every device wrapper logs its own line and answers its failure value:
 // a whole disk has no device number, and a closed device can do nothing.
 TEST_F(VolumeFilesTest, TheDeviceWrappersLogTheirFailuresAndAnswerAFailureValue) {
-  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
+  std::unique_ptr<HeldDrive> held = holdDrive(drive_);
+  ASSERT_NE(held, nullptr);
   StorageDeviceNumber number;
-  std::unique_ptr<Device> disk = openDiskOfVolume(*devices, drive_, number);
+  std::unique_ptr<Device> disk = openDiskOfVolume(*held, number);
   ASSERT_NE(disk, nullptr);
   tarnlift::testing::CapturedLog log;
   EXPECT_EQ(disk->deviceNumber(number), -1);
@@ -159,8 +179,7 @@ TEST_F(VolumeFilesTest, TheDeviceWrappersLogTheirFailuresAndAnswerAFailureValue)
 // The Windows wrappers on the volume of the temporary folder's drive, once
 // it is closed: each logs its own line and answers its failure value.
 TEST_F(VolumeFilesTest, AClosedVolumeFailsThroughTheDeviceWrappers) {
-  std::unique_ptr<DiskAccess> devices = makePlatformDiskAccess();
-  std::unique_ptr<Device> volume = devices->openVolume(drive_);
+  std::unique_ptr<Device> volume = realWindowsStorage().openVolume(drive_.letter, false);
   if (volume == nullptr) GTEST_SKIP() << "the volume " << drive_.letter << ": cannot be opened here";
   ASSERT_TRUE(volume->close());
   tarnlift::testing::CapturedLog log;
@@ -181,8 +200,10 @@ TEST(PlatformDiskAccess, ADriveThatDoesNotExistCannotBeOpened) {
   DriveId drive;
   drive.letter = 'Q';
   drive.path = "/dev/tl-no-such-disk";
-  EXPECT_EQ(devices->openVolume(drive), nullptr);
-  EXPECT_EQ(devices->openPhysical(97), nullptr);
+  std::string reason;
+  EXPECT_EQ(devices->hold(drive, reason), nullptr);
+  EXPECT_FALSE(reason.empty());
+  EXPECT_FALSE(devices->check(drive, reason));
 }
 
 }  // namespace

@@ -313,6 +313,25 @@ TEST_F(CommandsTest, InstallOfADriveGoesToTheDriveInstaller) {
   EXPECT_EQ(record(drive('E').mac).statusText, "Preparing for installation...");
 }
 
+// A drive that may not be erased: the reason in an "Error" box, nothing
+// starts, the row stays ready.
+TEST_F(CommandsTest, InstallOfADriveThatMayNotBeErasedIsRefusedWithTheReason) {
+  workers.drives.drives = {drive('D')};
+  workers.drives.refusals[drive('D').mac] =
+      "D: cannot be erased: physical disk 0 holds it together with C: (the system volume)";
+  presenter->desk().addDrives();
+  presenter->refreshRouterList();
+  selectRow(drive('D').mac);
+  presenter->onPackageClick(kSystem);
+  click(kIdInstall);
+  ASSERT_EQ(view.boxes.size(), 1u);
+  EXPECT_EQ(view.boxes[0].text, "D: cannot be erased: physical disk 0 holds it together with C: (the system volume)");
+  EXPECT_EQ(view.boxes[0].caption, "Error");
+  EXPECT_TRUE(workers.drives.started.empty());
+  EXPECT_EQ(record(drive('D').mac).status, kStatusReady);
+  EXPECT_TRUE(view.isEnabled(kIdInstall));
+}
+
 // ---- 1024 ------------------------------------------------------------------------
 
 TEST_F(CommandsTest, CancelDropsANetworkRouterAndItsSession) {

@@ -295,11 +295,18 @@ class FakeDriveInstaller : public DriveInstaller {
   std::vector<RouterRecord> started;
   std::map<MacAddress, SessionStatus> installs;
   std::vector<MacAddress> cancelled;
+  std::map<MacAddress, std::string> refusals;  // drives that may not be erased, and why
   int listed = 0;
 
   std::vector<RouterRecord> listDrives() override {
     ++listed;
     return drives;
+  }
+  bool mayErase(const RouterRecord& row, std::string& reason) override {
+    auto it = refusals.find(row.mac);
+    if (it == refusals.end()) return true;
+    reason = it->second;
+    return false;
   }
   void start(const RouterRecord& request) override {
     started.push_back(request);

@@ -614,6 +614,33 @@ TEST_F(PresenterTest, DrivesAreRowsWithPreviousInstallAndTheRememberedBaud) {
   EXPECT_EQ(d.files, Names{"system.npk"});
 }
 
+// The disk that would be erased: its number, size and model after the
+// root path in the row, and whole in the status bar once the row is chosen.
+TEST_F(PresenterTest, ADrivesDiskIsShownInItsRowAndOnceInTheStatusBar) {
+  RouterRecord stick = drive('E', 2);
+  stick.driveDescription = "disk 1, 16.0 GB, SanDisk Cruzer Blade";
+  workers.drives.drives = {stick, drive('D', 3)};
+  start();
+  ASSERT_EQ(view.routerRows.size(), 2u);
+  EXPECT_EQ(view.routerRows[0].label, "D:\\");
+  EXPECT_EQ(view.routerRows[1].label, "E:\\ (disk 1, 16.0 GB, SanDisk Cruzer Blade)");
+  EXPECT_EQ(record(stick.mac).label, "E:\\") << "the record keeps the root path";
+  view.statusText.clear();
+  selectRow(stick.mac);
+  presenter->onPrivateMessage(kRefreshCode);
+  EXPECT_EQ(view.statusText, "E:\\ is disk 1, 16.0 GB, SanDisk Cruzer Blade: Install erases the whole disk");
+  // Said once per choice: what the status bar shows next stays.
+  view.statusText = "There are 2 packages";
+  presenter->onPrivateMessage(kRefreshCode);
+  EXPECT_EQ(view.statusText, "There are 2 packages");
+  selectRow(drive('D').mac);
+  presenter->onPrivateMessage(kRefreshCode);
+  EXPECT_EQ(view.statusText, "There are 2 packages") << "a drive without a description";
+  selectRow(stick.mac);
+  presenter->onPrivateMessage(kRefreshCode);
+  EXPECT_EQ(view.statusText, "E:\\ is disk 1, 16.0 GB, SanDisk Cruzer Blade: Install erases the whole disk");
+}
+
 TEST_F(PresenterTest, DriveNewsIsPolledAndADriveWithoutInstallationIsRemoved) {
   workers.drives.drives = {drive('E')};
   start();
