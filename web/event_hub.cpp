@@ -2,13 +2,34 @@
 
 namespace tarnlift::web {
 
-void EventHub::publish(const std::string& type, const std::string& data) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back({nextId_++, type, data});
-    if (events_.size() > capacity_) events_.pop_front();
+void EventHub::append(WebEvent event) {
+  event.id = nextId_++;
+  size_t size = cost(event);
+  published_ += size;
+  held_ += size;
+  events_.push_back({std::move(event), published_});
+  // The newest event always stays, however big.
+  while (events_.size() > 1 && (events_.size() > capacity_ || held_ > byteCapacity_)) {
+    held_ -= cost(events_.front().event);
+    events_.pop_front();
   }
-  changed_.notify_all();
+}
+
+void EventHub::publish(const std::string& type, const std::string& data) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  append({0, type, data});
+}
+
+void EventHub::publishState(const std::string& type, const std::string& key, const std::string& data) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  states_[key] = {0, type, data};
+  append({0, type, data});
+}
+
+void EventHub::publishRemoval(const std::string& type, const std::string& key, const std::string& data) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  states_.erase(key);
+  append({0, type, data});
 }
 
 uint64_t EventHub::nextId() const {
@@ -16,19 +37,46 @@ uint64_t EventHub::nextId() const {
   return nextId_;
 }
 
-bool EventHub::waitFrom(uint64_t id, std::vector<WebEvent>& out, std::chrono::milliseconds timeout) {
+bool EventHub::eventsFrom(uint64_t id, std::vector<WebEvent>& out, size_t maxBytes) const {
   out.clear();
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, timeout, [&] { return nextId_ > id; });
-  if (events_.empty() || id >= nextId_) return true;
-  if (events_.front().id > id) return false;
-  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(id - events_.front().id); it != events_.end(); ++it) {
-    out.push_back(*it);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (id >= nextId_) return true;
+  if (events_.empty() || events_.front().event.id > id) return false;
+  size_t taken = 0;
+  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(id - events_.front().event.id); it != events_.end(); ++it) {
+    if (!out.empty() && taken + cost(it->event) > maxBytes) break;
+    taken += cost(it->event);
+    out.push_back(it->event);
   }
   return true;
 }
 
-void EventHub::wakeAll() { changed_.notify_all(); }
+size_t EventHub::bytesFrom(uint64_t id) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (id >= nextId_) return 0;
+  if (events_.empty() || events_.front().event.id > id) return SIZE_MAX;
+  const Stored& first = events_[static_cast<size_t>(id - events_.front().event.id)];
+  return static_cast<size_t>(published_ - (first.endOffset - cost(first.event)));
+}
+
+std::vector<WebEvent> EventHub::snapshot(uint64_t& next) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<WebEvent> out;
+  out.reserve(states_.size());
+  for (const auto& [key, event] : states_) out.push_back(event);
+  next = nextId_;
+  return out;
+}
+
+size_t EventHub::size() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return events_.size();
+}
+
+size_t EventHub::bytes() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return held_;
+}
 
 std::string EventHub::format(const WebEvent& event) {
   std::string text;
@@ -44,6 +92,45 @@ std::string EventHub::format(const WebEvent& event) {
   }
   text += "\n\n";
   return text;
+}
+
+EventStream::EventStream(const EventHub& hub, const Clock& clock, std::function<bool()> allowed, Options options)
+    : hub_(hub), clock_(clock), allowed_(std::move(allowed)), options_(options) {}
+
+void EventStream::appendPresent(std::string& out) {
+  for (const WebEvent& e : hub_.snapshot(next_)) out += EventHub::format(e);
+}
+
+bool EventStream::pull(std::string& out, size_t room) {
+  if (ended_ || (allowed_ && !allowed_())) {
+    ended_ = true;
+    return false;
+  }
+  uint64_t now = clock_.nowMicros();
+  size_t before = out.size();
+  if (!started_) {
+    started_ = true;
+    out += "retry: 2000\n\n";
+    appendPresent(out);
+  } else if (hub_.bytesFrom(next_) > options_.budgetBytes) {
+    // Too far behind: what it missed is not copied for it; it starts over
+    // from the present state.
+    out += "event: resync\ndata: {}\n\n";
+    appendPresent(out);
+  } else {
+    std::vector<WebEvent> events;
+    if (hub_.eventsFrom(next_, events, room)) {
+      for (const WebEvent& e : events) {
+        out += EventHub::format(e);
+        next_ = e.id + 1;
+      }
+    }
+    if (out.size() == before && now - lastWriteMicros_ >= static_cast<uint64_t>(options_.keepAliveMillis) * 1000) {
+      out += ": keep-alive\n\n";
+    }
+  }
+  if (out.size() != before) lastWriteMicros_ = now;
+  return true;
 }
 
 }  // namespace tarnlift::web
