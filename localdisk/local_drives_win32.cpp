@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstring>
 
+#include "app/child_handles.h"
 #include "app/failure.h"
 #include "app/log.h"
 #include "localdisk/local_drives.h"
@@ -43,20 +44,19 @@ class PipeFormatterProcess : public FormatterProcess {
     return true;
   }
   bool start(const std::string& program, const std::string& commandLine) override {
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
-    startup.hStdInput = inputRead_;
-    startup.hStdOutput = outputWrite_;
-    startup.hStdError = outputWrite_;
-    startup.wShowWindow = SW_HIDE;
-    PROCESS_INFORMATION info{};
-    std::string line = commandLine;
-    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
-      return false;
-    }
-    process_ = info.hProcess;
-    CloseHandle(info.hThread);
+    // Its pipe ends alone: not the web console's sockets or another child's pipe.
+    ChildStart how;
+    how.application = program.c_str();
+    how.commandLine = commandLine;
+    how.input = inputRead_;
+    how.output = outputWrite_;
+    how.error = outputWrite_;
+    how.hideWindow = true;
+    StartedChild info;
+    uint32_t error = 0;
+    if (!startChildWithHandles(how, info, error)) return false;
+    process_ = info.process;
+    CloseHandle(info.thread);
     // The child holds its own ends now; with ours closed, reading its
     // output ends when it does instead of waiting for ever.
     CloseHandle(inputRead_);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <new>
 
+#include "net/udp_socket.h"
 #include "web/tcp_socket.h"
 
 namespace tarnlift::web {
@@ -116,7 +117,7 @@ TcpListener::~TcpListener() { close(); }
 bool TcpListener::listen(uint32_t address, uint16_t port, std::string& error) {
   close();
   keepSpare();
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = static_cast<int>(net::openPrivateSocket(SOCK_STREAM));
   if (fd < 0) {
     error = std::strerror(errno);
     return false;
@@ -179,7 +180,7 @@ std::unique_ptr<TcpConnection> TcpListener::accept(int timeoutMs, bool* busy) {
 }
 
 std::unique_ptr<TcpConnection> connectTcp(uint32_t address, uint16_t port, int timeoutMs, uint32_t from) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  int fd = static_cast<int>(net::openPrivateSocket(SOCK_STREAM | SOCK_NONBLOCK));
   if (fd < 0) return nullptr;
   if (from != 0) {
     sockaddr_in local{};

@@ -34,17 +34,7 @@ void setNonBlocking(SOCKET s) {
   ::ioctlsocket(s, FIONBIO, &on);
 }
 
-SOCKET privateSocket(int type, int protocol) {
-  net::startSocketLibrary();
-  SOCKET s = ::WSASocketW(AF_INET, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
-  // Systems without the flag refuse it: make the socket as before and take
-  // the inheritance away afterwards.
-  if (s == INVALID_SOCKET) {
-    s = ::WSASocketW(AF_INET, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED);
-    if (s != INVALID_SOCKET) SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-  }
-  return s;
-}
+SOCKET privateSocket(int type) { return static_cast<SOCKET>(net::openPrivateSocket(type)); }
 
 class WinsockConnection : public TcpConnection {
  public:
@@ -104,7 +94,7 @@ TcpListener::~TcpListener() { close(); }
 
 bool TcpListener::listen(uint32_t address, uint16_t port, std::string& error) {
   close();
-  SOCKET s = privateSocket(SOCK_STREAM, IPPROTO_TCP);
+  SOCKET s = privateSocket(SOCK_STREAM);
   if (s == INVALID_SOCKET) {
     error = lastErrorText();
     return false;
@@ -160,7 +150,7 @@ std::unique_ptr<TcpConnection> TcpListener::accept(int timeoutMs, bool* busy) {
 }
 
 std::unique_ptr<TcpConnection> connectTcp(uint32_t address, uint16_t port, int timeoutMs, uint32_t from) {
-  SOCKET s = privateSocket(SOCK_STREAM, IPPROTO_TCP);
+  SOCKET s = privateSocket(SOCK_STREAM);
   if (s == INVALID_SOCKET) return nullptr;
   setNonBlocking(s);
   if (from != 0) {
@@ -220,7 +210,7 @@ SocketWaker::~SocketWaker() {
 }
 
 bool SocketWaker::open(std::string& error) {
-  SOCKET s = privateSocket(SOCK_DGRAM, IPPROTO_UDP);
+  SOCKET s = privateSocket(SOCK_DGRAM);
   if (s == INVALID_SOCKET) {
     error = lastErrorText();
     return false;
