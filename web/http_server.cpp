@@ -141,6 +141,7 @@ struct HttpServer::State {
   void acceptAll();
   void admitConnection(std::unique_ptr<TcpConnection> socket);
   bool evictGuest(const std::string* address);
+  void settleGuests(const std::string& address);
   void refuse(TcpConnection& socket, const std::string& why);
   void readFrom(Connection& c);
   void advance(Connection& c);
@@ -200,12 +201,27 @@ bool HttpServer::State::evictGuest(const std::string* address) {
   return false;
 }
 
+// A guest that has sent its request already (a client that opened several
+// connections at once) is read before the count is taken: with valid
+// credentials it is a guest no longer.
+void HttpServer::State::settleGuests(const std::string& address) {
+  std::vector<uint64_t> waiting;
+  for (const auto& [id, c] : connections) {
+    if (!c.trusted && c.phase == Phase::Reading && c.socket->address() == address) waiting.push_back(id);
+  }
+  for (uint64_t id : waiting) guard(id, "reading", &State::readFrom);
+}
+
 void HttpServer::State::admitConnection(std::unique_ptr<TcpConnection> socket) {
   const std::string address = socket->address();
   auto guests = guestsByAddress.find(address);
-  if (guests != guestsByAddress.end() && guests->second >= limits.maxGuestsPerAddress && !evictGuest(&address)) {
-    refuse(*socket, "too many connections from " + address);
-    return;
+  if (guests != guestsByAddress.end() && guests->second >= limits.maxGuestsPerAddress) {
+    settleGuests(address);
+    guests = guestsByAddress.find(address);
+    if (guests != guestsByAddress.end() && guests->second >= limits.maxGuestsPerAddress && !evictGuest(&address)) {
+      refuse(*socket, "too many connections from " + address);
+      return;
+    }
   }
   if (connections.size() >= limits.maxConnections && !evictGuest(nullptr)) {
     refuse(*socket, "too many connections");

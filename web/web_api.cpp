@@ -263,7 +263,7 @@ HttpResponse WebApi::route(const HttpRequest& request, const std::vector<std::st
   const std::string& what = parts[2];
   if (what == "events" && parts.size() == 3) {
     if (m != "GET") return methodNotAllowed("GET");
-    return events(request, caller);
+    return events(caller);
   }
   if (what == "netboot" && parts.size() == 3) {
     if (m != "GET" && m != "HEAD") return methodNotAllowed("GET, HEAD");
@@ -315,16 +315,13 @@ HttpResponse WebApi::route(const HttpRequest& request, const std::vector<std::st
   return jsonError(404, "no such path");
 }
 
-HttpResponse WebApi::events(const HttpRequest& request, const Caller& caller) {
+HttpResponse WebApi::events(const Caller& caller) {
   std::function<bool()> allowed;
-  std::string key;
+  std::string session;
   if (caller.kind == Caller::Kind::Cookie) {
     // Logout, expiry or a newer login that pushed the session out ends the stream.
-    std::string id = caller.session;
-    allowed = [this, id] { return sessions_.alive(id); };
-    key = "session " + id;
-  } else {
-    key = (caller.kind == Caller::Kind::Bearer ? "bearer " : "local ") + addressOf(request);
+    session = caller.session;
+    allowed = [this, session] { return sessions_.alive(session); };
   }
   auto stream = std::make_shared<EventStream>(hub_, clock_, std::move(allowed), streamOptions_);
   {
@@ -341,16 +338,17 @@ HttpResponse WebApi::events(const HttpRequest& request, const Caller& caller) {
       open += list.size();
       it = list.empty() ? streams_.erase(it) : std::next(it);
     }
-    auto& mine = streams_[key];
-    // A reloaded page opens a new stream before the old one is seen gone:
-    // the newest of a session are kept, the oldest ends.
-    while (mine.size() >= kStreamsPerSession) {
+    // Scripts with the token and the machine itself (no token) share the
+    // whole; a console session has two (a reloaded page opens its new
+    // stream before the old one is seen gone: the oldest gives way).
+    auto& mine = streams_[session];
+    while (!session.empty() && mine.size() >= kStreamsPerSession) {
       if (auto oldest = mine.front().lock()) oldest->end();
       mine.pop_front();
       --open;
     }
     if (open >= kMaxStreams) {
-      if (mine.empty()) streams_.erase(key);
+      if (mine.empty()) streams_.erase(session);
       return jsonError(503, "too many event streams are open");
     }
     mine.push_back(stream);

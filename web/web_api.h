@@ -29,8 +29,7 @@ namespace tarnlift::web {
 
 // The body a request without credentials may send (a login's token).
 inline constexpr size_t kGuestBodyBytes = 4 * 1024;
-// Event streams: per session (or per address for Bearer and token-less
-// clients), and in all.
+// Event streams: per console session, and in all.
 inline constexpr size_t kStreamsPerSession = 2;
 inline constexpr size_t kMaxStreams = 64;
 
@@ -65,7 +64,7 @@ class WebApi {
   HttpResponse wrongToken(const HttpRequest& request, const char* where);
   HttpResponse route(const HttpRequest& request, const std::vector<std::string>& parts, const Caller& caller);
   HttpResponse session(const HttpRequest& request);
-  HttpResponse events(const HttpRequest& request, const Caller& caller);
+  HttpResponse events(const Caller& caller);
 
   WebDesk& desk_;
   EventHub& hub_;
@@ -75,6 +74,7 @@ class WebApi {
   GuessBackoff backoff_;
   EventStream::Options streamOptions_;
   std::mutex streamsLock_;
+  // By session id ("": Bearer and token-less clients).
   std::map<std::string, std::deque<std::weak_ptr<EventStream>>> streams_;
 };
 

@@ -39,6 +39,8 @@ try {
     await page.fill('#token', 'not-the-token');
     await page.press('#token', 'Enter');
     await page.waitForFunction(() => document.querySelector('#login-error').textContent.length > 0);
+    // A wrong token costs this address a second before the next try.
+    await page.waitForTimeout(1100);
     await page.fill('#token', token);
     await page.press('#token', 'Enter');
     await page.locator('#login').waitFor({ state: 'hidden' });
