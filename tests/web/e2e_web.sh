@@ -454,6 +454,7 @@ PY
     in_srv timeout 150 node "$BROWSER_DIR/console_test.mjs" "$base" "$SCREENSHOTS" console-token-0123456789 > "$work/browser.out" 2>&1 ||
       { cat "$work/browser.out"; fail "the browser test failed"; }
     cat "$work/browser.out"
+    grep -q 'name=web-test' "$work/out/02-00-00-00-00-01/autorun.scr" || fail "the script typed in the console was not sent"
     expect_same "$work/pk/system-6.41.npk" "$work/out/02-00-00-00-00-01/system-6.41.npk"
     expect_same "$work/pk/extra-6.41.npk" "$work/out/02-00-00-00-00-01/extra-6.41.npk"
     ;;
