@@ -396,17 +396,22 @@ PY
     start_sim --count 1 --timeout-s 60
     for _ in $(seq 300); do [ -s "$work/started.txt" ] && break; sleep 0.1; done
     [ -s "$work/started.txt" ] || fail "the --on-finish command did not start"
-    # Ours alone: the processes under this serve.
-    descendants() { local p; for p in $(pgrep -P "$1"); do echo "$p"; descendants "$p"; done; }
-    named() { local p; for p in $tree; do tr '\0' ' ' < "/proc/$p/cmdline" 2> /dev/null | grep -q "$1" && echo "$p"; done; }
-    tree=$(descendants "$serve_pid")
-    exe=$(named 'tarnlift-cli.exe serve' | tail -1)
-    child=$(named runnerstandin | tail -1)
-    [ -n "$exe" ] && [ -n "$child" ] || fail "serve or its command not found among: $tree"
-    kill -9 "$exe"
+    # Ours alone: Wine starts a process apart from its parent, so ours are
+    # those of this test's Wine prefix.
+    ours() {
+      local p
+      for p in $(pgrep -f "$1"); do
+        tr '\0' '\n' < "/proc/$p/environ" 2> /dev/null | grep -qx "WINEPREFIX=$own_wine_prefix" && echo "$p"
+      done
+    }
+    exe=$(ours 'tarnlift-cli.exe serve')
+    child=$(ours 'runnerstandin.exe 60000')
+    [ -n "$exe" ] && [ -n "$child" ] || fail "serve ($exe) or its command ($child) not found"
+    kill -9 $exe
     wait "$serve_pid" 2> /dev/null
     serve_pid=
-    kill -0 "$child" 2> /dev/null || fail "the --on-finish command did not outlive serve"
+    sleep 0.5
+    kill -0 $child 2> /dev/null || fail "the --on-finish command did not outlive serve"
     # The command holds nothing of serve's: the port is free at once.
     start_serve --web "127.0.0.1:$port" --hold
     [ "$(status_of "$base/api/v1/routers")" = 200 ] || fail "the new serve does not answer"
