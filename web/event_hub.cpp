@@ -4,13 +4,16 @@ namespace tarnlift::web {
 
 void EventHub::append(WebEvent event) {
   event.id = nextId_++;
-  size_t size = cost(event);
-  published_ += size;
-  held_ += size;
-  events_.push_back({std::move(event), published_});
+  Stored stored;
+  stored.text = format(event);
+  stored.event = std::move(event);
+  published_ += stored.text.size();
+  held_ += cost(stored);
+  stored.endOffset = published_;
+  events_.push_back(std::move(stored));
   // The newest event always stays, however big.
   while (events_.size() > 1 && (events_.size() > capacity_ || held_ > byteCapacity_)) {
-    held_ -= cost(events_.front().event);
+    held_ -= cost(events_.front());
     events_.pop_front();
   }
 }
@@ -44,9 +47,23 @@ bool EventHub::eventsFrom(uint64_t id, std::vector<WebEvent>& out, size_t maxByt
   if (events_.empty() || events_.front().event.id > id) return false;
   size_t taken = 0;
   for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(id - events_.front().event.id); it != events_.end(); ++it) {
-    if (!out.empty() && taken + cost(it->event) > maxBytes) break;
-    taken += cost(it->event);
+    if (!out.empty() && taken + it->text.size() > maxBytes) break;
+    taken += it->text.size();
     out.push_back(it->event);
+  }
+  return true;
+}
+
+bool EventHub::appendFrom(uint64_t& next, std::string& out, size_t room) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (next >= nextId_) return true;
+  if (events_.empty() || events_.front().event.id > next) return false;
+  size_t taken = 0;
+  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(next - events_.front().event.id); it != events_.end(); ++it) {
+    if (taken != 0 && taken + it->text.size() > room) break;
+    taken += it->text.size();
+    out += it->text;
+    next = it->event.id + 1;
   }
   return true;
 }
@@ -56,7 +73,7 @@ size_t EventHub::bytesFrom(uint64_t id) const {
   if (id >= nextId_) return 0;
   if (events_.empty() || events_.front().event.id > id) return SIZE_MAX;
   const Stored& first = events_[static_cast<size_t>(id - events_.front().event.id)];
-  return static_cast<size_t>(published_ - (first.endOffset - cost(first.event)));
+  return static_cast<size_t>(published_ - (first.endOffset - first.text.size()));
 }
 
 std::vector<WebEvent> EventHub::snapshot(uint64_t& next) const {
@@ -83,12 +100,13 @@ std::string EventHub::format(const WebEvent& event) {
   if (event.id != 0) text = "id: " + std::to_string(event.id) + "\n";
   text += "event: " + event.type + "\ndata: ";
   // Data is one line of JSON; a line break in it would end the field.
-  for (char c : event.data) {
-    if (c == '\n') {
-      text += "\ndata: ";
-    } else if (c != '\r') {
-      text += c;
-    }
+  size_t start = 0;
+  while (start <= event.data.size()) {
+    size_t end = event.data.find_first_of("\r\n", start);
+    if (end == std::string::npos) end = event.data.size();
+    text.append(event.data, start, end - start);
+    if (end < event.data.size() && event.data[end] == '\n') text += "\ndata: ";
+    start = end + 1;
   }
   text += "\n\n";
   return text;
@@ -118,13 +136,7 @@ bool EventStream::pull(std::string& out, size_t room) {
     out += "event: resync\ndata: {}\n\n";
     appendPresent(out);
   } else {
-    std::vector<WebEvent> events;
-    if (hub_.eventsFrom(next_, events, room)) {
-      for (const WebEvent& e : events) {
-        out += EventHub::format(e);
-        next_ = e.id + 1;
-      }
-    }
+    hub_.appendFrom(next_, out, room);
     if (out.size() == before && now - lastWriteMicros_ >= static_cast<uint64_t>(options_.keepAliveMillis) * 1000) {
       out += ": keep-alive\n\n";
     }

@@ -47,8 +47,12 @@ class EventHub {
   // Copies the events from id on, about maxBytes of them at most (at least
   // one). False when the event id has already left the ring.
   bool eventsFrom(uint64_t id, std::vector<WebEvent>& out, size_t maxBytes = SIZE_MAX) const;
-  // How many bytes of events a reader at id has still to read; SIZE_MAX when
-  // id has left the ring.
+  // Appends the server-sent-events text of the events from next on to out,
+  // about room bytes at most (at least one event), and moves next past
+  // them. False when next has already left the ring.
+  bool appendFrom(uint64_t& next, std::string& out, size_t room) const;
+  // How many bytes of stream text a reader at id has still to read;
+  // SIZE_MAX when id has left the ring.
   size_t bytesFrom(uint64_t id) const;
   // The newest state of every key (events without an id), and the id of
   // the first event after them, taken together.
@@ -63,9 +67,10 @@ class EventHub {
  private:
   struct Stored {
     WebEvent event;
-    uint64_t endOffset = 0;  // bytes published up to and with this event
+    std::string text;        // formatted once for every client
+    uint64_t endOffset = 0;  // stream bytes published up to and with this event
   };
-  static size_t cost(const WebEvent& event) { return event.type.size() + event.data.size() + 32; }
+  static size_t cost(const Stored& stored) { return stored.event.type.size() + stored.event.data.size() + stored.text.size(); }
   void append(WebEvent event);
 
   size_t capacity_;
@@ -73,8 +78,8 @@ class EventHub {
   mutable std::mutex mutex_;
   std::deque<Stored> events_;
   uint64_t nextId_ = 1;
-  uint64_t published_ = 0;  // bytes, all events ever
-  size_t held_ = 0;         // bytes in the ring
+  uint64_t published_ = 0;  // stream bytes of all events ever
+  size_t held_ = 0;         // bytes the ring holds
   std::map<std::string, WebEvent> states_;
 };
 

@@ -64,6 +64,9 @@ struct HttpResponse {
   bool close = false;
 };
 
+// ASCII letters in lower case (header names, host names).
+std::string lowerCase(std::string_view text);
+
 // The reason phrase of a status code ("OK", "Not Found", ...).
 const char* reasonPhrase(int status);
 

@@ -139,7 +139,8 @@ struct HttpServer::State {
   void turn();
   int pollTimeout(Clock::time_point now) const;
   void acceptAll();
-  void admitConnection(std::unique_ptr<TcpConnection> socket);
+  void admitConnection(std::unique_ptr<TcpConnection>& socket);
+  void refuseWithoutMemory(TcpConnection& socket);
   bool evictGuest(const std::string* address);
   void settleGuests(const std::string& address);
   void refuse(TcpConnection& socket, const std::string& why);
@@ -185,6 +186,18 @@ void HttpServer::State::refuse(TcpConnection& socket, const std::string& why) {
   overload.count("connections refused (" + why + ")", socket.address());
 }
 
+// Out of memory: a fixed answer, nothing more to allocate for it.
+void HttpServer::State::refuseWithoutMemory(TcpConnection& socket) {
+  static const char kBusy[] =
+      "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json; charset=utf-8\r\nContent-Length: 30\r\n"
+      "Connection: close\r\n\r\n{\"error\":\"the server is busy\"}";
+  socket.send(kBusy, sizeof kBusy - 1);
+  try {
+    overload.count("connections refused (no memory left)", socket.address());
+  } catch (const std::bad_alloc&) {
+  }
+}
+
 // The oldest guest that is only waiting (for its next request, or in the
 // middle of sending one) goes, of one address or of all; one whose request
 // is being answered stays.
@@ -212,7 +225,7 @@ void HttpServer::State::settleGuests(const std::string& address) {
   for (uint64_t id : waiting) guard(id, "reading", &State::readFrom);
 }
 
-void HttpServer::State::admitConnection(std::unique_ptr<TcpConnection> socket) {
+void HttpServer::State::admitConnection(std::unique_ptr<TcpConnection>& socket) {
   const std::string address = socket->address();
   auto guests = guestsByAddress.find(address);
   if (guests != guestsByAddress.end() && guests->second >= limits.maxGuestsPerAddress) {
@@ -228,11 +241,12 @@ void HttpServer::State::admitConnection(std::unique_ptr<TcpConnection> socket) {
     return;
   }
   uint64_t id = nextId++;
+  size_t& fromAddress = guestsByAddress[address];
   Connection& c = connections[id];
   c.id = id;
-  c.socket = std::move(socket);
+  c.socket = std::move(socket);  // from here on nothing allocates
   c.deadline = Clock::now() + milliseconds(limits.guestIdleTimeoutMs);
-  ++guestsByAddress[address];
+  ++fromAddress;
   server.connections_ = connections.size();
 }
 
@@ -245,9 +259,9 @@ void HttpServer::State::acceptAll() {
       return;
     }
     try {
-      admitConnection(std::move(socket));
+      admitConnection(socket);
     } catch (const std::bad_alloc&) {
-      overload.count("connections refused (no memory left)", "?");
+      if (socket) refuseWithoutMemory(*socket);
     }
   }
 }

@@ -3,14 +3,10 @@
 #include <algorithm>
 #include <cctype>
 
+#include "web/http_message.h"
+
 namespace tarnlift::web {
 namespace {
-
-std::string lower(std::string_view text) {
-  std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return out;
-}
 
 bool allDigits(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -56,14 +52,14 @@ bool splitAuthority(std::string_view authority, std::string_view& name, std::str
 }  // namespace
 
 bool isLoopbackHost(std::string_view host) {
-  std::string text = lower(host);
+  std::string text = lowerCase(host);
   std::string_view name, port;
   if (!splitAuthority(text, name, port)) return false;
   return name == "localhost" || name == "[::1]" || isLoopbackDotted(name);
 }
 
 bool normaliseOrigin(std::string_view text, std::string& origin, std::string& error) {
-  std::string t = lower(text);
+  std::string t = lowerCase(text);
   if (!t.empty() && t.back() == '/') t.pop_back();
   error = "--web-origin needs http://HOST[:PORT] or https://HOST[:PORT], such as https://provisioning.example";
   size_t scheme = t.find("://");
@@ -81,8 +77,8 @@ bool normaliseOrigin(std::string_view text, std::string& origin, std::string& er
 }
 
 bool originAllowed(std::string_view origin, std::string_view host, const std::vector<std::string>& allowed) {
-  std::string given = lower(origin);
-  if (given == "http://" + lower(host)) return true;
+  std::string given = lowerCase(origin);
+  if (given == "http://" + lowerCase(host)) return true;
   return std::find(allowed.begin(), allowed.end(), given) != allowed.end();
 }
 

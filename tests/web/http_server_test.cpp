@@ -10,6 +10,12 @@
 #include <stdexcept>
 #include <thread>
 
+#if !defined(_WIN32)
+#include <sys/resource.h>
+#include <unistd.h>
+#endif
+
+#include "tests/app/capture_log.h"
 #include "tests/web/web_fixture.h"
 #include "web/tcp_socket.h"
 
@@ -256,6 +262,33 @@ TEST_F(HttpServerTest, AHandlerOrAStreamThatThrowsCostsItsConnectionOnly) {
   auto c = connect();
   ASSERT_TRUE(send(*c, get("/fine", "Connection: close\r\n")));
   EXPECT_EQ(readSome(*c, "").rfind("HTTP/1.1 200 ", 0), 0u);
+}
+
+TEST_F(HttpServerTest, OutOfDescriptorsANewcomerIsToldSoAndTheServerGoesOn) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "Windows has no descriptor limit of this kind";
+#else
+  tarnlift::testing::CapturedLog log;
+  startServer();
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  // The lowest free descriptor is the client's; the server has none left.
+  int lowest = dup(0);
+  ASSERT_GE(lowest, 0);
+  close(lowest);
+  rlimit tight = old;
+  tight.rlim_cur = static_cast<rlim_t>(lowest) + 1;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  auto starved = connect();
+  std::string answer = starved ? readSome(*starved, "}") : "";
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+  EXPECT_EQ(answer.rfind("HTTP/1.1 503 ", 0), 0u) << answer;
+  auto later = connect();
+  ASSERT_TRUE(send(*later, get("/api/v1/sets", "Connection: close\r\n")));
+  EXPECT_EQ(readSome(*later, "").rfind("HTTP/1.1 200 ", 0), 0u) << "the server goes on";
+  server->stop();
+  EXPECT_TRUE(log.contains("connections refused (no descriptors or memory left)")) << log.text();
+#endif
 }
 
 TEST_F(HttpServerTest, TheEventStreamCarriesTheTableThenEachChangeInOrder) {
