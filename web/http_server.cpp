@@ -289,6 +289,7 @@ void HttpServer::State::prepareWrite(Connection& c, std::string bytes, bool keep
 
 void HttpServer::State::readFrom(Connection& c) {
   char chunk[kReadChunk];
+  if (c.phase == Phase::Writing && !c.stream) return;  // the next request waits its turn
   if (c.phase == Phase::Streaming || c.phase == Phase::Writing) {
     // A stream's client has nothing to say; reading tells whether it left.
     long n = c.socket->receive(chunk, sizeof chunk);
@@ -558,7 +559,10 @@ void HttpServer::State::networkLoop() {
       turn();
     } catch (const std::exception& e) {
       // Nothing a client sends may end the server; a surprise here costs a turn.
-      logLine(LogPriority::Warning) << "web: " << e.what();
+      try {
+        logLine(LogPriority::Warning) << "web: " << e.what();
+      } catch (const std::exception&) {
+      }
       std::this_thread::sleep_for(milliseconds(10));
     }
   }
