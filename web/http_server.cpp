@@ -186,6 +186,7 @@ void HttpServer::State::refuse(TcpConnection& socket, const std::string& why) {
   overload.count("connections refused (" + why + ")", socket.address());
 }
 
+
 // Out of memory: a fixed answer, nothing more to allocate for it.
 void HttpServer::State::refuseWithoutMemory(TcpConnection& socket) {
   static const char kBusy[] =
@@ -232,7 +233,7 @@ void HttpServer::State::admitConnection(std::unique_ptr<TcpConnection>& socket) 
     settleGuests(address);
     guests = guestsByAddress.find(address);
     if (guests != guestsByAddress.end() && guests->second >= limits.maxGuestsPerAddress && !evictGuest(&address)) {
-      refuse(*socket, "too many connections from " + address);
+      refuse(*socket, "too many connections from one address");
       return;
     }
   }
