@@ -17,8 +17,8 @@ struct ChildStart {
   const char* application = nullptr;  // null: the first word of commandLine
   std::string commandLine;
   uint32_t creationFlags = 0;
-  void* environment = nullptr;        // an ANSI environment block, or null: this process's
-  const char* directory = nullptr;    // null: the current directory
+  void* environment = nullptr;      // an ANSI environment block, or null: this process's
+  const char* directory = nullptr;  // null: the current directory
   // The child's standard handles (inheritable; the same one may be given twice).
   void* input = nullptr;
   void* output = nullptr;

@@ -22,9 +22,9 @@ bool startChildWithHandles(const ChildStart& start, StartedChild& started, uint3
     error = GetLastError();
     return false;
   }
-  bool listedOk = handles.empty() || UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                                               handles.data(), handles.size() * sizeof(HANDLE),
-                                                               nullptr, nullptr);
+  bool listedOk =
+      handles.empty() || UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles.data(),
+                                                   handles.size() * sizeof(HANDLE), nullptr, nullptr);
   STARTUPINFOEXA startup{};
   startup.StartupInfo.cb = sizeof startup;
   startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES | (start.hideWindow ? STARTF_USESHOWWINDOW : 0);

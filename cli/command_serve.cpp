@@ -162,7 +162,9 @@ int runServe(ServeArguments& arguments) {
                         "(a file whose first line is the token), or listen on 127.0.0.1");
     }
   } else if (options.hold || !webTokenFile.empty() || !arguments.webOrigins.empty()) {
-    return usageError(std::string(options.hold ? "--hold" : !webTokenFile.empty() ? "--web-token" : "--web-origin") +
+    return usageError(std::string(options.hold            ? "--hold"
+                                  : !webTokenFile.empty() ? "--web-token"
+                                                          : "--web-origin") +
                       " needs --web [ADDRESS:]PORT");
   }
   if (std::string missing = missingServerPrivileges(netbootOptions.netboot); !missing.empty()) return failure(missing);

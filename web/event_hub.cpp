@@ -46,7 +46,8 @@ bool EventHub::eventsFrom(uint64_t id, std::vector<WebEvent>& out, size_t maxByt
   if (id >= nextId_) return true;
   if (events_.empty() || events_.front().event.id > id) return false;
   size_t taken = 0;
-  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(id - events_.front().event.id); it != events_.end(); ++it) {
+  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(id - events_.front().event.id); it != events_.end();
+       ++it) {
     if (!out.empty() && taken + it->text.size() > maxBytes) break;
     taken += it->text.size();
     out.push_back(it->event);
@@ -59,7 +60,8 @@ bool EventHub::appendFrom(uint64_t& next, std::string& out, size_t room) const {
   if (next >= nextId_) return true;
   if (events_.empty() || events_.front().event.id > next) return false;
   size_t taken = 0;
-  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(next - events_.front().event.id); it != events_.end(); ++it) {
+  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(next - events_.front().event.id); it != events_.end();
+       ++it) {
     if (taken != 0 && taken + it->text.size() > room) break;
     taken += it->text.size();
     out += it->text;

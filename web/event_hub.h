@@ -70,7 +70,9 @@ class EventHub {
     std::string text;        // formatted once for every client
     uint64_t endOffset = 0;  // stream bytes published up to and with this event
   };
-  static size_t cost(const Stored& stored) { return stored.event.type.size() + stored.event.data.size() + stored.text.size(); }
+  static size_t cost(const Stored& stored) {
+    return stored.event.type.size() + stored.event.data.size() + stored.text.size();
+  }
   void append(WebEvent event);
 
   size_t capacity_;

@@ -186,7 +186,6 @@ void HttpServer::State::refuse(TcpConnection& socket, const std::string& why) {
   overload.count("connections refused (" + why + ")", socket.address());
 }
 
-
 // Out of memory: a fixed answer, nothing more to allocate for it.
 void HttpServer::State::refuseWithoutMemory(TcpConnection& socket) {
   static const char kBusy[] =
@@ -206,9 +205,9 @@ bool HttpServer::State::evictGuest(const std::string* address) {
   for (auto& [id, c] : connections) {
     if (c.trusted || c.phase != Phase::Reading) continue;
     if (address != nullptr && c.socket->address() != *address) continue;
-    overload.count(address != nullptr ? "guests dropped for newer ones of the same address"
-                                      : "guests dropped to make room",
-                   c.socket->address());
+    overload.count(
+        address != nullptr ? "guests dropped for newer ones of the same address" : "guests dropped to make room",
+        c.socket->address());
     close(id);
     return true;
   }
@@ -412,9 +411,9 @@ void HttpServer::State::answered(Connection& c) {
   ++c.served;
   c.phase = Phase::Reading;
   c.headBegun = !c.in.empty();
-  c.deadline = Clock::now() + milliseconds(c.headBegun           ? limits.headTimeoutMs
-                                           : c.trusted           ? limits.idleTimeoutMs
-                                                                 : limits.guestIdleTimeoutMs);
+  c.deadline = Clock::now() + milliseconds(c.headBegun ? limits.headTimeoutMs
+                                           : c.trusted ? limits.idleTimeoutMs
+                                                       : limits.guestIdleTimeoutMs);
   if (c.in.capacity() > kMaxHead * 2 && c.in.empty()) std::string().swap(c.in);
   advance(c);
 }
@@ -482,7 +481,8 @@ int HttpServer::State::pollTimeout(Clock::time_point now) const {
   for (const auto& [id, c] : connections) {
     if (c.phase == Phase::Reading) soonest = std::min(soonest, c.deadline);
     if (c.phase == Phase::Writing) {
-      soonest = std::min(soonest, c.lastProgress + milliseconds(c.stream ? limits.streamStallMs : limits.writeTimeoutMs));
+      soonest =
+          std::min(soonest, c.lastProgress + milliseconds(c.stream ? limits.streamStallMs : limits.writeTimeoutMs));
     }
     if (c.phase == Phase::Streaming) streams = true;
   }

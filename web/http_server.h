@@ -39,13 +39,13 @@ struct HttpLimits {
   size_t maxConnections = 512;     // all together; the fd limit is 1024 by default
   size_t maxGuestsPerAddress = 8;  // guests from one client address
   size_t workers = 4;
-  int headTimeoutMs = 5000;        // the whole request head, from its first byte
-  int bodyTimeoutMs = 10000;       // the whole body
-  int idleTimeoutMs = 15000;       // an operator's connection between requests
-  int guestIdleTimeoutMs = 5000;   // a guest's, before and between requests
-  int writeTimeoutMs = 5000;       // an answer the client takes nothing of
-  int streamStallMs = 30000;       // an event stream the client takes nothing of
-  int streamIntervalMs = 100;      // how often streams are asked for more
+  int headTimeoutMs = 5000;       // the whole request head, from its first byte
+  int bodyTimeoutMs = 10000;      // the whole body
+  int idleTimeoutMs = 15000;      // an operator's connection between requests
+  int guestIdleTimeoutMs = 5000;  // a guest's, before and between requests
+  int writeTimeoutMs = 5000;      // an answer the client takes nothing of
+  int streamStallMs = 30000;      // an event stream the client takes nothing of
+  int streamIntervalMs = 100;     // how often streams are asked for more
   int maxRequestsPerConnection = 1000;
 };
 

@@ -13,7 +13,8 @@ std::string tokenFileExposure(const std::string& path) {
   if (::stat(path.c_str(), &info) != 0 || (info.st_mode & (S_IRGRP | S_IROTH)) == 0) return {};
   char mode[8];
   std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
-  return std::string("readable by ") + ((info.st_mode & S_IROTH) != 0 ? "others" : "its group") + " (mode " + mode + ")";
+  return std::string("readable by ") + ((info.st_mode & S_IROTH) != 0 ? "others" : "its group") + " (mode " + mode +
+         ")";
 }
 
 }  // namespace tarnlift::web

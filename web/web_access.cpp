@@ -68,7 +68,9 @@ bool normaliseOrigin(std::string_view text, std::string& origin, std::string& er
   if (authority.find_first_of("/?#@ \\") != std::string_view::npos) return false;
   std::string_view name, port;
   if (!splitAuthority(authority, name, port)) return false;
-  if (!std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) || c == '.' || c == '-' || c == '[' || c == ']' || c == ':'; })) {
+  if (!std::all_of(name.begin(), name.end(), [](unsigned char c) {
+        return std::isalnum(c) || c == '.' || c == '-' || c == '[' || c == ']' || c == ':';
+      })) {
     return false;
   }
   origin = t;

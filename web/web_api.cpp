@@ -116,8 +116,8 @@ WebApi::Caller WebApi::identify(const HttpRequest& request) {
 }
 
 HttpResponse WebApi::tooManyTries(const HttpRequest& request, uint32_t seconds) {
-  HttpResponse r = jsonError(429, "too many wrong tokens from " + addressOf(request) + ": the next try in " +
-                                      std::to_string(seconds) + " s");
+  HttpResponse r = jsonError(
+      429, "too many wrong tokens from " + addressOf(request) + ": the next try in " + std::to_string(seconds) + " s");
   r.headers.emplace_back("Retry-After", std::to_string(seconds));
   r.close = true;
   return r;
@@ -147,7 +147,8 @@ HttpAdmission WebApi::admit(const HttpRequest& head) {
                                       "localhost, 127.x.y.z or [::1]"));
   }
   bool writes = isWrite(head.method);
-  if (writes && head.hasHeader("origin") && !originAllowed(head.header("origin"), head.header("host"), access_.origins)) {
+  if (writes && head.hasHeader("origin") &&
+      !originAllowed(head.header("origin"), head.header("host"), access_.origins)) {
     return refused(jsonError(403, "writes from the origin '" + head.header("origin") +
                                       "' are refused (a reverse proxy's origin needs --web-origin)"));
   }
@@ -217,7 +218,8 @@ HttpResponse WebApi::respond(const HttpRequest& request) {
 
 HttpResponse WebApi::session(const HttpRequest& request) {
   if (request.method == "GET") {
-    return jsonResponse(200, {{"tokenRequired", !access_.token.empty()}, {"authorised", identify(request).authorised()}});
+    return jsonResponse(200,
+                        {{"tokenRequired", !access_.token.empty()}, {"authorised", identify(request).authorised()}});
   }
   if (request.method == "DELETE") {
     // The session's event streams see it gone and end.

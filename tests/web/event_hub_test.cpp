@@ -135,7 +135,8 @@ TEST_F(EventStreamTest, AClientBehindItsBudgetIsResynchronisedNotBuffered) {
   out.clear();
   // The client takes nothing while 200 KiB of events go by.
   const std::string keys[] = {"R0", "R1", "R2", "R3", "R4"};
-  for (int i = 0; i < 200; ++i) hub.publishState("router", keys[i % 5], std::string(1000, static_cast<char>('a' + i % 5)));
+  for (int i = 0; i < 200; ++i)
+    hub.publishState("router", keys[i % 5], std::string(1000, static_cast<char>('a' + i % 5)));
   ASSERT_TRUE(stream.pull(out, 65536));
   EXPECT_EQ(out.rfind("event: resync\ndata: {}\n\n", 0), 0u);
   EXPECT_EQ(count(out, "event: router"), 5u) << "the present state of the five routers, not the backlog";

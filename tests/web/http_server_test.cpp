@@ -46,7 +46,9 @@ class HttpServerTest : public testing::WebFixture {
     if (server) server->stop();
   }
 
-  std::unique_ptr<TcpConnection> connect(uint32_t from = 0) { return connectTcp(kLoopback, server->port(), 2000, from); }
+  std::unique_ptr<TcpConnection> connect(uint32_t from = 0) {
+    return connectTcp(kLoopback, server->port(), 2000, from);
+  }
 
   // Reads until the connection closes or text contains until (or time runs out).
   static std::string readSome(TcpConnection& c, const std::string& until, int millis = 3000) {
@@ -120,8 +122,9 @@ TEST_F(HttpServerTest, AStrangerMaySendOnlyASmallBody) {
   useToken(kToken);
   startServer();
   auto c = connect();
-  ASSERT_TRUE(send(*c, "POST /api/v1/session HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
-                       "Content-Length: 100000\r\n\r\n"));
+  ASSERT_TRUE(send(*c,
+                   "POST /api/v1/session HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
+                   "Content-Length: 100000\r\n\r\n"));
   EXPECT_EQ(readSome(*c, "}").rfind("HTTP/1.1 413 ", 0), 0u);
 }
 
@@ -232,7 +235,8 @@ TEST_F(HttpServerTest, AnOperatorIsAnsweredAtOnceAmongManyIdleAndSlowGuests) {
     if (i % 2 == 0) send(*c, "GET /api/v1/rou");  // a slow head
     crowd.push_back(std::move(c));
   }
-  for (int i = 0; i < 200 && server->connections() < 200; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (int i = 0; i < 200 && server->connections() < 200; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(server->connections(), 200u) << "one poll thread holds them all, no thread each";
   auto before = std::chrono::steady_clock::now();
   auto c = connect();

@@ -251,11 +251,27 @@ TEST_F(WebApiTest, WithoutATokenOnlyTheLoopbackHostNamesThemselvesAreAnswered) {
     EXPECT_EQ(api->handle(request).status, 200) << host;
   }
   // Names a page elsewhere can point here, and near misses.
-  for (const char* host : {"127.0.0.1.attacker.example", "127.0.0.1.attacker.example:8080", "127.attacker.example",
-                           "localhost.attacker.example", "attacker.example", "localhost.", "127.0.0.1.",
-                           "127.0.0.256", "127.1", "127.0.0.1.5", "0177.0.0.1", "128.0.0.1", "[::1].attacker.example",
-                           "[::ffff:127.0.0.1]", "[0:0:0:0:0:0:0:1]", "127.0.0.1:", "127.0.0.1:99999",
-                           "127.0.0.1:80:80", "localhost:http", "", " localhost"}) {
+  for (const char* host : {"127.0.0.1.attacker.example",
+                           "127.0.0.1.attacker.example:8080",
+                           "127.attacker.example",
+                           "localhost.attacker.example",
+                           "attacker.example",
+                           "localhost.",
+                           "127.0.0.1.",
+                           "127.0.0.256",
+                           "127.1",
+                           "127.0.0.1.5",
+                           "0177.0.0.1",
+                           "128.0.0.1",
+                           "[::1].attacker.example",
+                           "[::ffff:127.0.0.1]",
+                           "[0:0:0:0:0:0:0:1]",
+                           "127.0.0.1:",
+                           "127.0.0.1:99999",
+                           "127.0.0.1:80:80",
+                           "localhost:http",
+                           "",
+                           " localhost"}) {
     EXPECT_FALSE(isLoopbackHost(host)) << host;
     HttpRequest request = head("GET", "/api/v1/routers");
     request.headers = {{"host", host}};
@@ -284,8 +300,9 @@ TEST_F(WebApiTest, CookieWritesNeedTheirOriginOrTheConsolesHeader) {
   EXPECT_EQ(post({{"x-tarnlift", "0"}}), 403);
   // Reads need neither; a script with the token needs neither.
   EXPECT_EQ(call("GET", path(1), "", {{"cookie", cookie}}).status, 200);
-  EXPECT_EQ(call("PUT", path(1, "/options"), R"({"baudRate": 0})", {{"authorization", "Bearer 0123456789abcdef"}}).status,
-            200);
+  EXPECT_EQ(
+      call("PUT", path(1, "/options"), R"({"baudRate": 0})", {{"authorization", "Bearer 0123456789abcdef"}}).status,
+      200);
   // Without the --web-origin the proxy's origin is refused.
   useToken("0123456789abcdef");
   cookie = login("0123456789abcdef");

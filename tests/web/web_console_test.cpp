@@ -44,7 +44,11 @@ TEST(WebConsoleOptions, TheTokenIsTheFirstLineWithoutBlanks) {
   ASSERT_TRUE(readTokenFile(dir.write("t", "  0123456789abcdef \r\nsecond line\n"), token, error)) << error;
   EXPECT_EQ(token, "0123456789abcdef");
   // As an editor on Windows saves it: a byte order mark, CR LF, blanks.
-  ASSERT_TRUE(readTokenFile(dir.write("bom", "\xEF\xBB\xBF" "0123456789abcdef\t \r\n"), token, error)) << error;
+  ASSERT_TRUE(readTokenFile(dir.write("bom",
+                                      "\xEF\xBB\xBF"
+                                      "0123456789abcdef\t \r\n"),
+                            token, error))
+      << error;
   EXPECT_EQ(token, "0123456789abcdef");
   EXPECT_FALSE(readTokenFile(dir.write("empty", "\n"), token, error));
   EXPECT_NE(error.find("no token"), std::string::npos);

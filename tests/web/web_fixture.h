@@ -61,7 +61,8 @@ class WebFixture : public ::testing::Test {
   }
 
   HttpResponse call(const std::string& method, const std::string& path, const std::string& body = "",
-                    std::vector<std::pair<std::string, std::string>> headers = {}, const std::string& from = "127.0.0.1") {
+                    std::vector<std::pair<std::string, std::string>> headers = {},
+                    const std::string& from = "127.0.0.1") {
     HttpRequest request = head(method, path, from);
     if (!body.empty()) request.headers.emplace_back("content-type", "application/json");
     for (auto& h : headers) request.headers.push_back(h);
