@@ -40,34 +40,31 @@ uint64_t EventHub::nextId() const {
   return nextId_;
 }
 
-bool EventHub::eventsFrom(uint64_t id, std::vector<WebEvent>& out, size_t maxBytes) const {
-  out.clear();
+template <typename Take>
+bool EventHub::walkFrom(uint64_t id, size_t room, Take take) const {
   std::lock_guard<std::mutex> lock(mutex_);
   if (id >= nextId_) return true;
   if (events_.empty() || events_.front().event.id > id) return false;
   size_t taken = 0;
   for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(id - events_.front().event.id); it != events_.end();
        ++it) {
-    if (!out.empty() && taken + it->text.size() > maxBytes) break;
+    if (taken != 0 && taken + it->text.size() > room) break;
     taken += it->text.size();
-    out.push_back(it->event);
+    take(*it);
   }
   return true;
 }
 
+bool EventHub::eventsFrom(uint64_t id, std::vector<WebEvent>& out, size_t maxBytes) const {
+  out.clear();
+  return walkFrom(id, maxBytes, [&](const Stored& stored) { out.push_back(stored.event); });
+}
+
 bool EventHub::appendFrom(uint64_t& next, std::string& out, size_t room) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (next >= nextId_) return true;
-  if (events_.empty() || events_.front().event.id > next) return false;
-  size_t taken = 0;
-  for (auto it = events_.begin() + static_cast<std::ptrdiff_t>(next - events_.front().event.id); it != events_.end();
-       ++it) {
-    if (taken != 0 && taken + it->text.size() > room) break;
-    taken += it->text.size();
-    out += it->text;
-    next = it->event.id + 1;
-  }
-  return true;
+  return walkFrom(next, room, [&](const Stored& stored) {
+    out += stored.text;
+    next = stored.event.id + 1;
+  });
 }
 
 size_t EventHub::bytesFrom(uint64_t id) const {

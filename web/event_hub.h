@@ -74,6 +74,10 @@ class EventHub {
     return stored.event.type.size() + stored.event.data.size() + stored.text.size();
   }
   void append(WebEvent event);
+  // Hands take the stored events from id on, about room bytes of them (at
+  // least one); false when id has left the ring.
+  template <typename Take>
+  bool walkFrom(uint64_t id, size_t room, Take take) const;
 
   size_t capacity_;
   size_t byteCapacity_;
