@@ -60,6 +60,7 @@ struct ServeArguments {
   bool beacon = false;
   std::string webText;
   std::string webTokenFile;
+  std::vector<std::string> webOrigins;
   std::string interfaceName;
   std::string inventoryFile;
   std::string poolText;
@@ -143,14 +144,28 @@ int runServe(ServeArguments& arguments) {
   if (!webText.empty()) {
     std::string error;
     if (!web::parseListenAddress(webText, webAddress, webPort, error)) return usageError(error);
-    if (!webTokenFile.empty() && !web::readTokenFile(webTokenFile, access.token, error)) return usageError(error);
+    if (!webTokenFile.empty()) {
+      if (!web::readTokenFile(webTokenFile, access.token, error)) return usageError(error);
+      if (std::string exposure = web::tokenFileExposure(webTokenFile); !exposure.empty()) {
+        logLine(LogPriority::Warning) << "serve: warning: the token file " << webTokenFile << " is " << exposure
+                                      << "; chmod 600 it";
+      }
+    }
+    for (const std::string& text : arguments.webOrigins) {
+      std::string origin;
+      if (!web::normaliseOrigin(text, origin, error)) return usageError(error);
+      access.origins.push_back(origin);
+    }
     if (!web::isLoopbackAddress(webAddress) && access.token.empty()) {
       return usageError("--web " + webText +
                         " would let other machines drive the installs without a password: add --web-token FILE "
                         "(a file whose first line is the token), or listen on 127.0.0.1");
     }
-  } else if (options.hold || !webTokenFile.empty()) {
-    return usageError(std::string(options.hold ? "--hold" : "--web-token") + " needs --web [ADDRESS:]PORT");
+  } else if (options.hold || !webTokenFile.empty() || !arguments.webOrigins.empty()) {
+    return usageError(std::string(options.hold            ? "--hold"
+                                  : !webTokenFile.empty() ? "--web-token"
+                                                          : "--web-origin") +
+                      " needs --web [ADDRESS:]PORT");
   }
   if (std::string missing = missingServerPrivileges(netbootOptions.netboot); !missing.empty()) return failure(missing);
   if (!arguments.interfaceName.empty()) netboot::setOnlyInterface(arguments.interfaceName);
@@ -432,7 +447,12 @@ CommandRun defineServe(CLI::App& app) {
            "Serve the web console and API here (ADDRESS default: 127.0.0.1; other addresses need --web-token).")
       ->group(web);
   addValue(app, "--web-token", arguments->webTokenFile, "FILE",
-           "Every web request needs the token in the first line of FILE.")
+           "Every web request needs the token in the first line of FILE (at least 16 characters; make one with "
+           "openssl rand -hex 16).")
+      ->group(web);
+  addRepeated(app, "--web-origin", arguments->webOrigins, "URL",
+              "Also take writes from pages of this origin, such as https://provisioning.example when a reverse "
+              "proxy serves the console there; repeatable.")
       ->group(web);
   addSwitch(app, "--hold", options.hold,
             "List routers and keep them \"Ready\" until the web console or API installs them.")

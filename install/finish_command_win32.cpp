@@ -2,10 +2,11 @@
 // CreateProcessA, no window, an environment block of this process's
 // variables plus the router's, and one pipe for standard output and error.
 // The child runs in a job object of its own, so that a kill reaches what it
-// started too. The pipe's write end must be inheritable; one lock around
-// creating it, starting the child and closing this side's copy keeps a
-// command started by another worker from inheriting it and holding this
-// one's output open.
+// started too. It inherits its standard handles and nothing else (not the
+// web console's sockets, not another command's pipe): see
+// app/child_handles.h. The lock around creating the inheritable pipe,
+// starting the child and closing this side's copy keeps that so on systems
+// that ignore the handle list.
 #include <windows.h>
 
 #include <cctype>
@@ -13,6 +14,7 @@
 #include <mutex>
 #include <set>
 
+#include "app/child_handles.h"
 #include "install/finish_command.h"
 
 namespace tarnlift::finishprocess {
@@ -79,16 +81,16 @@ ChildPtr start(const std::string& command, const EnvironmentList& environment, s
   SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
   HANDLE input = CreateFileA("NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0,
                              nullptr);
-  STARTUPINFOA startup{};
-  startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdInput = input;
-  startup.hStdOutput = writeEnd;
-  startup.hStdError = writeEnd;
-  PROCESS_INFORMATION info{};
-  BOOL started = CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW | CREATE_SUSPENDED,
-                                block.data(), nullptr, &startup, &info);
-  DWORD startError = GetLastError();
+  ChildStart how;
+  how.commandLine = line;
+  how.creationFlags = CREATE_NO_WINDOW | CREATE_SUSPENDED;
+  how.environment = block.data();
+  how.input = input;
+  how.output = writeEnd;
+  how.error = writeEnd;
+  StartedChild info;
+  uint32_t startError = 0;
+  bool started = startChildWithHandles(how, info, startError);
   CloseHandle(writeEnd);
   if (input != INVALID_HANDLE_VALUE) CloseHandle(input);
   if (!started) {
@@ -97,16 +99,16 @@ ChildPtr start(const std::string& command, const EnvironmentList& environment, s
     return nullptr;
   }
   ChildPtr child(new Child);
-  child->process = info.hProcess;
+  child->process = info.process;
   child->output = readEnd;
   // Without a job (a system that refuses it) a kill ends cmd.exe alone.
   child->job = CreateJobObjectA(nullptr, nullptr);
-  if (child->job != nullptr && !AssignProcessToJobObject(child->job, info.hProcess)) {
+  if (child->job != nullptr && !AssignProcessToJobObject(child->job, info.process)) {
     CloseHandle(child->job);
     child->job = nullptr;
   }
-  ResumeThread(info.hThread);
-  CloseHandle(info.hThread);
+  ResumeThread(info.thread);
+  CloseHandle(info.thread);
   return child;
 }
 

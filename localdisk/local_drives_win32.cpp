@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstring>
 
+#include "app/child_handles.h"
 #include "app/failure.h"
 #include "app/log.h"
 #include "app/process_job.h"
@@ -25,25 +26,24 @@ class PipeFormatterProcess : public FormatterProcess {
     return true;
   }
   bool start(const std::string& program, const std::vector<std::string>& arguments) override {
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES | STARTF_USESHOWWINDOW;
-    startup.hStdInput = inputRead_;
-    startup.hStdOutput = outputWrite_;
-    startup.hStdError = outputWrite_;
-    startup.wShowWindow = SW_HIDE;
-    PROCESS_INFORMATION info{};
-    std::string line = commandLineOf(program, arguments);
+    // Its pipe ends alone: not the web console's sockets or another child's pipe.
+    ChildStart how;
+    how.application = program.c_str();
+    how.commandLine = commandLineOf(program, arguments);
+    how.input = inputRead_;
+    how.output = outputWrite_;
+    how.error = outputWrite_;
+    how.hideWindow = true;
     // In a job from its first instruction: a stop or a time-out ends the
     // formatter and whatever it started, and so does the end of this program.
+    how.creationFlags = CREATE_SUSPENDED;
     job_ = processjob::create(true);
-    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
-                        &startup, &info)) {
-      return false;
-    }
-    processjob::adoptAndResume(job_, info.hProcess, info.hThread);
-    process_ = info.hProcess;
-    CloseHandle(info.hThread);
+    StartedChild info;
+    uint32_t error = 0;
+    if (!startChildWithHandles(how, info, error)) return false;
+    processjob::adoptAndResume(job_, info.process, info.thread);
+    process_ = info.process;
+    CloseHandle(info.thread);
     // The child holds its own ends now; with ours closed, reading its
     // output ends when it does instead of waiting for ever.
     CloseHandle(inputRead_);

@@ -17,6 +17,12 @@ inline constexpr uint32_t kBroadcastAddress = 0xFFFFFFFFu;
 // to do on Linux. Front ends start it themselves; tests call this.
 void startSocketLibrary();
 
+// An IPv4 socket of type (SOCK_DGRAM, SOCK_STREAM) that no child process
+// inherits: close-on-exec on Linux, WSA_FLAG_NO_HANDLE_INHERIT on Windows,
+// so that a command started later never holds a port of ours. The
+// system's handle, or -1 (INVALID_SOCKET) when it refuses.
+intptr_t openPrivateSocket(int type);
+
 class UdpSocket {
  public:
   UdpSocket() = default;

@@ -28,9 +28,11 @@ UdpSocket& UdpSocket::operator=(UdpSocket&& other) noexcept {
   return *this;
 }
 
+intptr_t openPrivateSocket(int type) { return ::socket(AF_INET, type | SOCK_CLOEXEC, 0); }
+
 bool UdpSocket::open() {
   close();
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  intptr_t fd = openPrivateSocket(SOCK_DGRAM);
   if (fd < 0) return false;
   handle_ = fd;
   return true;

@@ -31,9 +31,21 @@ UdpSocket& UdpSocket::operator=(UdpSocket&& other) noexcept {
   return *this;
 }
 
+intptr_t openPrivateSocket(int type) {
+  startSocketLibrary();
+  SOCKET s = ::WSASocketW(AF_INET, type, 0, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+  // Systems before Windows 7 SP1 refuse the flag: take the inheritance away
+  // afterwards.
+  if (s == INVALID_SOCKET) {
+    s = ::WSASocketW(AF_INET, type, 0, nullptr, 0, WSA_FLAG_OVERLAPPED);
+    if (s != INVALID_SOCKET) SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+  }
+  return static_cast<intptr_t>(s);
+}
+
 bool UdpSocket::open() {
   close();
-  SOCKET s = socket(AF_INET, SOCK_DGRAM, 0);
+  SOCKET s = static_cast<SOCKET>(openPrivateSocket(SOCK_DGRAM));
   if (s == INVALID_SOCKET) return false;
   handle_ = static_cast<intptr_t>(s);
   return true;

@@ -6,12 +6,6 @@
 namespace tarnlift::web {
 namespace {
 
-std::string lower(std::string_view text) {
-  std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return out;
-}
-
 std::string_view trim(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
   while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
@@ -32,6 +26,13 @@ int hexValue(char c) {
 }
 
 }  // namespace
+
+std::string lowerCase(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return out;
+}
 
 std::string HttpRequest::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
@@ -60,7 +61,7 @@ std::string HttpRequest::cookie(std::string_view name) const {
 }
 
 bool HttpRequest::keepAlive() const {
-  std::string connection = lower(header("connection"));
+  std::string connection = lowerCase(header("connection"));
   if (version == "HTTP/1.0") return connection == "keep-alive";
   return connection != "close";
 }
@@ -81,6 +82,8 @@ const char* reasonPhrase(int status) {
     case 413: return "Content Too Large";
     case 414: return "URI Too Long";
     case 415: return "Unsupported Media Type";
+    case 429:
+      return "Too Many Requests";
     case 431: return "Request Header Fields Too Large";
     case 500: return "Internal Server Error";
     case 501: return "Not Implemented";
@@ -156,7 +159,7 @@ int parseRequestHead(std::string_view head, HttpRequest& request) {
       if ((u < 0x20 && c != '\t') || u == 0x7F) return 400;
     }
     if (request.headers.size() >= kMaxHeaderCount) return 431;
-    request.headers.emplace_back(lower(name), std::string(value));
+    request.headers.emplace_back(lowerCase(name), std::string(value));
   }
   if (request.hasHeader("transfer-encoding")) return 501;
   if (request.version == "HTTP/1.1" && !request.hasHeader("host")) return 400;

@@ -5,7 +5,7 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -26,7 +26,8 @@ struct HttpRequest {
   std::string version;  // "HTTP/1.1"
   std::vector<std::pair<std::string, std::string>> headers;  // names lower case
   std::string body;
-  std::string peer;  // the client's address, for the log
+  std::string peer;     // the client's address and port, for the log
+  std::string address;  // the client's address alone: what limits and back-off count by
 
   // The first header of that (lower-case) name, or empty.
   std::string header(std::string_view name) const;
@@ -36,20 +37,35 @@ struct HttpRequest {
   bool keepAlive() const;
 };
 
-// Writes one piece of a streamed response; false when the client is gone.
-using StreamWrite = std::function<bool(const std::string& data)>;
-// Whether the server is stopping (a stream should end).
-using StreamStopping = std::function<bool()>;
+// The body of a response that never ends by itself (the event stream). The
+// server asks it for more whenever the client has taken what it had, from
+// the server's one network thread: pull must be quick and must not wait.
+class ResponseStream {
+ public:
+  virtual ~ResponseStream() = default;
+  // Appends what is due now (about room bytes at most; nothing is fine).
+  // False when the stream has ended: what it appended is still sent, then
+  // the connection closes.
+  virtual bool pull(std::string& out, size_t room) = 0;
+};
 
 struct HttpResponse {
   int status = 200;
   std::string contentType = "application/json; charset=utf-8";
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;
-  // Set: the body is written by this function, piece by piece, and the
-  // connection closes afterwards.
-  std::function<void(const StreamWrite& write, const StreamStopping& stopping)> stream;
+  // Set: the body comes from this stream, and the connection closes after it.
+  std::shared_ptr<ResponseStream> stream;
+  // The request carried valid credentials: its connection is an operator's
+  // from now on (longer idle time, not counted against its address).
+  bool authenticated = false;
+  // Answer, then close the connection (refusals of strangers: one request
+  // per connection after them).
+  bool close = false;
 };
+
+// ASCII letters in lower case (header names, host names).
+std::string lowerCase(std::string_view text);
 
 // The reason phrase of a status code ("OK", "Not Found", ...).
 const char* reasonPhrase(int status);

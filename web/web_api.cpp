@@ -1,8 +1,8 @@
 #include "web/web_api.h"
 
-#include <chrono>
-#include <random>
-#include <thread>
+#include <algorithm>
+
+#include "app/log.h"
 
 namespace tarnlift::web {
 namespace {
@@ -27,47 +27,25 @@ bool sameSecret(const std::string& a, const std::string& b) {
   return diff == 0 && !b.empty();
 }
 
-std::string randomHex(size_t bytes) {
-  std::random_device device;
-  std::string out;
-  static const char* kHex = "0123456789abcdef";
-  for (size_t i = 0; i < bytes; ++i) {
-    unsigned v = device() & 0xFF;
-    out += kHex[v >> 4];
-    out += kHex[v & 15];
-  }
-  return out;
-}
-
-std::vector<std::string> splitPath(const std::string& path) {
-  std::vector<std::string> parts;
-  size_t start = 1;
-  while (start <= path.size()) {
-    size_t slash = path.find('/', start);
-    if (slash == std::string::npos) slash = path.size();
-    parts.push_back(path.substr(start, slash - start));
-    start = slash + 1;
-  }
-  if (!parts.empty() && parts.back().empty()) parts.pop_back();
-  return parts;
-}
-
-bool isLoopbackHost(const std::string& host) {
-  std::string name = host;
-  if (!name.empty() && name.front() == '[') {
-    size_t close = name.find(']');
-    name = close == std::string::npos ? name : name.substr(1, close - 1);
-    return name == "::1";
-  }
-  size_t colon = name.find(':');
-  if (colon != std::string::npos) name = name.substr(0, colon);
-  return name == "localhost" || name.rfind("127.", 0) == 0;
-}
-
 HttpResponse methodNotAllowed(const char* allow) {
   HttpResponse r = jsonError(405, std::string("allowed: ") + allow);
   r.headers.emplace_back("Allow", allow);
   return r;
+}
+
+// A refusal of the head: the connection closes after it.
+HttpAdmission refused(HttpResponse response) {
+  response.close = true;
+  HttpAdmission admission;
+  admission.refusal = std::move(response);
+  return admission;
+}
+
+bool isWrite(const std::string& method) { return method != "GET" && method != "HEAD"; }
+
+const std::string& addressOf(const HttpRequest& request) {
+  static const std::string unknown = "?";
+  return request.address.empty() ? unknown : request.address;
 }
 
 }  // namespace
@@ -96,43 +74,131 @@ bool nestingWithin(const std::string& body, int limit) {
   return true;
 }
 
-WebApi::WebApi(WebDesk& desk, EventHub& hub, WebAccess access) : desk_(desk), hub_(hub), access_(std::move(access)) {}
+bool pathSegments(const std::string& target, std::vector<std::string>& segments) {
+  segments.clear();
+  std::string_view path = std::string_view(target).substr(0, target.find('?'));
+  if (path.empty() || path.front() != '/') return false;
+  path.remove_prefix(1);
+  if (!path.empty() && path.back() == '/') path.remove_suffix(1);  // "/api/v1/routers/" is the list
+  if (path.empty()) return true;
+  while (true) {
+    size_t slash = path.find('/');
+    std::string decoded;
+    if (!percentDecode(path.substr(0, slash), decoded) || decoded.empty() || decoded == "." || decoded == "..") {
+      return false;
+    }
+    segments.push_back(std::move(decoded));
+    if (slash == std::string_view::npos) return true;
+    path.remove_prefix(slash + 1);
+  }
+}
 
-bool WebApi::authorised(const HttpRequest& request) {
-  if (access_.token.empty()) return true;
+WebApi::WebApi(WebDesk& desk, EventHub& hub, WebAccess access, const Clock& clock)
+    : desk_(desk), hub_(hub), access_(std::move(access)), clock_(clock), sessions_(clock), backoff_(clock) {}
+
+WebApi::Caller WebApi::identify(const HttpRequest& request) {
+  Caller caller;
+  if (access_.token.empty()) {
+    caller.kind = Caller::Kind::Local;
+    return caller;
+  }
   std::string authorization = request.header("authorization");
-  if (authorization.rfind("Bearer ", 0) == 0 && sameSecret(authorization.substr(7), access_.token)) return true;
+  if (authorization.rfind("Bearer ", 0) == 0) {
+    if (sameSecret(authorization.substr(7), access_.token)) caller.kind = Caller::Kind::Bearer;
+    return caller;
+  }
   std::string cookie = request.cookie(access_.cookieName);
-  if (cookie.empty()) return false;
-  std::lock_guard<std::mutex> lock(sessionsLock_);
-  return sessions_.count(cookie) != 0;
+  if (!cookie.empty() && sessions_.use(cookie)) {
+    caller.kind = Caller::Kind::Cookie;
+    caller.session = cookie;
+  }
+  return caller;
+}
+
+HttpResponse WebApi::tooManyTries(const HttpRequest& request, uint32_t seconds) {
+  HttpResponse r = jsonError(
+      429, "too many wrong tokens from " + addressOf(request) + ": the next try in " + std::to_string(seconds) + " s");
+  r.headers.emplace_back("Retry-After", std::to_string(seconds));
+  r.close = true;
+  return r;
+}
+
+HttpResponse WebApi::wrongToken(const HttpRequest& request, const char* where) {
+  const std::string& address = addressOf(request);
+  uint32_t failures = backoff_.failed(address);
+  logLine(LogPriority::Warning) << "web: wrong token from " << address << " (" << where << ", " << failures
+                                << " in a row; its next try in " << GuessBackoff::delayAfter(failures) << " s)";
+  HttpResponse r = jsonError(401, "wrong token");
+  r.headers.emplace_back("WWW-Authenticate", "Bearer");
+  r.close = true;
+  return r;
+}
+
+HttpAdmission WebApi::admit(const HttpRequest& head) {
+  std::vector<std::string> parts;
+  // No path of ours has "..", "." or empty segments: such a request names
+  // nothing.
+  if (!pathSegments(head.target, parts)) return refused(jsonError(404, "no such path"));
+  // Without a token only the machine itself may call: a page elsewhere
+  // must not reach the API through a host name that points here.
+  if (access_.token.empty() && !isLoopbackHost(head.header("host"))) {
+    return refused(jsonError(403, "the host name '" + head.header("host") +
+                                      "' is not this machine's: without --web-token the console answers only to "
+                                      "localhost, 127.x.y.z or [::1]"));
+  }
+  bool writes = isWrite(head.method);
+  if (writes && head.hasHeader("origin") &&
+      !originAllowed(head.header("origin"), head.header("host"), access_.origins)) {
+    return refused(jsonError(403, "writes from the origin '" + head.header("origin") +
+                                      "' are refused (a reverse proxy's origin needs --web-origin)"));
+  }
+  // The body is not read yet (handle() has it already).
+  size_t length = 0;
+  if (!contentLength(head, length) || length == 0) length = head.body.size();
+  if (writes && length > 0 && head.header("content-type").rfind("application/json", 0) != 0) {
+    return refused(jsonError(415, "the body must be application/json"));
+  }
+  bool open = head.path == "/api/v1/session" || isConsoleAsset(head.path);
+  if (head.path == "/api/v1/session" && head.method == "POST" && !access_.token.empty()) {
+    if (uint32_t wait = backoff_.waitSeconds(addressOf(head)); wait > 0) return refused(tooManyTries(head, wait));
+  }
+  bool bearer = head.header("authorization").rfind("Bearer ", 0) == 0 && !access_.token.empty();
+  if (bearer) {
+    if (uint32_t wait = backoff_.waitSeconds(addressOf(head)); wait > 0) return refused(tooManyTries(head, wait));
+  }
+  Caller caller = identify(head);
+  if (bearer && !caller.authorised()) return refused(wrongToken(head, "Bearer"));
+  if (bearer) backoff_.succeeded(addressOf(head));
+  if (!caller.authorised() && !open) {
+    HttpResponse r = jsonError(401, "a token is needed: Authorization: Bearer TOKEN, or log in on the console");
+    r.headers.emplace_back("WWW-Authenticate", "Bearer");
+    return refused(std::move(r));
+  }
+  // A cross-site request may carry the cookie; it cannot carry a header of
+  // our own without the browser asking first (which this server never
+  // allows), so a cookie write without Origin must bring one.
+  if (writes && caller.kind == Caller::Kind::Cookie && !head.hasHeader("origin") && head.header("x-tarnlift") != "1") {
+    return refused(jsonError(403, "a write with the session cookie needs Origin or X-Tarnlift: 1"));
+  }
+  HttpAdmission admission;
+  admission.authenticated = caller.authorised();
+  admission.maxBody = caller.authorised() ? kMaxBodyBytes : kGuestBodyBytes;
+  return admission;
 }
 
 HttpResponse WebApi::handle(const HttpRequest& request) {
-  const std::string& path = request.path;
-  // No path of ours has "..", "." or empty segments, backslashes or NULs:
-  // such a request names nothing.
-  if (path.find("..") != std::string::npos || path.find("//") != std::string::npos ||
-      path.find('\\') != std::string::npos || path.find("/./") != std::string::npos) {
-    return jsonError(404, "no such path");
-  }
-  // Without a token only the machine itself may call: a page elsewhere
-  // must not reach the API through a host name that points here.
-  if (access_.token.empty() && !isLoopbackHost(request.header("host"))) {
-    return jsonError(403, "without --web-token the console answers only to localhost or 127.0.0.1");
-  }
-  bool writes = request.method != "GET" && request.method != "HEAD";
-  if (writes && request.hasHeader("origin")) {
-    std::string origin = request.header("origin");
-    if (origin != "http://" + request.header("host")) return jsonError(403, "writes from another origin are refused");
-  }
-  if (writes && !request.body.empty()) {
-    std::string type = request.header("content-type");
-    if (type.rfind("application/json", 0) != 0) return jsonError(415, "the body must be application/json");
-  }
+  HttpAdmission admission = admit(request);
+  if (admission.refusal) return std::move(*admission.refusal);
+  if (request.body.size() > admission.maxBody) return jsonError(413, "the body is too large");
+  HttpResponse response = respond(request);
+  response.authenticated = response.authenticated || admission.authenticated;
+  return response;
+}
+
+HttpResponse WebApi::respond(const HttpRequest& request) {
   std::string contentType, body;
-  if (consoleAsset(path, contentType, body)) {
-    if (writes) return methodNotAllowed("GET, HEAD");
+  if (consoleAsset(request.path, contentType, body)) {
+    if (isWrite(request.method)) return methodNotAllowed("GET, HEAD");
     HttpResponse r;
     r.contentType = contentType;
     r.body = std::move(body);
@@ -142,22 +208,22 @@ HttpResponse WebApi::handle(const HttpRequest& request) {
     r.headers.emplace_back("Referrer-Policy", "no-referrer");
     return r;
   }
-  if (path == "/api/v1/session") return session(request);
-  if (!authorised(request)) {
-    HttpResponse r = jsonError(401, "a token is needed: Authorization: Bearer TOKEN, or log in on the console");
-    r.headers.emplace_back("WWW-Authenticate", "Bearer");
-    return r;
-  }
-  return route(request);
+  if (request.path == "/api/v1/session") return session(request);
+  std::vector<std::string> parts;
+  if (!pathSegments(request.target, parts)) return jsonError(404, "no such path");
+  Caller caller = identify(request);
+  if (!caller.authorised()) return jsonError(401, "a token is needed");
+  return route(request, parts, caller);
 }
 
 HttpResponse WebApi::session(const HttpRequest& request) {
   if (request.method == "GET") {
-    return jsonResponse(200, {{"tokenRequired", !access_.token.empty()}, {"authorised", authorised(request)}});
+    return jsonResponse(200,
+                        {{"tokenRequired", !access_.token.empty()}, {"authorised", identify(request).authorised()}});
   }
   if (request.method == "DELETE") {
-    std::lock_guard<std::mutex> lock(sessionsLock_);
-    sessions_.erase(request.cookie(access_.cookieName));
+    // The session's event streams see it gone and end.
+    sessions_.remove(request.cookie(access_.cookieName));
     HttpResponse r = jsonResponse(200, {{"authorised", false}});
     r.headers.emplace_back("Set-Cookie", access_.cookieName + "=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0");
     return r;
@@ -169,23 +235,19 @@ HttpResponse WebApi::session(const HttpRequest& request) {
     return jsonError(400, "token: expected {\"token\": \"...\"}");
   }
   if (access_.token.empty()) return jsonResponse(200, {{"authorised", true}});
-  if (!sameSecret(body["token"].get<std::string>(), access_.token)) return jsonError(401, "wrong token");
-  std::string id = randomHex(32);
-  {
-    std::lock_guard<std::mutex> lock(sessionsLock_);
-    // A bounded number of sessions: the oldest are simply forgotten.
-    if (sessions_.size() >= 256) sessions_.erase(sessions_.begin());
-    sessions_.insert(id);
-  }
+  if (uint32_t wait = backoff_.waitSeconds(addressOf(request)); wait > 0) return tooManyTries(request, wait);
+  if (!sameSecret(body["token"].get<std::string>(), access_.token)) return wrongToken(request, "login");
+  backoff_.succeeded(addressOf(request));
+  std::string id = sessions_.create();
   HttpResponse r = jsonResponse(200, {{"authorised", true}});
   r.headers.emplace_back("Set-Cookie", access_.cookieName + "=" + id + "; Path=/; HttpOnly; SameSite=Strict");
+  r.authenticated = true;
   return r;
 }
 
-HttpResponse WebApi::route(const HttpRequest& request) {
+HttpResponse WebApi::route(const HttpRequest& request, const std::vector<std::string>& parts, const Caller& caller) {
   const std::string& m = request.method;
-  const std::string& path = request.path;
-  if (path == "/metrics") {
+  if (parts.size() == 1 && parts[0] == "metrics") {
     if (m != "GET" && m != "HEAD") return methodNotAllowed("GET, HEAD");
     HttpResponse r;
     r.contentType = "text/plain; version=0.0.4; charset=utf-8";
@@ -193,7 +255,6 @@ HttpResponse WebApi::route(const HttpRequest& request) {
     r.body = desk_.metrics();
     return r;
   }
-  std::vector<std::string> parts = splitPath(path);
   if (parts.size() < 3 || parts[0] != "api" || parts[1] != "v1") return jsonError(404, "no such path");
   json body;
   if (m == "PUT" || (m == "POST" && !request.body.empty())) {
@@ -204,7 +265,7 @@ HttpResponse WebApi::route(const HttpRequest& request) {
   const std::string& what = parts[2];
   if (what == "events" && parts.size() == 3) {
     if (m != "GET") return methodNotAllowed("GET");
-    return events();
+    return events(caller);
   }
   if (what == "netboot" && parts.size() == 3) {
     if (m != "GET" && m != "HEAD") return methodNotAllowed("GET, HEAD");
@@ -256,44 +317,48 @@ HttpResponse WebApi::route(const HttpRequest& request) {
   return jsonError(404, "no such path");
 }
 
-HttpResponse WebApi::events() {
+HttpResponse WebApi::events(const Caller& caller) {
+  std::function<bool()> allowed;
+  std::string session;
+  if (caller.kind == Caller::Kind::Cookie) {
+    // Logout, expiry or a newer login that pushed the session out ends the stream.
+    session = caller.session;
+    allowed = [this, session] { return sessions_.alive(session); };
+  }
+  auto stream = std::make_shared<EventStream>(hub_, clock_, std::move(allowed), streamOptions_);
+  {
+    std::lock_guard<std::mutex> lock(streamsLock_);
+    size_t open = 0;
+    for (auto it = streams_.begin(); it != streams_.end();) {
+      auto& list = it->second;
+      list.erase(std::remove_if(list.begin(), list.end(),
+                                [](const std::weak_ptr<EventStream>& s) {
+                                  auto live = s.lock();
+                                  return !live || live->ended();
+                                }),
+                 list.end());
+      open += list.size();
+      it = list.empty() ? streams_.erase(it) : std::next(it);
+    }
+    // Scripts with the token and the machine itself (no token) share the
+    // whole; a console session has two (a reloaded page opens its new
+    // stream before the old one is seen gone: the oldest gives way).
+    auto& mine = streams_[session];
+    while (!session.empty() && mine.size() >= kStreamsPerSession) {
+      if (auto oldest = mine.front().lock()) oldest->end();
+      mine.pop_front();
+      --open;
+    }
+    if (open >= kMaxStreams) {
+      if (mine.empty()) streams_.erase(session);
+      return jsonError(503, "too many event streams are open");
+    }
+    mine.push_back(stream);
+  }
   HttpResponse r;
   r.contentType = "text/event-stream; charset=utf-8";
   r.headers.emplace_back("X-Accel-Buffering", "no");
-  int keepAlive = keepAliveMillis_;
-  r.stream = [this, keepAlive](const StreamWrite& write, const StreamStopping& stopping) {
-    uint64_t next = hub_.nextId();
-    std::vector<std::string> snapshot;
-    {
-      std::lock_guard<std::mutex> lock(desk_.lock());
-      snapshot = desk_.routerSnapshots();
-    }
-    std::string first = "retry: 2000\n\n";
-    for (const std::string& data : snapshot) first += EventHub::format({0, "router", data});
-    if (!write(first)) return;
-    auto lastWrite = std::chrono::steady_clock::now();
-    std::vector<WebEvent> events;
-    while (!stopping()) {
-      if (!hub_.waitFrom(next, events, std::chrono::milliseconds(std::min(keepAlive, 1000)))) {
-        // Too far behind to catch up: the client reconnects and starts over.
-        write("event: resync\ndata: {}\n\n");
-        return;
-      }
-      std::string text;
-      for (const WebEvent& e : events) {
-        text += EventHub::format(e);
-        next = e.id + 1;
-      }
-      auto now = std::chrono::steady_clock::now();
-      if (text.empty() && now - lastWrite >= std::chrono::milliseconds(keepAlive)) text = ": keep-alive\n\n";
-      if (text.empty()) continue;
-      if (!write(text)) return;
-      lastWrite = now;
-      // Gather what comes next for a tenth of a second: a busy desk then
-      // costs each client ten wake-ups a second, not one per event.
-      if (!events.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-  };
+  r.stream = std::move(stream);
   return r;
 }
 

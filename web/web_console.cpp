@@ -68,11 +68,20 @@ bool readTokenFile(const std::string& path, std::string& token, std::string& err
   }
   std::string line;
   std::getline(in, line);
+  // Editors on Windows start a file with a byte order mark and end lines
+  // with CR; neither is part of the token.
+  if (line.rfind("\xEF\xBB\xBF", 0) == 0) line.erase(0, 3);
   size_t first = line.find_first_not_of(" \t\r");
   size_t last = line.find_last_not_of(" \t\r");
   token = first == std::string::npos ? "" : line.substr(first, last - first + 1);
   if (token.empty()) {
     error = "the token file " + path + " holds no token on its first line";
+    return false;
+  }
+  if (token.size() < kMinTokenLength) {
+    error = "the token in " + path + " has " + std::to_string(token.size()) + " characters; a token needs at least " +
+            std::to_string(kMinTokenLength) + " (make one with: openssl rand -hex 16 > " + path + ")";
+    token.clear();
     return false;
   }
   return true;
@@ -108,7 +117,7 @@ void fillNetbootActivity(NetbootSnapshot& snapshot) {
 
 WebConsole::WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered,
                        Registry* settings, const Clock& clock, WebAccess access)
-    : desk_(desk, sets, remembered, settings, hub_, clock), api_(desk_, hub_, std::move(access)) {}
+    : desk_(desk, sets, remembered, settings, hub_, clock), api_(desk_, hub_, std::move(access), clock) {}
 
 WebConsole::~WebConsole() { stop(); }
 
@@ -127,7 +136,8 @@ bool WebConsole::start(uint32_t address, uint16_t port, std::string& error) {
     scriptFolder_ = folder.string();
     desk_.setScriptFolder(scriptFolder_);
   }
-  server_ = std::make_unique<HttpServer>([this](const HttpRequest& request) { return api_.handle(request); });
+  server_ = std::make_unique<HttpServer>([this](const HttpRequest& request) { return api_.respond(request); },
+                                         HttpLimits{}, [this](const HttpRequest& head) { return api_.admit(head); });
   if (!server_->start(address, port, error)) {
     server_.reset();
     return false;

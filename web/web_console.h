@@ -23,9 +23,14 @@ bool parseListenAddress(const std::string& text, uint32_t& address, uint16_t& po
 std::string dottedHostOrder(uint32_t address);
 // 127.0.0.0/8 (host order).
 bool isLoopbackAddress(uint32_t address);
-// The token: the file's first line without surrounding blanks. False with a
-// message when it cannot be read or is empty.
+// The token: the file's first line without a byte order mark and without
+// surrounding blanks and CR. False with a message when it cannot be read,
+// is empty or is shorter than kMinTokenLength.
 bool readTokenFile(const std::string& path, std::string& token, std::string& error);
+// Why others than the owner may read the token file ("readable by group or
+// others (mode 0644)"), or empty. Windows: empty (its ACLs are the
+// installer's business).
+std::string tokenFileExposure(const std::string& path);
 
 // The boot image records the boot services would serve (number, stored
 // size, where found), and what they have done so far.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <set>
 
@@ -111,7 +112,16 @@ bool WebDesk::askYesNo(const std::string& text) {
 
 // ---- JSON ------------------------------------------------------------------
 
-json WebDesk::routerJson(const RouterRecord& r) {
+uint64_t WebDesk::scriptSize(const std::map<MacAddress, std::string>& texts, const MacAddress& mac,
+                             const std::string& path) const {
+  auto text = texts.find(mac);
+  if (text != texts.end()) return text->second.size();
+  std::error_code ec;
+  uint64_t size = path.empty() ? 0 : static_cast<uint64_t>(std::filesystem::file_size(path, ec));
+  return ec ? 0 : size;
+}
+
+json WebDesk::routerJson(const RouterRecord& r, bool withTexts) {
   bool setShown = sets_.contains(r.setName);
   ui::ControlRules rules = ui::controlRulesFor(&r, setShown);
   std::string address;
@@ -124,13 +134,17 @@ json WebDesk::routerJson(const RouterRecord& r) {
                   {"keepBranding", r.keepBranding},
                   {"configureScript", r.scriptEnabled},
                   {"configureScriptFile", r.scriptPath},
+                  {"configureScriptSize", scriptSize(scriptTexts_, r.mac, r.scriptPath)},
                   {"modeScript", r.modeScriptEnabled},
                   {"modeScriptFile", r.modeScriptPath},
+                  {"modeScriptSize", scriptSize(modeScriptTexts_, r.mac, r.modeScriptPath)},
                   {"after", afterText(afterFor(r.mac))}};
-  auto text = scriptTexts_.find(r.mac);
-  if (text != scriptTexts_.end()) options["configureScriptText"] = text->second;
-  auto mode = modeScriptTexts_.find(r.mac);
-  if (mode != modeScriptTexts_.end()) options["modeScriptText"] = mode->second;
+  if (withTexts) {
+    auto text = scriptTexts_.find(r.mac);
+    if (text != scriptTexts_.end()) options["configureScriptText"] = text->second;
+    auto mode = modeScriptTexts_.find(r.mac);
+    if (mode != modeScriptTexts_.end()) options["modeScriptText"] = mode->second;
+  }
   json record = {{"mac", macText(r.mac)},
                  {"kind", r.kind == kKindDrive ? "drive" : "router"},
                  {"label", r.label},
@@ -155,14 +169,8 @@ json WebDesk::routerJson(const RouterRecord& r) {
 
 json WebDesk::routers() {
   json list = json::array();
-  for (const auto& [mac, row] : desk_.table().rows()) list.push_back(routerJson(row.record));
+  for (const auto& [mac, row] : desk_.table().rows()) list.push_back(routerJson(row.record, false));
   return list;
-}
-
-std::vector<std::string> WebDesk::routerSnapshots() {
-  std::vector<std::string> out;
-  for (const auto& [mac, row] : desk_.table().rows()) out.push_back(jsonText(routerJson(row.record)));
-  return out;
 }
 
 RouterRow* WebDesk::findRow(const std::string& text, WebResult& error) {
@@ -497,6 +505,33 @@ json WebDesk::sets() const {
   return list;
 }
 
+namespace {
+std::filesystem::path normalFolder(const std::string& folder) {
+  std::error_code ec;
+  std::filesystem::path path = std::filesystem::absolute(folder, ec).lexically_normal();
+  if (!path.has_filename()) path = path.parent_path();  // "/srv/pk/" is "/srv/pk"
+  return path;
+}
+}  // namespace
+
+// The folders a set may name: those beside or under serve's package folder
+// (under its parent) and those the console already shows (a router's
+// folder, a saved set's). Anything else would let a caller make the
+// installer read packages from wherever it likes.
+bool WebDesk::folderOffered(const std::string& folder) const {
+  std::filesystem::path wanted = normalFolder(folder);
+  std::filesystem::path parent = normalFolder(desk_.packageDir()).parent_path();
+  std::filesystem::path below = wanted.lexically_relative(parent);
+  if (!below.empty() && below != "." && *below.begin() != "..") return true;
+  for (const auto& [mac, row] : desk_.table().rows()) {
+    if (!row.record.packageDir.empty() && normalFolder(row.record.packageDir) == wanted) return true;
+  }
+  for (const auto& [name, strings] : sets_.sets()) {
+    if (!strings.empty() && normalFolder(strings.front()) == wanted) return true;
+  }
+  return false;
+}
+
 WebResult WebDesk::putSet(const std::string& name, const json& body) {
   if (name.empty() || name.size() > 200) return WebResult::error(400, "name: must be 1 to 200 characters");
   if (!body.is_object() || !body.contains("files") || !body["files"].is_array()) {
@@ -509,6 +544,11 @@ WebResult WebDesk::putSet(const std::string& name, const json& body) {
       return WebResult::error(400, "folder: must be a folder name");
     }
     choice.folder = body["folder"].get<std::string>();
+    if (!folderOffered(choice.folder)) {
+      return WebResult::error(400, "folder: " + choice.folder + " is not under " +
+                                       normalFolder(desk_.packageDir()).parent_path().string() +
+                                       " nor a folder of a router or a set");
+    }
   }
   for (const json& f : body["files"]) {
     if (!f.is_string() || f.get<std::string>().empty()) return WebResult::error(400, "files: every entry must be a file name");
@@ -604,18 +644,18 @@ void WebDesk::publishChanges() {
     // Progress and texts at most four times a second; a new status always,
     // so that a client sees every step of an installation in order.
     if (!statusChanged && sent.at != 0 && now - sent.at < kEventSpacingMicros) continue;
-    std::string text = jsonText(routerJson(r));
+    std::string text = jsonText(routerJson(r, false));
     if (text == sent.json) continue;
     sent.json = std::move(text);
     sent.at = now;
-    hub_.publish("router", sent.json);
+    hub_.publishState("router", macText(mac), sent.json);
   }
   for (auto it = sent_.begin(); it != sent_.end();) {
     if (present.count(it->first) != 0) {
       ++it;
       continue;
     }
-    hub_.publish("removed", jsonText(json{{"mac", macText(it->first)}}));
+    hub_.publishRemoval("removed", macText(it->first), jsonText(json{{"mac", macText(it->first)}}));
     after_.erase(it->first);
     it = sent_.erase(it);
   }

@@ -112,10 +112,9 @@ class WebDesk : private InstallPrompter {
   nlohmann::json netboot() const;
   // Prometheus text format 0.0.4.
   std::string metrics();
-  // One "router" event per row, for a client that has just connected.
-  std::vector<std::string> routerSnapshots();
-
-  nlohmann::json routerJson(const RouterRecord& record);
+  // A router as the API shows it. Events and the list name the scripts and
+  // their sizes; the texts (up to 256 KiB each) only come with one router.
+  nlohmann::json routerJson(const RouterRecord& record, bool withTexts = true);
 
   uint64_t installsDone() const { return installsDone_; }
   uint64_t installsFailed() const { return installsFailed_; }
@@ -130,6 +129,9 @@ class WebDesk : private InstallPrompter {
   void showPackagesOf(RouterRecord& record);
   bool saveSets();
   bool writeScript(const MacAddress& mac, const char* name, const std::string& text, std::string& path);
+  uint64_t scriptSize(const std::map<MacAddress, std::string>& texts, const MacAddress& mac,
+                      const std::string& path) const;
+  bool folderOffered(const std::string& folder) const;
 
   std::mutex lock_;
   InstallDesk& desk_;

@@ -70,8 +70,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   web::WebDesk webDesk(desk, sets, remembered, nullptr, hub, clock);
   web::WebAccess access;
   // Half the inputs meet a token, so both roads are walked.
-  if (size % 2 == 1) access.token = "fuzz-token";
-  web::WebApi api(webDesk, hub, access);
+  if (size % 2 == 1) access.token = "fuzz-token-0123456789";
+  access.origins = {"https://proxy.example"};
+  web::WebApi api(webDesk, hub, access, clock);
+  request.address = "192.0.2.7";
   web::HttpResponse response = api.handle(request);
   if (response.status < 200 || response.status > 599) __builtin_trap();
   if (!response.stream && response.contentType.rfind("application/json", 0) == 0) {

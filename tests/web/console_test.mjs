@@ -30,6 +30,12 @@ try {
   const page = context.pages()[0] || await context.newPage();
   page.setDefaultTimeout(20000);
   const errors = [];
+  // Every write of the console carries its own header (the server refuses a
+  // cookie write without Origin or it).
+  const writes = [];
+  page.on('request', (r) => {
+    if (r.method() !== 'GET' && r.url().includes('/api/')) writes.push([r.method(), r.url(), r.headers()['x-tarnlift']]);
+  });
   page.on('pageerror', (e) => errors.push(String(e)));
   page.on('console', (m) => { if (m.type() === 'error') errors.push(m.text()); });
   await page.goto(base + '/');
@@ -39,6 +45,8 @@ try {
     await page.fill('#token', 'not-the-token');
     await page.press('#token', 'Enter');
     await page.waitForFunction(() => document.querySelector('#login-error').textContent.length > 0);
+    // A wrong token costs this address a second before the next try.
+    await page.waitForTimeout(1100);
     await page.fill('#token', token);
     await page.press('#token', 'Enter');
     await page.locator('#login').waitFor({ state: 'hidden' });
@@ -62,6 +70,12 @@ try {
   await box('extra-6.41.npk').check();
   await page.waitForFunction(() => document.querySelector('#packages input[data-file="system-6.41.npk"]')?.checked);
 
+  // A configure script as text: the events name it, the router carries it.
+  const script = '/system identity set name=web-test\n';
+  await page.fill('#o-configureScriptText', script);
+  await page.check('#o-configureScript');
+  await page.waitForFunction(() => document.querySelector('#options-error').textContent === '' &&
+    document.querySelector('#o-configureScript').checked);
   await page.fill('#o-address', '10.0.0.5/24');
   await page.fill('#o-gateway', '10.0.0.1');
   if (await page.isDisabled('#b-install')) fail('Install is disabled on a Ready router');
@@ -92,6 +106,10 @@ try {
     if ((await page.isDisabled(id)) !== disabled) fail(`${id} should be ${disabled ? 'disabled' : 'enabled'} after Done`);
   }
   if ((await page.locator('#log').textContent()).length === 0) fail('the log tail is empty');
+  if ((await page.inputValue('#o-configureScriptText')) !== script) fail('the script text went from the form after the events');
+  if (writes.length < 3) fail('too few writes seen: ' + JSON.stringify(writes));
+  const bare = writes.filter(([, , header]) => header !== '1');
+  if (bare.length) fail('writes without X-Tarnlift: ' + JSON.stringify(bare));
   await page.screenshot({ path: join(shots, 'web_console.png') });
 
   await page.setViewportSize({ width: 390, height: 844 });

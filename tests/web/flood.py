@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """A bounded flood of bad requests for the web console's server: malformed
 heads, oversized bodies and heads, and slow clients that stop half-way. Sends
-COUNT requests at most, a few connections at a time, and stops by itself.
+COUNT requests at most, a few connections at a time (each worker from an
+address of its own, 127.0.4.N), and stops by itself.
 usage: flood.py HOST PORT COUNT"""
 import socket
 import sys
@@ -27,11 +28,11 @@ answered = 0
 lock = threading.Lock()
 
 
-def one(i):
+def one(i, source):
     global answered
     kind = KINDS[i % len(KINDS)]
     try:
-        s = socket.create_connection((host, port), timeout=10)
+        s = socket.create_connection((host, port), timeout=10, source_address=(source, 0))
         if i % 50 == 7:
             # A slow client: half a request, then nothing. The first few
             # wait for the server to give up on them (408 after 5 s); the
@@ -58,7 +59,7 @@ def one(i):
 next_index = 0
 
 
-def worker():
+def worker(source):
     global next_index, sent
     while time.monotonic() < deadline:
         with lock:
@@ -66,13 +67,13 @@ def worker():
                 return
             i = next_index
             next_index += 1
-        one(i)
+        one(i, source)
         with lock:
             sent += 1
 
 
 # Slow clients hold a connection for seconds; the others go on meanwhile.
-workers = [threading.Thread(target=worker) for _ in range(24)]
+workers = [threading.Thread(target=worker, args=("127.0.4.%d" % (n + 1),)) for n in range(24)]
 for t in workers:
     t.start()
 for t in workers:

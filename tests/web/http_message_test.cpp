@@ -73,7 +73,10 @@ TEST(HttpMessage, ResponseHeadCarriesLengthOrClosesAStream) {
   EXPECT_EQ(head.rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u);
   EXPECT_NE(head.find("Content-Length: 2\r\n"), std::string::npos);
   EXPECT_NE(head.find("Connection: keep-alive"), std::string::npos);
-  r.stream = [](const StreamWrite&, const StreamStopping&) {};
+  struct Endless : ResponseStream {
+    bool pull(std::string&, size_t) override { return true; }
+  };
+  r.stream = std::make_shared<Endless>();
   head = responseHead(r, true);
   EXPECT_EQ(head.find("Content-Length"), std::string::npos);
   EXPECT_NE(head.find("Connection: close"), std::string::npos);

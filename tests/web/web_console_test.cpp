@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/install/temp_dir.h"
 
 namespace tarnlift::web {
@@ -39,12 +41,58 @@ TEST(WebConsoleOptions, OnlyLoopbackCountsAsThisMachine) {
 TEST(WebConsoleOptions, TheTokenIsTheFirstLineWithoutBlanks) {
   tarnlift::testing::TempDir dir;
   std::string token, error;
-  ASSERT_TRUE(readTokenFile(dir.write("t", "  s3cret \r\nsecond line\n"), token, error)) << error;
-  EXPECT_EQ(token, "s3cret");
+  ASSERT_TRUE(readTokenFile(dir.write("t", "  0123456789abcdef \r\nsecond line\n"), token, error)) << error;
+  EXPECT_EQ(token, "0123456789abcdef");
+  // As an editor on Windows saves it: a byte order mark, CR LF, blanks.
+  ASSERT_TRUE(readTokenFile(dir.write("bom",
+                                      "\xEF\xBB\xBF"
+                                      "0123456789abcdef\t \r\n"),
+                            token, error))
+      << error;
+  EXPECT_EQ(token, "0123456789abcdef");
   EXPECT_FALSE(readTokenFile(dir.write("empty", "\n"), token, error));
   EXPECT_NE(error.find("no token"), std::string::npos);
   EXPECT_FALSE(readTokenFile(dir.file("missing"), token, error));
   EXPECT_NE(error.find("cannot read"), std::string::npos);
+}
+
+TEST(WebConsoleOptions, ATokenShorterThanSixteenCharactersIsRefused) {
+  tarnlift::testing::TempDir dir;
+  std::string token, error;
+  EXPECT_FALSE(readTokenFile(dir.write("short", "s3cret\n"), token, error));
+  EXPECT_NE(error.find("at least 16"), std::string::npos) << error;
+  EXPECT_NE(error.find("openssl rand -hex 16"), std::string::npos) << error;
+  EXPECT_TRUE(token.empty());
+  EXPECT_FALSE(readTokenFile(dir.write("fifteen", "0123456789abcde\n"), token, error));
+  EXPECT_TRUE(readTokenFile(dir.write("sixteen", "0123456789abcdef\n"), token, error)) << error;
+}
+
+TEST(WebConsoleOptions, ATokenFileOthersMayReadIsNamed) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "Windows keeps readers in the file's ACL";
+#else
+  tarnlift::testing::TempDir dir;
+  std::string path = dir.write("t", "0123456789abcdef\n");
+  std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  EXPECT_EQ(tokenFileExposure(path), "");
+  std::filesystem::permissions(path, std::filesystem::perms::group_read, std::filesystem::perm_options::add);
+  EXPECT_EQ(tokenFileExposure(path), "readable by its group (mode 0640)");
+  std::filesystem::permissions(path, std::filesystem::perms::others_read, std::filesystem::perm_options::add);
+  EXPECT_EQ(tokenFileExposure(path), "readable by others (mode 0644)");
+#endif
+}
+
+TEST(WebConsoleOptions, WebOriginsAreSchemeAndHostOnly) {
+  std::string origin, error;
+  ASSERT_TRUE(normaliseOrigin("https://Provisioning.Example/", origin, error)) << error;
+  EXPECT_EQ(origin, "https://provisioning.example");
+  ASSERT_TRUE(normaliseOrigin("http://10.0.0.1:8443", origin, error));
+  EXPECT_EQ(origin, "http://10.0.0.1:8443");
+  for (const char* bad : {"provisioning.example", "ftp://a.example", "https://a.example/console", "https://",
+                          "https://a.example:99999", "https://user@a.example", "https://a.example?x"}) {
+    EXPECT_FALSE(normaliseOrigin(bad, origin, error)) << bad;
+    EXPECT_NE(error.find("--web-origin"), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -39,10 +39,11 @@ class WebFixture : public ::testing::Test {
     useToken("");
   }
 
-  void useToken(const std::string& token) {
+  void useToken(const std::string& token, std::vector<std::string> origins = {}) {
     WebAccess access;
     access.token = token;
-    api = std::make_unique<WebApi>(webDesk, hub, access);
+    access.origins = std::move(origins);
+    api = std::make_unique<WebApi>(webDesk, hub, access, clock);
   }
 
   void announce(uint8_t last, const std::string& label = "R1") {
@@ -60,17 +61,40 @@ class WebFixture : public ::testing::Test {
   }
 
   HttpResponse call(const std::string& method, const std::string& path, const std::string& body = "",
-                    std::vector<std::pair<std::string, std::string>> headers = {}) {
-    HttpRequest request;
-    request.method = method;
-    request.path = path;
-    request.target = path;
-    request.version = "HTTP/1.1";
-    request.headers.emplace_back("host", "127.0.0.1:8080");
+                    std::vector<std::pair<std::string, std::string>> headers = {},
+                    const std::string& from = "127.0.0.1") {
+    HttpRequest request = head(method, path, from);
     if (!body.empty()) request.headers.emplace_back("content-type", "application/json");
     for (auto& h : headers) request.headers.push_back(h);
     request.body = body;
     return api->handle(request);
+  }
+
+  // A request as the parser gives it, with the Host a browser sends.
+  static HttpRequest head(const std::string& method, const std::string& path, const std::string& from = "127.0.0.1") {
+    HttpRequest request;
+    request.method = method;
+    request.target = path;
+    if (!percentDecode(path, request.path)) request.path = path;
+    request.version = "HTTP/1.1";
+    request.address = from;
+    request.headers.emplace_back("host", "127.0.0.1:8080");
+    return request;
+  }
+
+  // Logs in with token; the cookie pair "tarnlift_session=..." or empty.
+  std::string login(const std::string& token, const std::string& from = "127.0.0.1") {
+    HttpResponse r = call("POST", "/api/v1/session", "{\"token\": \"" + token + "\"}", {}, from);
+    for (auto& [k, v] : r.headers) {
+      if (k == "Set-Cookie") return v.substr(0, v.find(';'));
+    }
+    return {};
+  }
+  static std::string headerOf(const HttpResponse& r, const std::string& name) {
+    for (auto& [k, v] : r.headers) {
+      if (k == name) return v;
+    }
+    return {};
   }
 
   nlohmann::json parse(const HttpResponse& response) { return nlohmann::json::parse(response.body); }

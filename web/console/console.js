@@ -4,11 +4,15 @@
 'use strict';
 (() => {
   const $ = (id) => document.getElementById(id);
-  const state = { routers: new Map(), selected: null, packages: null, sets: [], log: [] };
+  // Script texts by MAC: the list and the event stream name a router's
+  // scripts and their sizes; the texts come with the router alone.
+  const state = { routers: new Map(), texts: new Map(), selected: null, packages: null, sets: [], log: [] };
   const OPTION_FLAGS = ['keepConfig', 'keepBranding', 'defaultConfig', 'configureScript', 'modeScript'];
 
   async function api(method, path, body) {
-    const init = { method, credentials: 'same-origin', headers: {} };
+    // The header tells the server the request comes from this page: a page
+    // elsewhere cannot send it without asking first.
+    const init = { method, credentials: 'same-origin', headers: { 'X-Tarnlift': '1' } };
     if (body !== undefined) {
       init.headers['Content-Type'] = 'application/json';
       init.body = JSON.stringify(body);
@@ -93,6 +97,26 @@
     renderRouters();
     renderDetail(true);
     loadPackages();
+    loadTexts(mac);
+  }
+
+  function textsOf(r) {
+    const known = state.texts.get(r.mac) || {};
+    return {
+      configureScriptText: r.options.configureScriptText !== undefined ? r.options.configureScriptText : (known.configureScriptText || ''),
+      modeScriptText: r.options.modeScriptText !== undefined ? r.options.modeScriptText : (known.modeScriptText || ''),
+    };
+  }
+  function rememberTexts(r) {
+    if (r.options.configureScriptText === undefined && r.options.modeScriptText === undefined) return;
+    state.texts.set(r.mac, textsOf(r));
+  }
+  async function loadTexts(mac) {
+    try {
+      const r = await api('GET', '/api/v1/routers/' + mac);
+      rememberTexts(r);
+      if (state.selected === mac) { state.routers.set(mac, r); renderDetail(true); }
+    } catch (err) { /* the row may have gone meanwhile */ }
   }
 
   // ---- the selected router ----
@@ -131,8 +155,9 @@
       $('o-gateway').value = o.gateway;
       $('o-baudRate').value = String(o.baudRate);
       $('o-after').value = o.after;
-      $('o-configureScriptText').value = o.configureScriptText || '';
-      $('o-modeScriptText').value = o.modeScriptText || '';
+      const texts = textsOf(r);
+      $('o-configureScriptText').value = texts.configureScriptText;
+      $('o-modeScriptText').value = texts.modeScriptText;
     }
     renderSetButtons();
   }
@@ -159,7 +184,7 @@
     for (const [flag, area, key] of [['configureScript', 'o-configureScriptText', 'configureScriptText'], ['modeScript', 'o-modeScriptText', 'modeScriptText']]) {
       const on = $('o-' + flag).checked;
       const script = $(area).value;
-      if (on && script !== (o[key] || '')) body[flag] = script;
+      if (on && script !== textsOf(r)[key]) body[flag] = script;
       else if (on !== o[flag]) body[flag] = on;
     }
     return body;
@@ -310,13 +335,28 @@
   }
 
   // ---- live updates ----
+  function optionsText(r) {
+    const { configureScriptText, modeScriptText, ...rest } = r.options;
+    return JSON.stringify(rest);
+  }
+  function scriptsOf(r) {
+    const o = r.options;
+    return [o.configureScriptFile, o.configureScriptSize, o.modeScriptFile, o.modeScriptSize].join('|');
+  }
   function update(r) {
     const before = state.routers.get(r.mac);
+    rememberTexts(r);
+    // An event names the scripts only: when they changed, the selected
+    // router's texts are read again.
+    if (r.mac === state.selected && r.options.configureScriptText === undefined && before && scriptsOf(before) !== scriptsOf(r)) {
+      state.texts.delete(r.mac);
+      loadTexts(r.mac);
+    }
     state.routers.set(r.mac, r);
     renderRouters();
     if (r.mac === state.selected) {
       const statusChanged = !before || before.statusCode !== r.statusCode;
-      renderDetail(statusChanged || !before || JSON.stringify(before.options) !== JSON.stringify(r.options));
+      renderDetail(statusChanged || !before || optionsText(before) !== optionsText(r));
       if (statusChanged || !before || JSON.stringify(before.selection) !== JSON.stringify(r.selection)) loadPackages();
     }
   }
@@ -343,7 +383,8 @@
       renderDetail(false);
     });
     source.addEventListener('log', (e) => addLog(JSON.parse(e.data).line));
-    source.addEventListener('resync', () => { state.routers.clear(); connect(); });
+    // Fallen behind: the present state follows at once on the same stream.
+    source.addEventListener('resync', () => { state.routers.clear(); });
   }
 
   async function start() {
