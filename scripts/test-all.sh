@@ -16,18 +16,28 @@ status=0
 summary=()
 started=$(date +%s)
 
+# Processor time (user + system) of this script's finished children, in
+# hundredths of a second: beside the wall time it shows what a step costs on
+# a machine that others share too.
+cpu_ticks() {
+  local fields
+  read -r -a fields < /proc/$$/stat
+  echo $((fields[15] + fields[16]))
+}
+
 step() {
   local name=$1
   shift
-  local begin
+  local begin cpu_begin outcome=ok
   begin=$(date +%s)
+  cpu_begin=$(cpu_ticks)
   echo "=== $name"
-  if "$@"; then
-    summary+=("ok      $name ($(($(date +%s) - begin)) s)")
-  else
-    summary+=("FAILED  $name ($(($(date +%s) - begin)) s)")
+  if ! "$@"; then
+    outcome=FAILED
     status=1
   fi
+  summary+=("$(printf '%-7s %s (%d s, cpu %d s)' "$outcome" "$name" $(($(date +%s) - begin)) \
+    $((($(cpu_ticks) - cpu_begin) / 100)))")
 }
 
 build() { cmake --preset "$1" >/dev/null && cmake --build "build/$1" -j "$jobs"; }
@@ -100,6 +110,6 @@ step "packages (.deb and zip)" packages
 step "fuzz (${fuzz_seconds} s in all)" fuzz_all
 
 echo
-echo "=== Summary ($(($(date +%s) - started)) s)"
+echo "=== Summary ($(($(date +%s) - started)) s, cpu $(($(cpu_ticks) / 100)) s, load $(cut -d' ' -f1-3 /proc/loadavg))"
 printf '%s\n' "${summary[@]}"
 exit $status
