@@ -3,15 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "netboot/bootp.h"
+
 namespace tarnlift::netboot {
 namespace {
 
-constexpr size_t kChaddrOffset = 28;
 constexpr size_t kCookieOffset = 236;
 constexpr size_t kOptionsOffset = 240;
 constexpr uint8_t kCookie[4] = {99, 130, 83, 99};
-constexpr uint8_t kOptionPad = 0;
-constexpr uint8_t kOptionEnd = 255;
 constexpr uint8_t kOptionServerIdentifier = 54;
 
 // The fixed part up to the file name and the Ethernet hardware type and
@@ -27,11 +26,11 @@ uint32_t serverIdentifier(const uint8_t* datagram, size_t length) {
   size_t pos = kOptionsOffset;
   while (pos < length) {
     uint8_t code = datagram[pos];
-    if (code == kOptionPad) {
+    if (code == kBootpOptionPad) {
       ++pos;
       continue;
     }
-    if (code == kOptionEnd || pos + 1 >= length) break;
+    if (code == kBootpOptionEnd || pos + 1 >= length) break;
     size_t optionLength = datagram[pos + 1];
     if (pos + 2 + optionLength > length) break;
     if (code == kOptionServerIdentifier && optionLength == 4) {
@@ -53,7 +52,7 @@ std::string foreignReplyText(const ForeignReply& reply) {
 void BootServerWatch::noteRequest(const uint8_t* datagram, size_t length) {
   if (!ethernetMessage(datagram, length, 1)) return;
   MacAddress mac;
-  std::memcpy(mac.data(), datagram + kChaddrOffset, 6);
+  std::memcpy(mac.data(), datagram + kBootpChaddrOffset, 6);
   auto it = std::find(clients_.begin(), clients_.end(), mac);
   if (it != clients_.end()) clients_.erase(it);
   clients_.push_back(mac);
@@ -68,7 +67,7 @@ bool BootServerWatch::hearReply(const uint8_t* datagram, size_t length, uint32_t
                                 ForeignReply& reply) {
   if (datagram == nullptr || sourcePort != 67 || !ethernetMessage(datagram, length, 2)) return false;
   MacAddress mac;
-  std::memcpy(mac.data(), datagram + kChaddrOffset, 6);
+  std::memcpy(mac.data(), datagram + kBootpChaddrOffset, 6);
   if (!knowsClient(mac)) return false;
   // A DHCP server names itself in option 54, which stays right when a relay
   // agent passes the reply on from its own address; a plain BOOTP reply has

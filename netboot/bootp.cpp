@@ -35,13 +35,10 @@ bool sameIgnoringLetterCase(const uint8_t* data, const char* text) {
   return true;
 }
 
-constexpr uint8_t kOptionPad = 0;
-constexpr uint8_t kOptionEnd = 255;
 constexpr uint8_t kOptionSubnetMask = 1;
 constexpr uint8_t kOptionBootFileSize = 13;
 constexpr uint8_t kOptionVendorClass = 60;
 constexpr uint8_t kOptionClientArch = 93;
-constexpr size_t kChaddrOffset = 28;
 constexpr size_t kFileOffset = 108;
 constexpr size_t kFileSize = 128;
 
@@ -76,11 +73,11 @@ bool BootpClassifier::classify(const uint8_t* request, size_t length) {
   size_t pos = kBootpOptionsOffset;
   while (pos < length) {
     uint8_t code = request[pos];
-    if (code == kOptionPad) {
+    if (code == kBootpOptionPad) {
       ++pos;
       continue;
     }
-    if (code == kOptionEnd) break;
+    if (code == kBootpOptionEnd) break;
     if (pos + 1 >= length) break;
     size_t optionLength = request[pos + 1];
     const uint8_t* data = request + pos + 2;
@@ -104,11 +101,11 @@ bool BootpClassifier::classify(const uint8_t* request, size_t length) {
   if (clientClass_ == kClassPxe && (architecture == 7 || architecture == 9)) clientClass_ = kClassPxeEfiX64;
 
   if (recognised) {
-    std::memcpy(clientMac_.data(), request + kChaddrOffset, 6);
+    std::memcpy(clientMac_.data(), request + kBootpChaddrOffset, 6);
     logLine() << "client: " << formatMac(clientMac_);
     return true;
   }
-  return std::memcmp(clientMac_.data(), request + kChaddrOffset, 6) == 0;
+  return std::memcmp(clientMac_.data(), request + kBootpChaddrOffset, 6) == 0;
 }
 
 bool bootFileSizeBlocks(uint32_t length, uint32_t& blocks) {
@@ -143,11 +140,11 @@ size_t buildBootpReply(uint8_t* buffer, int clientClass, uint32_t clientAddress,
     std::memcpy(buffer + pos, &serverNetmask, 4);
     pos += 4;
   }
-  buffer[pos] = kOptionEnd;
+  buffer[pos] = kBootpOptionEnd;
   // The length sent: walk what was written up to the end marker.
   size_t walk = kBootpOptionsOffset;
-  while (walk + 1 < kBootpBufferSize && buffer[walk] != kOptionEnd) {
-    walk += buffer[walk] == kOptionPad ? 1 : 2 + size_t(buffer[walk + 1]);
+  while (walk + 1 < kBootpBufferSize && buffer[walk] != kBootpOptionEnd) {
+    walk += buffer[walk] == kBootpOptionPad ? 1 : 2 + size_t(buffer[walk + 1]);
   }
   return walk + 1;
 }
@@ -162,7 +159,7 @@ std::vector<uint8_t> makeBootpRequest(const MacAddress& mac, const std::string& 
   request[5] = static_cast<uint8_t>(xid >> 16);
   request[6] = static_cast<uint8_t>(xid >> 8);
   request[7] = static_cast<uint8_t>(xid);
-  std::memcpy(request.data() + kChaddrOffset, mac.data(), 6);
+  std::memcpy(request.data() + kBootpChaddrOffset, mac.data(), 6);
   const uint8_t cookie[4] = {99, 130, 83, 99};
   std::memcpy(request.data() + 236, cookie, 4);
   size_t pos = kBootpOptionsOffset;
@@ -179,7 +176,7 @@ std::vector<uint8_t> makeBootpRequest(const MacAddress& mac, const std::string& 
     std::memcpy(request.data() + pos, vendorClass.data(), length);
     pos += length;
   }
-  request[pos] = kOptionEnd;
+  request[pos] = kBootpOptionEnd;
   return request;
 }
 
@@ -218,7 +215,7 @@ void printBootpMessage(const uint8_t* message, size_t length) {
   logLine() << "siaddr: " << formatIpv4(address);
   std::memcpy(&address, message + 24, 4);
   logLine() << "giaddr: " << formatIpv4(address);
-  logLine() << "chaddr: " << hexBytes(message + kChaddrOffset, 16);
+  logLine() << "chaddr: " << hexBytes(message + kBootpChaddrOffset, 16);
   logLine() << "sname: " << boundedText(message + 44, 64);
   logLine() << "file: " << boundedText(message + kFileOffset, kFileSize);
   logLine() << "cookie: " << hexBytes(message + 236, 4);

@@ -18,6 +18,11 @@ inline constexpr uint16_t kBootpServerPort = 67;
 inline constexpr uint16_t kBootpClientPort = 68;
 inline constexpr size_t kBootpBufferSize = 1264;
 inline constexpr size_t kBootpOptionsOffset = 240;
+// Where the client's hardware address sits, and the two options that carry no
+// length: padding and the end of the list.
+inline constexpr size_t kBootpChaddrOffset = 28;
+inline constexpr uint8_t kBootpOptionPad = 0;
+inline constexpr uint8_t kBootpOptionEnd = 255;
 inline constexpr int kClassNone = -1;
 inline constexpr int kClassPxe = 125;
 inline constexpr int kClassPxeEfiX64 = 143;

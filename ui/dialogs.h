@@ -7,6 +7,10 @@
 
 namespace tarnlift {
 
+// The text of a window or control (a native handle), as the dialogs and the
+// main window read their edit boxes and labels.
+std::string windowText(void* window);
+
 // "Help" (dialog 106): the fixed help text and a "Close" button. Returns 0.
 int showHelpDialog(void* owner);
 

@@ -14,14 +14,7 @@ namespace tarnlift {
 namespace {
 
 // The resources live in the program's own module.
-HINSTANCE module() { return GetModuleHandleA(nullptr); }
-
-std::string windowText(HWND window) {
-  int length = GetWindowTextLengthA(window);
-  std::vector<char> buffer(static_cast<size_t>(length) + 1, '\0');
-  GetWindowTextA(window, buffer.data(), length + 1);
-  return std::string(buffer.data());
-}
+HINSTANCE resourceModule() { return GetModuleHandleA(nullptr); }
 
 INT_PTR CALLBACK helpProc(HWND dialog, UINT message, WPARAM wParam, LPARAM) {
   switch (message) {
@@ -142,15 +135,23 @@ INT_PTR CALLBACK netbootProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
 
 }  // namespace
 
+std::string windowText(void* window) {
+  HWND handle = static_cast<HWND>(window);
+  int length = GetWindowTextLengthA(handle);
+  std::vector<char> buffer(static_cast<size_t>(length) + 1, '\0');
+  GetWindowTextA(handle, buffer.data(), length + 1);
+  return std::string(buffer.data());
+}
+
 int showHelpDialog(void* owner) {
-  DialogBoxParamA(module(), MAKEINTRESOURCEA(IDD_HELP), static_cast<HWND>(owner), &helpProc, 0);
+  DialogBoxParamA(resourceModule(), MAKEINTRESOURCEA(IDD_HELP), static_cast<HWND>(owner), &helpProc, 0);
   return 0;
 }
 
 bool askSetNameDialog(void* owner, std::string& name) {
   SaveSetState state;
   state.name = name;
-  DialogBoxParamA(module(), MAKEINTRESOURCEA(IDD_SAVE_SET), static_cast<HWND>(owner), &saveSetProc,
+  DialogBoxParamA(resourceModule(), MAKEINTRESOURCEA(IDD_SAVE_SET), static_cast<HWND>(owner), &saveSetProc,
                   reinterpret_cast<LPARAM>(&state));
   if (state.accepted) name = state.name;
   return state.accepted;
@@ -158,7 +159,7 @@ bool askSetNameDialog(void* owner, std::string& name) {
 
 bool showNetbootDialog(void* owner, bool& enabled, uint32_t& clientAddress) {
   NetbootState state{enabled, clientAddress};
-  DialogBoxParamA(module(), MAKEINTRESOURCEA(IDD_NETBOOT), static_cast<HWND>(owner), &netbootProc,
+  DialogBoxParamA(resourceModule(), MAKEINTRESOURCEA(IDD_NETBOOT), static_cast<HWND>(owner), &netbootProc,
                   reinterpret_cast<LPARAM>(&state));
   bool accepted = state.presenter != nullptr && state.presenter->accepted();
   if (accepted) {

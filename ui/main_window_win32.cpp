@@ -31,13 +31,6 @@ using ui::MainView;
 
 HINSTANCE module() { return GetModuleHandleA(nullptr); }
 
-std::string windowText(HWND window) {
-  int length = GetWindowTextLengthA(window);
-  std::vector<char> buffer(static_cast<size_t>(length) + 1, '\0');
-  GetWindowTextA(window, buffer.data(), length + 1);
-  return std::string(buffer.data());
-}
-
 // "Browse..." of the package folder: the shell's folder browser, which shows
 // how many packages the highlighted folder holds.
 class ShellFolderBrowser : public packages::FolderBrowser {

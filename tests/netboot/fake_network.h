@@ -29,6 +29,9 @@ struct SentDatagram {
   uint16_t port = 0;
 };
 
+// The TFTP opcode of a sent datagram: its first two bytes.
+inline uint16_t opcode(const SentDatagram& d) { return static_cast<uint16_t>(d.bytes[0] << 8 | d.bytes[1]); }
+
 class FakeNetwork;
 
 class FakeSocket : public DatagramSocket {

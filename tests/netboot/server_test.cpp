@@ -25,9 +25,9 @@ using testing::FakeSocket;
 using testing::ScopedBootImageStore;
 using testing::SentDatagram;
 
-const MacAddress kMac{0x00, 0x0C, 0x42, 0x11, 0x22, 0x33};
+const MacAddress kClientMac{0x00, 0x0C, 0x42, 0x11, 0x22, 0x33};
 
-std::vector<uint8_t> rrq(const std::string& file, bool tsize = true) {
+std::vector<uint8_t> readRequest(const std::string& file, bool tsize = true) {
   std::vector<uint8_t> bytes{0, 1};
   auto add = [&bytes](const std::string& text) {
     bytes.insert(bytes.end(), text.begin(), text.end());
@@ -41,8 +41,6 @@ std::vector<uint8_t> rrq(const std::string& file, bool tsize = true) {
   }
   return bytes;
 }
-
-uint16_t opcode(const SentDatagram& d) { return static_cast<uint16_t>(d.bytes[0] << 8 | d.bytes[1]); }
 
 class ServerTest : public ::testing::Test {
  protected:
@@ -94,7 +92,7 @@ class ServerTest : public ::testing::Test {
   }
 
   void deliverBootp(const std::string& vendorClass, int architecture = -1) {
-    network.bootp->deliver(makeBootpRequest(kMac, vendorClass, architecture, 42), 0, 68);
+    network.bootp->deliver(makeBootpRequest(kClientMac, vendorClass, architecture, 42), 0, 68);
   }
 
   std::vector<uint8_t> image(int number) {
@@ -135,7 +133,7 @@ TEST_F(ServerTest, BootpThenTftpServesTheImageOfTheClass) {
   steps.push_back([&] { deliverBootp("Powerboot"); });
   steps.push_back([&] {
     EXPECT_EQ(server->currentClass(), 129);
-    network.tftp->deliver(rrq("whatever/name"), parseIpv4("10.9.9.9"), 3000);
+    network.tftp->deliver(readRequest("whatever/name"), parseIpv4("10.9.9.9"), 3000);
   });
   s->run();
   EXPECT_EQ(received, image(129));
@@ -169,7 +167,7 @@ TEST_F(ServerTest, BootpThenTftpServesTheImageOfTheClass) {
 
 TEST_F(ServerTest, RequestsAreNotReadBeforeABootpExchange) {
   auto s = makeServer();
-  steps.push_back([&] { network.tftp->deliver(rrq("/image"), kClient, 3000); });
+  steps.push_back([&] { network.tftp->deliver(readRequest("/image"), kClient, 3000); });
   steps.push_back([&] {});
   bool stillWaiting = false;
   onSleep = nullptr;
@@ -199,7 +197,7 @@ TEST_F(ServerTest, RequestsAreNotReadBeforeABootpExchange) {
 TEST_F(ServerTest, EfiClientGetsImage143WhateverTheFileName) {
   auto s = makeServer();
   steps.push_back([&] { deliverBootp("PXEClient:Arch:00007", 7); });
-  steps.push_back([&] { network.tftp->deliver(rrq("/boot/anything.efi"), kClient, 3001); });
+  steps.push_back([&] { network.tftp->deliver(readRequest("/boot/anything.efi"), kClient, 3001); });
   s->run();
   EXPECT_EQ(s->currentClass(), 143);
   EXPECT_EQ(received, image(143));
@@ -222,7 +220,7 @@ TEST_F(ServerTest, BiosPxeClientIsServedByFileName) {
   for (const auto& [name, number] : names) {
     received.clear();
     step = 0;
-    steps = {[&, name = name] { network.tftp->deliver(rrq(name), kClient, 3002); }};
+    steps = {[&, name = name] { network.tftp->deliver(readRequest(name), kClient, 3002); }};
     auto s = makeServer();
     s->setCurrentClass(125);
     s->run();
@@ -231,7 +229,7 @@ TEST_F(ServerTest, BiosPxeClientIsServedByFileName) {
   }
   received.clear();
   step = 0;
-  steps = {[&] { network.tftp->deliver(rrq("pxelinux.0"), kClient, 3002); }};
+  steps = {[&] { network.tftp->deliver(readRequest("pxelinux.0"), kClient, 3002); }};
   auto s = makeServer();
   s->setCurrentClass(125);
   s->run();
@@ -242,11 +240,11 @@ TEST_F(ServerTest, BiosPxeClientIsServedByFileName) {
 TEST_F(ServerTest, ClassZeroAndWriteRequestsAreDropped) {
   auto s = makeServer();
   s->setCurrentClass(0);
-  steps.push_back([&] { network.tftp->deliver(rrq("/image"), kClient, 3003); });
+  steps.push_back([&] { network.tftp->deliver(readRequest("/image"), kClient, 3003); });
   s->run();
   EXPECT_TRUE(network.sentBy("transfer").empty());
   EXPECT_TRUE(log.contains("onTftp 0 /image\n"));
-  std::vector<uint8_t> write = rrq("/image");
+  std::vector<uint8_t> write = readRequest("/image");
   write[1] = 2;
   step = 0;
   steps = {[&] { network.tftp->deliver(write, kClient, 3003); }, [&] { network.tftp->deliver({0, 1, 0}, kClient, 1); }};
@@ -265,7 +263,7 @@ TEST_F(ServerTest, KernelOverrideIsServedForEveryRequest) {
   }
   auto s = makeServer(path);
   s->setCurrentClass(129);
-  steps.push_back([&] { network.tftp->deliver(rrq("/image"), kClient, 3004); });
+  steps.push_back([&] { network.tftp->deliver(readRequest("/image"), kClient, 3004); });
   s->run();
   std::ifstream in(path, std::ios::binary);
   std::vector<uint8_t> expected((std::istreambuf_iterator<char>(in)), {});
@@ -281,7 +279,7 @@ TEST_F(ServerTest, EmptyOverrideFileGetsAnOackWithoutTsize) {
   { std::ofstream out(path, std::ios::binary); }
   auto s = makeServer(path);
   s->setCurrentClass(129);
-  steps.push_back([&] { network.tftp->deliver(rrq("/image"), kClient, 3005); });
+  steps.push_back([&] { network.tftp->deliver(readRequest("/image"), kClient, 3005); });
   s->run();
   std::vector<SentDatagram> sent = network.sentBy("transfer");
   ASSERT_FALSE(sent.empty());
@@ -293,7 +291,7 @@ TEST_F(ServerTest, EmptyOverrideFileGetsAnOackWithoutTsize) {
 TEST_F(ServerTest, MissingOverrideFileDropsTheRequest) {
   auto s = makeServer(::testing::TempDir() + "tl_no_such_kernel.bin");
   s->setCurrentClass(129);
-  steps.push_back([&] { network.tftp->deliver(rrq("/image"), kClient, 3006); });
+  steps.push_back([&] { network.tftp->deliver(readRequest("/image"), kClient, 3006); });
   s->run();
   EXPECT_TRUE(network.sentBy("transfer").empty());
   EXPECT_FALSE(log.contains("override len:"));
@@ -303,12 +301,12 @@ TEST_F(ServerTest, SecondRequestDuringATransferIsDrained) {
   auto s = makeServer();
   s->setCurrentClass(129);
   steps.push_back([&] {
-    network.tftp->deliver(rrq("/image"), kClient, 3007);
-    network.tftp->deliver(rrq("/image"), kClient, 3008);
+    network.tftp->deliver(readRequest("/image"), kClient, 3007);
+    network.tftp->deliver(readRequest("/image"), kClient, 3008);
   });
   s->run();
   EXPECT_EQ(received, image(129));
-  EXPECT_TRUE(log.contains("flush tftpSk: " + std::to_string(rrq("/image").size()) + "\n"));
+  EXPECT_TRUE(log.contains("flush tftpSk: " + std::to_string(readRequest("/image").size()) + "\n"));
   for (const SentDatagram& d : network.sentBy("transfer")) EXPECT_EQ(d.port, 3007);
 }
 
@@ -325,7 +323,7 @@ TEST_F(ServerTest, OnlyClientsThePredicateAllowsGetAnAnswerAndOthersAreLoggedOnc
   for (const SentDatagram& d : network.sentBy("bootp")) {
     if (d.port != 68) continue;
     ++answers;
-    EXPECT_TRUE(std::equal(kMac.begin(), kMac.end(), d.bytes.begin() + 28));
+    EXPECT_TRUE(std::equal(kClientMac.begin(), kClientMac.end(), d.bytes.begin() + 28));
   }
   EXPECT_EQ(answers, 1u);
   EXPECT_EQ(s->currentClass(), 129);
@@ -337,7 +335,7 @@ TEST_F(ServerTest, OnlyClientsThePredicateAllowsGetAnAnswerAndOthersAreLoggedOnc
 
 TEST_F(ServerTest, InvalidAndUnansweredBootp) {
   auto s = makeServer();
-  steps.push_back([&] { network.bootp->deliver(makeBootpRequest(kMac, "", -1, 1)); });
+  steps.push_back([&] { network.bootp->deliver(makeBootpRequest(kClientMac, "", -1, 1)); });
   steps.push_back([&] {
     network.bootp->failPort = 68;
     deliverBootp("Powerboot");
@@ -354,7 +352,7 @@ TEST_F(ServerTest, BootpRoundDoesNotLookAtTheTftpSocket) {
   bool tftpUntouchedAfterBootp = false;
   steps.push_back([&] {
     deliverBootp("Powerboot");
-    network.tftp->deliver(rrq("/image"), kClient, 3009);
+    network.tftp->deliver(readRequest("/image"), kClient, 3009);
   });
   int probes = 0;
   network.onSend = [&, original = network.onSend](FakeSocket& socket, const SentDatagram& d) {
@@ -404,7 +402,7 @@ TEST_F(ServerTest, ARestartForgetsTheClientButNotTheCurrentClass) {
   s->stopEvent().reset();
   step = 0;
   // Without its vendor class the same client is unknown to a new cycle.
-  steps = {[&] { network.bootp->deliver(makeBootpRequest(kMac, "", -1, 1)); }};
+  steps = {[&] { network.bootp->deliver(makeBootpRequest(kClientMac, "", -1, 1)); }};
   s->run();
   EXPECT_TRUE(log.contains("\tinvalid request\n"));
 }
@@ -514,17 +512,17 @@ TEST_F(ServerTest, AnotherServersAnswerToOurClientIsLoggedOncePerMinute) {
   auto s = makeServer();
   steps.push_back([&] {
     deliverBootp("Powerboot");
-    network.watch->deliver(foreignReply(kMac, yiaddr), other, 67);
+    network.watch->deliver(foreignReply(kClientMac, yiaddr), other, 67);
   });
   // Our own broadcast reply comes back to the watch: not reported.
   steps.push_back([&] { network.watch->deliver(network.sentBy("bootp").back().bytes, kServer, 67); });
   steps.push_back([&] {
     clock.advanceMillis(59'000);
-    network.watch->deliver(foreignReply(kMac, yiaddr), other, 67);
+    network.watch->deliver(foreignReply(kClientMac, yiaddr), other, 67);
   });
   steps.push_back([&] {
     clock.advanceMillis(1'000);
-    network.watch->deliver(foreignReply(kMac, yiaddr), other, 67);
+    network.watch->deliver(foreignReply(kClientMac, yiaddr), other, 67);
   });
   s->run();
   std::string line = "another boot server answered 00:0C:42:11:22:33: 192.168.88.77\n";
@@ -542,9 +540,10 @@ TEST_F(ServerTest, TheWatchChangesNoDatagramTheServerSends) {
     auto s = makeServer();
     steps.push_back([&] {
       deliverBootp("PXEClient:Arch:00007", 7);
-      if (watched) network.watch->deliver(foreignReply(kMac, 0, parseIpv4("10.0.0.9")), parseIpv4("192.168.88.9"), 67);
+      if (watched)
+        network.watch->deliver(foreignReply(kClientMac, 0, parseIpv4("10.0.0.9")), parseIpv4("192.168.88.9"), 67);
     });
-    steps.push_back([&] { network.tftp->deliver(rrq("bootx64.efi"), kClient, 3000); });
+    steps.push_back([&] { network.tftp->deliver(readRequest("bootx64.efi"), kClient, 3000); });
     s->run();
     std::vector<std::vector<uint8_t>> bytes;
     for (const SentDatagram& d : network.sent) bytes.push_back(d.bytes);

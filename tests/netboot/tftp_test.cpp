@@ -40,7 +40,6 @@ std::vector<uint8_t> ack(uint16_t block) {
   return {0, 4, static_cast<uint8_t>(block >> 8), static_cast<uint8_t>(block)};
 }
 
-uint16_t opcode(const SentDatagram& d) { return static_cast<uint16_t>(d.bytes[0] << 8 | d.bytes[1]); }
 uint16_t blockOf(const SentDatagram& d) { return static_cast<uint16_t>(d.bytes[2] << 8 | d.bytes[3]); }
 
 std::vector<uint8_t> content(size_t length) {

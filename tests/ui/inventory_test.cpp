@@ -20,7 +20,7 @@ using testing::macOf;
 using testing::PresenterTest;
 
 // A mipsel folder: ppp needs system.
-void writeFolder(const ScratchFolder& folder) {
+void writePppAndSystem(const ScratchFolder& folder) {
   auto write = [&](const std::string& file, const std::string& name,
                    const std::vector<mkpkg::DependencyEntry>& dependencies) {
     mkpkg::PackageWriter writer;
@@ -45,7 +45,7 @@ class InventoryTest : public PresenterTest {
  protected:
   void SetUp() override {
     PresenterTest::SetUp();
-    writeFolder(packagesFolder);
+    writePppAndSystem(packagesFolder);
     settings().writeString("Package Path", packagesFolder.path());
     writeText(files.file("office.rsc"), "/system identity set name=office\n");
     inventoryPath = files.file("fleet.ini");
