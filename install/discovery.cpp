@@ -100,8 +100,12 @@ bool RouterTable::addRouter(const RouterRecord& record, int64_t nowUs) {
 void RouterTable::addDrive(const RouterRecord& record) {
   RouterRow row;
   row.record = record;
-  // What would be erased, so that the user can tell the disks apart.
-  row.labelCell = record.label + (record.driveDescription.empty() ? "" : " (" + record.driveDescription + ")");
+  // The label is the drive's root as listed; the size, in the column a
+  // drive has no other use for, tells the disks apart at a glance. The
+  // whole description (number, size, model) is too long for a cell and
+  // goes to the status bar when the row is selected.
+  row.labelCell = record.label;
+  row.architectureCell = record.driveSize;
   row.macCell = record.driveType == 3 ? "Hard disk" : "Removable media";
   row.statusCell = "Ready";
   row.image = record.driveType == 3 ? 3 : 4;

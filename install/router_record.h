@@ -39,6 +39,7 @@ struct RouterRecord {
   bool spaceWarned = false;
   uint32_t driveType = 0;
   std::string driveDescription;  // a drive's disk: number, size, model ("" unknown)
+  std::string driveSize;         // its size alone, for the row ("" unknown)
   uint32_t baudRate = 0;
   bool defaultConfig = false;
   bool scriptEnabled = false;

@@ -52,6 +52,7 @@ std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator) {
     if (std::toupper(candidate.letter) == 'A') continue;
     rows.push_back(makeDriveRow(candidate.label, candidate.letter, candidate.type));
     rows.back().driveDescription = candidate.description;
+    rows.back().driveSize = candidate.size;
   }
   return rows;
 }
@@ -61,18 +62,20 @@ std::vector<RouterRecord> listLocalDrives() {
   return listLocalDrives(*enumerator);
 }
 
-std::string diskDescription(uint64_t bytes, const std::string& model) {
-  std::string text;
-  if (bytes > 0) {
-    char size[32];
-    // As makers count: 1 GB is 10^9 bytes.
-    if (bytes >= 1000000000ull) {
-      std::snprintf(size, sizeof size, "%.1f GB", static_cast<double>(bytes) / 1e9);
-    } else {
-      std::snprintf(size, sizeof size, "%.1f MB", static_cast<double>(bytes) / 1e6);
-    }
-    text = size;
+std::string diskSizeText(uint64_t bytes) {
+  if (bytes == 0) return {};
+  char size[32];
+  // As makers count: 1 GB is 10^9 bytes.
+  if (bytes >= 1000000000ull) {
+    std::snprintf(size, sizeof size, "%.1f GB", static_cast<double>(bytes) / 1e9);
+  } else {
+    std::snprintf(size, sizeof size, "%.1f MB", static_cast<double>(bytes) / 1e6);
   }
+  return size;
+}
+
+std::string diskDescription(uint64_t bytes, const std::string& model) {
+  std::string text = diskSizeText(bytes);
   if (!model.empty()) text += (text.empty() ? "" : ", ") + model;
   return text;
 }

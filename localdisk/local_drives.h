@@ -53,6 +53,7 @@ struct DriveCandidate {
   // The disk's number, size and model, so that the user sees what would be
   // erased; empty when unknown.
   std::string description;
+  std::string size;  // "16.0 GB": short enough for the row's last column
 };
 
 class DriveEnumerator {
@@ -71,6 +72,8 @@ std::vector<RouterRecord> listLocalDrives();
 // "16.0 GB, Maker Model" for a drive row: the size as makers count it
 // (10^9 bytes a GB); empty when nothing is known.
 std::string diskDescription(uint64_t bytes, const std::string& model);
+// The size part of that: "16.0 GB", "512.0 MB"; empty for 0.
+std::string diskSizeText(uint64_t bytes);
 
 // Size of a file opened for reading, or -1 when it cannot be opened.
 int32_t fileSize(const std::string& path);

@@ -24,6 +24,7 @@ class SysBlockEnumerator : public DriveEnumerator {
         if (next < 0xFE) ++next;
         candidate.system = diskUse(system, name).holdsSystem();
         candidate.description = diskDescription(block.bytes, block.model);
+        candidate.size = diskSizeText(block.bytes);
       }
       result.push_back(candidate);
     }

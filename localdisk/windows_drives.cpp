@@ -45,7 +45,7 @@ class WindowsDriveEnumerator : public DriveEnumerator {
       candidate.type = storage_.driveType(root);
       candidate.system = upper(root[0]) == systemLetter;
       bool listed = (candidate.type == kDriveRemovable || candidate.type == kDriveFixed) && !candidate.system;
-      if (listed) candidate.description = describe(root[0]);
+      if (listed) describe(root[0], candidate);
       result.push_back(candidate);
     }
     return result;
@@ -53,17 +53,17 @@ class WindowsDriveEnumerator : public DriveEnumerator {
 
  private:
   // "disk 1, 16.0 GB, Maker Model": what an installation would erase.
-  std::string describe(char letter) {
+  void describe(char letter, DriveCandidate& candidate) {
     std::unique_ptr<WindowsDevice> volume = storage_.openVolume(letter, false);
     uint32_t number = 0;
-    if (volume == nullptr || !diskNumberOf(*volume, number)) return {};
+    if (volume == nullptr || !diskNumberOf(*volume, number)) return;
     DiskDescription disk;
-    std::string text = "disk " + std::to_string(number);
+    candidate.description = "disk " + std::to_string(number);
     if (storage_.describeDisk(number, disk)) {
       std::string details = diskDescription(disk.bytes, disk.model);
-      if (!details.empty()) text += ", " + details;
+      if (!details.empty()) candidate.description += ", " + details;
+      candidate.size = diskSizeText(disk.bytes);
     }
-    return text;
   }
 
   WindowsStorage& storage_;

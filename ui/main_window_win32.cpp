@@ -323,7 +323,7 @@ class Win32MainView : public MainView {
 
   void setUpLists() {
     // Routers/Drives: one picture per row (router, done, failed, disks).
-    // A label too long for its column (a drive's disk) shows whole as a tip.
+    // A router's name too long for its column shows whole as a tip.
     SendMessageA(routerList_, LVM_SETEXTENDEDLISTVIEWSTYLE, 0, LVS_EX_FULLROWSELECT | LVS_EX_LABELTIP);
     HIMAGELIST devices = ImageList_LoadImageA(module(), MAKEINTRESOURCEA(IDB_DEVICES), 16, 0, RGB(255, 0, 255),
                                               IMAGE_BITMAP, LR_CREATEDIBSECTION);

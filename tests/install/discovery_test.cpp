@@ -142,6 +142,22 @@ TEST(RouterTableModel, InstallingRowsAndDrivesNeverExpire) {
   EXPECT_EQ(table.find(drive.mac)->image, 4);
 }
 
+TEST(RouterTableModel, ADriveRowKeepsItsRootAsLabelAndShowsTheSizeInTheLastColumn) {
+  // The whole description does not fit a cell: the label stays the root as
+  // the platform lists it, and the size alone tells the disks apart.
+  RouterTable table;
+  RouterRecord drive;
+  drive.kind = kKindDrive;
+  drive.mac = {0, 0, 0, 0, 0, 'F'};
+  drive.driveType = 2;
+  drive.label = "F:\\";
+  drive.driveDescription = "disk 2, 16.0 GB, SanDisk Cruzer Blade";
+  drive.driveSize = "16.0 GB";
+  table.addDrive(drive);
+  EXPECT_EQ(table.find(drive.mac)->labelCell, "F:\\");
+  EXPECT_EQ(table.find(drive.mac)->architectureCell, "16.0 GB");
+}
+
 TEST(RouterTableModel, StatusChangesCellAndImage) {
   RouterTable table;
   RouterRecord r;

@@ -31,7 +31,7 @@ std::string refusal(FakeWindowsStorage& storage, char letter) {
 std::vector<std::string> rowTexts(FakeWindowsStorage& storage) {
   std::unique_ptr<DriveEnumerator> enumerator = makeWindowsDriveEnumerator(storage);
   std::vector<std::string> texts;
-  for (const RouterRecord& row : listLocalDrives(*enumerator)) texts.push_back(row.label + "|" + row.driveDescription);
+  for (const RouterRecord& row : listLocalDrives(*enumerator)) texts.push_back(row.label + "|" + row.driveDescription + "|" + row.driveSize);
   return texts;
 }
 
@@ -45,7 +45,7 @@ TEST(WindowsDrives, ADataVolumeOnTheSystemDiskIsRefusedNamingTheDiskAndItsVolume
   storage.addVolume('D', kDriveFixed, 0);
   // Listed as the drive list always did (its letter is not the system's),
   // with what it lies on.
-  EXPECT_EQ(rowTexts(storage), (std::vector<std::string>{"D:\\|disk 0, 500.1 GB, WDC WD5000AAKX"}));
+  EXPECT_EQ(rowTexts(storage), (std::vector<std::string>{"D:\\|disk 0, 500.1 GB, WDC WD5000AAKX|500.1 GB"}));
   EXPECT_EQ(refusal(storage, 'D'),
             "D: cannot be erased: physical disk 0 holds it together with C: (the system volume, the Windows folder, "
             "a page file), and the whole disk would be erased");
@@ -55,7 +55,7 @@ TEST(WindowsDrives, AUsbStickAloneOnItsDiskMayBeErased) {
   FakeWindowsStorage storage;
   storage.addDisk(1, 16008609792ull, "SanDisk Cruzer Blade");
   storage.addVolume('E', kDriveRemovable, 1);
-  EXPECT_EQ(rowTexts(storage), (std::vector<std::string>{"E:\\|disk 1, 16.0 GB, SanDisk Cruzer Blade"}));
+  EXPECT_EQ(rowTexts(storage), (std::vector<std::string>{"E:\\|disk 1, 16.0 GB, SanDisk Cruzer Blade|16.0 GB"}));
   EXPECT_EQ(refusal(storage, 'E'), "");
 }
 

@@ -614,16 +614,19 @@ TEST_F(PresenterTest, DrivesAreRowsWithPreviousInstallAndTheRememberedBaud) {
   EXPECT_EQ(d.files, Names{"system.npk"});
 }
 
-// The disk that would be erased: its number, size and model after the
-// root path in the row, and whole in the status bar once the row is chosen.
+// The disk that would be erased: its size in the row's last column beside
+// the root path, and whole in the status bar once the row is chosen.
 TEST_F(PresenterTest, ADrivesDiskIsShownInItsRowAndOnceInTheStatusBar) {
   RouterRecord stick = drive('E', 2);
   stick.driveDescription = "disk 1, 16.0 GB, SanDisk Cruzer Blade";
+  stick.driveSize = "16.0 GB";
   workers.drives.drives = {stick, drive('D', 3)};
   start();
   ASSERT_EQ(view.routerRows.size(), 2u);
   EXPECT_EQ(view.routerRows[0].label, "D:\\");
-  EXPECT_EQ(view.routerRows[1].label, "E:\\ (disk 1, 16.0 GB, SanDisk Cruzer Blade)");
+  EXPECT_EQ(view.routerRows[1].label, "E:\\");
+  EXPECT_EQ(view.routerRows[1].architecture, "16.0 GB");
+  EXPECT_EQ(view.routerRows[0].architecture, "") << "a drive of unknown size";
   EXPECT_EQ(record(stick.mac).label, "E:\\") << "the record keeps the root path";
   view.statusText.clear();
   selectRow(stick.mac);
