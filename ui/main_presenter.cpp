@@ -7,8 +7,8 @@
 #include "app/version.h"
 #include "install/datagram.h"
 #include "netboot/netboot_settings.h"
-#include "ui/control_rules.h"
-#include "ui/router_actions.h"
+#include "install/control_rules.h"
+#include "install/router_actions.h"
 
 namespace tarnlift::ui {
 namespace {

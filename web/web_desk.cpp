@@ -11,8 +11,8 @@
 #include "install/datagram.h"
 #include "netboot/interfaces.h"
 #include "packages/version.h"
-#include "ui/control_rules.h"
-#include "ui/router_actions.h"
+#include "install/control_rules.h"
+#include "install/router_actions.h"
 
 namespace tarnlift::web {
 namespace {
@@ -38,7 +38,7 @@ const char* afterText(AfterInstall after) {
 
 std::string dottedOrEmpty(uint32_t address) { return address == 0 ? std::string() : netboot::formatIpv4(address); }
 
-json controlsJson(const ui::ControlRules& c) {
+json controlsJson(const ControlRules& c) {
   return {{"sets", c.sets},
           {"address", c.addressFields},
           {"keepConfig", c.keepConfig},
@@ -123,7 +123,7 @@ uint64_t WebDesk::scriptSize(const std::map<MacAddress, std::string>& texts, con
 
 json WebDesk::routerJson(const RouterRecord& r, bool withTexts) {
   bool setShown = sets_.contains(r.setName);
-  ui::ControlRules rules = ui::controlRulesFor(&r, setShown);
+  ControlRules rules = controlRulesFor(&r, setShown);
   std::string address;
   if (r.address != 0) address = netboot::formatIpv4(r.address) + "/" + std::to_string(r.netmaskBits);
   json options = {{"keepConfig", r.keepConfig},
@@ -196,7 +196,7 @@ void WebDesk::rereadPackages() {
 }
 
 void WebDesk::showPackagesOf(RouterRecord& r) {
-  ui::showRouterPackages(catalogue_, r);
+  showRouterPackages(catalogue_, r);
   if (r.status == kStatusReady) {
     catalogue_.applySelection(r.files);
   } else {
@@ -232,7 +232,7 @@ WebResult WebDesk::putSelection(const std::string& text, const json& body) {
   if (row == nullptr) return result;
   RouterRecord& r = row->record;
   if (!body.is_object()) return WebResult::error(400, "the body must be a JSON object");
-  if (!ui::packagesChangeable(&r)) {
+  if (!packagesChangeable(&r)) {
     return WebResult::error(409, std::string("the packages of a router that is ") + statusRowText(r.status) +
                                      " cannot change");
   }
@@ -254,11 +254,11 @@ WebResult WebDesk::putSelection(const std::string& text, const json& body) {
     if (!v.is_string() || (v.get<std::string>() != "all" && v.get<std::string>() != "none")) {
       return WebResult::error(400, "select: must be \"all\" or \"none\"");
     }
-    if (!ui::controlRulesFor(&r, sets_.contains(r.setName)).selectAll) {
+    if (!controlRulesFor(&r, sets_.contains(r.setName)).selectAll) {
       return WebResult::error(409, std::string("select: not while the router is ") + statusRowText(r.status));
     }
     showPackagesOf(r);
-    ui::selectAllOf(catalogue_, r, v.get<std::string>() == "all");
+    selectAllOf(catalogue_, r, v.get<std::string>() == "all");
     publishChanges();
     return {200, routerJson(r)};
   }
@@ -284,11 +284,11 @@ WebResult WebDesk::putSelection(const std::string& text, const json& body) {
   std::set<std::string> wantedSet(wanted.begin(), wanted.end());
   for (size_t i = 0; i < catalogue_.size(); ++i) {
     if (catalogue_.record(i).selected && wantedSet.count(catalogue_.record(i).fileName) == 0) {
-      ui::togglePackageOf(catalogue_, r, i);
+      togglePackageOf(catalogue_, r, i);
     }
   }
   for (size_t index : toTick) {
-    if (!catalogue_.record(index).selected) ui::togglePackageOf(catalogue_, r, index);
+    if (!catalogue_.record(index).selected) togglePackageOf(catalogue_, r, index);
   }
   publishChanges();
   return {200, routerJson(r)};
@@ -320,8 +320,8 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
   AfterInstall after = afterFor(r.mac);
   std::string scriptText, modeText;
   bool newScriptText = false, newModeText = false;
-  auto rules = [&] { return ui::controlRulesFor(&r, sets_.contains(r.setName)); };
-  auto flag = [&](const char* name, bool& field, bool ui::ControlRules::*enabled) -> std::string {
+  auto rules = [&] { return controlRulesFor(&r, sets_.contains(r.setName)); };
+  auto flag = [&](const char* name, bool& field, bool ControlRules::*enabled) -> std::string {
     if (!body.contains(name)) return {};
     if (!body[name].is_boolean()) return std::string(name) + ": must be true or false";
     bool value = body[name].get<bool>();
@@ -332,7 +332,7 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
   };
   // A script is text (the script itself), or true/false to switch the one
   // the router has.
-  auto script = [&](const char* name, bool& enabledField, bool ui::ControlRules::*enabled, std::string& textOut,
+  auto script = [&](const char* name, bool& enabledField, bool ControlRules::*enabled, std::string& textOut,
                     bool& newText) -> std::string {
     if (!body.contains(name)) return {};
     const json& v = body[name];
@@ -352,13 +352,13 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
   };
   std::string problem;
   // In the window's order: the check boxes that lock the others first.
-  if (problem.empty()) problem = flag("keepConfig", r.keepConfig, &ui::ControlRules::keepConfig);
-  if (problem.empty()) problem = flag("defaultConfig", r.defaultConfig, &ui::ControlRules::defaultConfig);
-  if (problem.empty()) problem = flag("keepBranding", r.keepBranding, &ui::ControlRules::keepBranding);
+  if (problem.empty()) problem = flag("keepConfig", r.keepConfig, &ControlRules::keepConfig);
+  if (problem.empty()) problem = flag("defaultConfig", r.defaultConfig, &ControlRules::defaultConfig);
+  if (problem.empty()) problem = flag("keepBranding", r.keepBranding, &ControlRules::keepBranding);
   if (problem.empty()) {
-    problem = script("configureScript", r.scriptEnabled, &ui::ControlRules::script, scriptText, newScriptText);
+    problem = script("configureScript", r.scriptEnabled, &ControlRules::script, scriptText, newScriptText);
   }
-  if (problem.empty()) problem = script("modeScript", r.modeScriptEnabled, &ui::ControlRules::modeScript, modeText, newModeText);
+  if (problem.empty()) problem = script("modeScript", r.modeScriptEnabled, &ControlRules::modeScript, modeText, newModeText);
   if (problem.empty() && body.contains("baudRate")) {
     const json& v = body["baudRate"];
     if (!v.is_number_unsigned() && !(v.is_number_integer() && v.get<int64_t>() == 0)) {
@@ -451,7 +451,7 @@ WebResult WebDesk::command(const std::string& text, const std::string& verb) {
   if (row == nullptr) return result;
   RouterRecord& r = row->record;
   MacAddress mac = r.mac;
-  ui::ControlRules rules = ui::controlRulesFor(&r, sets_.contains(r.setName));
+  ControlRules rules = controlRulesFor(&r, sets_.contains(r.setName));
   auto refused = [&](const char* what) {
     return WebResult::error(409, std::string(what) + " is not possible while the router is " +
                                      (r.status == kStatusNone ? "gone" : statusRowText(r.status)));
@@ -461,9 +461,9 @@ WebResult WebDesk::command(const std::string& text, const std::string& verb) {
     if (r.status != kStatusReady) return refused("Install");
     refusal_.clear();
     warnings_.clear();
-    ui::showRouterPackages(catalogue_, r);
+    showRouterPackages(catalogue_, r);
     catalogue_.applySelection(r.files);
-    InstallOutcome outcome = ui::installRow(desk_, catalogue_, sets_, remembered_, *this, r, ui::optionsShownFor(r));
+    InstallOutcome outcome = installRow(desk_, catalogue_, sets_, remembered_, *this, r, optionsShownFor(r));
     if (outcome == InstallOutcome::NoSelection) return WebResult::error(409, kNoPackagesText);
     if (outcome == InstallOutcome::Refused) {
       return WebResult::error(409, refusal_.empty() ? std::string("the install was refused") : refusal_);
@@ -472,10 +472,10 @@ WebResult WebDesk::command(const std::string& text, const std::string& verb) {
   } else if (verb == "reboot" || verb == "shutdown") {
     if (!(verb == "reboot" ? rules.reboot : rules.shutdown)) return refused(verb == "reboot" ? "Reboot" : "Shutdown");
     if (r.kind != kKindRouter) return WebResult::error(409, "a drive cannot be rebooted or shut down");
-    ui::rebootOrShutdownRow(desk_, r, verb == "reboot");
+    rebootOrShutdownRow(desk_, r, verb == "reboot");
   } else if (verb == "cancel") {
     if (!rules.cancel) return refused("Cancel");
-    ui::cancelRow(desk_, remembered_, r);
+    cancelRow(desk_, remembered_, r);
   } else {
     return WebResult::error(404, "no such command: " + verb);
   }

@@ -1,9 +1,9 @@
 // The web console's view of the desk: what the API and the event stream
 // read and do, on the same router table, package sets and remembered
 // choices as the front end that owns them (`serve`). Every tick rule,
-// control-state rule and option check is the window's own (ui/control_rules,
-// ui/router_actions, the Install command); this class only turns requests
-// into those calls and rows into JSON.
+// control-state rule and option check is the install core's, the window's
+// too (install/control_rules, install/router_actions, the Install command);
+// this class only turns requests into those calls and rows into JSON.
 //
 // Threads: every member is called with lock() held. The owner holds it
 // around its own tick, the HTTP threads around each request, so the desk is

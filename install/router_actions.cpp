@@ -1,12 +1,12 @@
-#include "ui/router_actions.h"
+#include "install/router_actions.h"
 
 #include <string>
 
 #include "app/log.h"
 #include "netboot/interfaces.h"
-#include "ui/control_rules.h"
+#include "install/control_rules.h"
 
-namespace tarnlift::ui {
+namespace tarnlift {
 
 bool showRouterPackages(packages::PackageCatalogue& catalogue, RouterRecord& r) {
   if (r.packageDir.empty()) r.packageDir = catalogue.folder();
@@ -109,4 +109,4 @@ InstallOptions optionsShownFor(const RouterRecord& r) {
   return o;
 }
 
-}  // namespace tarnlift::ui
+}  // namespace tarnlift

@@ -1,11 +1,11 @@
-#include "ui/window_inventory.h"
+#include "install/loaded_inventory.h"
 
 #include "install/install_command.h"
-#include "ui/router_actions.h"
+#include "install/router_actions.h"
 
-namespace tarnlift::ui {
+namespace tarnlift {
 
-bool WindowInventory::load(const std::string& path, const packages::PackageSets& sets, std::string& error) {
+bool LoadedInventory::load(const std::string& path, const packages::PackageSets& sets, std::string& error) {
   Inventory read;
   if (!read.load(path, [&sets](const std::string& name) { return sets.contains(name); }, error)) return false;
   inventory_ = std::move(read);
@@ -13,7 +13,7 @@ bool WindowInventory::load(const std::string& path, const packages::PackageSets&
   return true;
 }
 
-bool WindowInventory::applyTo(RouterRecord& record, const std::string& packageDir, packages::PackageSets& sets,
+bool LoadedInventory::applyTo(RouterRecord& record, const std::string& packageDir, packages::PackageSets& sets,
                               std::vector<std::string>& notListed) {
   const InventoryEntry* entry = inventory_.find(record.mac);
   if (entry == nullptr || record.kind != kKindRouter || record.status != kStatusReady) return false;
@@ -57,10 +57,10 @@ bool WindowInventory::applyTo(RouterRecord& record, const std::string& packageDi
   return true;
 }
 
-std::optional<AfterInstall> WindowInventory::afterFor(const MacAddress& mac) const {
+std::optional<AfterInstall> LoadedInventory::afterFor(const MacAddress& mac) const {
   const InventoryEntry* entry = inventory_.find(mac);
   if (entry == nullptr) return std::nullopt;
   return entry->after;
 }
 
-}  // namespace tarnlift::ui
+}  // namespace tarnlift
