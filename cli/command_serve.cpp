@@ -42,18 +42,13 @@ namespace {
 // Which MAC got which address from the pool, kept across runs.
 constexpr const char* kPoolSettingsValue = "Address Pool";
 
-// An address as addressFromText gives it (network order) in host order.
-uint32_t hostOrder(uint32_t networkOrder) {
-  const auto* b = reinterpret_cast<const uint8_t*>(&networkOrder);
-  return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 | b[3];
-}
-
 struct ServeArguments {
   HeadlessOptions options;
   ChoiceOptions given;
   netboot::NetbootServeOptions netbootOptions;
   std::string clientText;
   std::string addressText;
+  std::string gatewayText;
   std::string afterText;
   std::vector<std::string> macTexts;
   std::string countText;
@@ -84,15 +79,17 @@ bool parseCount(const std::string& text, uint32_t& value) {
 int checkServeArguments(ServeArguments& arguments, uint32_t& count) {
   HeadlessOptions& options = arguments.options;
   if (int code = checkNetbootOptions(arguments.netbootOptions, true); code != kExitOk) return code;
+  // Read as the window's address fields read their text.
   if (!arguments.addressText.empty()) {
     const std::string& text = arguments.addressText;
     const size_t slash = text.find('/');
-    options.install.addressText = text.substr(0, slash);
-    if (slash != std::string::npos) options.install.netmaskBitsText = text.substr(slash + 1);
-    if (addressFromText(options.install.addressText) == 0) return usageError("bad address '" + text + "'");
+    options.choices.address = addressFromText(text.substr(0, slash));
+    if (slash != std::string::npos) options.choices.netmaskBits = netmaskBitsFromText(text.substr(slash + 1));
+    if (options.choices.address == 0) return usageError("bad address '" + text + "'");
   }
-  if (!options.install.gatewayText.empty() && addressFromText(options.install.gatewayText) == 0) {
-    return usageError("bad gateway address");
+  if (!arguments.gatewayText.empty()) {
+    options.choices.gateway = addressFromText(arguments.gatewayText);
+    if (options.choices.gateway == 0) return usageError("bad gateway address");
   }
   if (!arguments.afterText.empty()) {
     if (arguments.afterText == "reboot") {
@@ -194,7 +191,7 @@ int runServe(ServeArguments& arguments) {
     if (!arguments.addressText.empty()) return usageError("--address and --address-pool exclude each other");
     // The inventory's own addresses are never handed out from the pool.
     for (const auto& [mac, entry] : options.inventory.entries()) {
-      if (entry.addressText) pool->reserve(hostOrder(addressFromText(*entry.addressText)));
+      if (entry.choices.gives(GivenChoices::kAddress)) pool->reserve(AddressPool::hostOrder(entry.choices.values.address));
     }
     pool->loadRemembered(settings.readString(kPoolSettingsValue, ""));
     options.pool = pool;
@@ -320,7 +317,9 @@ int runServe(ServeArguments& arguments) {
           if (console) lock = std::unique_lock<std::mutex>(console->desk().lock());
           if (options.pool) {
             for (const auto& [mac, entry] : fresh.entries()) {
-              if (entry.addressText) options.pool->reserve(hostOrder(addressFromText(*entry.addressText)));
+              if (entry.choices.gives(GivenChoices::kAddress)) {
+                options.pool->reserve(AddressPool::hostOrder(entry.choices.values.address));
+              }
             }
           }
           logLine() << "serve: hang-up: inventory " << arguments.inventoryFile << " re-read: " << fresh.size()
@@ -385,17 +384,17 @@ CommandRun defineServe(CLI::App& app) {
            "Serve only this network interface (such as eth1), and let one server run on each interface "
            "(default: the first interface that reaches the client address; one server per network).");
   const char* install = "Install options (every router of the run)";
-  addSwitch(app, "--keep-config", options.install.keepConfig, "Keep the router's old configuration.")
+  addSwitch(app, "--keep-config", options.choices.keepConfig, "Keep the router's old configuration.")
       ->group(install);
   addValue(app, "--address", arguments->addressText, "A.B.C.D/BITS",
            "Give the router this address and netmask (default: none).")
       ->group(install);
-  addValue(app, "--gateway", options.install.gatewayText, "A.B.C.D", "Give the router this gateway (default: none).")
+  addValue(app, "--gateway", arguments->gatewayText, "A.B.C.D", "Give the router this gateway (default: none).")
       ->group(install);
-  addSwitch(app, "--default-config", options.install.defaultConfig, "Apply the default configuration.")
+  addSwitch(app, "--default-config", options.choices.defaultConfig, "Apply the default configuration.")
       ->group(install);
   app.add_flag_callback(
-         "--remove-branding", [&options] { options.install.keepBranding = false; },
+         "--remove-branding", [&options] { options.choices.keepBranding = false; },
          "Do not keep the router's branding (default: keep it).")
       ->group(install);
   addValue(app, "--after", arguments->afterText, "reboot|shutdown|none",

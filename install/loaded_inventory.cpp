@@ -1,8 +1,5 @@
 #include "install/loaded_inventory.h"
 
-#include "install/install_command.h"
-#include "install/router_actions.h"
-
 namespace tarnlift {
 
 bool LoadedInventory::load(const std::string& path, const packages::PackageSets& sets, std::string& error) {
@@ -17,24 +14,15 @@ bool LoadedInventory::applyTo(RouterRecord& record, const std::string& packageDi
                               std::vector<std::string>& notListed) {
   const InventoryEntry* entry = inventory_.find(record.mac);
   if (entry == nullptr || record.kind != kKindRouter || record.status != kStatusReady) return false;
-  // The row's values as the option controls would hand them to Install.
-  InstallOptions options = optionsShownFor(record);
+  // The section laid over the row's choices as the option controls show them.
+  InstallChoices choices = asTheControlsReadThem(record);
   std::string setName;
   std::vector<std::string> select;
-  applyInventoryEntry(*entry, options, setName, select);
-
-  record.keepConfig = options.keepConfig;
-  record.address = addressFromText(options.addressText);
-  record.netmaskBits = netmaskBitsFromText(options.netmaskBitsText);
-  record.gateway = addressFromText(options.gatewayText);
+  applyInventoryEntry(*entry, choices, setName, select);
   // As with the remembered choice: a router without a default
   // configuration never has the option on.
-  record.defaultConfig = options.defaultConfig && hasDefaultConfiguration(record);
-  record.keepBranding = options.keepBranding;
-  record.scriptEnabled = options.scriptEnabled;
-  record.scriptPath = options.scriptPath;
-  record.modeScriptEnabled = options.modeScriptEnabled;
-  record.modeScriptPath = options.modeScriptPath;
+  choices.defaultConfig = choices.defaultConfig && hasDefaultConfiguration(record);
+  static_cast<InstallChoices&>(record) = choices;
 
   if (!setName.empty()) {
     packages::PackageChoice choice{record.setName, record.packageDir, record.files};

@@ -39,16 +39,12 @@ void rebootOrShutdownRow(InstallDesk& desk, RouterRecord& r, bool reboot);
 // its row (r is gone afterwards).
 void cancelRow(InstallDesk& desk, const RememberedChoices& remembered, RouterRecord& r);
 
-// "Install" with the options as the controls show them: the Install command
-// for r (network router or drive); once started, the row shows the
-// session's first status. A drive that may not be erased is refused with
-// the reason in an "Error" box.
+// "Install" with the choices the front end shows for r: the Install
+// command for r (network router or drive) with r's choice of packages;
+// once started, the row shows the session's first status. A drive that may
+// not be erased is refused with the reason in an "Error" box.
 InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalogue, packages::PackageSets& sets,
                           RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
-                          const InstallOptions& options);
-
-// The option controls as they show r (address and gateway dotted, empty for
-// none; the baud list's text).
-InstallOptions optionsShownFor(const RouterRecord& r);
+                          const InstallChoices& choices);
 
 }  // namespace tarnlift

@@ -170,6 +170,7 @@ class MainPresenter : private packages::PackageListView,
   void cancel();
   void netBooting();
   void takeFieldsInto(RouterRecord& record);
+  InstallChoices choicesShown();
   void chooseScript(bool mode);
   void loadInventory();
   void applyInventory(const MacAddress& mac);

@@ -463,7 +463,10 @@ WebResult WebDesk::command(const std::string& text, const std::string& verb) {
     warnings_.clear();
     showRouterPackages(catalogue_, r);
     catalogue_.applySelection(r.files);
-    InstallOutcome outcome = installRow(desk_, catalogue_, sets_, remembered_, *this, r, optionsShownFor(r));
+    // The router's own choices, as the API shows and changes them, read
+    // as the window's option controls would read them.
+    InstallOutcome outcome =
+        installRow(desk_, catalogue_, sets_, remembered_, *this, r, asTheControlsReadThem(r));
     if (outcome == InstallOutcome::NoSelection) return WebResult::error(409, kNoPackagesText);
     if (outcome == InstallOutcome::Refused) {
       return WebResult::error(409, refusal_.empty() ? std::string("the install was refused") : refusal_);

@@ -271,7 +271,7 @@ TEST_F(HeadlessTest, AddressQuestionIsAnsweredYesAndSaid) {
   addRouter(router(1));
   HeadlessOptions options;
   options.select = {"system-6.41.npk"};
-  options.install.addressText = "10.0.0.1";
+  options.choices.address = addressFromText("10.0.0.1");
   make(options);
   run(30'000, 1);
   EXPECT_NE(err.str().find(kAddressQuestion), std::string::npos);
@@ -405,7 +405,7 @@ TEST_F(HeadlessTest, HeldRoutersStayReadyUntilAnotherFrontEndInstallsThem) {
   catalogue.toggle(static_cast<size_t>(catalogue.findByFileName("system-6.41.npk")), choice.files);
   InstallContext context{catalogue, choice, sets, remembered, *installer,
                          [this](const RouterRecord& request) { server.start(request, true); }};
-  ASSERT_EQ(runInstallCommand(&r, InstallOptions{}, context), InstallOutcome::Started);
+  ASSERT_EQ(runInstallCommand(&r, InstallChoices{}, context), InstallOutcome::Started);
   SessionStatus s = server.status(r.mac);
   installer->table().setStatus(r.mac, s.status, r.totalSize, s.progress, s.statusText);
   run(60'000, 1);
@@ -424,8 +424,8 @@ TEST_F(HeadlessTest, InventoryValuesWinOverTheCommandLinesPerRouter) {
   }
   HeadlessOptions options;
   options.select = {"system-6.41.npk"};
-  options.install.addressText = "10.0.0.9";
-  options.install.netmaskBitsText = "24";
+  options.choices.address = addressFromText("10.0.0.9");
+  options.choices.netmaskBits = 24;
   std::string error;
   ASSERT_TRUE(options.inventory.parse("[02:00:00:00:00:01]\naddress = 10.0.0.5/16\nselect = extra-6.41.npk\n", "f", "",
                                       nullptr, error))
