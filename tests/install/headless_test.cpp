@@ -11,6 +11,7 @@
 #include "app/registry.h"
 #include "temp_dir.h"
 #include "tests/app/capture_log.h"
+#include "tests/install/sim_segment.h"
 #include "tests/install/two_packages.h"
 #include "tools/routersim/sim_router.h"
 
@@ -19,60 +20,8 @@ namespace {
 
 using routersim::SimRouter;
 using routersim::SimRouterConfig;
-
-// What passed the segment, in order: "I " (installer) or "R " (router), the
-// message ("FILE\n" alone is the end of the files; "data" a chunk), and
-// " lost" for a datagram the test dropped; with the time in ms.
-struct Passed {
-  int64_t ms = 0;
-  std::string what;
-};
-
-class Segment : public DatagramTransport {
- public:
-  explicit Segment(const Clock& clock) : clock_(clock) {}
-  int send(const uint8_t* b, size_t n) override {
-    if (note("I ", b, n, dropToRouters)) toRouters.emplace_back(b, b + n);
-    return static_cast<int>(n);
-  }
-  void fromRouter(const uint8_t* b, size_t n) {
-    if (note("R ", b, n, dropToServer)) toServer.emplace_back(b, b + n);
-  }
-  int waitReceive(uint8_t* b, uint64_t) override {
-    if (toServer.empty()) return -1;
-    std::vector<uint8_t> next = toServer.front();
-    toServer.pop_front();
-    std::memcpy(b, next.data(), next.size());
-    return static_cast<int>(next.size());
-  }
-  MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
-  std::deque<std::vector<uint8_t>> toServer, toRouters;
-  // Payloads for which these say true are lost on the way.
-  std::function<bool(const std::string& payload)> dropToRouters, dropToServer;
-  std::vector<Passed> passed;
-  // Where `what` first passed at or after index `from`; passed.size() when never.
-  size_t find(const std::string& what, size_t from = 0) const {
-    while (from < passed.size() && passed[from].what != what) ++from;
-    return from;
-  }
-
- private:
-  bool note(const char* who, const uint8_t* b, size_t n, const std::function<bool(const std::string&)>& drop) {
-    std::string payload(reinterpret_cast<const char*>(b) + kHeaderSize, n - kHeaderSize);
-    std::string what = "data";
-    if (payload == "FILE\n") {
-      what = payload;
-    } else if (payload.size() >= 4 && std::all_of(payload.begin(), payload.begin() + 4, [](char c) {
-                 return c >= 'A' && c <= 'Z';
-               })) {
-      what = payload.substr(0, 4);
-    }
-    bool lost = drop && drop(payload);
-    passed.push_back({static_cast<int64_t>(clock_.nowMicros() / 1000), who + what + (lost ? " lost" : "")});
-    return !lost;
-  }
-  const Clock& clock_;
-};
+using testing::Passed;
+using testing::Segment;
 
 class HeadlessTest : public ::testing::Test {
  protected:
