@@ -98,26 +98,22 @@ void ServeService::reload(DeskCompanion* companion) {
       if (options_.onlyKnown) rememberKnown();
     }
   }
-  if (companion) {
-    std::lock_guard<std::mutex> lock(companion->deskLock());
-    installer_->rereadPackages();
-    companion->rereadPackages();
-  } else {
-    installer_->rereadPackages();
-  }
+  onDesk(companion, &HeadlessInstaller::rereadPackages, &DeskCompanion::rereadPackages);
+}
+
+void ServeService::onDesk(DeskCompanion* companion, void (HeadlessInstaller::*step)(),
+                          void (DeskCompanion::*then)()) {
+  std::unique_lock<std::mutex> lock;
+  if (companion) lock = std::unique_lock<std::mutex>(companion->deskLock());
+  ((*installer_).*step)();
+  if (companion) (companion->*then)();
 }
 
 bool ServeService::run(const ServeHooks& hooks, DeskCompanion* companion) {
   while (true) {
     if (hooks.stopRequested && hooks.stopRequested()) return true;
     if (hooks.reloadRequested && hooks.reloadRequested()) reload(companion);
-    if (companion) {
-      std::lock_guard<std::mutex> lock(companion->deskLock());
-      installer_->tick();
-      companion->afterTick();
-    } else {
-      installer_->tick();
-    }
+    onDesk(companion, &HeadlessInstaller::tick, &DeskCompanion::afterTick);
     if (run_.count != 0 && installer_->finished() >= run_.count) return false;
     hooks.wait();
   }

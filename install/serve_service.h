@@ -98,6 +98,9 @@ class ServeService {
   bool loadInventory(Inventory& inventory, std::string& error) const;
   void reservePoolAddresses(const Inventory& inventory);
   void rememberKnown();
+  // The installer's step, then the companion's, with the desk lock held
+  // when there is a companion.
+  void onDesk(DeskCompanion* companion, void (HeadlessInstaller::*step)(), void (DeskCompanion::*then)());
 
   HeadlessOptions& options_;
   packages::PackageSets& sets_;

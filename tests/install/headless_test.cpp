@@ -50,14 +50,7 @@ class HeadlessTest : public ::testing::Test {
   void run(int64_t ms, size_t untilFinished = 0) {
     for (int64_t t = 0; t < ms; ++t) {
       int64_t now = static_cast<int64_t>(clock.nowMicros() / 1000);
-      for (auto& sim : sims) sim->tick(now);
-      while (!segment.toServer.empty()) server.pollOnce();
-      server.pollOnce();
-      while (!segment.toRouters.empty()) {
-        auto d = segment.toRouters.front();
-        segment.toRouters.pop_front();
-        for (auto& sim : sims) sim->onDatagram(d.data(), d.size(), now);
-      }
+      testing::passMillisecond(segment, server, sims, now);
       if (now % 250 == 0) installer->tick();
       if (untilFinished != 0 && installer->finished() >= untilFinished) return;
       clock.advanceMillis(1);

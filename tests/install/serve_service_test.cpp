@@ -93,15 +93,7 @@ class ServeServiceTest : public ::testing::Test {
     ++waits;
     for (int ms = 0; ms < 250; ++ms) {
       clock.advanceMillis(1);
-      int64_t now = static_cast<int64_t>(clock.nowMicros() / 1000);
-      for (auto& sim : sims) sim->tick(now);
-      while (!segment.toServer.empty()) server.pollOnce();
-      server.pollOnce();
-      while (!segment.toRouters.empty()) {
-        auto d = segment.toRouters.front();
-        segment.toRouters.pop_front();
-        for (auto& sim : sims) sim->onDatagram(d.data(), d.size(), now);
-      }
+      testing::passMillisecond(segment, server, sims, static_cast<int64_t>(clock.nowMicros() / 1000));
     }
   }
   // Stops after `ticks` waits at the latest (a test that never ends fails).

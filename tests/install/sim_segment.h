@@ -6,11 +6,14 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "app/clock.h"
+#include "install/session.h"
 #include "install/transport.h"
+#include "tools/routersim/sim_router.h"
 
 namespace tarnlift::testing {
 
@@ -67,5 +70,19 @@ class Segment : public DatagramTransport {
   }
   const Clock& clock_;
 };
+
+// One millisecond (now, in ms) on the segment: the routers' timers, the
+// server's polls, and what the installer sent handed to every router.
+inline void passMillisecond(Segment& segment, InstallServer& server,
+                            std::vector<std::unique_ptr<routersim::SimRouter>>& sims, int64_t now) {
+  for (auto& sim : sims) sim->tick(now);
+  while (!segment.toServer.empty()) server.pollOnce();
+  server.pollOnce();
+  while (!segment.toRouters.empty()) {
+    auto d = segment.toRouters.front();
+    segment.toRouters.pop_front();
+    for (auto& sim : sims) sim->onDatagram(d.data(), d.size(), now);
+  }
+}
 
 }  // namespace tarnlift::testing
