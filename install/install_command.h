@@ -36,8 +36,8 @@ class InstallPrompter {
 };
 
 // The choices of the last Install command, applied to every router found
-// afterwards, and persisted as the "Previous ..." settings. Keep branding is
-// not among them: each router starts with its own.
+// afterwards, and persisted as the "Previous ..." settings. Its keepBranding
+// is never read, saved or applied: each router starts with its own.
 struct RememberedChoices : InstallChoices {
   void load(Registry& settings);
   void save(Registry& settings) const;
