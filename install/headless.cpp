@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "app/log.h"
+#include "install/after_install.h"
 
 namespace tarnlift {
 
@@ -70,9 +71,11 @@ void HeadlessInstaller::tick() {
     // Before anything else: the router's "WTRM" alone changes no status,
     // progress or text.
     if (desk_.afterInstallDue(news)) {
-      AfterInstall after = options_.afterFor ? options_.afterFor(news.mac) : options_.after;
-      if (const InventoryEntry* entry = options_.inventory.find(news.mac); entry && entry->after) after = *entry->after;
-      desk_.actAfterInstallOnce(news, after);
+      const InventoryEntry* entry = options_.inventory.find(news.mac);
+      std::optional<AfterInstall> forThisRouter;
+      if (options_.afterFor) forThisRouter = options_.afterFor(news.mac);
+      desk_.actAfterInstallOnce(
+          news, chooseAfterInstall(entry ? entry->after : std::nullopt, forThisRouter, options_.after));
     }
     bool statusChanged = s.status != news.previousStatus;
     if (!statusChanged && s.progress == news.previousProgress && s.statusText == news.previousText) continue;

@@ -7,6 +7,7 @@
 #include "app/version.h"
 #include "install/datagram.h"
 #include "netboot/netboot_settings.h"
+#include "install/after_install.h"
 #include "install/control_rules.h"
 #include "install/router_actions.h"
 
@@ -646,8 +647,7 @@ void MainPresenter::applyInventory(const MacAddress& mac) {
 // The inventory's `after` for its routers, the "Auto reboot" list for the
 // others.
 AfterInstall MainPresenter::afterInstallFor(const MacAddress& mac) {
-  std::optional<AfterInstall> listed = inventory_.afterFor(mac);
-  return listed ? *listed : autoRebootChoice();
+  return chooseAfterInstall(inventory_.afterFor(mac), std::nullopt, autoRebootChoice());
 }
 
 // ---- notifications ---------------------------------------------------------
