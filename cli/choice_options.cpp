@@ -16,13 +16,13 @@ ChoiceOptions addChoiceOptions(CLI::App& app, HeadlessOptions& options) {
       ->group(group);
   addValue(app, "--set", options.setName, "NAME", "Install the saved package set NAME (not with --select).")
       ->group(group);
-  given.script = addValue(app, "--script", options.install.scriptPath, "FILE",
+  given.script = addValue(app, "--script", options.choices.scriptPath, "FILE",
                           "Run this configure script after installing (default: none).")
                      ->group(group);
-  given.modeScript = addValue(app, "--mode-script", options.install.modeScriptPath, "FILE",
+  given.modeScript = addValue(app, "--mode-script", options.choices.modeScriptPath, "FILE",
                               "Send this mode script (default: none).")
                          ->group(group);
-  addValue(app, "--baud", options.install.baudText, "N", "Console baud rate (default: the router's own).")
+  addValue(app, "--baud", *given.baudText, "N", "Console baud rate (default: the router's own).")
       ->group(group);
   return given;
 }
@@ -30,14 +30,15 @@ ChoiceOptions addChoiceOptions(CLI::App& app, HeadlessOptions& options) {
 int checkChoiceOptions(const ChoiceOptions& given, HeadlessOptions& options) {
   if (!options.setName.empty() && !options.select.empty()) return usageError("--set and --select exclude each other");
   uint64_t baud = 0;
-  if (!options.install.baudText.empty() && !parseUnsigned(options.install.baudText, baud, 0xFFFFFFFFu)) {
+  if (!given.baudText->empty() && !parseUnsigned(*given.baudText, baud, 0xFFFFFFFFu)) {
     return usageError("--baud needs a number");
   }
+  options.choices.baudRate = static_cast<uint32_t>(baud);
   if (given.packages->count() > 0 && options.packageDir.empty()) return usageError("--packages needs a folder");
-  options.install.scriptEnabled = given.script->count() > 0;
-  options.install.modeScriptEnabled = given.modeScript->count() > 0;
-  if (options.install.scriptEnabled && options.install.scriptPath.empty()) return usageError("--script needs a file");
-  if (options.install.modeScriptEnabled && options.install.modeScriptPath.empty()) {
+  options.choices.scriptEnabled = given.script->count() > 0;
+  options.choices.modeScriptEnabled = given.modeScript->count() > 0;
+  if (options.choices.scriptEnabled && options.choices.scriptPath.empty()) return usageError("--script needs a file");
+  if (options.choices.modeScriptEnabled && options.choices.modeScriptPath.empty()) {
     return usageError("--mode-script needs a file");
   }
   return kExitOk;

@@ -3,6 +3,7 @@
 // One definition for both, so that the two commands take them alike.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -15,6 +16,8 @@ struct ChoiceOptions {
   CLI::Option* packages = nullptr;
   CLI::Option* script = nullptr;
   CLI::Option* modeScript = nullptr;
+  // --baud as given; the check reads it into the choices.
+  std::shared_ptr<std::string> baudText = std::make_shared<std::string>();
 };
 
 // Declares --packages, --select, --set, --script, --mode-script and --baud on
@@ -22,8 +25,9 @@ struct ChoiceOptions {
 ChoiceOptions addChoiceOptions(CLI::App& app, HeadlessOptions& options);
 
 // What is checked once all options are read: --set and --select exclude
-// each other, the baud rate is a number, the scripts are switched on when
-// named. kExitOk or the usage error's exit code.
+// each other, the baud rate is a number (read into the choices), the
+// scripts are switched on when named. kExitOk or the usage error's exit
+// code.
 int checkChoiceOptions(const ChoiceOptions& given, HeadlessOptions& options);
 
 }  // namespace tarnlift::cli

@@ -213,10 +213,10 @@ int runDisk(DiskOptions& options) {
   }
 
   RouterRecord& row = target.row;
-  row.scriptEnabled = options.choice.install.scriptEnabled;
-  row.scriptPath = options.choice.install.scriptPath;
-  row.modeScriptEnabled = options.choice.install.modeScriptEnabled;
-  row.modeScriptPath = options.choice.install.modeScriptPath;
+  row.scriptEnabled = options.choice.choices.scriptEnabled;
+  row.scriptPath = options.choice.choices.scriptPath;
+  row.modeScriptEnabled = options.choice.choices.modeScriptEnabled;
+  row.modeScriptPath = options.choice.choices.modeScriptPath;
   RememberedChoices remembered;
   remembered.load(settings);
   PrintingPrompter prompter;
@@ -226,7 +226,7 @@ int runDisk(DiskOptions& options) {
                            request = filled;
                            started = true;
                          }};
-  InstallOutcome outcome = runInstallCommand(&row, options.choice.install, context);
+  InstallOutcome outcome = runInstallCommand(&row, options.choice.choices, context);
   if (outcome != InstallOutcome::Started || !started) {
     std::cerr << "tarnlift: " << prompter.refusal << std::endl;
     if (target.createdFile) std::remove(options.target.c_str());

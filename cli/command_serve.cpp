@@ -9,7 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -29,7 +28,7 @@
 #include "install/finish_command.h"
 #include "install/headless.h"
 #include "install/install_service.h"
-#include "install/results_log.h"
+#include "install/serve_service.h"
 #include "install/session.h"
 #include "install/transport.h"
 #include "netboot/interfaces.h"
@@ -39,21 +38,13 @@
 namespace tarnlift::cli {
 namespace {
 
-// Which MAC got which address from the pool, kept across runs.
-constexpr const char* kPoolSettingsValue = "Address Pool";
-
-// An address as addressFromText gives it (network order) in host order.
-uint32_t hostOrder(uint32_t networkOrder) {
-  const auto* b = reinterpret_cast<const uint8_t*>(&networkOrder);
-  return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 | b[3];
-}
-
 struct ServeArguments {
   HeadlessOptions options;
   ChoiceOptions given;
   netboot::NetbootServeOptions netbootOptions;
   std::string clientText;
   std::string addressText;
+  std::string gatewayText;
   std::string afterText;
   std::vector<std::string> macTexts;
   std::string countText;
@@ -84,15 +75,17 @@ bool parseCount(const std::string& text, uint32_t& value) {
 int checkServeArguments(ServeArguments& arguments, uint32_t& count) {
   HeadlessOptions& options = arguments.options;
   if (int code = checkNetbootOptions(arguments.netbootOptions, true); code != kExitOk) return code;
+  // Read as the window's address fields read their text.
   if (!arguments.addressText.empty()) {
     const std::string& text = arguments.addressText;
     const size_t slash = text.find('/');
-    options.install.addressText = text.substr(0, slash);
-    if (slash != std::string::npos) options.install.netmaskBitsText = text.substr(slash + 1);
-    if (addressFromText(options.install.addressText) == 0) return usageError("bad address '" + text + "'");
+    options.choices.address = addressFromText(text.substr(0, slash));
+    if (slash != std::string::npos) options.choices.netmaskBits = netmaskBitsFromText(text.substr(slash + 1));
+    if (options.choices.address == 0) return usageError("bad address '" + text + "'");
   }
-  if (!options.install.gatewayText.empty() && addressFromText(options.install.gatewayText) == 0) {
-    return usageError("bad gateway address");
+  if (!arguments.gatewayText.empty()) {
+    options.choices.gateway = addressFromText(arguments.gatewayText);
+    if (options.choices.gateway == 0) return usageError("bad gateway address");
   }
   if (!arguments.afterText.empty()) {
     if (arguments.afterText == "reboot") {
@@ -124,23 +117,14 @@ int checkServeArguments(ServeArguments& arguments, uint32_t& count) {
   return checkChoiceOptions(arguments.given, options);
 }
 
-int runServe(ServeArguments& arguments) {
-  HeadlessOptions& options = arguments.options;
-  netboot::NetbootServeOptions& netbootOptions = arguments.netbootOptions;
-  const std::string& clientText = arguments.clientText;
+// --web and what goes with it: where to listen, the token, the origins;
+// a console that others could reach needs a token. kExitOk or the usage
+// error's exit code.
+int checkWebArguments(const ServeArguments& arguments, uint32_t& webAddress, uint16_t& webPort,
+                      web::WebAccess& access) {
   const std::string& webText = arguments.webText;
   const std::string& webTokenFile = arguments.webTokenFile;
-  const bool beacon = arguments.beacon;
-  const bool havePackages = arguments.given.packages->count() > 0;
-  std::string netbootError;
-  uint32_t count = 0;
-  if (int code = checkServeArguments(arguments, count); code != kExitOk) return code;
-  installStopSignals();
-  uint32_t client = addressFromText(clientText);
-  if (client == 0) return usageError("serve needs --client-address A.B.C.D");
-  uint32_t webAddress = 0;
-  uint16_t webPort = 0;
-  web::WebAccess access;
+  const HeadlessOptions& options = arguments.options;
   if (!webText.empty()) {
     std::string error;
     if (!web::parseListenAddress(webText, webAddress, webPort, error)) return usageError(error);
@@ -167,6 +151,61 @@ int runServe(ServeArguments& arguments) {
                                                           : "--web-origin") +
                       " needs --web [ADDRESS:]PORT");
   }
+  return kExitOk;
+}
+
+// What the run itself takes of the arguments.
+ServeRunOptions runOptionsOf(const ServeArguments& arguments, uint32_t count) {
+  ServeRunOptions run;
+  run.inventoryFile = arguments.inventoryFile;
+  run.poolText = arguments.poolText;
+  run.addressGiven = !arguments.addressText.empty();
+  run.resultsFile = arguments.resultsFile;
+  run.onFinish = arguments.onFinish;
+  run.onFinishJobs = arguments.onFinishJobs;
+  run.count = count;
+  run.noSave = arguments.noSave;
+  return run;
+}
+
+// The web console on the installer's desk: it reads the packages again with
+// the installer, publishes each tick's changes and shows the network boot
+// panel as it stands.
+class ConsoleCompanion : public DeskCompanion {
+ public:
+  ConsoleCompanion(web::WebConsole& console, web::NetbootSnapshot& panel) : console_(console), panel_(panel) {}
+  std::mutex& deskLock() override { return console_.desk().lock(); }
+  void rereadPackages() override { console_.desk().rereadPackages(); }
+  void afterTick() override {
+    console_.desk().publishChanges();
+    web::fillNetbootActivity(panel_);
+    // The network boot thread may have walked the adapters again since.
+    panel_.interfaceAddress = netboot::formatIpv4(netboot::serverAddress());
+    console_.desk().setNetboot(panel_);
+  }
+
+ private:
+  web::WebConsole& console_;
+  web::NetbootSnapshot& panel_;
+};
+
+int runServe(ServeArguments& arguments) {
+  HeadlessOptions& options = arguments.options;
+  netboot::NetbootServeOptions& netbootOptions = arguments.netbootOptions;
+  const std::string& clientText = arguments.clientText;
+  const std::string& webText = arguments.webText;
+  const bool beacon = arguments.beacon;
+  const bool havePackages = arguments.given.packages->count() > 0;
+  std::string netbootError;
+  uint32_t count = 0;
+  if (int code = checkServeArguments(arguments, count); code != kExitOk) return code;
+  installStopSignals();
+  uint32_t client = addressFromText(clientText);
+  if (client == 0) return usageError("serve needs --client-address A.B.C.D");
+  uint32_t webAddress = 0;
+  uint16_t webPort = 0;
+  web::WebAccess access;
+  if (int code = checkWebArguments(arguments, webAddress, webPort, access); code != kExitOk) return code;
   if (std::string missing = missingServerPrivileges(netbootOptions.netboot); !missing.empty()) return failure(missing);
   if (!arguments.interfaceName.empty()) netboot::setOnlyInterface(arguments.interfaceName);
   if (!acquireServerGuard(arguments.interfaceName)) return kExitFailed;
@@ -175,62 +214,18 @@ int runServe(ServeArguments& arguments) {
   settings.openRoot(kSettingsKeyPath);
   packages::PackageSets sets;
   sets.loadSets(settings);
-  if (!arguments.inventoryFile.empty()) {
-    // Checked whole before anything is sent: a bad line refuses the run.
+  ServeService serve(options, sets, settings, runOptionsOf(arguments, count));
+  {
     std::string error;
-    if (!options.inventory.load(
-            arguments.inventoryFile, [&sets](const std::string& name) { return sets.contains(name); }, error)) {
-      return usageError(error);
-    }
-    logLine() << "serve: inventory " << arguments.inventoryFile << " lists " << options.inventory.size() << " routers";
+    bool usage = false;
+    if (!serve.prepare(error, usage)) return usage ? usageError(error) : failure(error);
   }
-  if (options.onlyKnown && options.inventory.size() == 0 && options.macs.empty()) {
-    return usageError("--only-known needs --inventory FILE or --mac MAC");
-  }
-  if (!arguments.poolText.empty()) {
-    auto pool = std::make_shared<AddressPool>();
-    std::string error;
-    if (!pool->parse(arguments.poolText, error)) return usageError(error);
-    if (!arguments.addressText.empty()) return usageError("--address and --address-pool exclude each other");
-    // The inventory's own addresses are never handed out from the pool.
-    for (const auto& [mac, entry] : options.inventory.entries()) {
-      if (entry.addressText) pool->reserve(hostOrder(addressFromText(*entry.addressText)));
-    }
-    pool->loadRemembered(settings.readString(kPoolSettingsValue, ""));
-    options.pool = pool;
-  }
-  std::shared_ptr<ResultsLog> results;
-  if (!arguments.resultsFile.empty()) {
-    results = std::make_shared<ResultsLog>();
-    std::string error;
-    if (!results->open(arguments.resultsFile, error)) return failure(error);
-  }
-  std::shared_ptr<FinishCommand> finishCommand;
-  if (!arguments.onFinish.empty()) finishCommand = std::make_shared<FinishCommand>(arguments.onFinish, arguments.onFinishJobs);
-  if (results || finishCommand) {
-    options.onEnded = [results, finishCommand](const RouterResult& result) {
-      if (results) results->write(result);
-      if (finishCommand) finishCommand->submit(result);
-    };
-  }
-  // The MACs network booting answers with --only-known: the same routers the
-  // installer takes. Shared with the "PXE Booter" thread, and replaced when
-  // a hang-up re-reads the inventory.
-  auto knownLock = std::make_shared<std::mutex>();
-  auto known = std::make_shared<std::set<MacAddress>>();
-  auto rememberKnown = [&options, knownLock, known] {
-    std::set<MacAddress> macs = options.macs;
-    for (const auto& [mac, entry] : options.inventory.entries()) macs.insert(mac);
-    std::lock_guard<std::mutex> lock(*knownLock);
-    *known = std::move(macs);
-  };
   if (options.onlyKnown) {
-    rememberKnown();
-    netbootOptions.mayAnswer = [knownLock, known](const uint8_t* bytes) {
+    // Network booting answers the same routers the installer takes.
+    netbootOptions.mayAnswer = [&serve](const uint8_t* bytes) {
       MacAddress mac{};
       std::copy(bytes, bytes + mac.size(), mac.begin());
-      std::lock_guard<std::mutex> lock(*knownLock);
-      return known->count(mac) != 0;
+      return serve.knows(mac);
     };
   }
   settings.writeInt("PXE Client Address", client);
@@ -258,8 +253,6 @@ int runServe(ServeArguments& arguments) {
     return kExitFailed;
   }
 
-  RememberedChoices remembered;
-  remembered.load(settings);
   options.liveProgress = !options.json && terminalShowsLiveProgress();
   if (beacon) {
     setBeacon(true);
@@ -279,10 +272,11 @@ int runServe(ServeArguments& arguments) {
   if (!webText.empty()) {
     options.afterFor = [&console](const MacAddress& mac) { return console->desk().afterFor(mac); };
   }
-  HeadlessInstaller installer(server, SteadyClock::instance(), options, sets, remembered, std::cout, std::cerr);
+  HeadlessInstaller& installer = serve.startInstaller(server, SteadyClock::instance(), std::cout, std::cerr);
+  std::optional<ConsoleCompanion> companion;
   if (!webText.empty()) {
-    console = std::make_unique<web::WebConsole>(installer.desk(), sets, remembered, &settings, SteadyClock::instance(),
-                                                access);
+    console = std::make_unique<web::WebConsole>(installer.desk(), sets, serve.remembered(), &settings,
+                                                SteadyClock::instance(), access);
     console->desk().setDefaultAfter(options.after);
     netbootPanel.enabled = netbootOptions.netboot;
     netbootPanel.clientAddress = clientText;
@@ -296,62 +290,12 @@ int runServe(ServeArguments& arguments) {
       return kExitFailed;
     }
     logLine() << "serve: web console on http://" << web::dottedHostOrder(webAddress) << ":" << console->port() << "/";
+    companion.emplace(*console, netbootPanel);
   }
   // Everything listens: a service manager may now count the unit as started.
   notifyServiceManager("READY=1");
-  bool stoppedBySignal = false;
-  while (true) {
-    if (stopRequested()) {
-      stoppedBySignal = true;
-      break;
-    }
-    if (takeReloadRequest()) {
-      logLine() << "serve: hang-up: re-reading the package folder " << options.packageDir;
-      if (!arguments.inventoryFile.empty()) {
-        // Checked whole, as at the start: a bad line keeps the inventory
-        // that was in force, so nothing is half-applied.
-        Inventory fresh;
-        std::string error;
-        if (!fresh.load(
-                arguments.inventoryFile, [&sets](const std::string& name) { return sets.contains(name); }, error)) {
-          logLine(LogPriority::Warning) << "serve: hang-up: inventory not re-read, the previous one stays: " << error;
-        } else {
-          std::unique_lock<std::mutex> lock;
-          if (console) lock = std::unique_lock<std::mutex>(console->desk().lock());
-          if (options.pool) {
-            for (const auto& [mac, entry] : fresh.entries()) {
-              if (entry.addressText) options.pool->reserve(hostOrder(addressFromText(*entry.addressText)));
-            }
-          }
-          logLine() << "serve: hang-up: inventory " << arguments.inventoryFile << " re-read: " << fresh.size()
-                    << " routers";
-          options.inventory = fresh;
-          installer.setInventory(std::move(fresh));
-          if (options.onlyKnown) rememberKnown();
-        }
-      }
-      if (console) {
-        std::lock_guard<std::mutex> lock(console->desk().lock());
-        installer.rereadPackages();
-        console->desk().rereadPackages();
-      } else {
-        installer.rereadPackages();
-      }
-    }
-    if (console) {
-      std::lock_guard<std::mutex> lock(console->desk().lock());
-      installer.tick();
-      console->desk().publishChanges();
-      web::fillNetbootActivity(netbootPanel);
-      // The network boot thread may have walked the adapters again since.
-      netbootPanel.interfaceAddress = netboot::formatIpv4(netboot::serverAddress());
-      console->desk().setNetboot(netbootPanel);
-    } else {
-      installer.tick();
-    }
-    if (count != 0 && installer.finished() >= count) break;
-    sleepMilliseconds(250);
-  }
+  const bool stoppedBySignal = serve.run({stopRequested, takeReloadRequest, [] { sleepMilliseconds(250); }},
+                                         companion ? &*companion : nullptr);
   notifyServiceManager("STOPPING=1");
   if (console) console->stop();
   // Sessions still running end with the process, as when the window closes;
@@ -360,18 +304,7 @@ int runServe(ServeArguments& arguments) {
   service.transport().close();
   if (beacon) setBeacon(false);
   netbootService.stop();
-  // The last routers' commands get their bounded time to end.
-  if (finishCommand) finishCommand->stop(FinishCommand::kDefaultStopWaitMs);
-  if (!arguments.noSave) {
-    if (options.pool) settings.writeString(kPoolSettingsValue, options.pool->rememberedText());
-    remembered.save(settings);
-    sets.saveSets(settings);
-  }
-  logLine() << "serve: " << installer.succeeded() << " installed, " << installer.failed() << " failed";
-  // Told to stop, the server did what it was told: a clean end. A --count
-  // run reports whether its routers succeeded.
-  if (stoppedBySignal) return kExitOk;
-  return installer.failed() == 0 ? kExitOk : kExitFailed;
+  return serve.finish(stoppedBySignal) ? kExitOk : kExitFailed;
 }
 
 CommandRun defineServe(CLI::App& app) {
@@ -385,17 +318,17 @@ CommandRun defineServe(CLI::App& app) {
            "Serve only this network interface (such as eth1), and let one server run on each interface "
            "(default: the first interface that reaches the client address; one server per network).");
   const char* install = "Install options (every router of the run)";
-  addSwitch(app, "--keep-config", options.install.keepConfig, "Keep the router's old configuration.")
+  addSwitch(app, "--keep-config", options.choices.keepConfig, "Keep the router's old configuration.")
       ->group(install);
   addValue(app, "--address", arguments->addressText, "A.B.C.D/BITS",
            "Give the router this address and netmask (default: none).")
       ->group(install);
-  addValue(app, "--gateway", options.install.gatewayText, "A.B.C.D", "Give the router this gateway (default: none).")
+  addValue(app, "--gateway", arguments->gatewayText, "A.B.C.D", "Give the router this gateway (default: none).")
       ->group(install);
-  addSwitch(app, "--default-config", options.install.defaultConfig, "Apply the default configuration.")
+  addSwitch(app, "--default-config", options.choices.defaultConfig, "Apply the default configuration.")
       ->group(install);
   app.add_flag_callback(
-         "--remove-branding", [&options] { options.install.keepBranding = false; },
+         "--remove-branding", [&options] { options.choices.keepBranding = false; },
          "Do not keep the router's branding (default: keep it).")
       ->group(install);
   addValue(app, "--after", arguments->afterText, "reboot|shutdown|none",

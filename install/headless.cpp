@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "app/log.h"
+#include "install/after_install.h"
 
 namespace tarnlift {
 
@@ -70,9 +71,11 @@ void HeadlessInstaller::tick() {
     // Before anything else: the router's "WTRM" alone changes no status,
     // progress or text.
     if (desk_.afterInstallDue(news)) {
-      AfterInstall after = options_.afterFor ? options_.afterFor(news.mac) : options_.after;
-      if (const InventoryEntry* entry = options_.inventory.find(news.mac); entry && entry->after) after = *entry->after;
-      desk_.actAfterInstallOnce(news, after);
+      const InventoryEntry* entry = options_.inventory.find(news.mac);
+      std::optional<AfterInstall> forThisRouter;
+      if (options_.afterFor) forThisRouter = options_.afterFor(news.mac);
+      desk_.actAfterInstallOnce(
+          news, chooseAfterInstall(entry ? entry->after : std::nullopt, forThisRouter, options_.after));
     }
     bool statusChanged = s.status != news.previousStatus;
     if (!statusChanged && s.progress == news.previousProgress && s.statusText == news.previousText) continue;
@@ -102,24 +105,24 @@ void HeadlessInstaller::install(RouterRow& row) {
   packages::PackageChoice choice;
   refusal_.clear();
   // The inventory's values for this router win over the command line's.
-  InstallOptions installOptions = options_.install;
+  InstallChoices choices = options_.choices;
   std::string setName = options_.setName;
   std::vector<std::string> select = options_.select;
-  if (const InventoryEntry* e = options_.inventory.find(record.mac)) {
-    if (e->label) logLine() << "router " << macText(record.mac) << " is \"" << *e->label << "\" in the inventory";
-    applyInventoryEntry(*e, installOptions, setName, select);
-  }
   const InventoryEntry* listed = options_.inventory.find(record.mac);
-  if (options_.pool && !(listed && listed->addressText)) {
+  if (listed != nullptr) {
+    if (listed->label) logLine() << "router " << macText(record.mac) << " is \"" << *listed->label << "\" in the inventory";
+    applyInventoryEntry(*listed, choices, setName, select);
+  }
+  if (options_.pool && !(listed && listed->choices.gives(GivenChoices::kAddress))) {
     uint32_t address = options_.pool->addressFor(record.mac);
     if (address == 0) {
       finish(record, false, "the address pool is used up");
       return;
     }
-    installOptions.addressText = AddressPool::dotted(address);
-    installOptions.netmaskBitsText = std::to_string(options_.pool->netmaskBits());
-    logLine() << "router " << macText(record.mac) << " gets " << installOptions.addressText << "/"
-              << installOptions.netmaskBitsText << " from the address pool";
+    choices.address = AddressPool::networkOrder(address);
+    choices.netmaskBits = options_.pool->netmaskBits();
+    logLine() << "router " << macText(record.mac) << " gets " << AddressPool::dotted(address) << "/"
+              << choices.netmaskBits << " from the address pool";
   }
   if (setName.empty() && select.empty()) {
     // Not what an earlier run or the window remembered ("Previous Install"):
@@ -147,14 +150,16 @@ void HeadlessInstaller::install(RouterRow& row) {
       err_ << "tarnlift: " << name << " is not listed for " << architectureText(record.architecture) << std::endl;
     }
   }
-  std::string given = installOptions.addressText.empty()
-                          ? std::string()
-                          : installOptions.addressText +
-                                (installOptions.netmaskBitsText.empty() ? "" : "/" + installOptions.netmaskBitsText);
+  // The address given, as the results name it.
+  std::string given;
+  if (choices.address != 0) {
+    given = dottedAddress(choices.address);
+    if (choices.netmaskBits != 0) given += '/' + std::to_string(choices.netmaskBits);
+  }
   started_[record.mac] = {clock_.nowMicros(), given, {}, {}};
   InstallContext context{catalogue_,  choice, sets_,
                          remembered_, *this,  [this](const RouterRecord& request) { server_.start(request, true); }};
-  InstallOutcome outcome = runInstallCommand(&record, installOptions, context);
+  InstallOutcome outcome = runInstallCommand(&record, choices, context);
   if (outcome != InstallOutcome::Started) {
     finish(record, false, refusal_);
     return;

@@ -33,7 +33,7 @@ struct HeadlessOptions {
   std::string packageDir;
   std::vector<std::string> select;  // file names to tick, in order
   std::string setName;              // a saved package set, or empty
-  InstallOptions install;
+  InstallChoices choices;           // for every router, unless its inventory section says otherwise
   AfterInstall after = AfterInstall::Reboot;
   std::set<MacAddress> macs;  // empty: every router
   // Per-router values that win over the ones above.

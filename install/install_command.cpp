@@ -1,24 +1,11 @@
 #include "install/install_command.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "app/registry.h"
-#include "net/address.h"
 #include "packages/version.h"
 
 namespace tarnlift {
-
-uint32_t addressFromText(const std::string& text) { return net::parseIpv4OrZero(text); }
-
-uint32_t netmaskBitsFromText(const std::string& text) {
-  unsigned long value = std::strtoul(text.c_str(), nullptr, 10);
-  return value > 32 ? 32 : static_cast<uint32_t>(value);
-}
-
-uint32_t baudFromText(const std::string& text) {
-  return static_cast<uint32_t>(std::strtoul(text.c_str(), nullptr, 10));
-}
 
 void RememberedChoices::load(Registry& settings) {
   keepConfig = settings.readBool("Previous KeepConfig", false);
@@ -79,10 +66,10 @@ bool fileReadable(const std::string& path) {
 }
 }  // namespace
 
-InstallOutcome runInstallCommand(RouterRecord* record, const InstallOptions& options, InstallContext& context) {
+InstallOutcome runInstallCommand(RouterRecord* record, const InstallChoices& choices, InstallContext& context) {
   if (record == nullptr) return InstallOutcome::NoSelection;
   InstallPrompter& prompter = context.prompter;
-  if (options.scriptEnabled && !fileReadable(options.scriptPath)) {
+  if (choices.scriptEnabled && !fileReadable(choices.scriptPath)) {
     prompter.showMessage(kNoScriptText, "Error", true);
     return InstallOutcome::Refused;
   }
@@ -105,22 +92,22 @@ InstallOutcome runInstallCommand(RouterRecord* record, const InstallOptions& opt
   }
   RememberedChoices& remembered = context.remembered;
   if (record->kind == kKindRouter) {
-    record->address = addressFromText(options.addressText);
-    record->netmaskBits = netmaskBitsFromText(options.netmaskBitsText);
-    record->gateway = addressFromText(options.gatewayText);
+    record->address = choices.address;
+    record->netmaskBits = choices.netmaskBits;
+    record->gateway = choices.gateway;
     bool haveAddress = record->address != 0;
     bool haveMask = record->netmaskBits != 0;
     if (haveAddress != haveMask && !prompter.askYesNo(kAddressQuestion)) return InstallOutcome::Refused;
     if (record->gateway != 0 && (!haveAddress || !haveMask) && !prompter.askYesNo(kGatewayQuestion)) {
       return InstallOutcome::Refused;
     }
-    record->keepConfig = options.keepConfig;
-    record->defaultConfig = options.defaultConfig;
-    record->keepBranding = options.keepBranding;
-    record->scriptEnabled = options.scriptEnabled;
-    record->scriptPath = options.scriptPath;
-    record->modeScriptEnabled = options.modeScriptEnabled;
-    record->modeScriptPath = options.modeScriptPath;
+    record->keepConfig = choices.keepConfig;
+    record->defaultConfig = choices.defaultConfig;
+    record->keepBranding = choices.keepBranding;
+    record->scriptEnabled = choices.scriptEnabled;
+    record->scriptPath = choices.scriptPath;
+    record->modeScriptEnabled = choices.modeScriptEnabled;
+    record->modeScriptPath = choices.modeScriptPath;
     remembered.keepConfig = record->keepConfig;
     remembered.address = record->address;
     remembered.netmaskBits = record->netmaskBits;
@@ -131,7 +118,7 @@ InstallOutcome runInstallCommand(RouterRecord* record, const InstallOptions& opt
     remembered.modeScriptEnabled = record->modeScriptEnabled;
     remembered.modeScriptPath = record->modeScriptPath;
   }
-  record->baudRate = baudFromText(options.baudText);
+  record->baudRate = choices.baudRate;
   remembered.baudRate = record->baudRate;
   context.sets.rememberPreviousInstall(context.choice);
 

@@ -1,5 +1,5 @@
 // The Install command: turns the selected router row, the chosen packages
-// and the option controls into an install request, checks it, remembers the
+// and the install choices into an install request, checks it, remembers the
 // choices for the next router and starts the session. The questions and
 // message boxes go through InstallPrompter: the window shows them, the
 // headless front end answers from its options and prints the texts.
@@ -9,6 +9,7 @@
 #include <functional>
 #include <string>
 
+#include "install/install_choices.h"
 #include "install/router_record.h"
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
@@ -34,43 +35,10 @@ class InstallPrompter {
   virtual bool askYesNo(const std::string& text) = 0;
 };
 
-// The option controls as the front end reads them.
-struct InstallOptions {
-  bool keepConfig = false;
-  std::string addressText;
-  std::string netmaskBitsText;
-  std::string gatewayText;
-  bool defaultConfig = false;
-  bool keepBranding = true;
-  bool scriptEnabled = false;
-  std::string scriptPath;
-  bool modeScriptEnabled = false;
-  std::string modeScriptPath;
-  std::string baudText;  // "don't set" or empty: 0
-};
-
-// The address controls' rule: inet_addr's reading; its all-ones answer
-// (unparsable text, or 255.255.255.255) gives 0.
-uint32_t addressFromText(const std::string& text);
-// The netmask-bits rule: decimal, above 32 gives 32, unparsable 0.
-uint32_t netmaskBitsFromText(const std::string& text);
-// The baud list: the selected text read as an unsigned decimal, 0 for "don't set".
-uint32_t baudFromText(const std::string& text);
-
 // The choices of the last Install command, applied to every router found
-// afterwards, and persisted as the "Previous ..." settings.
-struct RememberedChoices {
-  bool keepConfig = false;
-  uint32_t address = 0;
-  uint32_t netmaskBits = 0;
-  uint32_t gateway = 0;
-  uint32_t baudRate = 0;
-  bool defaultConfig = false;
-  bool scriptEnabled = false;
-  std::string scriptPath;
-  bool modeScriptEnabled = false;
-  std::string modeScriptPath;
-
+// afterwards, and persisted as the "Previous ..." settings. Its keepBranding
+// is never read, saved or applied: each router starts with its own.
+struct RememberedChoices : InstallChoices {
   void load(Registry& settings);
   void save(Registry& settings) const;
   // A newly discovered router starts from these. Apply default config is on
@@ -99,8 +67,9 @@ struct InstallContext {
   std::function<void(const RouterRecord& request)> startSession;
 };
 
-// Runs the Install command for record (the selected row, or null). The
-// record is filled with the options, the order of files and the total size.
-InstallOutcome runInstallCommand(RouterRecord* record, const InstallOptions& options, InstallContext& context);
+// Runs the Install command for record (the selected row, or null) with the
+// choices the front end shows for it. The record is filled with the
+// choices, the order of files and the total size.
+InstallOutcome runInstallCommand(RouterRecord* record, const InstallChoices& choices, InstallContext& context);
 
 }  // namespace tarnlift

@@ -3,7 +3,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "install/install_command.h"
+#include "install/install_choices.h"
 
 namespace tarnlift {
 
@@ -141,15 +141,18 @@ bool Inventory::parse(const std::string& text, const std::string& name, const st
       if (!isDottedQuad(address) || !isDecimal(bits) || std::stoi(bits) < 1 || std::stoi(bits) > 32) {
         return refuse("bad address '" + value + "': expected A.B.C.D/BITS such as 10.0.0.5/24");
       }
-      e.addressText = address;
-      e.netmaskBitsText = bits;
+      e.choices.values.address = addressFromText(address);
+      e.choices.values.netmaskBits = netmaskBitsFromText(bits);
+      e.choices.keys |= GivenChoices::kAddress;
     } else if (key == "gateway") {
       if (!isDottedQuad(value)) return refuse("bad gateway '" + value + "': expected A.B.C.D");
-      e.gatewayText = value;
+      e.choices.values.gateway = addressFromText(value);
+      e.choices.keys |= GivenChoices::kGateway;
     } else if (key == "script" || key == "mode-script") {
       std::string path = joinPath(folder, value);
       if (value.empty() || !readableFile(path)) return refuse("cannot read the " + key + " file '" + path + "'");
-      (key == "script" ? e.scriptPath : e.modeScriptPath) = path;
+      (key == "script" ? e.choices.values.scriptPath : e.choices.values.modeScriptPath) = path;
+      e.choices.keys |= key == "script" ? GivenChoices::kScript : GivenChoices::kModeScript;
     } else if (key == "set") {
       if (value.empty() || (setExists && !setExists(value))) return refuse("no package set named '" + value + "'");
       e.setName = value;
@@ -160,7 +163,11 @@ bool Inventory::parse(const std::string& text, const std::string& name, const st
     } else if (key == "keep-config" || key == "default-config" || key == "keep-branding") {
       bool flag = false;
       if (!parseYesNo(value, flag)) return refuse(key + " needs yes or no, not '" + value + "'");
-      (key == "keep-config" ? e.keepConfig : key == "default-config" ? e.defaultConfig : e.keepBranding) = flag;
+      InstallChoices& v = e.choices.values;
+      (key == "keep-config" ? v.keepConfig : key == "default-config" ? v.defaultConfig : v.keepBranding) = flag;
+      e.choices.keys |= key == "keep-config"      ? GivenChoices::kKeepConfig
+                        : key == "default-config" ? GivenChoices::kDefaultConfig
+                                                  : GivenChoices::kKeepBranding;
     } else if (key == "after") {
       if (value == "reboot") {
         e.after = AfterInstall::Reboot;
@@ -185,24 +192,9 @@ const InventoryEntry* Inventory::find(const MacAddress& mac) const {
   return it == entries_.end() ? nullptr : &it->second;
 }
 
-void applyInventoryEntry(const InventoryEntry& e, InstallOptions& options, std::string& setName,
+void applyInventoryEntry(const InventoryEntry& e, InstallChoices& choices, std::string& setName,
                          std::vector<std::string>& select) {
-  if (e.addressText) {
-    options.addressText = *e.addressText;
-    options.netmaskBitsText = e.netmaskBitsText.value_or("");
-  }
-  if (e.gatewayText) options.gatewayText = *e.gatewayText;
-  if (e.scriptPath) {
-    options.scriptEnabled = true;
-    options.scriptPath = *e.scriptPath;
-  }
-  if (e.modeScriptPath) {
-    options.modeScriptEnabled = true;
-    options.modeScriptPath = *e.modeScriptPath;
-  }
-  if (e.keepConfig) options.keepConfig = *e.keepConfig;
-  if (e.defaultConfig) options.defaultConfig = *e.defaultConfig;
-  if (e.keepBranding) options.keepBranding = *e.keepBranding;
+  e.choices.layOver(choices);
   if (e.setName) {
     setName = *e.setName;
     select.clear();

@@ -14,7 +14,7 @@
 
 #include "install/datagram.h"
 #include "install/desk.h"
-#include "install/install_command.h"
+#include "install/install_choices.h"
 #include "packages/package_catalogue.h"
 
 namespace tarnlift {
@@ -23,16 +23,11 @@ struct InventoryEntry {
   MacAddress mac{};
   int line = 0;  // where the section starts
   std::optional<std::string> label;
-  std::optional<std::string> addressText;  // A.B.C.D
-  std::optional<std::string> netmaskBitsText;
-  std::optional<std::string> gatewayText;
-  std::optional<std::string> scriptPath;      // resolved against the file's folder
-  std::optional<std::string> modeScriptPath;  // likewise
+  // address, gateway, script and mode-script (paths resolved against the
+  // file's folder), keep-config, default-config, keep-branding
+  GivenChoices choices;
   std::optional<std::string> setName;
   std::optional<std::vector<std::string>> select;  // file names to tick
-  std::optional<bool> keepConfig;
-  std::optional<bool> defaultConfig;
-  std::optional<bool> keepBranding;
   std::optional<AfterInstall> after;
 };
 
@@ -63,7 +58,7 @@ class Inventory {
 // section gives replaces its value. `set` and `select` replace the choice
 // of packages as a whole: a section's `select` empties setName, its `set`
 // empties select. One rule for both front ends.
-void applyInventoryEntry(const InventoryEntry& entry, InstallOptions& options, std::string& setName,
+void applyInventoryEntry(const InventoryEntry& entry, InstallChoices& choices, std::string& setName,
                          std::vector<std::string>& select);
 
 // Ticks the named package files in `catalogue` (already showing the

@@ -1,5 +1,5 @@
 // One row of the "Routers/Drives" list and, once filled with the install
-// options, one install request. Records are copied whole between holders.
+// choices, one install request. Records are copied whole between holders.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "install/datagram.h"
+#include "install/install_choices.h"
 
 namespace tarnlift {
 
@@ -21,18 +22,14 @@ enum RouterStatus : uint32_t {
 
 enum RecordKind : uint8_t { kKindDrive = 0, kKindRouter = 1 };
 
-struct RouterRecord {
+// The row's install choices (its base) and what the router is and does.
+struct RouterRecord : InstallChoices {
   uint8_t kind = kKindRouter;
   uint32_t architecture = 0;
   std::string label;
   MacAddress mac{};
   uint32_t minVersion = 0;
   uint32_t version = 0;
-  bool keepConfig = false;
-  uint32_t address = 0;  // network order, 0 none
-  uint32_t netmaskBits = 0;
-  uint32_t gateway = 0;
-  bool keepBranding = true;
   bool hasBranding = false;
   bool unprotected = true;  // false: the router reported its branding "protected"
   uint32_t storageSize = 0;
@@ -40,12 +37,6 @@ struct RouterRecord {
   uint32_t driveType = 0;
   std::string driveDescription;  // a drive's disk: number, size, model ("" unknown)
   std::string driveSize;         // its size alone, for the row ("" unknown)
-  uint32_t baudRate = 0;
-  bool defaultConfig = false;
-  bool scriptEnabled = false;
-  std::string scriptPath;
-  bool modeScriptEnabled = false;
-  std::string modeScriptPath;
   std::string setName;
   std::string packageDir;
   std::vector<std::string> files;

@@ -7,8 +7,9 @@
 #include "app/version.h"
 #include "install/datagram.h"
 #include "netboot/netboot_settings.h"
-#include "ui/control_rules.h"
-#include "ui/router_actions.h"
+#include "install/after_install.h"
+#include "install/control_rules.h"
+#include "install/router_actions.h"
 
 namespace tarnlift::ui {
 namespace {
@@ -417,10 +418,29 @@ void MainPresenter::command(int id) {
   refreshControlState();
 }
 
+// The controls' text becomes the install choices here, once, by the
+// controls' own readings.
+InstallChoices MainPresenter::choicesShown() {
+  InstallChoices c;
+  c.keepConfig = view_.isChecked(kIdKeepConfig);
+  c.address = addressFromText(view_.text(kIdAddress));
+  c.netmaskBits = netmaskBitsFromText(view_.text(kIdNetmask));
+  c.gateway = addressFromText(view_.text(kIdGateway));
+  c.defaultConfig = view_.isChecked(kIdDefaultConfig);
+  c.keepBranding = view_.isChecked(kIdKeepBranding);
+  c.scriptEnabled = view_.isChecked(kIdScript);
+  c.scriptPath = view_.text(kIdScriptPath);
+  c.modeScriptEnabled = view_.isChecked(kIdModeScript);
+  c.modeScriptPath = view_.text(kIdModeScriptPath);
+  c.baudRate = baudFromText(view_.selectedText(kIdBaud));
+  return c;
+}
+
 void MainPresenter::takeFieldsInto(RouterRecord& record) {
-  record.address = addressFromText(view_.text(kIdAddress));
-  record.netmaskBits = netmaskBitsFromText(view_.text(kIdNetmask));
-  record.gateway = addressFromText(view_.text(kIdGateway));
+  const InstallChoices shown = choicesShown();
+  record.address = shown.address;
+  record.netmaskBits = shown.netmaskBits;
+  record.gateway = shown.gateway;
 }
 
 void MainPresenter::browsePackageDir() {
@@ -549,19 +569,7 @@ void MainPresenter::install() {
     return;
   }
   if (r->status != kStatusReady) return;
-  InstallOptions options;
-  options.keepConfig = view_.isChecked(kIdKeepConfig);
-  options.addressText = view_.text(kIdAddress);
-  options.netmaskBitsText = view_.text(kIdNetmask);
-  options.gatewayText = view_.text(kIdGateway);
-  options.defaultConfig = view_.isChecked(kIdDefaultConfig);
-  options.keepBranding = view_.isChecked(kIdKeepBranding);
-  options.scriptEnabled = view_.isChecked(kIdScript);
-  options.scriptPath = view_.text(kIdScriptPath);
-  options.modeScriptEnabled = view_.isChecked(kIdModeScript);
-  options.modeScriptPath = view_.text(kIdModeScriptPath);
-  options.baudText = view_.selectedText(kIdBaud);
-  InstallOutcome outcome = installRow(*desk_, catalogue_, sets_, remembered_, *this, *r, options);
+  InstallOutcome outcome = installRow(*desk_, catalogue_, sets_, remembered_, *this, *r, choicesShown());
   // The install may have made "Previous Install".
   listSets();
   if (outcome == InstallOutcome::Started) refreshRouterList();
@@ -639,8 +647,7 @@ void MainPresenter::applyInventory(const MacAddress& mac) {
 // The inventory's `after` for its routers, the "Auto reboot" list for the
 // others.
 AfterInstall MainPresenter::afterInstallFor(const MacAddress& mac) {
-  std::optional<AfterInstall> listed = inventory_.afterFor(mac);
-  return listed ? *listed : autoRebootChoice();
+  return chooseAfterInstall(inventory_.afterFor(mac), std::nullopt, autoRebootChoice());
 }
 
 // ---- notifications ---------------------------------------------------------

@@ -35,7 +35,7 @@
 #include "packages/package_sets.h"
 #include "ui/main_ids.h"
 #include "ui/main_view.h"
-#include "ui/window_inventory.h"
+#include "install/loaded_inventory.h"
 
 namespace tarnlift::ui {
 
@@ -135,7 +135,7 @@ class MainPresenter : private packages::PackageListView,
   packages::PackageCatalogue& catalogue() { return catalogue_; }
   packages::PackageSets& sets() { return sets_; }
   RememberedChoices& remembered() { return remembered_; }
-  const WindowInventory& inventory() const { return inventory_; }
+  const LoadedInventory& inventory() const { return inventory_; }
   RouterRecord* selectedRouter();
   bool netbootEnabled() const { return netbootEnabled_; }
   uint32_t clientAddress() const { return clientAddress_; }
@@ -170,6 +170,7 @@ class MainPresenter : private packages::PackageListView,
   void cancel();
   void netBooting();
   void takeFieldsInto(RouterRecord& record);
+  InstallChoices choicesShown();
   void chooseScript(bool mode);
   void loadInventory();
   void applyInventory(const MacAddress& mac);
@@ -218,7 +219,7 @@ class MainPresenter : private packages::PackageListView,
   int placeTop_ = 20;
   int placeHeight_ = 0;
   std::set<std::string> listedSets_;
-  WindowInventory inventory_;
+  LoadedInventory inventory_;
 };
 
 }  // namespace tarnlift::ui

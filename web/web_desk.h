@@ -1,9 +1,12 @@
 // The web console's view of the desk: what the API and the event stream
 // read and do, on the same router table, package sets and remembered
 // choices as the front end that owns them (`serve`). Every tick rule,
-// control-state rule and option check is the window's own (ui/control_rules,
-// ui/router_actions, the Install command); this class only turns requests
-// into those calls and rows into JSON.
+// control-state rule and option check is the install core's, the window's
+// too (install/control_rules, install/router_actions, the Install command);
+// this class only turns requests into those calls and rows into JSON. Its
+// members are kept in files by job: web_desk.cpp (rows, packages,
+// commands), web_desk_json.cpp, web_desk_options.cpp, web_desk_scripts.cpp,
+// web_desk_sets.cpp, web_desk_metrics.cpp, web_desk_events.cpp.
 //
 // Threads: every member is called with lock() held. The owner holds it
 // around its own tick, the HTTP threads around each request, so the desk is

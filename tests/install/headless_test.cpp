@@ -11,6 +11,7 @@
 #include "app/registry.h"
 #include "temp_dir.h"
 #include "tests/app/capture_log.h"
+#include "tests/install/sim_segment.h"
 #include "tests/install/two_packages.h"
 #include "tools/routersim/sim_router.h"
 
@@ -19,60 +20,8 @@ namespace {
 
 using routersim::SimRouter;
 using routersim::SimRouterConfig;
-
-// What passed the segment, in order: "I " (installer) or "R " (router), the
-// message ("FILE\n" alone is the end of the files; "data" a chunk), and
-// " lost" for a datagram the test dropped; with the time in ms.
-struct Passed {
-  int64_t ms = 0;
-  std::string what;
-};
-
-class Segment : public DatagramTransport {
- public:
-  explicit Segment(const Clock& clock) : clock_(clock) {}
-  int send(const uint8_t* b, size_t n) override {
-    if (note("I ", b, n, dropToRouters)) toRouters.emplace_back(b, b + n);
-    return static_cast<int>(n);
-  }
-  void fromRouter(const uint8_t* b, size_t n) {
-    if (note("R ", b, n, dropToServer)) toServer.emplace_back(b, b + n);
-  }
-  int waitReceive(uint8_t* b, uint64_t) override {
-    if (toServer.empty()) return -1;
-    std::vector<uint8_t> next = toServer.front();
-    toServer.pop_front();
-    std::memcpy(b, next.data(), next.size());
-    return static_cast<int>(next.size());
-  }
-  MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
-  std::deque<std::vector<uint8_t>> toServer, toRouters;
-  // Payloads for which these say true are lost on the way.
-  std::function<bool(const std::string& payload)> dropToRouters, dropToServer;
-  std::vector<Passed> passed;
-  // Where `what` first passed at or after index `from`; passed.size() when never.
-  size_t find(const std::string& what, size_t from = 0) const {
-    while (from < passed.size() && passed[from].what != what) ++from;
-    return from;
-  }
-
- private:
-  bool note(const char* who, const uint8_t* b, size_t n, const std::function<bool(const std::string&)>& drop) {
-    std::string payload(reinterpret_cast<const char*>(b) + kHeaderSize, n - kHeaderSize);
-    std::string what = "data";
-    if (payload == "FILE\n") {
-      what = payload;
-    } else if (payload.size() >= 4 && std::all_of(payload.begin(), payload.begin() + 4, [](char c) {
-                 return c >= 'A' && c <= 'Z';
-               })) {
-      what = payload.substr(0, 4);
-    }
-    bool lost = drop && drop(payload);
-    passed.push_back({static_cast<int64_t>(clock_.nowMicros() / 1000), who + what + (lost ? " lost" : "")});
-    return !lost;
-  }
-  const Clock& clock_;
-};
+using testing::Passed;
+using testing::Segment;
 
 class HeadlessTest : public ::testing::Test {
  protected:
@@ -101,14 +50,7 @@ class HeadlessTest : public ::testing::Test {
   void run(int64_t ms, size_t untilFinished = 0) {
     for (int64_t t = 0; t < ms; ++t) {
       int64_t now = static_cast<int64_t>(clock.nowMicros() / 1000);
-      for (auto& sim : sims) sim->tick(now);
-      while (!segment.toServer.empty()) server.pollOnce();
-      server.pollOnce();
-      while (!segment.toRouters.empty()) {
-        auto d = segment.toRouters.front();
-        segment.toRouters.pop_front();
-        for (auto& sim : sims) sim->onDatagram(d.data(), d.size(), now);
-      }
+      testing::passMillisecond(segment, server, sims, now);
       if (now % 250 == 0) installer->tick();
       if (untilFinished != 0 && installer->finished() >= untilFinished) return;
       clock.advanceMillis(1);
@@ -271,7 +213,7 @@ TEST_F(HeadlessTest, AddressQuestionIsAnsweredYesAndSaid) {
   addRouter(router(1));
   HeadlessOptions options;
   options.select = {"system-6.41.npk"};
-  options.install.addressText = "10.0.0.1";
+  options.choices.address = addressFromText("10.0.0.1");
   make(options);
   run(30'000, 1);
   EXPECT_NE(err.str().find(kAddressQuestion), std::string::npos);
@@ -405,7 +347,7 @@ TEST_F(HeadlessTest, HeldRoutersStayReadyUntilAnotherFrontEndInstallsThem) {
   catalogue.toggle(static_cast<size_t>(catalogue.findByFileName("system-6.41.npk")), choice.files);
   InstallContext context{catalogue, choice, sets, remembered, *installer,
                          [this](const RouterRecord& request) { server.start(request, true); }};
-  ASSERT_EQ(runInstallCommand(&r, InstallOptions{}, context), InstallOutcome::Started);
+  ASSERT_EQ(runInstallCommand(&r, InstallChoices{}, context), InstallOutcome::Started);
   SessionStatus s = server.status(r.mac);
   installer->table().setStatus(r.mac, s.status, r.totalSize, s.progress, s.statusText);
   run(60'000, 1);
@@ -424,8 +366,8 @@ TEST_F(HeadlessTest, InventoryValuesWinOverTheCommandLinesPerRouter) {
   }
   HeadlessOptions options;
   options.select = {"system-6.41.npk"};
-  options.install.addressText = "10.0.0.9";
-  options.install.netmaskBitsText = "24";
+  options.choices.address = addressFromText("10.0.0.9");
+  options.choices.netmaskBits = 24;
   std::string error;
   ASSERT_TRUE(options.inventory.parse("[02:00:00:00:00:01]\naddress = 10.0.0.5/16\nselect = extra-6.41.npk\n", "f", "",
                                       nullptr, error))

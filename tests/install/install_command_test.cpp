@@ -39,7 +39,8 @@ class InstallCommandTest : public ::testing::Test {
   InstallContext context{catalogue,  choice,   sets,
                          remembered, prompter, [this](const RouterRecord& r) { started.push_back(r); }};
   RouterRecord router;
-  InstallOptions options;
+  // The choices as a front end hands them over, its text read at its edge.
+  InstallChoices choices;
 
   void SetUp() override {
     testing::writeSystemAndExtra(dir, 3000);
@@ -54,12 +55,12 @@ class InstallCommandTest : public ::testing::Test {
 };
 
 TEST_F(InstallCommandTest, NoSelectionDoesNothing) {
-  EXPECT_EQ(runInstallCommand(nullptr, options, context), InstallOutcome::NoSelection);
+  EXPECT_EQ(runInstallCommand(nullptr, choices, context), InstallOutcome::NoSelection);
   EXPECT_TRUE(prompter.messages.empty());
 }
 
 TEST_F(InstallCommandTest, StartsWithFilesInInstallOrderAndTotalSize) {
-  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   ASSERT_EQ(started.size(), 1u);
   EXPECT_EQ(started[0].files, (std::vector<std::string>{"system-6.41.npk", "extra-6.41.npk"}));
   EXPECT_EQ(started[0].packageDir, dir.path());
@@ -69,7 +70,7 @@ TEST_F(InstallCommandTest, StartsWithFilesInInstallOrderAndTotalSize) {
 
 TEST_F(InstallCommandTest, TooOldInstallerVersionRefused) {
   router.version = packages::parseVersion("6.30");
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Refused);
   ASSERT_EQ(prompter.messages.size(), 1u);
   EXPECT_EQ(prompter.messages[0], "Error!:tarnlift version 6.30 is too old\nboard supports versions from 6.40");
 }
@@ -77,7 +78,7 @@ TEST_F(InstallCommandTest, TooOldInstallerVersionRefused) {
 TEST_F(InstallCommandTest, BoardMinimumAbovePackageRefused) {
   router.minVersion = packages::parseVersion("6.45");
   router.version = 0;
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Refused);
   ASSERT_EQ(prompter.messages.size(), 1u);
   EXPECT_EQ(prompter.messages[0], "Error!:board supports versions from 6.45");
   EXPECT_TRUE(started.empty());
@@ -85,24 +86,24 @@ TEST_F(InstallCommandTest, BoardMinimumAbovePackageRefused) {
 
 TEST_F(InstallCommandTest, NoPackagesRefused) {
   choice.files.clear();
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Refused);
   EXPECT_EQ(prompter.messages.at(0), "Cannot install!:No packages selected");
 }
 
 TEST_F(InstallCommandTest, AddressWithoutNetmaskAsksAndNoStops) {
-  options.addressText = "10.0.0.1";
+  choices.address = addressFromText("10.0.0.1");
   prompter.answer = false;
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Refused);
   EXPECT_EQ(prompter.questions, std::vector<std::string>{kAddressQuestion});
   EXPECT_TRUE(started.empty());
   prompter.answer = true;
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
 }
 
 TEST_F(InstallCommandTest, GatewayWithoutAddressAsks) {
-  options.gatewayText = "10.0.0.254";
+  choices.gateway = addressFromText("10.0.0.254");
   prompter.answer = false;
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Refused);
   EXPECT_EQ(prompter.questions, std::vector<std::string>{kGatewayQuestion});
 }
 
@@ -110,9 +111,9 @@ TEST_F(InstallCommandTest, NetmaskAboveThirtyTwoIsThirtyTwo) {
   EXPECT_EQ(netmaskBitsFromText("40"), 32u);
   EXPECT_EQ(netmaskBitsFromText("24"), 24u);
   EXPECT_EQ(netmaskBitsFromText(""), 0u);
-  options.addressText = "10.0.0.1";
-  options.netmaskBitsText = "40";
-  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  choices.address = addressFromText("10.0.0.1");
+  choices.netmaskBits = netmaskBitsFromText("40");
+  ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_EQ(started[0].netmaskBits, 32u);
   EXPECT_TRUE(prompter.questions.empty());
 }
@@ -123,9 +124,9 @@ TEST_F(InstallCommandTest, AddressFieldsReadEveryInetAddrForm) {
   EXPECT_EQ(dottedAddress(addressFromText("192.168.1")), "192.168.0.1");
   EXPECT_EQ(dottedAddress(addressFromText("010.0.0.1")), "8.0.0.1");
   EXPECT_EQ(dottedAddress(addressFromText("0xa.0.0.0x1")), "10.0.0.1");
-  options.addressText = "10.1";
-  options.gatewayText = "012.0.0.0376";
-  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  choices.address = addressFromText("10.1");
+  choices.gateway = addressFromText("012.0.0.0376");
+  ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_EQ(dottedAddress(started[0].address), "10.0.0.1");
   EXPECT_EQ(dottedAddress(started[0].gateway), "10.0.0.254");
 }
@@ -138,33 +139,60 @@ TEST_F(InstallCommandTest, UnparsableAddressIsZero) {
   EXPECT_EQ(baudFromText("115200"), 115200u);
 }
 
+// A row's choices handed to Install without passing through the window's
+// fields (web console, inventory) read as the fields would show and read
+// them back: dotted text through inet_addr, the netmask through its field.
+TEST(InstallChoicesTest, ChoicesReadAsTheFieldsWouldReadThemBack) {
+  const uint32_t kAllOnes = 0xFFFFFFFFu;
+  for (uint32_t address : {0u, addressFromText("10.0.0.1"), addressFromText("255.255.255.254"), kAllOnes}) {
+    for (uint32_t bits : {0u, 1u, 24u, 32u, 33u, 40u, 0xFFFFFFFFu}) {
+      InstallChoices shown;
+      shown.address = address;
+      shown.gateway = address;
+      shown.netmaskBits = bits;
+      shown.baudRate = 9600;
+      shown.scriptPath = "s.rsc";
+      InstallChoices readBack = shown;
+      readBack.address = addressFromText(address != 0 ? dottedAddress(address) : "");
+      readBack.gateway = addressFromText(address != 0 ? dottedAddress(address) : "");
+      readBack.netmaskBits = netmaskBitsFromText(bits != 0 ? std::to_string(bits) : "");
+      EXPECT_EQ(asTheControlsReadThem(shown), readBack) << dottedAddress(address) << "/" << bits;
+    }
+  }
+  InstallChoices allOnes;
+  allOnes.address = kAllOnes;
+  allOnes.netmaskBits = 40;
+  EXPECT_EQ(asTheControlsReadThem(allOnes).address, 0u);
+  EXPECT_EQ(asTheControlsReadThem(allOnes).netmaskBits, 32u);
+}
+
 TEST_F(InstallCommandTest, SpaceWarningOnlyOnce) {
   router.storageSize = 10;
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Refused);
   EXPECT_EQ(prompter.messages.at(0), "Warning:Not enough space on device");
   EXPECT_TRUE(router.spaceWarned);
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_EQ(prompter.messages.size(), 1u);
 }
 
 TEST_F(InstallCommandTest, MissingConfigurationScriptRefused) {
-  options.scriptEnabled = true;
-  options.scriptPath = dir.file("nope.rsc");
-  EXPECT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Refused);
+  choices.scriptEnabled = true;
+  choices.scriptPath = dir.file("nope.rsc");
+  EXPECT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Refused);
   EXPECT_EQ(prompter.messages.at(0), "Error!:Could not read configuration script");
 }
 
 TEST_F(InstallCommandTest, ChoicesAreRememberedAndApplied) {
   router.unprotected = false;  // it has a default configuration to remember the choice from
-  options.keepConfig = true;
-  options.addressText = "10.0.0.1";
-  options.netmaskBitsText = "8";
-  options.gatewayText = "10.0.0.254";
-  options.baudText = "9600";
-  options.defaultConfig = true;
-  options.modeScriptEnabled = true;
-  options.modeScriptPath = "m.rsc";
-  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  choices.keepConfig = true;
+  choices.address = addressFromText("10.0.0.1");
+  choices.netmaskBits = netmaskBitsFromText("8");
+  choices.gateway = addressFromText("10.0.0.254");
+  choices.baudRate = baudFromText("9600");
+  choices.defaultConfig = true;
+  choices.modeScriptEnabled = true;
+  choices.modeScriptPath = "m.rsc";
+  ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_TRUE(remembered.keepConfig);
   EXPECT_EQ(remembered.address, addressFromText("10.0.0.1"));
   EXPECT_EQ(remembered.netmaskBits, 8u);
@@ -205,11 +233,11 @@ TEST_F(InstallCommandTest, ChoicesAreRememberedAndApplied) {
 // configuration to apply (protected branding).
 TEST_F(InstallCommandTest, DefaultConfigRememberedOnlyFromARouterThatHasOne) {
   router.unprotected = true;
-  options.defaultConfig = true;
-  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  choices.defaultConfig = true;
+  ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_FALSE(remembered.defaultConfig);
   router.unprotected = false;
-  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_TRUE(remembered.defaultConfig);
 }
 
@@ -219,10 +247,10 @@ TEST_F(InstallCommandTest, KeepConfigSendsKeepAndEmptyAutorun) {
   ManualClock clock;
   InstallServer server(transport, clock);
   context.startSession = [&](const RouterRecord& r) { server.start(r, true); };
-  options.keepConfig = true;
-  options.addressText = "10.0.0.1";
-  options.netmaskBitsText = "24";
-  ASSERT_EQ(runInstallCommand(&router, options, context), InstallOutcome::Started);
+  choices.keepConfig = true;
+  choices.address = addressFromText("10.0.0.1");
+  choices.netmaskBits = netmaskBitsFromText("24");
+  ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_EQ(transport.lastPayload(), "OFFR\nkeep\n");
   MutexLock hold(server.sessionLock());
   std::string autorun = server.session(testing::kRouterMac)->autorunPath();

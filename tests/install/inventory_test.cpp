@@ -41,21 +41,25 @@ TEST(InventoryTest, ReadsEveryKeyOfASection) {
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->line, 2);
   EXPECT_EQ(*e->label, "Front \"desk\"");
-  EXPECT_EQ(*e->addressText, "10.0.0.5");
-  EXPECT_EQ(*e->netmaskBitsText, "24");
-  EXPECT_EQ(*e->gatewayText, "10.0.0.1");
-  EXPECT_EQ(*e->scriptPath, dir.file("user.rsc"));
-  EXPECT_EQ(*e->modeScriptPath, dir.file("mode.rsc"));
+  // Every key of the choices, given and read into its value.
+  const GivenChoices& c = e->choices;
+  EXPECT_EQ(c.keys, GivenChoices::kAddress | GivenChoices::kGateway | GivenChoices::kScript | GivenChoices::kModeScript |
+                        GivenChoices::kKeepConfig | GivenChoices::kDefaultConfig | GivenChoices::kKeepBranding);
+  EXPECT_EQ(dottedAddress(c.values.address), "10.0.0.5");
+  EXPECT_EQ(c.values.netmaskBits, 24u);
+  EXPECT_EQ(dottedAddress(c.values.gateway), "10.0.0.1");
+  EXPECT_EQ(c.values.scriptPath, dir.file("user.rsc"));
+  EXPECT_EQ(c.values.modeScriptPath, dir.file("mode.rsc"));
   EXPECT_EQ(*e->select, (std::vector<std::string>{"a.npk", "b.npk"}));
-  EXPECT_TRUE(*e->keepConfig);
-  EXPECT_FALSE(*e->defaultConfig);
-  EXPECT_FALSE(*e->keepBranding);
+  EXPECT_TRUE(c.values.keepConfig);
+  EXPECT_FALSE(c.values.defaultConfig);
+  EXPECT_FALSE(c.values.keepBranding);
   EXPECT_EQ(*e->after, AfterInstall::Shutdown);
   EXPECT_FALSE(e->setName.has_value());
   const InventoryEntry* second = inventory.find({0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x04});
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(*second->setName, "office");
-  EXPECT_FALSE(second->addressText.has_value());
+  EXPECT_FALSE(second->choices.gives(GivenChoices::kAddress));
   EXPECT_FALSE(inventory.contains({0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x05}));
 }
 
@@ -120,21 +124,21 @@ TEST(InventoryTest, ASectionIsLaidOverTheOptionsItLeavesOutUntouched) {
                               "[02:00:00:00:00:02]\ngateway = 10.0.0.1\nset = office\n",
                               "f", "", nullptr, error))
       << error;
-  InstallOptions base;
-  base.addressText = "192.168.1.9";
-  base.netmaskBitsText = "16";
-  base.gatewayText = "192.168.1.1";
+  InstallChoices base;
+  base.address = parseDottedAddress("192.168.1.9");
+  base.netmaskBits = 16;
+  base.gateway = parseDottedAddress("192.168.1.1");
   base.keepConfig = true;
   base.scriptEnabled = true;
   base.scriptPath = "base.rsc";
 
-  InstallOptions first = base;
+  InstallChoices first = base;
   std::string setName = "base set";
   std::vector<std::string> select;
   applyInventoryEntry(*inventory.find({2, 0, 0, 0, 0, 1}), first, setName, select);
-  EXPECT_EQ(first.addressText, "10.0.0.5");
-  EXPECT_EQ(first.netmaskBitsText, "24");
-  EXPECT_EQ(first.gatewayText, "192.168.1.1");
+  EXPECT_EQ(dottedAddress(first.address), "10.0.0.5");
+  EXPECT_EQ(first.netmaskBits, 24u);
+  EXPECT_EQ(dottedAddress(first.gateway), "192.168.1.1");
   EXPECT_FALSE(first.keepBranding);
   EXPECT_TRUE(first.keepConfig);
   EXPECT_TRUE(first.scriptEnabled);
@@ -142,12 +146,12 @@ TEST(InventoryTest, ASectionIsLaidOverTheOptionsItLeavesOutUntouched) {
   EXPECT_EQ(setName, "");
   EXPECT_EQ(select, std::vector<std::string>{"a.npk"});
 
-  InstallOptions second = base;
+  InstallChoices second = base;
   setName.clear();
   select = {"b.npk"};
   applyInventoryEntry(*inventory.find({2, 0, 0, 0, 0, 2}), second, setName, select);
-  EXPECT_EQ(second.addressText, "192.168.1.9");
-  EXPECT_EQ(second.gatewayText, "10.0.0.1");
+  EXPECT_EQ(dottedAddress(second.address), "192.168.1.9");
+  EXPECT_EQ(dottedAddress(second.gateway), "10.0.0.1");
   EXPECT_EQ(setName, "office");
   EXPECT_TRUE(select.empty());
 }

@@ -148,6 +148,26 @@ TEST_F(WebApiTest, InstallStartsTheSessionAndThenIsRefusedWhileInstalling) {
   EXPECT_TRUE(sets.contains("Previous Install"));
 }
 
+// Remembered choices (settings written by hand) may hold what no field
+// shows: the all-ones address, a netmask above 32. Install reads a row's
+// choices as the window's fields read them back (the all-ones address is
+// none, the netmask at most 32), so the netmask without an address is
+// asked about, and the API answers yes.
+TEST_F(WebApiTest, InstallReadsTheRowsChoicesAsTheWindowsFieldsDo) {
+  remembered.address = 0xFFFFFFFFu;
+  remembered.netmaskBits = 40;
+  remembered.gateway = 0xFFFFFFFFu;
+  announce(1);
+  ASSERT_EQ(call("PUT", path(1, "/selection"), R"({"files": ["system-6.41.npk"]})").status, 200);
+  HttpResponse r = call("POST", path(1, "/install"));
+  ASSERT_EQ(r.status, 202) << r.body;
+  ASSERT_EQ(routers.started.size(), 1u);
+  EXPECT_EQ(routers.started[0].first.address, 0u);
+  EXPECT_EQ(routers.started[0].first.gateway, 0u);
+  EXPECT_EQ(routers.started[0].first.netmaskBits, 32u);
+  EXPECT_EQ(parse(r)["warnings"], nlohmann::json::array({kAddressQuestion})) << r.body;
+}
+
 TEST_F(WebApiTest, InstallWithoutPackagesIsRefused) {
   announce(1);
   HttpResponse r = call("POST", path(1, "/install"));

@@ -9,7 +9,7 @@
 
 #include "install/datagram.h"
 #include "tests/install/two_packages.h"
-#include "tests/ui/fakes.h"
+#include "tests/install/fake_desk_workers.h"
 #include "web/event_hub.h"
 #include "web/web_api.h"
 #include "web/web_desk.h"
@@ -22,8 +22,8 @@ class WebFixture : public ::testing::Test {
  protected:
   tarnlift::testing::TempDir packageDir;
   tarnlift::testing::TempDir scriptDir;
-  ui::testing::FakeRouterInstaller routers;
-  ui::testing::FakeDriveInstaller drives;
+  tarnlift::testing::FakeRouterInstaller routers;
+  tarnlift::testing::FakeDriveInstaller drives;
   packages::PackageSets sets;
   RememberedChoices remembered;
   ManualClock clock{50'000'000};

@@ -1,8 +1,9 @@
-// The window's "Load inventory…": the inventory file the user loaded and
-// how a router row takes its section. The file and its rules are serve's
-// (install/inventory.h, docs/fleet.md); a section is laid over what the row
-// shows otherwise ("Previous Install" and the remembered defaults) with the
-// same merge serve uses, so both front ends give a router the same values.
+// An inventory file loaded while a front end runs (the window's "Load
+// inventory…") and how a router row takes its section. The file and its
+// rules are serve's (install/inventory.h, docs/fleet.md); a section is laid
+// over what the row has otherwise ("Previous Install" and the remembered
+// defaults) with the same merge serve uses, so both front ends give a
+// router the same values.
 #pragma once
 
 #include <optional>
@@ -15,9 +16,9 @@
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift::ui {
+namespace tarnlift {
 
-class WindowInventory {
+class LoadedInventory {
  public:
   // Reads and checks the whole file. A bad file leaves the inventory as it
   // was and gives "FILE:LINE: what is wrong".
@@ -31,7 +32,7 @@ class WindowInventory {
   // Fills a router row that can still change ("Ready") with its section:
   // address, netmask, gateway, scripts, the three flags, and the packages
   // (`set`: the saved set; `select`: the named files ticked in packageDir,
-  // the folder the window shows, with what they need). False when the row
+  // the folder the front end shows, with what they need). False when the row
   // has no section or is busy. Names `select` lists that the folder lacks
   // for the router's architecture go to notListed.
   bool applyTo(RouterRecord& record, const std::string& packageDir, packages::PackageSets& sets,
@@ -43,9 +44,9 @@ class WindowInventory {
  private:
   Inventory inventory_;
   std::string path_;
-  // A catalogue of its own (no view) to resolve `select`: the window's own
-  // shows the selected router and must not move for another one.
+  // A catalogue of its own (no view) to resolve `select`: the front end's
+  // own shows its selected router and must not move for another one.
   packages::PackageCatalogue resolver_;
 };
 
-}  // namespace tarnlift::ui
+}  // namespace tarnlift

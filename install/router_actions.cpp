@@ -1,12 +1,11 @@
-#include "ui/router_actions.h"
+#include "install/router_actions.h"
 
 #include <string>
 
 #include "app/log.h"
-#include "netboot/interfaces.h"
-#include "ui/control_rules.h"
+#include "install/control_rules.h"
 
-namespace tarnlift::ui {
+namespace tarnlift {
 
 bool showRouterPackages(packages::PackageCatalogue& catalogue, RouterRecord& r) {
   if (r.packageDir.empty()) r.packageDir = catalogue.folder();
@@ -69,7 +68,7 @@ void cancelRow(InstallDesk& desk, const RememberedChoices& remembered, RouterRec
 
 InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalogue, packages::PackageSets& sets,
                           RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
-                          const InstallOptions& options) {
+                          const InstallChoices& choices) {
   if (r.status != kStatusReady) return InstallOutcome::Refused;
   bool drive = r.kind == kKindDrive;
   // A drive that must not be erased is refused before anything starts.
@@ -88,25 +87,9 @@ InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalog
                            }
                          }};
   MacAddress mac = r.mac;
-  InstallOutcome outcome = runInstallCommand(&r, options, context);
+  InstallOutcome outcome = runInstallCommand(&r, choices, context);
   if (outcome == InstallOutcome::Started) desk.showFirstStatus(mac);
   return outcome;
 }
 
-InstallOptions optionsShownFor(const RouterRecord& r) {
-  InstallOptions o;
-  o.keepConfig = r.keepConfig;
-  o.addressText = r.address != 0 ? netboot::formatIpv4(r.address) : "";
-  o.netmaskBitsText = r.netmaskBits != 0 ? std::to_string(r.netmaskBits) : "";
-  o.gatewayText = r.gateway != 0 ? netboot::formatIpv4(r.gateway) : "";
-  o.defaultConfig = r.defaultConfig;
-  o.keepBranding = r.keepBranding;
-  o.scriptEnabled = r.scriptEnabled;
-  o.scriptPath = r.scriptPath;
-  o.modeScriptEnabled = r.modeScriptEnabled;
-  o.modeScriptPath = r.modeScriptPath;
-  o.baudText = r.baudRate != 0 ? std::to_string(r.baudRate) : "";
-  return o;
-}
-
-}  // namespace tarnlift::ui
+}  // namespace tarnlift

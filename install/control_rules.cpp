@@ -1,6 +1,6 @@
-#include "ui/control_rules.h"
+#include "install/control_rules.h"
 
-namespace tarnlift::ui {
+namespace tarnlift {
 
 bool packagesChangeable(const RouterRecord* r) {
   return r != nullptr && r->status != kStatusNone && r->status != kStatusInstalling &&
@@ -42,4 +42,4 @@ ControlRules controlRulesFor(const RouterRecord* r, bool setShown) {
   return c;
 }
 
-}  // namespace tarnlift::ui
+}  // namespace tarnlift

@@ -1,7 +1,9 @@
-// What the main window's buttons and check boxes do to one router row, apart
-// from reading and drawing the controls. The window calls these with the
-// selected row; the web console calls them with the row its request names,
-// so a router behaves the same whichever front end drives it.
+// The actions on one row of the router table: Install, Reboot, Shutdown,
+// Cancel, a package tick, "Select all" and "Select none". Every front end
+// runs these, the window on its selected row, the web console on the row a
+// request names and `serve` on each router it installs, so a router behaves
+// the same whichever front end drives it. Reading the front end's controls
+// or request is the front end's business; these take the values.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +14,7 @@
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift::ui {
+namespace tarnlift {
 
 // Shows r's package folder and architecture in the catalogue (an empty
 // folder takes the catalogue's). True when the catalogue was switched.
@@ -37,16 +39,12 @@ void rebootOrShutdownRow(InstallDesk& desk, RouterRecord& r, bool reboot);
 // its row (r is gone afterwards).
 void cancelRow(InstallDesk& desk, const RememberedChoices& remembered, RouterRecord& r);
 
-// "Install" with the options as the controls show them: the Install command
-// for r (network router or drive); once started, the row shows the
-// session's first status. A drive that may not be erased is refused with
-// the reason in an "Error" box.
+// "Install" with the choices the front end shows for r: the Install
+// command for r (network router or drive) with r's choice of packages;
+// once started, the row shows the session's first status. A drive that may
+// not be erased is refused with the reason in an "Error" box.
 InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalogue, packages::PackageSets& sets,
                           RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
-                          const InstallOptions& options);
+                          const InstallChoices& choices);
 
-// The option controls as they show r (address and gateway dotted, empty for
-// none; the baud list's text).
-InstallOptions optionsShownFor(const RouterRecord& r);
-
-}  // namespace tarnlift::ui
+}  // namespace tarnlift

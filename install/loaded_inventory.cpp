@@ -1,11 +1,8 @@
-#include "ui/window_inventory.h"
+#include "install/loaded_inventory.h"
 
-#include "install/install_command.h"
-#include "ui/router_actions.h"
+namespace tarnlift {
 
-namespace tarnlift::ui {
-
-bool WindowInventory::load(const std::string& path, const packages::PackageSets& sets, std::string& error) {
+bool LoadedInventory::load(const std::string& path, const packages::PackageSets& sets, std::string& error) {
   Inventory read;
   if (!read.load(path, [&sets](const std::string& name) { return sets.contains(name); }, error)) return false;
   inventory_ = std::move(read);
@@ -13,28 +10,19 @@ bool WindowInventory::load(const std::string& path, const packages::PackageSets&
   return true;
 }
 
-bool WindowInventory::applyTo(RouterRecord& record, const std::string& packageDir, packages::PackageSets& sets,
+bool LoadedInventory::applyTo(RouterRecord& record, const std::string& packageDir, packages::PackageSets& sets,
                               std::vector<std::string>& notListed) {
   const InventoryEntry* entry = inventory_.find(record.mac);
   if (entry == nullptr || record.kind != kKindRouter || record.status != kStatusReady) return false;
-  // The row's values as the option controls would hand them to Install.
-  InstallOptions options = optionsShownFor(record);
+  // The section laid over the row's choices as the option controls show them.
+  InstallChoices choices = asTheControlsReadThem(record);
   std::string setName;
   std::vector<std::string> select;
-  applyInventoryEntry(*entry, options, setName, select);
-
-  record.keepConfig = options.keepConfig;
-  record.address = addressFromText(options.addressText);
-  record.netmaskBits = netmaskBitsFromText(options.netmaskBitsText);
-  record.gateway = addressFromText(options.gatewayText);
+  applyInventoryEntry(*entry, choices, setName, select);
   // As with the remembered choice: a router without a default
   // configuration never has the option on.
-  record.defaultConfig = options.defaultConfig && hasDefaultConfiguration(record);
-  record.keepBranding = options.keepBranding;
-  record.scriptEnabled = options.scriptEnabled;
-  record.scriptPath = options.scriptPath;
-  record.modeScriptEnabled = options.modeScriptEnabled;
-  record.modeScriptPath = options.modeScriptPath;
+  choices.defaultConfig = choices.defaultConfig && hasDefaultConfiguration(record);
+  static_cast<InstallChoices&>(record) = choices;
 
   if (!setName.empty()) {
     packages::PackageChoice choice{record.setName, record.packageDir, record.files};
@@ -57,10 +45,10 @@ bool WindowInventory::applyTo(RouterRecord& record, const std::string& packageDi
   return true;
 }
 
-std::optional<AfterInstall> WindowInventory::afterFor(const MacAddress& mac) const {
+std::optional<AfterInstall> LoadedInventory::afterFor(const MacAddress& mac) const {
   const InventoryEntry* entry = inventory_.find(mac);
   if (entry == nullptr) return std::nullopt;
   return entry->after;
 }
 
-}  // namespace tarnlift::ui
+}  // namespace tarnlift

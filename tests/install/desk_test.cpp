@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include "install/datagram.h"
-#include "tests/ui/fakes.h"
+#include "tests/install/fake_desk_workers.h"
 
 namespace tarnlift {
 namespace {
 
-using ui::testing::FakeDriveInstaller;
-using ui::testing::FakeRouterInstaller;
+using tarnlift::testing::FakeDriveInstaller;
+using tarnlift::testing::FakeRouterInstaller;
 
 class DeskTest : public ::testing::Test {
  protected:

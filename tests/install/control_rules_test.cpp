@@ -1,10 +1,10 @@
 // The control-state table on its own: what the window enables is what the
 // console is told.
-#include "ui/control_rules.h"
+#include "install/control_rules.h"
 
 #include <gtest/gtest.h>
 
-namespace tarnlift::ui {
+namespace tarnlift {
 namespace {
 
 TEST(ControlRules, NoRouterEnablesNothing) {
@@ -61,4 +61,4 @@ TEST(ControlRules, SaveAndDeleteSetFollowTheShownSet) {
 }
 
 }  // namespace
-}  // namespace tarnlift::ui
+}  // namespace tarnlift

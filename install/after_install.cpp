@@ -1,0 +1,12 @@
+#include "install/after_install.h"
+
+namespace tarnlift {
+
+AfterInstall chooseAfterInstall(std::optional<AfterInstall> fromInventory, std::optional<AfterInstall> forThisRouter,
+                                AfterInstall byDefault) {
+  if (fromInventory) return *fromInventory;
+  if (forThisRouter) return *forThisRouter;
+  return byDefault;
+}
+
+}  // namespace tarnlift

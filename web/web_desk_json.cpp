@@ -1,0 +1,100 @@
+// A router as the API and the events show it.
+#include "web/web_desk.h"
+
+#include <algorithm>
+
+#include "install/control_rules.h"
+#include "netboot/interfaces.h"
+#include "packages/version.h"
+
+namespace tarnlift::web {
+
+using nlohmann::json;
+
+namespace {
+
+uint32_t percentOf(const RouterRecord& r) {
+  if (r.totalSize == 0) return 0;
+  uint64_t percent = static_cast<uint64_t>(r.progress) * 100 / r.totalSize;
+  return static_cast<uint32_t>(std::min<uint64_t>(percent, 100));
+}
+
+const char* afterText(AfterInstall after) {
+  switch (after) {
+    case AfterInstall::Reboot: return "reboot";
+    case AfterInstall::Shutdown: return "shutdown";
+    default: return "none";
+  }
+}
+
+std::string dottedOrEmpty(uint32_t address) { return address == 0 ? std::string() : netboot::formatIpv4(address); }
+
+json controlsJson(const ControlRules& c) {
+  return {{"sets", c.sets},
+          {"address", c.addressFields},
+          {"keepConfig", c.keepConfig},
+          {"baudRate", c.baud},
+          {"keepBranding", c.keepBranding},
+          {"defaultConfig", c.defaultConfig},
+          {"configureScript", c.script},
+          {"modeScript", c.modeScript},
+          {"install", c.install},
+          {"reboot", c.reboot},
+          {"shutdown", c.shutdown},
+          {"cancel", c.cancel},
+          {"saveSet", c.saveSet},
+          {"deleteSet", c.deleteSet},
+          {"selectAll", c.selectAll},
+          {"selectNone", c.selectNone},
+          {"packages", c.packages}};
+}
+
+}  // namespace
+
+json WebDesk::routerJson(const RouterRecord& r, bool withTexts) {
+  bool setShown = sets_.contains(r.setName);
+  ControlRules rules = controlRulesFor(&r, setShown);
+  std::string address;
+  if (r.address != 0) address = netboot::formatIpv4(r.address) + "/" + std::to_string(r.netmaskBits);
+  json options = {{"keepConfig", r.keepConfig},
+                  {"address", address},
+                  {"gateway", dottedOrEmpty(r.gateway)},
+                  {"baudRate", r.baudRate},
+                  {"defaultConfig", r.defaultConfig},
+                  {"keepBranding", r.keepBranding},
+                  {"configureScript", r.scriptEnabled},
+                  {"configureScriptFile", r.scriptPath},
+                  {"configureScriptSize", scriptSize(scriptTexts_, r.mac, r.scriptPath)},
+                  {"modeScript", r.modeScriptEnabled},
+                  {"modeScriptFile", r.modeScriptPath},
+                  {"modeScriptSize", scriptSize(modeScriptTexts_, r.mac, r.modeScriptPath)},
+                  {"after", afterText(afterFor(r.mac))}};
+  if (withTexts) {
+    auto text = scriptTexts_.find(r.mac);
+    if (text != scriptTexts_.end()) options["configureScriptText"] = text->second;
+    auto mode = modeScriptTexts_.find(r.mac);
+    if (mode != modeScriptTexts_.end()) options["modeScriptText"] = mode->second;
+  }
+  json record = {{"mac", macText(r.mac)},
+                 {"kind", r.kind == kKindDrive ? "drive" : "router"},
+                 {"label", r.label},
+                 {"architecture", architectureColumnText(r.architecture)},
+                 {"architectureName", architectureText(r.architecture)},
+                 {"versions",
+                  {{"installer", r.version != 0 ? packages::formatVersion(r.version) : ""},
+                   {"minimum", r.minVersion != 0 ? packages::formatVersion(r.minVersion) : ""}}},
+                 {"status", statusRowText(r.status)},
+                 {"statusCode", r.status},
+                 {"progress", percentOf(r)},
+                 {"bytesSent", r.progress},
+                 {"totalBytes", r.totalSize},
+                 {"detail", r.statusText},
+                 {"selection", r.files},
+                 {"set", setShown ? json(r.setName) : json(nullptr)},
+                 {"packageDir", r.packageDir},
+                 {"options", options},
+                 {"controls", controlsJson(rules)}};
+  return record;
+}
+
+}  // namespace tarnlift::web
