@@ -2,7 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
+
+#include "app/utc_time.h"
 
 namespace tarnlift {
 
@@ -113,14 +114,7 @@ std::string resultJsonLine(const RouterResult& r) {
   return line;
 }
 
-std::string utcTimestamp() {
-  std::time_t now = std::time(nullptr);
-  // Called from the installer's one thread only.
-  const std::tm* parts = std::gmtime(&now);
-  char text[32] = "";
-  if (parts != nullptr) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", parts);
-  return text;
-}
+std::string utcTimestamp() { return utcTextNow(UtcLayout::Iso); }
 
 ResultsLog::~ResultsLog() {
   if (file_ != nullptr) std::fclose(file_);

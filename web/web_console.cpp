@@ -1,11 +1,11 @@
 #include "web/web_console.h"
 
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <random>
 
 #include "app/log.h"
+#include "app/utc_time.h"
 #include "install/install_command.h"
 #include "net/address.h"
 #include "netboot/boot_images.h"
@@ -87,15 +87,7 @@ void fillNetbootActivity(NetbootSnapshot& snapshot) {
   snapshot.tftpBytesSent = activity.tftpBytesSent;
   snapshot.clients.clear();
   for (const netboot::AnsweredClient& c : activity.lastClients) {
-    std::tm tm{};
-#if defined(_WIN32)
-    gmtime_s(&tm, &c.when);
-#else
-    gmtime_r(&c.when, &tm);
-#endif
-    char when[32];
-    std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    snapshot.clients.push_back({c.mac, c.clientClass, when});
+    snapshot.clients.push_back({c.mac, c.clientClass, utcText(c.when)});
   }
 }
 
