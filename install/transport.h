@@ -11,7 +11,7 @@
 #include <string>
 
 #include "app/settings_store.h"
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "net/udp_socket.h"
 
 namespace tarnlift {

@@ -1,7 +1,7 @@
 // The command table row by row, and the other notifications of the window.
 #include <gtest/gtest.h>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "tests/packages/package_test_support.h"
 #include "tests/ui/presenter_fixture.h"
 #include "tools/mkpkg/package_writer.h"

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "tests/ui/fakes.h"
 
 namespace tarnlift {

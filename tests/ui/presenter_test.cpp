@@ -5,7 +5,7 @@
 
 #include "app/registry.h"
 #include "app/version.h"
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "netboot/interfaces.h"
 #include "tests/ui/presenter_fixture.h"
 

@@ -1,4 +1,4 @@
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 
 #include <cstdio>
 
