@@ -133,7 +133,8 @@ class InstallTransport : public DatagramTransport {
 };
 
 // The "you have to etherboot" broadcast that asks routers on the segment to
-// boot over the network. At most one exists in the process.
+// boot over the network. At most one exists in the process (InstallServices
+// holds it).
 class InstallBeacon {
  public:
   ~InstallBeacon() { destroy(); }
@@ -147,8 +148,5 @@ class InstallBeacon {
   net::UdpSocket socket_;
 };
 
-// The process-wide beacon switch; logs "beacon: " and the value.
-void setBeacon(bool on);
-InstallBeacon* processBeacon();
 
 }  // namespace tarnlift
