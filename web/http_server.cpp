@@ -18,7 +18,6 @@
 namespace tarnlift::web {
 namespace {
 
-using net::connectTcp;
 using net::pollSockets;
 using net::PollEntry;
 using net::SocketWaker;

@@ -23,11 +23,7 @@ namespace tarnlift::web {
 namespace {
 
 using net::connectTcp;
-using net::pollSockets;
-using net::PollEntry;
-using net::SocketWaker;
 using net::TcpConnection;
-using net::TcpListener;
 
 constexpr uint32_t kLoopback = 0x7F000001;
 const std::string kToken = "0123456789abcdef-token";
