@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -10,6 +9,7 @@
 #include "app/atomic_file.h"
 #include "app/log.h"
 #include "app/settings_tree.h"
+#include "app/utc_time.h"
 
 namespace tarnlift {
 
@@ -219,16 +219,7 @@ class SettingsFileStore : public SettingsTreeStore {
   }
 
   void moveAside() {
-    char stamp[32];
-    std::time_t now = std::time(nullptr);
-    std::tm parts{};
-#ifdef _WIN32
-    gmtime_s(&parts, &now);
-#else
-    gmtime_r(&now, &parts);
-#endif
-    std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &parts);
-    std::string aside = path_ + ".unreadable-" + stamp;
+    std::string aside = path_ + ".unreadable-" + utcTextNow(UtcLayout::FileStamp);
     std::error_code error;
     std::filesystem::rename(path_, aside, error);
     if (error) {

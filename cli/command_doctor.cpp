@@ -13,11 +13,9 @@
 #include "cli/command.h"
 #include "cli/json_output.h"
 #include "app/log.h"
-#include "cli/privileges.h"
 #include "doctor/checks.h"
 #include "cli/firewall_rules.h"
 #include "doctor/probe.h"
-#include "doctor/system.h"
 #include "install/headless.h"
 #include "netboot/boot_images.h"
 #include "install/install_command.h"
@@ -40,49 +38,6 @@ struct DoctorArguments {
   std::string probeSecondsText;
   bool json = false;
 };
-
-Finding checkPrivileges() {
-  std::string missing = missingServerPrivileges(true);
-  if (missing.empty()) return {Level::Ok, "privileges", "may bind UDP ports 67, 69 and 5000", ""};
-  return {Level::Fail, "privileges", missing, "run as root, or grant the capability named above"};
-}
-
-std::vector<Finding> checkFirewall(const std::string& interfaceName) {
-  std::string rules;
-  std::string why;
-  if (!doctor::readFirewallRules(rules, why)) {
-    doctor::FirewallProfiles profiles;
-    std::string profilesWhy;
-    if (!doctor::readFirewallProfiles(profiles, profilesWhy)) {
-      // Say why the platform's own kind of firewall could not be read.
-      std::string shown = profilesWhy.find("Linux") != std::string::npos ? why : profilesWhy;
-      return {{Level::Warn, "firewall", "not checked (" + shown + ")", "make sure UDP 67, 69 and 5000 may come in"}};
-    }
-    if (profiles.onProfiles.empty()) return {{Level::Ok, "firewall", "the Windows firewall is off", ""}};
-    if (profiles.programAllowed) {
-      return {{Level::Ok, "firewall",
-               "the Windows firewall is on (" + profiles.onProfiles + ") and allows " + profiles.program + " in", ""}};
-    }
-    return {{Level::Warn, "firewall",
-             "the Windows firewall is on (" + profiles.onProfiles + ") and no enabled inbound rule allows " +
-                 profiles.program,
-             "allow the program in (Windows asks the first time it listens; or: netsh advfirewall firewall add rule "
-             "name=Tarnlift dir=in action=allow program=\"" + profiles.program + "\")"}};
-  }
-  std::vector<FirewallBlock> blocks;
-  if (!findBlockingRules(rules, interfaceName, {67, 69, 5000}, blocks, why)) {
-    return {{Level::Warn, "firewall", "not checked (" + why + ")", "make sure UDP 67, 69 and 5000 may come in"}};
-  }
-  if (blocks.empty()) return {{Level::Ok, "firewall", "no nftables rule drops UDP 67, 69 or 5000 coming in", ""}};
-  std::vector<Finding> findings;
-  for (const FirewallBlock& b : blocks) {
-    findings.push_back({Level::Warn, "firewall", b.description,
-                        "allow UDP " + b.portsText + " in on " +
-                            (interfaceName.empty() ? std::string("the routers' interface") : interfaceName) +
-                            " (nft insert rule " + b.where + " udp dport { 67, 69, 5000 } accept), or remove the rule"});
-  }
-  return findings;
-}
 
 nlohmann::json findingJson(const Finding& f) {
   return {{"level", doctor::levelText(f.level)}, {"check", f.check}, {"found", f.found}, {"fix", f.fix}};
@@ -113,8 +68,10 @@ int runDoctor(const DoctorArguments& a) {
   doctor::ServedCandidate served;
   findings.push_back(doctor::checkInterface(netboot::platformInterfaceSource(), client, a.interfaceName, served));
   for (Finding& f : doctor::checkPorts(served.found ? served.address : 0)) findings.push_back(f);
-  findings.push_back(checkPrivileges());
-  for (Finding& f : checkFirewall(served.found ? served.name : a.interfaceName)) findings.push_back(f);
+  findings.push_back(doctor::checkPrivileges());
+  for (Finding& f : doctor::checkFirewall(served.found ? served.name : a.interfaceName, findBlockingRules)) {
+    findings.push_back(f);
+  }
   for (Finding& f : doctor::checkBootImages()) findings.push_back(f);
   for (Finding& f : doctor::checkPackages(a.packages)) findings.push_back(f);
   for (Finding& f : doctor::checkLocalDiskRoad()) findings.push_back(f);

@@ -12,7 +12,7 @@
 #include "cli/cli_options.h"
 #include "cli/command.h"
 #include "cli/netboot_options.h"
-#include "cli/privileges.h"
+#include "doctor/privileges.h"
 #include "cli/server_guard.h"
 #include "cli/stop_signals.h"
 #include "netboot/interfaces.h"
@@ -38,7 +38,7 @@ int runNetboot(NetbootArguments& arguments) {
   if (clientText.empty() || client == 0xFFFFFFFFu || client == 0) {
     return usageError("netboot needs --client-address A.B.C.D");
   }
-  if (std::string missing = missingServerPrivileges(true); !missing.empty()) return failure(missing);
+  if (std::string missing = doctor::missingServerPrivileges(true); !missing.empty()) return failure(missing);
   if (!arguments.interfaceName.empty()) netboot::setOnlyInterface(arguments.interfaceName);
   if (!acquireServerGuard(arguments.interfaceName)) return kExitFailed;
 

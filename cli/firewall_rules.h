@@ -1,18 +1,17 @@
 // Reading nftables' JSON ruleset (`nft -j list ruleset`) for rules that
-// would drop UDP datagrams coming in to the server's ports.
+// would drop UDP datagrams coming in to the server's ports: the reader the
+// front end gives the doctor's firewall check (doctor::checkFirewall).
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "doctor/checks.h"
+
 namespace tarnlift::cli {
 
-struct FirewallBlock {
-  std::string description;  // "inet filter input rule 4: udp dport 69 drop"
-  std::string where;        // "inet filter input", for the fix
-  std::string portsText;    // "69" or "67, 69, 5000"
-};
+using doctor::FirewallBlock;
 
 // The rules and chain policies of input (and prerouting) chains that drop
 // or reject incoming UDP to any of `ports` on `interfaceName` (a rule tied

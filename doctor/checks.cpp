@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <map>
 
+#include "doctor/privileges.h"
 #include "doctor/system.h"
 #include "doctor/udp_ports.h"
 #include "netboot/boot_images.h"
@@ -333,6 +334,49 @@ std::vector<Finding> probeFindings(const std::vector<ProbeAnswer>& answers, int 
     findings.push_back({Level::Warn, "probe", found,
                         "routers may boot from it instead: stop it, or keep it off this segment or away from the "
                         "routers' addresses"});
+  }
+  return findings;
+}
+
+Finding checkPrivileges() {
+  std::string missing = missingServerPrivileges(true);
+  if (missing.empty()) return {Level::Ok, "privileges", "may bind UDP ports 67, 69 and 5000", ""};
+  return {Level::Fail, "privileges", missing, "run as root, or grant the capability named above"};
+}
+
+std::vector<Finding> checkFirewall(const std::string& interfaceName, const BlockingRulesReader& findBlockingRules) {
+  std::string rules;
+  std::string why;
+  if (!readFirewallRules(rules, why)) {
+    FirewallProfiles profiles;
+    std::string profilesWhy;
+    if (!readFirewallProfiles(profiles, profilesWhy)) {
+      // Say why the platform's own kind of firewall could not be read.
+      std::string shown = profilesWhy.find("Linux") != std::string::npos ? why : profilesWhy;
+      return {{Level::Warn, "firewall", "not checked (" + shown + ")", "make sure UDP 67, 69 and 5000 may come in"}};
+    }
+    if (profiles.onProfiles.empty()) return {{Level::Ok, "firewall", "the Windows firewall is off", ""}};
+    if (profiles.programAllowed) {
+      return {{Level::Ok, "firewall",
+               "the Windows firewall is on (" + profiles.onProfiles + ") and allows " + profiles.program + " in", ""}};
+    }
+    return {{Level::Warn, "firewall",
+             "the Windows firewall is on (" + profiles.onProfiles + ") and no enabled inbound rule allows " +
+                 profiles.program,
+             "allow the program in (Windows asks the first time it listens; or: netsh advfirewall firewall add rule "
+             "name=Tarnlift dir=in action=allow program=\"" + profiles.program + "\")"}};
+  }
+  std::vector<FirewallBlock> blocks;
+  if (!findBlockingRules(rules, interfaceName, {67, 69, 5000}, blocks, why)) {
+    return {{Level::Warn, "firewall", "not checked (" + why + ")", "make sure UDP 67, 69 and 5000 may come in"}};
+  }
+  if (blocks.empty()) return {{Level::Ok, "firewall", "no nftables rule drops UDP 67, 69 or 5000 coming in", ""}};
+  std::vector<Finding> findings;
+  for (const FirewallBlock& b : blocks) {
+    findings.push_back({Level::Warn, "firewall", b.description,
+                        "allow UDP " + b.portsText + " in on " +
+                            (interfaceName.empty() ? std::string("the routers' interface") : interfaceName) +
+                            " (nft insert rule " + b.where + " udp dport { 67, 69, 5000 } accept), or remove the rule"});
   }
   return findings;
 }

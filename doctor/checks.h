@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,30 @@ std::string existingAddressesText(netboot::InterfaceSource& source);
 
 Finding checkInterface(netboot::InterfaceSource& source, uint32_t clientAddress, const std::string& interfaceName,
                        ServedCandidate& candidate);
+
+// Whether this process may bind the servers' ports (doctor/privileges.h).
+Finding checkPrivileges();
+
+// A firewall rule (or chain policy) that drops datagrams to the servers'
+// ports.
+struct FirewallBlock {
+  std::string description;  // "inet filter input rule 4: udp dport 69 drop"
+  std::string where;        // "inet filter input", for the fix
+  std::string portsText;    // "69" or "67, 69, 5000"
+};
+
+// Reads a ruleset in nftables' JSON for rules that drop incoming UDP to
+// `ports` on `interfaceName`; false with `why` when the text is not a
+// ruleset. The front end supplies it: reading JSON takes a JSON library,
+// which the engines do without.
+using BlockingRulesReader =
+    std::function<bool(const std::string& rulesetJson, const std::string& interfaceName,
+                       const std::vector<uint16_t>& ports, std::vector<FirewallBlock>& blocks, std::string& why)>;
+
+// The firewall in front of UDP 67, 69 and 5000 on the interface: nftables'
+// rules on Linux, the Windows firewall's profiles and program rules on
+// Windows.
+std::vector<Finding> checkFirewall(const std::string& interfaceName, const BlockingRulesReader& findBlockingRules);
 
 // UDP 67, 69, 5000 and the bind-test port on the served address.
 std::vector<Finding> checkPorts(uint32_t servedAddress);

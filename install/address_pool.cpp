@@ -6,37 +6,17 @@ namespace tarnlift {
 
 namespace {
 
-// Strict dotted quad to host order; false on anything else.
+// A strict dotted quad (net/address.h), in host order for the range arithmetic.
 bool parseDotted(const std::string& text, uint32_t& address) {
-  uint32_t value = 0;
-  int parts = 0;
-  size_t i = 0;
-  while (parts < 4) {
-    size_t start = i;
-    uint32_t part = 0;
-    while (i < text.size() && text[i] >= '0' && text[i] <= '9' && i - start < 3) {
-      part = part * 10 + static_cast<uint32_t>(text[i] - '0');
-      ++i;
-    }
-    if (i == start || part > 255) return false;
-    value = value << 8 | part;
-    ++parts;
-    if (parts < 4) {
-      if (i >= text.size() || text[i] != '.') return false;
-      ++i;
-    }
-  }
-  if (i != text.size()) return false;
-  address = value;
+  uint32_t networkOrder = 0;
+  if (!net::parseDottedQuad(text, networkOrder)) return false;
+  address = net::hostOrder(networkOrder);
   return true;
 }
 
 }  // namespace
 
-std::string AddressPool::dotted(uint32_t address) {
-  return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 255) + "." +
-         std::to_string(address >> 8 & 255) + "." + std::to_string(address & 255);
-}
+std::string AddressPool::dotted(uint32_t address) { return net::formatIpv4(net::networkOrder(address)); }
 
 bool AddressPool::parse(const std::string& text, std::string& error) {
   error = "--address-pool needs A.B.C.D-A.B.C.E/BITS, such as 10.0.0.10-10.0.0.99/24, not '" + text + "'";

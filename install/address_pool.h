@@ -10,7 +10,7 @@
 #include <set>
 #include <string>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 
 namespace tarnlift {
 

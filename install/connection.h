@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 
 namespace tarnlift {
 

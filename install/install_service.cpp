@@ -1,9 +1,7 @@
 #include "install/install_service.h"
 
-#include <map>
-#include <mutex>
-
 #include "app/clock.h"
+#include "app/log.h"
 #include "netboot/interfaces.h"
 
 namespace tarnlift {
@@ -21,13 +19,32 @@ InstallService::~InstallService() {
   transport_.close();
 }
 
-InstallService& installServiceForPort(uint16_t port) {
-  static std::mutex lock;
-  static std::map<uint16_t, std::unique_ptr<InstallService>> services;
-  std::lock_guard<std::mutex> hold(lock);
-  std::unique_ptr<InstallService>& slot = services[port];
+InstallService& InstallServices::forPort(uint16_t port) {
+  std::lock_guard<std::mutex> hold(servicesLock_);
+  std::unique_ptr<InstallService>& slot = services_[port];
   if (!slot) slot = std::make_unique<InstallService>(port);
   return *slot;
 }
+
+void InstallServices::setBeacon(bool on) {
+  logLine() << "beacon: " << (on ? 1 : 0);
+  if (on) {
+    if (!beacon_) {
+      beacon_ = std::make_unique<InstallBeacon>();
+      beacon_->create();
+    }
+  } else {
+    beacon_.reset();
+  }
+}
+
+InstallServices& processInstallServices() {
+  static InstallServices services;
+  return services;
+}
+
+InstallService& installServiceForPort(uint16_t port) { return processInstallServices().forPort(port); }
+void setBeacon(bool on) { processInstallServices().setBeacon(on); }
+InstallBeacon* processBeacon() { return processInstallServices().beacon(); }
 
 }  // namespace tarnlift

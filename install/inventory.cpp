@@ -37,23 +37,11 @@ bool isDecimal(const std::string& text) {
   return true;
 }
 
-// A dotted quad of four decimal numbers up to 255, nothing else.
+// A strict dotted quad (net/address.h) that names an address: neither
+// 0.0.0.0 nor 255.255.255.255, which the address controls read as none.
 bool isDottedQuad(const std::string& text) {
-  int parts = 0;
-  size_t start = 0;
-  while (true) {
-    size_t dot = text.find('.', start);
-    std::string part = text.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
-    if (part.empty() || part.size() > 3) return false;
-    for (char c : part) {
-      if (c < '0' || c > '9') return false;
-    }
-    if (std::stoi(part) > 255) return false;
-    ++parts;
-    if (dot == std::string::npos) break;
-    start = dot + 1;
-  }
-  return parts == 4 && addressFromText(text) != 0;
+  uint32_t address = 0;
+  return net::parseDottedQuad(text, address) && addressFromText(text) != 0;
 }
 
 bool readableFile(const std::string& path) {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "install/desk.h"
 #include "install/install_choices.h"
 #include "packages/package_catalogue.h"

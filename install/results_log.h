@@ -1,14 +1,15 @@
 // The record of what was done: one JSON line per router that ended,
 // appended to a file and flushed at once, so a run that is killed still
-// leaves every line it finished. Strings are plain ASCII JSON: quotes,
-// backslashes and control characters escaped, characters beyond ASCII as
-// \u escapes, bytes that are not UTF-8 as U+FFFD.
+// leaves every line it finished. Strings are plain ASCII JSON, as
+// app/json_writer writes them.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
+
+#include "app/json_writer.h"  // jsonString, for the installer's event lines
 
 namespace tarnlift {
 
@@ -29,7 +30,6 @@ struct RouterResult {
   std::string text;  // the final status text (the failure's reason)
 };
 
-std::string jsonString(const std::string& bytes);
 std::string resultJsonLine(const RouterResult& result);
 
 class ResultsLog {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "install/datagram.h"
 #include "install/install_choices.h"
+#include "install/install_datagram.h"
 
 namespace tarnlift {
 
@@ -45,6 +45,13 @@ struct RouterRecord : InstallChoices {
   uint32_t totalSize = 0;
   uint32_t progress = 0;
   std::string statusText;
+
+  // progress against totalSize, 0 to 100 (0 while the size is not known).
+  uint32_t percentDone() const {
+    if (totalSize == 0) return 0;
+    uint64_t percent = static_cast<uint64_t>(progress) * 100 / totalSize;
+    return static_cast<uint32_t>(percent > 100 ? 100 : percent);
+  }
 };
 
 // Whether the router has a default configuration that "Apply default config"

@@ -16,8 +16,8 @@
 #include "app/thread.h"
 #include "install/connection.h"
 #include "install/discovery.h"
-#include "install/package_file.h"
 #include "install/router_record.h"
+#include "install/sent_package_file.h"
 #include "install/transport.h"
 
 namespace tarnlift {

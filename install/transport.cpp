@@ -215,26 +215,4 @@ void InstallBeacon::send(uint32_t address, uint16_t port) {
 
 void InstallBeacon::destroy() { socket_.close(); }
 
-namespace {
-std::unique_ptr<InstallBeacon>& beaconSlot() {
-  static std::unique_ptr<InstallBeacon> beacon;
-  return beacon;
-}
-}  // namespace
-
-void setBeacon(bool on) {
-  logLine() << "beacon: " << (on ? 1 : 0);
-  auto& slot = beaconSlot();
-  if (on) {
-    if (!slot) {
-      slot = std::make_unique<InstallBeacon>();
-      slot->create();
-    }
-  } else {
-    slot.reset();
-  }
-}
-
-InstallBeacon* processBeacon() { return beaconSlot().get(); }
-
 }  // namespace tarnlift

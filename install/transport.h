@@ -11,7 +11,7 @@
 #include <string>
 
 #include "app/settings_store.h"
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "net/udp_socket.h"
 
 namespace tarnlift {
@@ -133,7 +133,8 @@ class InstallTransport : public DatagramTransport {
 };
 
 // The "you have to etherboot" broadcast that asks routers on the segment to
-// boot over the network. At most one exists in the process.
+// boot over the network. At most one exists in the process (InstallServices
+// holds it).
 class InstallBeacon {
  public:
   ~InstallBeacon() { destroy(); }
@@ -147,8 +148,5 @@ class InstallBeacon {
   net::UdpSocket socket_;
 };
 
-// The process-wide beacon switch; logs "beacon: " and the value.
-void setBeacon(bool on);
-InstallBeacon* processBeacon();
 
 }  // namespace tarnlift

@@ -25,6 +25,13 @@ struct DiskStatus {
   std::string errorText;
   uint32_t progress = 0;
   uint32_t total = 0;
+
+  // progress against total, 0 to 100; a completed row without a total is 100.
+  uint32_t percentDone() const {
+    if (total == 0) return state == kStatusDone ? 100 : 0;
+    uint64_t percent = static_cast<uint64_t>(progress) * 100 / total;
+    return static_cast<uint32_t>(percent > 100 ? 100 : percent);
+  }
 };
 
 class DiskInstallation : public Thread {

@@ -42,6 +42,13 @@ bool parsePart(const std::string& text, size_t& pos, uint64_t& value) {
   return pos > start || base == 8;
 }
 
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 }  // namespace
 
 std::string formatMac(const uint8_t* mac) {
@@ -50,11 +57,39 @@ std::string formatMac(const uint8_t* mac) {
   return text;
 }
 
+bool parseMac(const std::string& text, MacAddress& mac) {
+  if (text.size() != 17) return false;
+  MacAddress parsed{};
+  for (size_t i = 0; i < 6; ++i) {
+    int high = hexDigit(text[i * 3]);
+    int low = hexDigit(text[i * 3 + 1]);
+    if (high < 0 || low < 0) return false;
+    if (i < 5 && text[i * 3 + 2] != ':' && text[i * 3 + 2] != '-') return false;
+    parsed[i] = static_cast<uint8_t>(high * 16 + low);
+  }
+  mac = parsed;
+  return true;
+}
+
 std::string formatIpv4(uint32_t address) {
   const auto* b = reinterpret_cast<const uint8_t*>(&address);
   char text[16];
   std::snprintf(text, sizeof text, "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
   return text;
+}
+
+uint32_t hostOrder(uint32_t networkOrder) {
+  const auto* b = reinterpret_cast<const uint8_t*>(&networkOrder);
+  return uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
+}
+
+uint32_t networkOrder(uint32_t hostOrder) {
+  const uint8_t bytes[4] = {uint8_t(hostOrder >> 24), uint8_t(hostOrder >> 16), uint8_t(hostOrder >> 8),
+                            uint8_t(hostOrder)};
+  uint32_t value;
+  static_assert(sizeof value == sizeof bytes);
+  std::memcpy(&value, bytes, sizeof value);
+  return value;
 }
 
 uint32_t parseIpv4(const std::string& text) {
@@ -94,16 +129,34 @@ uint32_t parseIpv4(const std::string& text) {
       host = parts[0] << 24 | parts[1] << 16 | parts[2] << 8 | parts[3];
       break;
   }
-  uint8_t bytes[4] = {uint8_t(host >> 24), uint8_t(host >> 16), uint8_t(host >> 8), uint8_t(host)};
-  uint32_t network;
-  static_assert(sizeof network == sizeof bytes);
-  std::memcpy(&network, bytes, 4);
-  return network;
+  return networkOrder(static_cast<uint32_t>(host));
 }
 
 uint32_t parseIpv4OrZero(const std::string& text) {
   uint32_t address = parseIpv4(text);
   return address == kAddressNone ? 0 : address;
+}
+
+bool parseDottedQuad(const std::string& text, uint32_t& address) {
+  uint32_t host = 0;
+  size_t pos = 0;
+  for (int part = 0; part < 4; ++part) {
+    if (part > 0) {
+      if (pos >= text.size() || text[pos] != '.') return false;
+      ++pos;
+    }
+    size_t start = pos;
+    uint32_t value = 0;
+    while (pos < text.size() && pos - start < 3 && text[pos] >= '0' && text[pos] <= '9') {
+      value = value * 10 + static_cast<uint32_t>(text[pos] - '0');
+      ++pos;
+    }
+    if (pos == start || value > 255) return false;
+    host = host << 8 | value;
+  }
+  if (pos != text.size()) return false;
+  address = networkOrder(host);
+  return true;
 }
 
 }  // namespace tarnlift::net

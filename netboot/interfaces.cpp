@@ -10,63 +10,77 @@
 namespace tarnlift::netboot {
 namespace {
 
-// Plain shared values in the original design; atomics here so that readers
-// on other threads see whole values.
-std::atomic<uint32_t> gServerAddress{0};
-std::atomic<uint32_t> gServerNetmask{0};
-std::atomic<uint32_t> gServerGateway{0};
-std::atomic<bool> gRunningUnderWine{false};
+// What the process knows of its network: above all the interface it
+// serves, written when an adapter walk has an answer and read by every
+// server thread. The address, mask and gateway are one word each: atomics,
+// so a reader sees a whole value without a lock. The MAC and the name are
+// not, so they and the operator's choice of interface are kept under the
+// mutex.
+class NetworkState {
+ public:
+  std::atomic<uint32_t> address{0};
+  std::atomic<uint32_t> netmask{0};
+  std::atomic<uint32_t> gateway{0};
+  std::atomic<bool> runningUnderWine{false};  // set once at start-up
 
-std::mutex& detailMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-MacAddress gServerMac{};
-std::string gServerName;
-std::string gOnlyInterface;  // empty: any; under detailMutex
+  void publishDetails(const MacAddress& mac, const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    mac_ = mac;
+    name_ = name;
+  }
+  void details(MacAddress& mac, std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    mac = mac_;
+    name = name_;
+  }
+  std::string onlyInterface() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return onlyInterface_;
+  }
+  void setOnlyInterface(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    onlyInterface_ = name;
+  }
 
-void publishDetails(const MacAddress& mac, const std::string& name) {
-  std::lock_guard<std::mutex> lock(detailMutex());
-  gServerMac = mac;
-  gServerName = name;
-}
+ private:
+  std::mutex mutex_;
+  MacAddress mac_{};
+  std::string name_;
+  std::string onlyInterface_;  // empty: any
+};
 
-std::string onlyInterface() {
-  std::lock_guard<std::mutex> lock(detailMutex());
-  return gOnlyInterface;
+NetworkState& served() {
+  static NetworkState state;
+  return state;
 }
 
 }  // namespace
 
-void setOnlyInterface(const std::string& name) {
-  std::lock_guard<std::mutex> lock(detailMutex());
-  gOnlyInterface = name;
-}
+void setOnlyInterface(const std::string& name) { served().setOnlyInterface(name); }
 
-uint32_t serverAddress() { return gServerAddress.load(); }
-uint32_t serverNetmask() { return gServerNetmask.load(); }
-uint32_t serverGateway() { return gServerGateway.load(); }
+uint32_t serverAddress() { return served().address.load(); }
+uint32_t serverNetmask() { return served().netmask.load(); }
+uint32_t serverGateway() { return served().gateway.load(); }
 
 ServedInterface servedInterface() {
-  ServedInterface served;
-  served.address = gServerAddress.load();
-  served.netmask = gServerNetmask.load();
-  served.gateway = gServerGateway.load();
-  std::lock_guard<std::mutex> lock(detailMutex());
-  served.mac = gServerMac;
-  served.name = gServerName;
-  return served;
+  ServedInterface result;
+  result.address = served().address.load();
+  result.netmask = served().netmask.load();
+  result.gateway = served().gateway.load();
+  served().details(result.mac, result.name);
+  return result;
 }
 
-void setServedInterface(const ServedInterface& served) {
-  publishDetails(served.mac, served.name);
-  gServerNetmask = served.netmask;
-  gServerGateway = served.gateway;
-  gServerAddress = served.address;
+void setServedInterface(const ServedInterface& chosen) {
+  // The address last: a reader that sees it sees the rest.
+  served().publishDetails(chosen.mac, chosen.name);
+  served().netmask = chosen.netmask;
+  served().gateway = chosen.gateway;
+  served().address = chosen.address;
 }
 
-bool runningUnderWine() { return gRunningUnderWine.load(); }
-void setRunningUnderWine(bool value) { gRunningUnderWine = value; }
+bool runningUnderWine() { return served().runningUnderWine.load(); }
+void setRunningUnderWine(bool value) { served().runningUnderWine = value; }
 
 bool detectRunningUnderWine() {
   const char* value = std::getenv("WINELOADER");
@@ -80,8 +94,8 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
   // serve itself); the values change only once the walk has an answer, so a
   // reader on another thread never sees a passing "no interface".
   auto noInterface = [] {
-    gServerAddress = 0;
-    gServerNetmask = 0;
+    served().address = 0;
+    served().netmask = 0;
   };
   std::vector<AdapterInfo> adapters;
   if (!source.listAdapters(adapters)) {
@@ -89,7 +103,7 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
     return;
   }
   const AdapterInfo* chosen = nullptr;
-  const std::string only = onlyInterface();
+  const std::string only = served().onlyInterface();
   for (const AdapterInfo& adapter : adapters) {
     if (!only.empty() && adapter.name != only) continue;
     for (const AdapterAddressText& entry : adapter.addresses) {
@@ -102,9 +116,9 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
                   << " found: " << (found ? "true" : "false");
         if (!found) break;
         if (source.bindTest(address)) {
-          publishDetails(adapter.mac, adapter.name);
-          gServerNetmask = mask;
-          gServerAddress = address;
+          served().publishDetails(adapter.mac, adapter.name);
+          served().netmask = mask;
+          served().address = address;
           chosen = &adapter;
           break;
         }
@@ -125,7 +139,7 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
     uint32_t value = parseIpv4(text);
     if (gateway == 0 && value != 0) gateway = value;
   }
-  gServerGateway = gateway;
+  served().gateway = gateway;
 }
 
 bool hasInterfaceFor(uint32_t clientAddress, InterfaceSource& source) {

@@ -5,7 +5,7 @@
 
 #include "app/log.h"
 #include "app/version.h"
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "netboot/netboot_settings.h"
 #include "install/after_install.h"
 #include "install/control_rules.h"

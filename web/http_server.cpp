@@ -13,10 +13,16 @@
 #include <vector>
 
 #include "app/log.h"
-#include "web/tcp_socket.h"
+#include "net/tcp_socket.h"
 
 namespace tarnlift::web {
 namespace {
+
+using net::pollSockets;
+using net::PollEntry;
+using net::SocketWaker;
+using net::TcpConnection;
+using net::TcpListener;
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;

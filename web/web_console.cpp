@@ -1,21 +1,19 @@
 #include "web/web_console.h"
 
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <random>
 
 #include "app/log.h"
+#include "app/utc_time.h"
 #include "install/install_command.h"
+#include "net/address.h"
 #include "netboot/boot_images.h"
 #include "netboot/netboot_activity.h"
 
 namespace tarnlift::web {
 
-std::string dottedHostOrder(uint32_t a) {
-  return std::to_string(a >> 24) + "." + std::to_string((a >> 16) & 255) + "." + std::to_string((a >> 8) & 255) + "." +
-         std::to_string(a & 255);
-}
+std::string dottedHostOrder(uint32_t a) { return net::formatIpv4(net::networkOrder(a)); }
 
 bool isLoopbackAddress(uint32_t address) { return (address >> 24) == 127; }
 
@@ -39,22 +37,8 @@ bool parseListenAddress(const std::string& text, uint32_t& address, uint16_t& po
   // Strictly four decimal parts: inet_addr's readings of "1" or "0x7f.1"
   // are not addresses anyone means here.
   uint32_t parsed = 0;
-  int parts = 0;
-  size_t i = 0;
-  while (parts < 4) {
-    size_t start = i;
-    uint32_t part = 0;
-    while (i < host.size() && host[i] >= '0' && host[i] <= '9' && i - start < 3) part = part * 10 + static_cast<uint32_t>(host[i++] - '0');
-    if (i == start || part > 255) return false;
-    parsed = (parsed << 8) | part;
-    ++parts;
-    if (parts < 4) {
-      if (i >= host.size() || host[i] != '.') return false;
-      ++i;
-    }
-  }
-  if (i != host.size()) return false;
-  address = parsed;
+  if (!net::parseDottedQuad(host, parsed)) return false;
+  address = net::hostOrder(parsed);
   port = static_cast<uint16_t>(value);
   error.clear();
   return true;
@@ -103,15 +87,7 @@ void fillNetbootActivity(NetbootSnapshot& snapshot) {
   snapshot.tftpBytesSent = activity.tftpBytesSent;
   snapshot.clients.clear();
   for (const netboot::AnsweredClient& c : activity.lastClients) {
-    std::tm tm{};
-#if defined(_WIN32)
-    gmtime_s(&tm, &c.when);
-#else
-    gmtime_r(&c.when, &tm);
-#endif
-    char when[32];
-    std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    snapshot.clients.push_back({c.mac, c.clientClass, when});
+    snapshot.clients.push_back({c.mac, c.clientClass, utcText(c.when)});
   }
 }
 

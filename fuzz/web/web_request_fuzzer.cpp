@@ -10,8 +10,8 @@
 
 #include "app/clock.h"
 #include "app/log.h"
-#include "install/datagram.h"
 #include "install/desk.h"
+#include "install/install_datagram.h"
 #include "web/event_hub.h"
 #include "web/http_message.h"
 #include "web/web_api.h"

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "tests/install/fake_desk_workers.h"
 
 namespace tarnlift {
@@ -180,6 +180,7 @@ TEST_F(DeskTest, AfterTheTransferIsConfirmedTheActionIsTakenOnceOnTheRoutersWtrm
   routers.sessions[router(1).mac].confirmed = true;
   InstallDesk::TickResult confirmed = desk.tick();
   EXPECT_TRUE(desk.table().find(router(1).mac)->confirmed);
+  ASSERT_EQ(confirmed.news.size(), 1u);
   EXPECT_TRUE(desk.actAfterInstallOnce(confirmed.news[0], AfterInstall::Reboot));
   EXPECT_FALSE(desk.actAfterInstallOnce(desk.tick().news[0], AfterInstall::Reboot));
   routers.sessions[router(1).mac] = {kStatusDone, 100, 100, "Installation finished successfully", true};

@@ -17,12 +17,14 @@ std::string commandWritingEnvironment(const std::string& file) {
 std::string commandPrintingTwoLines() { return "echo one& (echo two) 1>&2"; }
 
 std::string commandHangingWhenFailed() {
-  // cmd.exe has no sleep of its own: this test program sleeps when asked
-  // (FinishCommandSleeper).
+  // cmd.exe has no sleep of its own: finishsleeper, built beside this test
+  // program, sleeps the seconds it is given.
   char self[MAX_PATH] = "";
   GetModuleFileNameA(nullptr, self, MAX_PATH);
-  return std::string("(if \"%TARNLIFT_RESULT%\"==\"failed\" \"") + self +
-         "\" --gtest_filter=FinishCommandSleeper.SleepsAMinuteWhenAsked) & echo done %TARNLIFT_MAC%";
+  std::string folder(self);
+  folder.erase(folder.find_last_of("\\/") + 1);
+  return std::string("(if \"%TARNLIFT_RESULT%\"==\"failed\" \"") + folder +
+         "finishsleeper.exe\" 60) & echo done %TARNLIFT_MAC%";
 }
 
 void setProcessVariable(const char* name, const std::string& value) { _putenv_s(name, value.c_str()); }

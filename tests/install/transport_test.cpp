@@ -6,6 +6,7 @@
 
 #include "app/registry.h"
 #include "app/sync.h"
+#include "install/install_service.h"
 #include "net/udp_socket.h"
 #include "port_holder.h"
 #include "tests/app/capture_log.h"
@@ -247,6 +248,21 @@ TEST(InstallBeaconTest, ProcessSwitch) {
   EXPECT_EQ(processBeacon(), nullptr);
   EXPECT_TRUE(log.contains("beacon: 1\n"));
   EXPECT_TRUE(log.contains("beacon: 0\n"));
+}
+
+TEST(InstallBeaconTest, ASecondSwitchOnKeepsTheBeaconThatRuns) {
+  testing::CapturedLog log;
+  InstallServices services;
+  EXPECT_EQ(services.beacon(), nullptr);
+  services.setBeacon(true);
+  InstallBeacon* first = services.beacon();
+  ASSERT_NE(first, nullptr);
+  EXPECT_TRUE(first->exists());
+  services.setBeacon(true);
+  EXPECT_EQ(services.beacon(), first);
+  EXPECT_EQ(processBeacon(), nullptr) << "the process's own switch is not touched";
+  services.setBeacon(false);
+  EXPECT_EQ(services.beacon(), nullptr);
 }
 
 }  // namespace

@@ -595,3 +595,23 @@ TEST(BaudRateLine, IsTheRouterCommand) {
 
 }  // namespace
 }  // namespace tarnlift::localdisk
+
+namespace tarnlift::localdisk {
+namespace {
+
+TEST(DiskStatusPercent, ProgressAgainstTheTotalAndADoneRowWithoutOne) {
+  DiskStatus status;
+  EXPECT_EQ(status.percentDone(), 0u);
+  status.state = kStatusDone;
+  EXPECT_EQ(status.percentDone(), 100u);  // finished before any total was known
+  status.state = kStatusInstalling;
+  status.total = 0xFFFFFFFFu;
+  status.progress = 0x7FFFFFFFu;
+  EXPECT_EQ(status.percentDone(), 49u);
+  status.total = 4;
+  status.progress = 9;
+  EXPECT_EQ(status.percentDone(), 100u);
+}
+
+}  // namespace
+}  // namespace tarnlift::localdisk

@@ -143,7 +143,7 @@ TEST_F(ServerTest, BootpThenTftpServesTheImageOfTheClass) {
     if (d.port == 68) {
       broadcast = true;
       EXPECT_EQ(d.address, 0xFFFFFFFFu);
-      EXPECT_EQ(d.bytes.size(), 241u);
+      ASSERT_EQ(d.bytes.size(), 241u);
       EXPECT_EQ(d.bytes[0], 2);
     } else {
       // Every other datagram of the BOOTP socket is the liveness probe.

@@ -100,6 +100,7 @@ TEST_F(PackageFileTest, HighestVersionZeroMeansUnbounded) {
   scan();
   ASSERT_EQ(catalogue.size(), 1u);
   const PackageRecord& record = catalogue.record(0);
+  ASSERT_EQ(record.dependencies.size(), 2u);
   EXPECT_EQ(record.dependencies[0], (PackageDependency{"b", 0, kAnyVersion}));
   EXPECT_EQ(record.dependencies[1], (PackageDependency{"c", v("6.0"), v("6.9")}));
   ASSERT_EQ(record.constraints.size(), 3u);
@@ -125,6 +126,7 @@ TEST_F(PackageFileTest, SixteenCharacterNameHasNoNulAndIsTakenWhole) {
   scan();
   ASSERT_EQ(catalogue.size(), 1u);
   EXPECT_EQ(catalogue.record(0).name, "abcdefghijklmnop");
+  ASSERT_EQ(catalogue.record(0).dependencies.size(), 1u);
   EXPECT_EQ(catalogue.record(0).dependencies[0].name, "qrstuvwxyz012345");
   EXPECT_EQ(catalogue.row(0).description, "Missing: qrstuvwxyz012345");
 }

@@ -175,6 +175,7 @@ TEST(Robustness, NamesWithoutNulAreCutAtSixteenBytes) {
   catalogue.setFolder(folder.path(), 0);
   ASSERT_EQ(catalogue.size(), 1u);
   EXPECT_EQ(catalogue.record(0).name, std::string(16, 'z'));
+  ASSERT_FALSE(catalogue.record(0).providedNames.empty());
   EXPECT_EQ(catalogue.record(0).providedNames[0], std::string(16, 'z'));
 }
 

@@ -1,7 +1,7 @@
 // The command table row by row, and the other notifications of the window.
 #include <gtest/gtest.h>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "tests/packages/package_test_support.h"
 #include "tests/ui/presenter_fixture.h"
 #include "tools/mkpkg/package_writer.h"
@@ -202,6 +202,7 @@ TEST_F(CommandsTest, RebootOfAReadyRouterMakesASessionFirstThenEndsItAsDone) {
   EXPECT_EQ(workers.routers.calls, (Names{"start command", "reboot", "remove"}));
   EXPECT_EQ(r1().status, kStatusDone);
   EXPECT_EQ(r1().statusText, "");
+  ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "Done");
 }
 
@@ -262,6 +263,7 @@ TEST_F(CommandsTest, InstallStartsTheSessionAndRemembersTheOptions) {
   EXPECT_EQ(presenter->remembered().gateway, parseDottedAddress("10.0.0.1"));
   EXPECT_EQ(presenter->remembered().baudRate, 9600u);
   EXPECT_TRUE(presenter->sets().contains("Previous Install"));
+  ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "Installing");
   EXPECT_EQ(view.texts[kIdCaption], "Sending offer...");
   EXPECT_FALSE(view.isEnabled(kIdInstall));

@@ -1,7 +1,7 @@
 // The control-state table row by row, and the progress bar's difference rule.
 #include <gtest/gtest.h>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "tests/ui/presenter_fixture.h"
 
 namespace tarnlift::ui {

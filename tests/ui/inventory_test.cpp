@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <fstream>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "tests/packages/package_test_support.h"
 #include "tests/ui/presenter_fixture.h"
 #include "tools/mkpkg/package_writer.h"

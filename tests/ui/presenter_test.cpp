@@ -5,7 +5,7 @@
 
 #include "app/registry.h"
 #include "app/version.h"
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "netboot/interfaces.h"
 #include "tests/ui/presenter_fixture.h"
 
@@ -489,6 +489,7 @@ TEST_F(PresenterTest, InstallingNewsUpdatesRowCaptionProgressAndDisablesInstall)
   EXPECT_EQ(view.texts[kIdCaption], "Transferring: system.npk");
   EXPECT_EQ(view.progress, 25);
   EXPECT_FALSE(view.isEnabled(kIdInstall));
+  ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "Installing");
 }
 
@@ -586,6 +587,7 @@ TEST_F(PresenterTest, ASessionThatIsGoneHandsStatusZeroToTheTableAndTheRowStays)
   presenter->onTimer();  // no session for it
   ASSERT_NE(presenter->table().find(macOf(1)), nullptr);
   EXPECT_EQ(record(macOf(1)).status, kStatusNone);
+  ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "");
   // It is no longer polled; a fresh announcement replaces it as "Ready".
   discover(announced(1));
@@ -652,6 +654,7 @@ TEST_F(PresenterTest, DriveNewsIsPolledAndADriveWithoutInstallationIsRemoved) {
   workers.drives.installs[mac] = {kStatusInstalling, 1000, 500, "Copying file: system.npk"};
   presenter->onTimer();
   EXPECT_EQ(record(mac).progress, 500u);
+  ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "Installing");
   workers.drives.installs.erase(mac);
   presenter->onTimer();

@@ -46,6 +46,7 @@ TEST(EventHub, TheRingIsCappedInBytesAsWellAsInCount) {
   EXPECT_EQ(hub.size(), 1u);
   std::vector<WebEvent> events;
   ASSERT_TRUE(hub.eventsFrom(hub.nextId() - 1, events));
+  ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].data.size(), 100u * 1024);
 }
 

@@ -17,10 +17,13 @@
 
 #include "tests/app/capture_log.h"
 #include "tests/web/web_fixture.h"
-#include "web/tcp_socket.h"
+#include "net/tcp_socket.h"
 
 namespace tarnlift::web {
 namespace {
+
+using net::connectTcp;
+using net::TcpConnection;
 
 constexpr uint32_t kLoopback = 0x7F000001;
 const std::string kToken = "0123456789abcdef-token";

@@ -65,6 +65,7 @@ TEST_F(WebApiTest, SelectionPullsInWhatAPackageNeedsAndClearingDropsItsDependant
   EXPECT_EQ(files.size(), 2u);
   EXPECT_NE(std::find(files.begin(), files.end(), "system-6.41.npk"), files.end());
   json packages = parse(call("GET", path(1, "/packages")))["packages"];
+  ASSERT_GE(packages.size(), 2u);
   EXPECT_TRUE(packages[0]["checked"]);
   EXPECT_TRUE(packages[1]["checked"]);
   // Clearing "system" drops "extra", which cannot run without it.
@@ -477,6 +478,7 @@ TEST_F(WebApiTest, EventsAndTheListNameScriptsTheRouterItselfCarriesThem) {
   EXPECT_EQ(event["options"]["configureScriptSize"], script.size());
   EXPECT_NE(event["options"]["configureScriptFile"].get<std::string>().find("autorun.rsc"), std::string::npos);
   json list = parse(call("GET", "/api/v1/routers"));
+  ASSERT_FALSE(list.empty());
   EXPECT_FALSE(list[0]["options"].contains("configureScriptText"));
   EXPECT_EQ(list[0]["options"]["configureScriptSize"], script.size());
   EXPECT_EQ(parse(call("GET", path(1)))["options"]["configureScriptText"], script);

@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 #include "tests/install/two_packages.h"
 #include "tests/install/fake_desk_workers.h"
 #include "web/event_hub.h"

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "install/datagram.h"
+#include "install/install_datagram.h"
 
 namespace tarnlift::routersim {
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <vector>
 
-#include "install/package_file.h"
+#include "install/sent_package_file.h"
 
 namespace tarnlift {
 

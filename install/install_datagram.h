@@ -57,12 +57,11 @@ inline MacAddress toMac(const uint8_t* bytes) {
 bool isZeroMac(const uint8_t* mac);
 inline bool isZeroMac(const MacAddress& mac) { return isZeroMac(mac.data()); }
 
-// "%02X:%02X:%02X:%02X:%02X:%02X": upper-case, colon-separated.
-std::string macText(const uint8_t* mac);
-inline std::string macText(const MacAddress& mac) { return macText(mac.data()); }
-
-// Accepts "AA:BB:CC:DD:EE:FF" or "aa-bb-cc-dd-ee-ff"; false on anything else.
-bool parseMac(const std::string& text, MacAddress& mac);
+// MAC text, written and read as everywhere else (net/address.h); macText is
+// the installer's long-standing name for net::formatMac.
+inline std::string macText(const uint8_t* mac) { return net::formatMac(mac); }
+inline std::string macText(const MacAddress& mac) { return net::formatMac(mac); }
+using net::parseMac;
 
 // Dotted text for an IPv4 address held in network order (as inet_addr gives it).
 std::string dottedAddress(uint32_t networkOrder);

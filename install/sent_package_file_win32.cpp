@@ -2,7 +2,7 @@
 #include <io.h>
 #include <sys/stat.h>
 
-#include "install/package_file.h"
+#include "install/sent_package_file.h"
 
 namespace tarnlift {
 

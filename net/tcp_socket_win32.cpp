@@ -10,9 +10,9 @@
 #include <string>
 
 #include "net/udp_socket.h"
-#include "web/tcp_socket.h"
+#include "net/tcp_socket.h"
 
-namespace tarnlift::web {
+namespace tarnlift::net {
 namespace {
 
 constexpr intptr_t kNone = static_cast<intptr_t>(INVALID_SOCKET);
@@ -244,4 +244,4 @@ void SocketWaker::drain() {
   }
 }
 
-}  // namespace tarnlift::web
+}  // namespace tarnlift::net

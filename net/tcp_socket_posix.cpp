@@ -12,9 +12,9 @@
 #include <new>
 
 #include "net/udp_socket.h"
-#include "web/tcp_socket.h"
+#include "net/tcp_socket.h"
 
-namespace tarnlift::web {
+namespace tarnlift::net {
 namespace {
 
 constexpr intptr_t kNone = -1;
@@ -262,4 +262,4 @@ void SocketWaker::drain() {
   }
 }
 
-}  // namespace tarnlift::web
+}  // namespace tarnlift::net

@@ -4,9 +4,9 @@
 #include <fstream>
 #include <string>
 
-#include "cli/privileges.h"
+#include "doctor/privileges.h"
 
-namespace tarnlift::cli {
+namespace tarnlift::doctor {
 namespace {
 
 constexpr int kCapNetBindService = 10;
@@ -46,4 +46,4 @@ std::string missingServerPrivileges(bool netboot) {
          "setpriv --ambient-caps +net_bind_service, or setcap cap_net_bind_service+ep on the program)";
 }
 
-}  // namespace tarnlift::cli
+}  // namespace tarnlift::doctor

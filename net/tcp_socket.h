@@ -1,6 +1,6 @@
-// TCP for the web console's server: a listening socket, its accepted
-// connections, a poll over many of them at once, and a waker that ends a
-// poll from another thread. Nothing here blocks without a bound. IPv4 only:
+// TCP, which only the web console's server speaks: a listening socket, its
+// accepted connections, a poll over many of them at once, and a waker that
+// ends a poll from another thread. Nothing here blocks without a bound. IPv4 only:
 // the console listens on one address. No socket is inherited by a child
 // process (a command started after a router finished must not hold the
 // port or a client's connection open after the server ends).
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace tarnlift::web {
+namespace tarnlift::net {
 
 class TcpConnection {
  public:
@@ -95,4 +95,4 @@ class SocketWaker {
   intptr_t writeHandle_;
 };
 
-}  // namespace tarnlift::web
+}  // namespace tarnlift::net

@@ -1,9 +1,9 @@
-#include "cli/privileges.h"
+#include "doctor/privileges.h"
 
-namespace tarnlift::cli {
+namespace tarnlift::doctor {
 
 // Windows lets any user bind ports below 1024; the firewall, not a
 // privilege, decides what arrives.
 std::string missingServerPrivileges(bool) { return {}; }
 
-}  // namespace tarnlift::cli
+}  // namespace tarnlift::doctor
