@@ -68,12 +68,6 @@ bool checkRecords(std::string& missing) {
   return missing.empty();
 }
 
-uint32_t percentOf(const localdisk::DiskStatus& status) {
-  if (status.total == 0) return status.state == kStatusDone ? 100 : 0;
-  uint64_t percent = static_cast<uint64_t>(status.progress) * 100 / status.total;
-  return static_cast<uint32_t>(percent > 100 ? 100 : percent);
-}
-
 int check(DiskOptions& options) {
   if (!options.imageSizeText.empty() &&
       (!parseUnsigned(options.imageSizeText, options.imageMiB, 1u << 20) || options.imageMiB < 33)) {
@@ -107,7 +101,7 @@ int runInstallation(const RouterRecord& request, std::unique_ptr<localdisk::Held
     while (installation.nextNotification(status)) {
       any = true;
       if (!live && (status.statusText != lastText || status.state != lastState) && status.state == kStatusInstalling) {
-        std::cout << request.label << '\t' << status.statusText << '\t' << percentOf(status) << "%" << std::endl;
+        std::cout << request.label << '\t' << status.statusText << '\t' << status.percentDone() << "%" << std::endl;
       }
       lastText = status.statusText;
       lastState = status.state;
@@ -127,7 +121,7 @@ int runInstallation(const RouterRecord& request, std::unique_ptr<localdisk::Held
       return kExitFailed;
     }
     if (live && any && status.state == kStatusInstalling) {
-      std::cout << "\r\x1b[K" << status.statusText << "  " << percentOf(status) << "%" << std::flush;
+      std::cout << "\r\x1b[K" << status.statusText << "  " << status.percentDone() << "%" << std::flush;
     }
     if (status.state != kStatusInstalling) break;
   }

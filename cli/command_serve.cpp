@@ -22,7 +22,7 @@
 #include "doctor/explain.h"
 #include "cli/command.h"
 #include "cli/netboot_options.h"
-#include "cli/privileges.h"
+#include "doctor/privileges.h"
 #include "cli/server_guard.h"
 #include "cli/stop_signals.h"
 #include "install/finish_command.h"
@@ -31,6 +31,7 @@
 #include "install/serve_service.h"
 #include "install/session.h"
 #include "install/transport.h"
+#include "net/address.h"
 #include "netboot/interfaces.h"
 #include "netboot/netboot_service.h"
 #include "web/web_console.h"
@@ -206,7 +207,7 @@ int runServe(ServeArguments& arguments) {
   uint16_t webPort = 0;
   web::WebAccess access;
   if (int code = checkWebArguments(arguments, webAddress, webPort, access); code != kExitOk) return code;
-  if (std::string missing = missingServerPrivileges(netbootOptions.netboot); !missing.empty()) return failure(missing);
+  if (std::string missing = doctor::missingServerPrivileges(netbootOptions.netboot); !missing.empty()) return failure(missing);
   if (!arguments.interfaceName.empty()) netboot::setOnlyInterface(arguments.interfaceName);
   if (!acquireServerGuard(arguments.interfaceName)) return kExitFailed;
 
@@ -289,7 +290,7 @@ int runServe(ServeArguments& arguments) {
       std::cerr << "tarnlift: cannot listen on " << webText << ": " << error << std::endl;
       return kExitFailed;
     }
-    logLine() << "serve: web console on http://" << web::dottedHostOrder(webAddress) << ":" << console->port() << "/";
+    logLine() << "serve: web console on http://" << net::formatHostOrderIpv4(webAddress) << ":" << console->port() << "/";
     companion.emplace(*console, netbootPanel);
   }
   // Everything listens: a service manager may now count the unit as started.

@@ -16,7 +16,6 @@ bool parseDotted(const std::string& text, uint32_t& address) {
 
 }  // namespace
 
-std::string AddressPool::dotted(uint32_t address) { return net::formatIpv4(net::networkOrder(address)); }
 
 bool AddressPool::parse(const std::string& text, std::string& error) {
   error = "--address-pool needs A.B.C.D-A.B.C.E/BITS, such as 10.0.0.10-10.0.0.99/24, not '" + text + "'";

@@ -32,23 +32,8 @@ class AddressPool {
   uint32_t netmaskBits() const { return bits_; }
   bool empty() const { return first_ == 0; }
 
-  static std::string dotted(uint32_t address);
   // The pool counts in host order; install choices hold addresses in
-  // network order, as inet_addr gives them.
-  static uint32_t hostOrder(uint32_t networkOrder) {
-    const auto* b = reinterpret_cast<const uint8_t*>(&networkOrder);
-    return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 |
-           b[3];
-  }
-  static uint32_t networkOrder(uint32_t hostOrder) {
-    uint32_t value = 0;
-    auto* b = reinterpret_cast<uint8_t*>(&value);
-    b[0] = static_cast<uint8_t>(hostOrder >> 24);
-    b[1] = static_cast<uint8_t>(hostOrder >> 16);
-    b[2] = static_cast<uint8_t>(hostOrder >> 8);
-    b[3] = static_cast<uint8_t>(hostOrder);
-    return value;
-  }
+  // network order, as inet_addr gives them (net::hostOrder/networkOrder).
 
  private:
   uint32_t first_ = 0;

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
+#include "app/json_writer.h"
 #include "app/log.h"
 #include "install/after_install.h"
+#include "net/address.h"
 
 namespace tarnlift {
 
@@ -11,12 +13,6 @@ namespace {
 std::string oneLine(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   return text;
-}
-
-uint32_t percentOf(const RouterRecord& record) {
-  if (record.totalSize == 0) return 0;
-  uint64_t percent = static_cast<uint64_t>(record.progress) * 100 / record.totalSize;
-  return static_cast<uint32_t>(std::min<uint64_t>(percent, 100));
 }
 }  // namespace
 
@@ -57,8 +53,13 @@ void HeadlessInstaller::tick() {
     RouterRow* row = desk_.table().find(mac);
     logLine() << "router found: " << row->labelCell << " " << row->macCell << " " << row->architectureCell;
     if (options_.json) {
-      out_ << "{\"event\":\"seen\",\"mac\":" << jsonString(macText(mac)) << ",\"label\":" << jsonString(row->record.label)
-           << ",\"architecture\":" << jsonString(architectureText(row->record.architecture)) << "}" << std::endl;
+      out_ << JsonObjectWriter()
+                  .text("event", "seen")
+                  .text("mac", macText(mac))
+                  .text("label", row->record.label)
+                  .text("architecture", architectureText(row->record.architecture))
+                  .str()
+           << std::endl;
     }
     if (options_.hold) continue;
     if (mayInstall(mac)) install(*row);
@@ -119,9 +120,9 @@ void HeadlessInstaller::install(RouterRow& row) {
       finish(record, false, "the address pool is used up");
       return;
     }
-    choices.address = AddressPool::networkOrder(address);
+    choices.address = net::networkOrder(address);
     choices.netmaskBits = options_.pool->netmaskBits();
-    logLine() << "router " << macText(record.mac) << " gets " << AddressPool::dotted(address) << "/"
+    logLine() << "router " << macText(record.mac) << " gets " << net::formatHostOrderIpv4(address) << "/"
               << choices.netmaskBits << " from the address pool";
   }
   if (setName.empty() && select.empty()) {
@@ -208,7 +209,7 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
     result.success = success;
     result.confirmed = confirmed;
     result.text = text;
-    if (options_.json) out_ << "{\"event\":\"ended\"," << resultJsonLine(result).substr(1) << std::endl;
+    if (options_.json) out_ << resultJsonLine(result, JsonObjectWriter().text("event", "ended")) << std::endl;
     if (options_.onEnded) options_.onEnded(result);
   }
 }
@@ -216,13 +217,19 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
 void HeadlessInstaller::progress(const RouterRow& row) {
   const RouterRecord& r = row.record;
   if (options_.json) {
-    out_ << "{\"event\":\"progress\",\"mac\":" << jsonString(macText(r.mac)) << ",\"status\":"
-         << jsonString(statusRowText(r.status)) << ",\"text\":" << jsonString(r.statusText)
-         << ",\"percent\":" << percentOf(r) << ",\"bytes\":" << r.progress << "}" << std::endl;
+    out_ << JsonObjectWriter()
+                .text("event", "progress")
+                .text("mac", macText(r.mac))
+                .text("status", statusRowText(r.status))
+                .text("text", r.statusText)
+                .number("percent", r.percentDone())
+                .number("bytes", r.progress)
+                .str()
+         << std::endl;
     return;
   }
   out_ << macText(r.mac) << '\t' << row.labelCell << '\t' << statusRowText(r.status) << '\t' << r.statusText << '\t'
-       << percentOf(r) << "%\t" << r.progress << std::endl;
+       << r.percentDone() << "%\t" << r.progress << std::endl;
 }
 
 void HeadlessInstaller::redraw() {
@@ -233,7 +240,7 @@ void HeadlessInstaller::redraw() {
     const RouterRecord& r = row.record;
     if (r.status == kStatusDone || r.status == kStatusFailed) continue;
     out_ << row.labelCell << "  " << row.macCell << "  " << statusRowText(r.status) << ": " << r.statusText << "  "
-         << percentOf(r) << "%  " << r.progress << " bytes\n";
+         << r.percentDone() << "%  " << r.progress << " bytes\n";
     ++drawnLines_;
   }
   out_.flush();

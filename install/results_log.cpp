@@ -8,9 +8,8 @@
 
 namespace tarnlift {
 
-std::string resultJsonLine(const RouterResult& r) {
-  return JsonObjectWriter()
-      .text("time", r.time)
+std::string resultJsonLine(const RouterResult& r, JsonObjectWriter start) {
+  return start.text("time", r.time)
       .text("mac", r.mac)
       .text("label", r.label)
       .text("architecture", r.architecture)

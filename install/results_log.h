@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "app/json_writer.h"  // jsonString, for the installer's event lines
+#include "app/json_writer.h"
 
 namespace tarnlift {
 
@@ -30,7 +30,9 @@ struct RouterResult {
   std::string text;  // the final status text (the failure's reason)
 };
 
-std::string resultJsonLine(const RouterResult& result);
+// One results line; `start` holds the fields that come before the result's
+// own (serve's event name on its standard output).
+std::string resultJsonLine(const RouterResult& result, JsonObjectWriter start = JsonObjectWriter());
 
 class ResultsLog {
  public:

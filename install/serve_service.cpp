@@ -1,6 +1,7 @@
 #include "install/serve_service.h"
 
 #include "app/log.h"
+#include "net/address.h"
 
 namespace tarnlift {
 
@@ -55,7 +56,7 @@ void ServeService::reservePoolAddresses(const Inventory& inventory) {
   if (!options_.pool) return;
   for (const auto& [mac, entry] : inventory.entries()) {
     if (entry.choices.gives(GivenChoices::kAddress)) {
-      options_.pool->reserve(AddressPool::hostOrder(entry.choices.values.address));
+      options_.pool->reserve(net::hostOrder(entry.choices.values.address));
     }
   }
 }

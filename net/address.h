@@ -31,6 +31,11 @@ std::string formatIpv4(uint32_t address);
 uint32_t hostOrder(uint32_t networkOrder);
 uint32_t networkOrder(uint32_t hostOrder);
 
+// Dotted quad of a host-order address (a pool's or a listener's).
+inline std::string formatHostOrderIpv4(uint32_t address) { return formatIpv4(networkOrder(address)); }
+// Dotted quad of a network-order address, or "" for 0 (no address chosen).
+inline std::string formatIpv4OrEmpty(uint32_t address) { return address == 0 ? std::string() : formatIpv4(address); }
+
 // inet_addr's rules, the same on every platform: one to four parts separated
 // by dots ("a" is the whole address, "a.b" puts b in the low 24 bits, "a.b.c"
 // puts c in the low 16 bits); each part decimal, octal with a leading 0 or

@@ -6,6 +6,7 @@
 #include "app/log.h"
 #include "app/version.h"
 #include "install/install_datagram.h"
+#include "net/address.h"
 #include "netboot/netboot_settings.h"
 #include "install/after_install.h"
 #include "install/control_rules.h"
@@ -17,12 +18,6 @@ namespace {
 // The position a minimised window reports.
 constexpr int kMinimisedPosition = -32000;
 
-std::string dottedOrEmpty(uint32_t address) { return address == 0 ? std::string() : netboot::formatIpv4(address); }
-
-int percentOf(const RouterRecord* record) {
-  if (record == nullptr || record->totalSize == 0) return 0;
-  return static_cast<int>(static_cast<uint64_t>(record->progress) * 100 / record->totalSize);
-}
 
 std::string selectedText(size_t count) {
   char text[64];
@@ -269,9 +264,9 @@ void MainPresenter::refreshControlState() {
   view_.setEnabled(kIdSets, c.sets);
   view_.selectItem(kIdSets, setName);
 
-  view_.setText(kIdAddress, r != nullptr ? dottedOrEmpty(r->address) : "");
+  view_.setText(kIdAddress, r != nullptr ? net::formatIpv4OrEmpty(r->address) : "");
   view_.setText(kIdNetmask, r != nullptr && r->netmaskBits != 0 ? std::to_string(r->netmaskBits) : "");
-  view_.setText(kIdGateway, r != nullptr ? dottedOrEmpty(r->gateway) : "");
+  view_.setText(kIdGateway, r != nullptr ? net::formatIpv4OrEmpty(r->gateway) : "");
   for (int id : {kIdAddress, kIdNetmask, kIdGateway}) view_.setReadOnly(id, !c.addressFields);
 
   view_.setEnabled(kIdKeepConfig, c.keepConfig);
@@ -320,7 +315,7 @@ void MainPresenter::updateCaptionAndProgress() {
   if (r != nullptr) caption = r->status == kStatusReady ? selectedText(r->files.size()) : r->statusText;
   view_.setText(kIdCaption, caption);
   // The bar moves by the difference to what it shows.
-  int percent = percentOf(r);
+  int percent = r != nullptr ? static_cast<int>(r->percentDone()) : 0;
   if (percent != lastPercent_) view_.moveProgress(percent - lastPercent_);
   lastPercent_ = percent;
 }

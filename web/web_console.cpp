@@ -13,7 +13,6 @@
 
 namespace tarnlift::web {
 
-std::string dottedHostOrder(uint32_t a) { return net::formatIpv4(net::networkOrder(a)); }
 
 bool isLoopbackAddress(uint32_t address) { return (address >> 24) == 127; }
 

@@ -19,8 +19,6 @@ namespace tarnlift::web {
 // "[ADDRESS:]PORT": ADDRESS a dotted IPv4 address or "localhost" (default
 // 127.0.0.1), PORT 0 to 65535 (0: any free one). False with a message.
 bool parseListenAddress(const std::string& text, uint32_t& address, uint16_t& port, std::string& error);
-// The dotted text of a host-order address.
-std::string dottedHostOrder(uint32_t address);
 // 127.0.0.0/8 (host order).
 bool isLoopbackAddress(uint32_t address);
 // The token: the file's first line without a byte order mark and without

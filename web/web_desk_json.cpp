@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "install/control_rules.h"
+#include "net/address.h"
 #include "netboot/interfaces.h"
 #include "packages/version.h"
 
@@ -13,12 +14,6 @@ using nlohmann::json;
 
 namespace {
 
-uint32_t percentOf(const RouterRecord& r) {
-  if (r.totalSize == 0) return 0;
-  uint64_t percent = static_cast<uint64_t>(r.progress) * 100 / r.totalSize;
-  return static_cast<uint32_t>(std::min<uint64_t>(percent, 100));
-}
-
 const char* afterText(AfterInstall after) {
   switch (after) {
     case AfterInstall::Reboot: return "reboot";
@@ -26,8 +21,6 @@ const char* afterText(AfterInstall after) {
     default: return "none";
   }
 }
-
-std::string dottedOrEmpty(uint32_t address) { return address == 0 ? std::string() : netboot::formatIpv4(address); }
 
 json controlsJson(const ControlRules& c) {
   return {{"sets", c.sets},
@@ -58,7 +51,7 @@ json WebDesk::routerJson(const RouterRecord& r, bool withTexts) {
   if (r.address != 0) address = netboot::formatIpv4(r.address) + "/" + std::to_string(r.netmaskBits);
   json options = {{"keepConfig", r.keepConfig},
                   {"address", address},
-                  {"gateway", dottedOrEmpty(r.gateway)},
+                  {"gateway", net::formatIpv4OrEmpty(r.gateway)},
                   {"baudRate", r.baudRate},
                   {"defaultConfig", r.defaultConfig},
                   {"keepBranding", r.keepBranding},
@@ -85,7 +78,7 @@ json WebDesk::routerJson(const RouterRecord& r, bool withTexts) {
                    {"minimum", r.minVersion != 0 ? packages::formatVersion(r.minVersion) : ""}}},
                  {"status", statusRowText(r.status)},
                  {"statusCode", r.status},
-                 {"progress", percentOf(r)},
+                 {"progress", r.percentDone()},
                  {"bytesSent", r.progress},
                  {"totalBytes", r.totalSize},
                  {"detail", r.statusText},

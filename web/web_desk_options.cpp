@@ -6,6 +6,7 @@
 #include <set>
 
 #include "install/control_rules.h"
+#include "net/address.h"
 
 namespace tarnlift::web {
 
@@ -18,28 +19,6 @@ constexpr size_t kMaxScriptBytes = 256 * 1024;
 bool isBaudItem(uint32_t baud) {
   static const uint32_t kItems[] = {0, 110, 300, 1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200};
   return std::find(std::begin(kItems), std::end(kItems), baud) != std::end(kItems);
-}
-
-// A dotted IPv4 address, strictly: four decimal parts of at most 255.
-bool parseDotted(const std::string& text, uint32_t& address) {
-  size_t pos = 0;
-  for (int i = 0; i < 4; ++i) {
-    if (pos >= text.size() || text[pos] < '0' || text[pos] > '9') return false;
-    uint32_t value = 0;
-    size_t digits = 0;
-    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') {
-      value = value * 10 + static_cast<uint32_t>(text[pos] - '0');
-      if (++digits > 3 || value > 255) return false;
-      ++pos;
-    }
-    if (i < 3) {
-      if (pos >= text.size() || text[pos] != '.') return false;
-      ++pos;
-    }
-  }
-  if (pos != text.size()) return false;
-  address = addressFromText(text);
-  return true;
 }
 
 }  // namespace
@@ -126,7 +105,7 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
       bool bitsOk = !bitsText.empty() && bitsText.size() <= 2 &&
                     std::all_of(bitsText.begin(), bitsText.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
                     std::stoul(bitsText) <= 32;
-      if (slash == std::string::npos || !bitsOk || !parseDotted(t.substr(0, slash), address) || address == 0) {
+      if (slash == std::string::npos || !bitsOk || !net::parseDottedQuad(t.substr(0, slash), address) || address == 0) {
         problem = "address: must be A.B.C.D/BITS or empty";
       } else {
         bits = netmaskBitsFromText(bitsText);
@@ -144,7 +123,7 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
   if (problem.empty() && body.contains("gateway")) {
     const json& v = body["gateway"];
     uint32_t gateway = 0;
-    if (!v.is_string() || (!v.get<std::string>().empty() && (!parseDotted(v.get<std::string>(), gateway) || gateway == 0))) {
+    if (!v.is_string() || (!v.get<std::string>().empty() && (!net::parseDottedQuad(v.get<std::string>(), gateway) || gateway == 0))) {
       problem = "gateway: must be A.B.C.D or empty";
     } else if (gateway != r.gateway) {
       if (!rules().addressFields) {

@@ -1,6 +1,7 @@
 // The address pool: next free address, never twice in a run, reserved
 // addresses skipped, and a router's address kept across runs.
 #include "install/address_pool.h"
+#include "net/address.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +23,7 @@ TEST(AddressPoolTest, HandsOutEachAddressOnceAndSkipsReservedOnes) {
   EXPECT_EQ(pool.addressFor(mac(2)), at(12));
   EXPECT_EQ(pool.addressFor(mac(3)), at(13));
   EXPECT_EQ(pool.addressFor(mac(4)), 0u);  // used up
-  EXPECT_EQ(AddressPool::dotted(at(12)), "10.0.5.12");
+  EXPECT_EQ(net::formatHostOrderIpv4(at(12)), "10.0.5.12");
 }
 
 TEST(AddressPoolTest, ARouterGetsItsAddressAgainInTheNextRun) {

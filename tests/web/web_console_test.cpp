@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "net/address.h"
 #include "tests/install/temp_dir.h"
 
 namespace tarnlift::web {
@@ -23,7 +24,7 @@ TEST(WebConsoleOptions, ListenAddressDefaultsToLoopback) {
   ASSERT_TRUE(parseListenAddress("localhost:65535", address, port, error));
   EXPECT_EQ(address, 0x7F000001u);
   ASSERT_TRUE(parseListenAddress("192.168.88.2:80", address, port, error));
-  EXPECT_EQ(dottedHostOrder(address), "192.168.88.2");
+  EXPECT_EQ(net::formatHostOrderIpv4(address), "192.168.88.2");
   for (const char* bad : {"", ":", "65536", "x:80", "1.2.3:80", "1.2.3.256:80", "1.2.3.4.5:80", "0x7f.1:80", "80a",
                           "1.2.3.4:", "-1"}) {
     EXPECT_FALSE(parseListenAddress(bad, address, port, error)) << bad;
