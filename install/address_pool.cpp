@@ -58,7 +58,7 @@ std::string AddressPool::rememberedText() const {
   std::string text;
   for (const auto& [mac, address] : assigned_) {
     if (!text.empty()) text += ';';
-    text += macText(mac) + "=" + dotted(address);
+    text += macText(mac) + "=" + net::formatHostOrderIpv4(address);
   }
   return text;
 }
