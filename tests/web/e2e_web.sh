@@ -52,7 +52,16 @@ stop_serve() {
   [ -n "$serve_pid" ] || return 0
   kill "$serve_pid" 2> /dev/null
   for _ in $(seq 300); do
-    kill -0 "$serve_pid" 2> /dev/null || return 0
+    if ! kill -0 "$serve_pid" 2> /dev/null; then
+      # Under Wine the listening socket belongs to the Wine server too, which
+      # lets it go a moment after the process has ended: the next serve on
+      # the same port waits for that.
+      for _ in $(seq 100); do
+        [ -z "$(ip netns exec "$srv" ss -Hltn "sport = :$port" 2> /dev/null)" ] && break
+        sleep 0.1
+      done
+      return 0
+    fi
     sleep 0.1
   done
   echo "FAIL ($case_name): serve did not end within 30 s of SIGTERM"
@@ -121,6 +130,10 @@ base=http://127.0.0.1:$port
 in_srv() { ip netns exec "$srv" "$@"; }
 api() { in_srv curl -sS --max-time 10 "$@"; }
 start_serve() {
+  # Emptied here, not by the background shell's redirection: that one may
+  # come after the first look below, which would then read the last run's
+  # "web console on".
+  : > "$work/serve.err"
   (cd "$work" && exec ip netns exec "$srv" timeout --foreground "${SERVE_TIMEOUT:-150}" $tarnlift serve \
     --client-address 192.168.88.1 --packages "$(serve_path "$work/pk")" "$@" > "$work/serve.out" 2> "$work/serve.err") &
   serve_pid=$!
