@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 int removeStaleTemporaries(const std::string& path) {
   std::filesystem::path target(path);
@@ -23,4 +23,4 @@ int removeStaleTemporaries(const std::string& path) {
   return removed;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

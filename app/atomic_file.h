@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Writes bytes to a temporary file beside path, flushes it to the disk and
 // renames it over path. Returns 0 or the system error code; on failure the
@@ -23,4 +23,4 @@ int removeStaleTemporaries(const std::string& path);
 // Platform half: whether the process with this id still runs.
 bool processExists(uint32_t processId);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -6,7 +6,7 @@
 
 #include "app/atomic_file.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 std::string temporaryPathFor(const std::string& path) { return path + ".tmp." + std::to_string(getpid()); }
 
@@ -43,4 +43,4 @@ uint32_t replaceFileAtomically(const std::string& path, const std::string& bytes
   return 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

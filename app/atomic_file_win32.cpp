@@ -2,7 +2,7 @@
 
 #include "app/atomic_file.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 std::string temporaryPathFor(const std::string& path) { return path + ".tmp." + std::to_string(GetCurrentProcessId()); }
 
@@ -31,4 +31,4 @@ uint32_t replaceFileAtomically(const std::string& path, const std::string& bytes
   return error;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

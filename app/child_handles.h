@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 struct ChildStart {
   const char* application = nullptr;  // null: the first word of commandLine
@@ -34,4 +34,4 @@ struct StartedChild {
 // False with the system's error number in error.
 bool startChildWithHandles(const ChildStart& start, StartedChild& started, uint32_t& error);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -4,7 +4,7 @@
 
 #include "app/child_handles.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 bool startChildWithHandles(const ChildStart& start, StartedChild& started, uint32_t& error) {
   std::vector<HANDLE> handles;
@@ -49,4 +49,4 @@ bool startChildWithHandles(const ChildStart& start, StartedChild& started, uint3
   return true;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

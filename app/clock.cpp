@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 uint64_t SteadyClock::nowMicros() const {
   auto since = std::chrono::steady_clock::now().time_since_epoch();
@@ -15,4 +15,4 @@ SteadyClock& SteadyClock::instance() {
   return clock;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

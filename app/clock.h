@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 class Clock {
  public:
@@ -32,4 +32,4 @@ class ManualClock : public Clock {
   std::atomic<uint64_t> now_;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -4,7 +4,7 @@
 
 #include "app/log.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 namespace {
 
 std::atomic<FatalPresenter> gPresenter{nullptr};
@@ -45,4 +45,4 @@ void fatalFailure(std::string message, uint32_t code) {
   exitProcessNow(1);  // not reached: reportFailure ends the process
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

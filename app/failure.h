@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Appends ": <system text> (<code>)" to message and logs it. A code of 0
 // takes the calling thread's last system error. When fatal, shows the
@@ -41,4 +41,4 @@ void setFailureExplainer(FailureExplainer explainer);
 void showFatalBox(const std::string& text);
 [[noreturn]] void exitProcessNow(int code);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

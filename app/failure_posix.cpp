@@ -7,7 +7,7 @@
 
 #include "app/failure.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 uint32_t lastSystemError() { return static_cast<uint32_t>(errno); }
 void setLastSystemError(uint32_t code) { errno = static_cast<int>(code); }
@@ -33,4 +33,4 @@ void exitProcessNow(int code) {
   _exit(code);
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -6,7 +6,7 @@
 
 #include "app/failure.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 uint32_t lastSystemError() { return GetLastError(); }
 void setLastSystemError(uint32_t code) { SetLastError(code); }
@@ -29,4 +29,4 @@ void exitProcessNow(int code) {
   ExitProcess(static_cast<UINT>(code));
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 namespace {
 
@@ -120,4 +120,4 @@ JsonObjectWriter& JsonObjectWriter::boolean(std::string_view name, bool value) {
 
 std::string JsonObjectWriter::str() const { return json_.empty() ? "{}" : json_ + '}'; }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // `bytes` as a quoted JSON string.
 std::string jsonString(const std::string& bytes);
@@ -34,4 +34,4 @@ class JsonObjectWriter {
   std::string json_;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <mutex>
 
-namespace tarnlift {
+namespace tarnlift::app {
 namespace {
 
 std::ostream* gLogStream = &std::cout;
@@ -59,4 +59,4 @@ LogLine::~LogLine() {
   if (gListener != nullptr) gListener(line, gListenerContext);
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

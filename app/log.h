@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // The stream that log lines go to. It is std::cout unless a front end
 // redirects it (the headless front end keeps standard output for results).
@@ -57,4 +57,4 @@ class LogLine {
 inline LogLine logLine() { return {}; }
 inline LogLine logLine(LogPriority priority) { return LogLine(priority); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-namespace tarnlift::processjob {
+namespace tarnlift::app::processjob {
 
 // A new job; killOnClose: its processes end when the last handle of the job
 // is closed (also when this process ends). Null when none can be made.
@@ -23,4 +23,4 @@ void adoptAndResume(void* job, void* process, void* thread);
 bool endAll(void* job, void* process, uint32_t waitMs);
 void close(void* job);
 
-}  // namespace tarnlift::processjob
+}  // namespace tarnlift::app::processjob

@@ -2,7 +2,7 @@
 
 #include "app/process_job.h"
 
-namespace tarnlift::processjob {
+namespace tarnlift::app::processjob {
 
 void* create(bool killOnClose) {
   HANDLE job = CreateJobObjectA(nullptr, nullptr);
@@ -33,4 +33,4 @@ void close(void* job) {
   if (job != nullptr) CloseHandle(static_cast<HANDLE>(job));
 }
 
-}  // namespace tarnlift::processjob
+}  // namespace tarnlift::app::processjob

@@ -6,7 +6,7 @@
 #include "app/log.h"
 #include "app/sync.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 namespace {
 std::string quotedWord(const std::string& word) {
@@ -127,4 +127,4 @@ void ProgramRunner::cleanUp() {
   fileWritten_ = false;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

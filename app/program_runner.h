@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Where the embedded programs are kept: numbered records, each a 32-bit
 // little-endian length followed by that many bytes of the program file.
@@ -114,4 +114,4 @@ bool deleteFile(const std::string& path);
 bool deleteFolder(const std::string& folder);
 }  // namespace runner
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -18,7 +18,7 @@
 
 extern char** environ;
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 struct ProgramRunner::Process {
   pid_t pid = -1;
@@ -120,4 +120,4 @@ bool deleteFile(const std::string& path) { return ::unlink(path.c_str()) == 0 ||
 bool deleteFolder(const std::string& folder) { return ::rmdir(folder.c_str()) == 0 || errno == ENOENT; }
 
 }  // namespace runner
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -11,7 +11,7 @@
 #include "app/process_job.h"
 #include "app/program_runner.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 struct ProgramRunner::Process {
   HANDLE handle = nullptr;
@@ -160,4 +160,4 @@ bool deleteFile(const std::string& path) {
 }
 
 }  // namespace runner
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -4,7 +4,7 @@
 
 #include "app/failure.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 Registry::~Registry() {
   if (key_ != nullptr) close();
@@ -147,4 +147,4 @@ bool Registry::enumValue(uint32_t index, ValueType& type, std::string& name) {
   return key_->enumValue(index, type, name);
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

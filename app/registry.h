@@ -12,7 +12,7 @@
 
 #include "app/settings_store.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // The key all of the program's settings live under.
 inline constexpr const char* kSettingsKeyPath = "SOFTWARE\\Quenlark\\NetServer";
@@ -65,4 +65,4 @@ class Registry {
   std::string path_;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Sends `state` ("READY=1", "STOPPING=1", ...) to the datagram socket named
 // by $NOTIFY_SOCKET (a path, or "@name" for an abstract socket). Quietly
@@ -18,4 +18,4 @@ void notifyServiceManager(const std::string& state);
 // "<N>" syslog priority in front. False on Windows.
 bool standardErrorIsJournal();
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

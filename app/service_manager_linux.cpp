@@ -10,7 +10,7 @@
 
 #include "app/service_manager.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 void notifyServiceManager(const std::string& state) {
   const char* name = std::getenv("NOTIFY_SOCKET");
@@ -48,4 +48,4 @@ bool standardErrorIsJournal() {
          static_cast<unsigned long long>(status.st_ino) == inode;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

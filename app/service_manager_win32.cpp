@@ -1,6 +1,6 @@
 #include "app/service_manager.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Windows services speak through the service control manager, which the
 // console program is not run by; there is nothing to tell.
@@ -8,4 +8,4 @@ void notifyServiceManager(const std::string&) {}
 
 bool standardErrorIsJournal() { return false; }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

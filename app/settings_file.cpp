@@ -11,7 +11,7 @@
 #include "app/settings_tree.h"
 #include "app/utc_time.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // File layout, one line each:
 //   [Key\Path]                 a key (the root is [])
@@ -251,4 +251,4 @@ std::string defaultSettingsFilePath() {
   return base + "/tarnlift/settings.reg";
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -7,7 +7,7 @@
 
 #include "app/settings_store.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Opens the store of file path. A file that cannot be read or parsed is
 // renamed aside (kept for the user), logged, and the store starts empty.
@@ -17,4 +17,4 @@ std::shared_ptr<SettingsStore> makeFileSettingsStore(const std::string& path);
 // $XDG_CONFIG_HOME defaulting to ~/.config.
 std::string defaultSettingsFilePath();
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

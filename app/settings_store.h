@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Value types, numbered as the Windows registry numbers them.
 enum class ValueType : uint32_t {
@@ -56,4 +56,4 @@ std::shared_ptr<SettingsStore> makeMemorySettingsStore();
 std::shared_ptr<SettingsStore> defaultSettingsStore();
 void setDefaultSettingsStore(std::shared_ptr<SettingsStore> store);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -2,7 +2,7 @@
 
 #include "app/settings_store.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 namespace {
 
@@ -93,4 +93,4 @@ class RegistryStore : public SettingsStore {
 
 std::shared_ptr<SettingsStore> platformSettingsStore() { return std::make_shared<RegistryStore>(); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

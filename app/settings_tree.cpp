@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 namespace {
 
@@ -190,4 +190,4 @@ void setDefaultSettingsStore(std::shared_ptr<SettingsStore> store) {
   gDefaultStore = std::move(store);
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

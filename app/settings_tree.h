@@ -11,7 +11,7 @@
 
 #include "app/settings_store.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 struct CaseInsensitiveLess {
   bool operator()(const std::string& a, const std::string& b) const;
@@ -53,4 +53,4 @@ class SettingsTreeStore : public SettingsStore, public std::enable_shared_from_t
 
 std::vector<std::string> splitKeyPath(const std::string& path);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

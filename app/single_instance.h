@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 inline constexpr const char* kSingleInstanceName = "SingleNetservInstanceMutex";
 inline constexpr const char* kAlreadyRunningText = "QL Router Install Server is already running";
@@ -14,4 +14,4 @@ enum class InstanceGuard { Acquired, AlreadyRunning };
 // process's life. A failure to create it is fatal ("CreateMutex() failed").
 InstanceGuard acquireSingleInstance(const std::string& name = kSingleInstanceName);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

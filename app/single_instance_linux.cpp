@@ -10,7 +10,7 @@
 #include "app/failure.h"
 #include "app/single_instance.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // An abstract Unix socket bound under the guard's name: the kernel releases
 // it when the process ends however it ends, so there is never a stale lock
@@ -32,4 +32,4 @@ InstanceGuard acquireSingleInstance(const std::string& name) {
   fatalFailure("CreateMutex() failed", static_cast<uint32_t>(error));
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -3,7 +3,7 @@
 #include "app/failure.h"
 #include "app/single_instance.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 InstanceGuard acquireSingleInstance(const std::string& name) {
   // Never released or closed: the guard lives until the process ends.
@@ -12,4 +12,4 @@ InstanceGuard acquireSingleInstance(const std::string& name) {
   return GetLastError() == ERROR_ALREADY_EXISTS ? InstanceGuard::AlreadyRunning : InstanceGuard::Acquired;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

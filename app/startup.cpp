@@ -2,7 +2,7 @@
 
 #include "app/log.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 StartupOptions parseStartupCommandLine(const std::string& commandLine) {
   StartupOptions options;
@@ -19,4 +19,4 @@ void logStartupOptions(const std::string& commandLine, const StartupOptions& opt
   logLine() << "ko: '" << options.kernelOverride << "'";
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

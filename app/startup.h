@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 struct StartupOptions {
   // "--current-directory" anywhere in the command line: the current
@@ -19,4 +19,4 @@ StartupOptions parseStartupCommandLine(const std::string& commandLine);
 // Logs "cmd: ", "cd: " and "ko: '...'" for the parsed command line.
 void logStartupOptions(const std::string& commandLine, const StartupOptions& options);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 constexpr uint32_t kWaitInfinite = 0xFFFFFFFFu;
 
@@ -73,4 +73,4 @@ class MutexLock {
 // Sleeps the calling thread.
 void sleepMilliseconds(uint32_t milliseconds);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

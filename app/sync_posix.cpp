@@ -10,7 +10,7 @@
 #include "app/failure.h"
 #include "app/sync.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // A condition variable stands in for the kernel event: "pulse" is a
 // broadcast that wakes whoever waits now and leaves the event clear.
@@ -116,4 +116,4 @@ void Mutex::unlock() {
 
 void sleepMilliseconds(uint32_t milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

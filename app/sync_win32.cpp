@@ -3,7 +3,7 @@
 #include "app/failure.h"
 #include "app/sync.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 namespace {
 
@@ -77,4 +77,4 @@ void Mutex::unlock() {
 
 void sleepMilliseconds(uint32_t milliseconds) { Sleep(milliseconds); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -3,7 +3,7 @@
 #include "app/failure.h"
 #include "app/log.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 // Runs on the new thread.
 uint32_t Thread::enterBody() {
@@ -21,4 +21,4 @@ void Thread::stop() {
   running_ = false;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

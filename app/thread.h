@@ -7,7 +7,7 @@
 
 #include "app/sync.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 class Thread : public Waitable {
  public:
@@ -59,4 +59,4 @@ class Thread : public Waitable {
   std::unique_ptr<Mutex> mutex_;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -12,7 +12,7 @@
 #include "app/log.h"
 #include "app/thread.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 struct Thread::Impl {
   static void* procedure(void* argument);
@@ -114,4 +114,4 @@ void Thread::destroy() {
   event_.reset();
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

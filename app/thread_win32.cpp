@@ -4,7 +4,7 @@
 #include "app/log.h"
 #include "app/thread.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 struct Thread::Impl {
   static DWORD WINAPI procedure(LPVOID argument) { return static_cast<Thread*>(argument)->enterBody(); }
@@ -65,4 +65,4 @@ void Thread::destroy() {
   impl_.reset();
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstdio>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 std::string utcText(std::time_t when, UtcLayout layout) {
   using namespace std::chrono;
@@ -28,4 +28,4 @@ std::string utcText(std::time_t when, UtcLayout layout) {
 
 std::string utcTextNow(UtcLayout layout) { return utcText(std::time(nullptr), layout); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

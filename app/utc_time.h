@@ -7,7 +7,7 @@
 #include <ctime>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::app {
 
 enum class UtcLayout {
   Iso,        // 2026-01-02T03:04:05Z
@@ -19,4 +19,4 @@ std::string utcText(std::time_t when, UtcLayout layout = UtcLayout::Iso);
 // The current time as utcText gives it.
 std::string utcTextNow(UtcLayout layout = UtcLayout::Iso);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::app

@@ -43,7 +43,7 @@ class PrintingPrompter : public InstallPrompter {
  public:
   void showMessage(const std::string& text, const std::string& title, bool) override {
     refusal = text;
-    logLine() << "message (" << title << "): " << text;
+    app::logLine() << "message (" << title << "): " << text;
   }
   bool askYesNo(const std::string& text) override {
     std::cerr << "tarnlift: warning: " << text << " yes" << std::endl;
@@ -154,8 +154,8 @@ int runDisk(DiskOptions& options) {
     return kExitFailed;
   }
 
-  Registry settings;
-  settings.openRoot(kSettingsKeyPath);
+  app::Registry settings;
+  settings.openRoot(app::kSettingsKeyPath);
   if (!options.havePackages) options.choice.packageDir = settings.readString("Package Path", ".");
   packages::PackageSets sets;
   sets.loadSets(settings);

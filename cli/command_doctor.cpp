@@ -116,7 +116,7 @@ int runDoctor(const DoctorArguments& a) {
   std::cout.flush();
   auto millis =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count();
-  logLine() << "doctor: " << findings.size() << " findings in " << millis << " ms";
+  app::logLine() << "doctor: " << findings.size() << " findings in " << millis << " ms";
   return doctor::anyFailed(findings) ? kExitFailed : kExitOk;
 }
 

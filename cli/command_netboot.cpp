@@ -46,14 +46,14 @@ int runNetboot(NetbootArguments& arguments) {
   if (!service.start(client, options, error)) {
     return failure(error);
   }
-  notifyServiceManager("READY=1");
+  app::notifyServiceManager("READY=1");
   while (!stopRequested()) {
-    if (takeReloadRequest()) logLine() << "netboot: hang-up: still serving";
-    sleepMilliseconds(100);
+    if (takeReloadRequest()) app::logLine() << "netboot: hang-up: still serving";
+    app::sleepMilliseconds(100);
   }
-  notifyServiceManager("STOPPING=1");
+  app::notifyServiceManager("STOPPING=1");
   service.stop();
-  logLine() << "netboot: stopped";
+  app::logLine() << "netboot: stopped";
   return kExitOk;
 }
 

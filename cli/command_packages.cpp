@@ -77,10 +77,10 @@ int runPackages(const PackagesArguments& arguments) {
     if (index < 0) return usageError("no package file '" + file + "' listed in '" + folder + "'");
     // A click on a row that cannot change is ignored, as in the window.
     if (!catalogue.toggleFile(file, selection)) {
-      logLine() << "cannot tick " << file << ": " << catalogue.row(static_cast<size_t>(index)).description;
+      app::logLine() << "cannot tick " << file << ": " << catalogue.row(static_cast<size_t>(index)).description;
       continue;
     }
-    logLine() << "Selected " << selection.size() << " package(s)";
+    app::logLine() << "Selected " << selection.size() << " package(s)";
   }
 
   if (arguments.json) {

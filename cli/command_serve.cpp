@@ -132,8 +132,8 @@ int checkWebArguments(const ServeArguments& arguments, uint32_t& webAddress, uin
     if (!webTokenFile.empty()) {
       if (!web::readTokenFile(webTokenFile, access.token, error)) return usageError(error);
       if (std::string exposure = web::tokenFileExposure(webTokenFile); !exposure.empty()) {
-        logLine(LogPriority::Warning) << "serve: warning: the token file " << webTokenFile << " is " << exposure
-                                      << "; chmod 600 it";
+        app::logLine(app::LogPriority::Warning)
+            << "serve: warning: the token file " << webTokenFile << " is " << exposure << "; chmod 600 it";
       }
     }
     for (const std::string& text : arguments.webOrigins) {
@@ -211,8 +211,8 @@ int runServe(ServeArguments& arguments) {
   if (!arguments.interfaceName.empty()) netboot::setOnlyInterface(arguments.interfaceName);
   if (!acquireServerGuard(arguments.interfaceName)) return kExitFailed;
 
-  Registry settings;
-  settings.openRoot(kSettingsKeyPath);
+  app::Registry settings;
+  settings.openRoot(app::kSettingsKeyPath);
   packages::PackageSets sets;
   sets.loadSets(settings);
   ServeService serve(options, sets, settings, runOptionsOf(arguments, count));
@@ -265,19 +265,19 @@ int runServe(ServeArguments& arguments) {
   // The same "Router installer" the window takes, on port 5000.
   InstallService service(kInstallPort);
   InstallServer& server = service.server();
-  logLine() << "serve: installing on " << netboot::formatIpv4(netboot::serverAddress()) << " port "
-            << service.transport().port() << " as " << macText(service.transport().localMac());
+  app::logLine() << "serve: installing on " << netboot::formatIpv4(netboot::serverAddress()) << " port "
+                 << service.transport().port() << " as " << macText(service.transport().localMac());
 
   std::unique_ptr<web::WebConsole> console;
   web::NetbootSnapshot netbootPanel;
   if (!webText.empty()) {
     options.afterFor = [&console](const MacAddress& mac) { return console->desk().afterFor(mac); };
   }
-  HeadlessInstaller& installer = serve.startInstaller(server, SteadyClock::instance(), std::cout, std::cerr);
+  HeadlessInstaller& installer = serve.startInstaller(server, app::SteadyClock::instance(), std::cout, std::cerr);
   std::optional<ConsoleCompanion> companion;
   if (!webText.empty()) {
     console = std::make_unique<web::WebConsole>(installer.desk(), sets, serve.remembered(), &settings,
-                                                SteadyClock::instance(), access);
+                                                app::SteadyClock::instance(), access);
     console->desk().setDefaultAfter(options.after);
     netbootPanel.enabled = netbootOptions.netboot;
     netbootPanel.clientAddress = clientText;
@@ -290,14 +290,15 @@ int runServe(ServeArguments& arguments) {
       std::cerr << "tarnlift: cannot listen on " << webText << ": " << error << std::endl;
       return kExitFailed;
     }
-    logLine() << "serve: web console on http://" << net::formatHostOrderIpv4(webAddress) << ":" << console->port() << "/";
+    app::logLine() << "serve: web console on http://" << net::formatHostOrderIpv4(webAddress) << ":" << console->port()
+                   << "/";
     companion.emplace(*console, netbootPanel);
   }
   // Everything listens: a service manager may now count the unit as started.
-  notifyServiceManager("READY=1");
-  const bool stoppedBySignal = serve.run({stopRequested, takeReloadRequest, [] { sleepMilliseconds(250); }},
+  app::notifyServiceManager("READY=1");
+  const bool stoppedBySignal = serve.run({stopRequested, takeReloadRequest, [] { app::sleepMilliseconds(250); }},
                                          companion ? &*companion : nullptr);
-  notifyServiceManager("STOPPING=1");
+  app::notifyServiceManager("STOPPING=1");
   if (console) console->stop();
   // Sessions still running end with the process, as when the window closes;
   // the routers time out and can be installed again.

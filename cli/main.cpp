@@ -32,7 +32,7 @@ std::vector<CliCommand>& commandTable() {
 }
 
 void printHelp(std::ostream& out) {
-  out << "Tarnlift " << kVersionText << "\n"
+  out << "Tarnlift " << app::kVersionText << "\n"
       << "Installation server for Brisvane routers (headless front end).\n\n"
       << "usage: tarnlift COMMAND [OPTIONS] [ARGUMENTS]\n"
       << "       tarnlift COMMAND --help     the command's options, their meanings and defaults\n"
@@ -189,15 +189,15 @@ int runCommand(const CliCommand& command, int argc, char** argv) {
     return wrongCommandLine(where, "unexpected argument '" + extra + "'");
   }
   if (quiet && verbose) return wrongCommandLine(app, "--quiet and --verbose exclude each other");
-  if (quiet) setLogDetail(LogDetail::Quiet);
-  if (verbose) setLogDetail(LogDetail::Verbose);
+  if (quiet) app::setLogDetail(app::LogDetail::Quiet);
+  if (verbose) app::setLogDetail(app::LogDetail::Verbose);
   startSockets();
   return run();
 }
 
 CommandRun defineVersion(CLI::App&) {
   return [] {
-    std::cout << kVersionText << "\n";
+    std::cout << app::kVersionText << "\n";
     return kExitOk;
   };
 }
@@ -225,12 +225,12 @@ int failure(const std::string& message) {
 int main(int argc, char** argv) {
   using namespace tarnlift;
   using namespace tarnlift::cli;
-  setLogStream(std::cerr);
-  setFatalPresenter(&presentFatal);
+  app::setLogStream(std::cerr);
+  app::setFatalPresenter(&presentFatal);
   // A server that cannot bind its ports says who holds them.
   doctor::explainFatalFailures();
-  gJournal = standardErrorIsJournal();
-  setLogPriorityPrefixes(gJournal);
+  gJournal = app::standardErrorIsJournal();
+  app::setLogPriorityPrefixes(gJournal);
   if (argc < 2) {
     printHelp(std::cerr);
     return kExitUsage;
@@ -241,7 +241,7 @@ int main(int argc, char** argv) {
     return kExitOk;
   }
   if (name == "--version") {
-    std::cout << kVersionText << "\n";
+    std::cout << app::kVersionText << "\n";
     return kExitOk;
   }
   for (const CliCommand& command : cliCommands()) {

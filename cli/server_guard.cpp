@@ -7,10 +7,10 @@
 namespace tarnlift::cli {
 
 bool acquireServerGuard(const std::string& interfaceName) {
-  const std::string name =
-      interfaceName.empty() ? std::string(kSingleInstanceName) : std::string(kSingleInstanceName) + "@" + interfaceName;
-  if (acquireSingleInstance(name) == InstanceGuard::Acquired) return true;
-  std::cerr << kAlreadyRunningText << std::endl;
+  const std::string name = interfaceName.empty() ? std::string(app::kSingleInstanceName)
+                                                 : std::string(app::kSingleInstanceName) + "@" + interfaceName;
+  if (app::acquireSingleInstance(name) == app::InstanceGuard::Acquired) return true;
+  std::cerr << app::kAlreadyRunningText << std::endl;
   return false;
 }
 

@@ -7,7 +7,7 @@ namespace tarnlift::cli {
 
 void startSockets() {
   WSADATA data;
-  if (WSAStartup(0x0102, &data) != 0) fatalFailure("WSA start failed");
+  if (WSAStartup(0x0102, &data) != 0) app::fatalFailure("WSA start failed");
 }
 
 }  // namespace tarnlift::cli

@@ -22,6 +22,6 @@ std::string explainNoInterface(uint32_t clientAddress, const std::string& interf
                                                  candidate));
 }
 
-void explainFatalFailures() { setFailureExplainer(&explainFailure); }
+void explainFatalFailures() { app::setFailureExplainer(&explainFailure); }
 
 }  // namespace tarnlift::doctor

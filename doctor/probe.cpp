@@ -94,7 +94,7 @@ namespace {
 // "what: the system's text (code)" for the socket library's last error.
 std::string socketFailure(const char* what) {
   uint32_t code = net::UdpSocket::lastError();
-  return std::string(what) + ": " + systemErrorText(code) + " (" + std::to_string(code) + ")";
+  return std::string(what) + ": " + app::systemErrorText(code) + " (" + std::to_string(code) + ")";
 }
 }  // namespace
 
@@ -134,7 +134,7 @@ bool UdpProbeChannel::receive(int waitMillis, ProbeDatagram& datagram) {
   return true;
 }
 
-bool runProbe(ProbeChannel& channel, const Clock& clock, const net::MacAddress& mac, uint32_t xid, int totalMillis,
+bool runProbe(ProbeChannel& channel, const app::Clock& clock, const net::MacAddress& mac, uint32_t xid, int totalMillis,
               std::vector<ProbeAnswer>& answers, std::string& why, const ProbeProgressShown& progress) {
   constexpr int kProgressMillis = 250;
   answers.clear();
@@ -182,7 +182,8 @@ bool probeBootServers(const std::string& interfaceName, uint32_t interfaceAddres
   answers.clear();
   std::unique_ptr<ProbeChannel> channel = openProbeChannel(interfaceName, interfaceAddress, why);
   if (!channel) return false;
-  return runProbe(*channel, SteadyClock::instance(), mac, std::random_device{}(), totalMillis, answers, why, progress);
+  return runProbe(*channel, app::SteadyClock::instance(), mac, std::random_device{}(), totalMillis, answers, why,
+                  progress);
 }
 
 }  // namespace tarnlift::doctor

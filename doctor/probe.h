@@ -101,7 +101,7 @@ std::string probeProgressLine(const ProbeProgress& progress);
 // collects every answer until totalMillis, one per server and offered
 // address. `progress` (may be empty) hears of each step, at least every
 // 250 ms. False with `why` when a DHCPDISCOVER could not be sent.
-bool runProbe(ProbeChannel& channel, const Clock& clock, const net::MacAddress& mac, uint32_t xid, int totalMillis,
+bool runProbe(ProbeChannel& channel, const app::Clock& clock, const net::MacAddress& mac, uint32_t xid, int totalMillis,
               std::vector<ProbeAnswer>& answers, std::string& why, const ProbeProgressShown& progress = {});
 
 // The probe on the interface, for totalMillis, on the platform's channel.

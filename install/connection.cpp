@@ -28,7 +28,7 @@ bool InstallConnection::validate(const uint8_t* datagram, size_t length) const {
   if (length < kHeaderSize) return false;
   uint16_t payload = payloadLengthOf(datagram);
   if (length - kHeaderSize != payload) {
-    logLine() << "* size mismatch: size: " << length << ", payload: " << payload;
+    app::logLine() << "* size mismatch: size: " << length << ", payload: " << payload;
     return false;
   }
   if (std::memcmp(sourceMacOf(datagram), localMac.data(), 6) == 0) return false;  // our own, looped back
@@ -40,7 +40,7 @@ bool InstallConnection::validate(const uint8_t* datagram, size_t length) const {
   }
   if (isZeroMac(peerMac)) return true;
   if (std::memcmp(sourceMacOf(datagram), peerMac.data(), 6) != 0) {
-    logLine() << "* invalid source";
+    app::logLine() << "* invalid source";
     return false;
   }
   return true;
@@ -51,11 +51,11 @@ int InstallConnection::accept(const uint8_t* datagram, size_t length) {
   uint32_t theirAck = acknowledgementOf(datagram);
   uint32_t theirSeq = sequenceOf(datagram);
   if (theirAck > seq) {
-    logLine() << "* recv ack bigger than sent seq";
-    logLine() << "Src: " << macText(sourceMacOf(datagram)) << "\tDst: " << macText(destinationMacOf(datagram));
-    logLine() << "Payload: " << payloadLengthOf(datagram);
-    logLine() << "SeqNum: " << theirSeq << "\tAckNum: " << theirAck;
-    logLine() << "conn seqNum: " << seq << ", ackNum: " << ack;
+    app::logLine() << "* recv ack bigger than sent seq";
+    app::logLine() << "Src: " << macText(sourceMacOf(datagram)) << "\tDst: " << macText(destinationMacOf(datagram));
+    app::logLine() << "Payload: " << payloadLengthOf(datagram);
+    app::logLine() << "SeqNum: " << theirSeq << "\tAckNum: " << theirAck;
+    app::logLine() << "conn seqNum: " << seq << ", ackNum: " << ack;
     return -1;
   }
   if (theirSeq == ack + 1) {

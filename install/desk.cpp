@@ -5,7 +5,7 @@
 namespace tarnlift {
 
 InstallDesk::InstallDesk(RouterInstaller& routers, DriveInstaller& drives, packages::PackageSets& sets,
-                         RememberedChoices& remembered, const Clock& clock)
+                         RememberedChoices& remembered, const app::Clock& clock)
     : routers_(routers), drives_(drives), sets_(sets), remembered_(remembered), clock_(clock) {}
 
 bool InstallDesk::isDriveMac(const MacAddress& mac) {

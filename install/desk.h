@@ -130,7 +130,7 @@ struct DeskNews {
 class InstallDesk {
  public:
   InstallDesk(RouterInstaller& routers, DriveInstaller& drives, packages::PackageSets& sets,
-              RememberedChoices& remembered, const Clock& clock);
+              RememberedChoices& remembered, const app::Clock& clock);
 
   RouterTable& table() { return table_; }
   RouterInstaller& routers() { return routers_; }
@@ -194,7 +194,7 @@ class InstallDesk {
   DriveInstaller& drives_;
   packages::PackageSets& sets_;
   RememberedChoices& remembered_;
-  const Clock& clock_;
+  const app::Clock& clock_;
   RouterTable table_;
   std::string packageDir_;
   std::function<void()> sendBeacon_;

@@ -47,13 +47,13 @@ AnnouncementKind parseAnnouncement(const MacAddress& mac, const uint8_t* payload
 DiscoveredRouterQueue::DiscoveredRouterQueue() : event_(true) {}
 
 void DiscoveredRouterQueue::push(const RouterRecord& record) {
-  MutexLock hold(lock_, 10000);
+  app::MutexLock hold(lock_, 10000);
   if (records_.empty()) event_.set();
   records_.push_back(record);
 }
 
 bool DiscoveredRouterQueue::pop(RouterRecord& record) {
-  MutexLock hold(lock_, 10000);
+  app::MutexLock hold(lock_, 10000);
   if (records_.empty()) {
     event_.reset();
     return false;
@@ -65,7 +65,7 @@ bool DiscoveredRouterQueue::pop(RouterRecord& record) {
 }
 
 size_t DiscoveredRouterQueue::size() {
-  MutexLock hold(lock_, 10000);
+  app::MutexLock hold(lock_, 10000);
   return records_.size();
 }
 

@@ -35,11 +35,11 @@ class DiscoveredRouterQueue {
   void push(const RouterRecord& record);
   bool pop(RouterRecord& record);
   size_t size();
-  Event& event() { return event_; }
+  app::Event& event() { return event_; }
 
  private:
-  Mutex lock_;
-  Event event_;
+  app::Mutex lock_;
+  app::Event event_;
   std::deque<RouterRecord> records_;
 };
 

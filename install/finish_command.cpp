@@ -76,13 +76,13 @@ void logOutput(const std::string& prefix, std::string& pending, bool all) {
       if (start == pending.size()) break;
       end = std::min(pending.size(), start + kLongestLine);
       std::string line = pending.substr(start, end - start);
-      logLine() << prefix << line;
+      app::logLine() << prefix << line;
       start = end;
       continue;
     }
     std::string line = pending.substr(start, end - start);
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    logLine() << prefix << line;
+    app::logLine() << prefix << line;
     start = end + 1;
   }
   pending.erase(0, start);
@@ -93,7 +93,7 @@ void runOne(State& state, const RouterResult& job) {
   std::string error;
   finishprocess::ChildPtr child = finishprocess::start(state.command, finishEnvironment(job), error);
   if (!child) {
-    logLine(LogPriority::Warning) << prefix << "cannot run the command: " << error;
+    app::logLine(app::LogPriority::Warning) << prefix << "cannot run the command: " << error;
     return;
   }
   {
@@ -115,13 +115,13 @@ void runOne(State& state, const RouterResult& job) {
   }
   int code = finishprocess::wait(*child);
   if (killed) {
-    logLine(LogPriority::Warning) << prefix << "killed at the server's stop";
+    app::logLine(app::LogPriority::Warning) << prefix << "killed at the server's stop";
     return;
   }
   if (code == 0) {
-    logLine() << prefix << "exit code 0";
+    app::logLine() << prefix << "exit code 0";
   } else {
-    logLine(LogPriority::Warning) << prefix << "exit code " << code;
+    app::logLine(app::LogPriority::Warning) << prefix << "exit code " << code;
   }
   std::lock_guard<std::mutex> lock(state.mutex);
   ++state.completed;
@@ -181,8 +181,9 @@ void FinishCommand::stop(uint32_t milliseconds) {
       killed = true;
       finishprocess::kill(*child);
     }
-    logLine(LogPriority::Warning) << "on-finish: " << state.busy << " still running after " << milliseconds / 1000.0
-                                  << " s: killed; " << dropped << " waiting: not run";
+    app::logLine(app::LogPriority::Warning)
+        << "on-finish: " << state.busy << " still running after " << milliseconds / 1000.0 << " s: killed; " << dropped
+        << " waiting: not run";
   }
   state.quit = true;
   state.wake.notify_all();

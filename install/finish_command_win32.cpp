@@ -81,16 +81,16 @@ ChildPtr start(const std::string& command, const EnvironmentList& environment, s
   SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
   HANDLE input = CreateFileA("NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0,
                              nullptr);
-  ChildStart how;
+  app::ChildStart how;
   how.commandLine = line;
   how.creationFlags = CREATE_NO_WINDOW | CREATE_SUSPENDED;
   how.environment = block.data();
   how.input = input;
   how.output = writeEnd;
   how.error = writeEnd;
-  StartedChild info;
+  app::StartedChild info;
   uint32_t startError = 0;
-  bool started = startChildWithHandles(how, info, startError);
+  bool started = app::startChildWithHandles(how, info, startError);
   CloseHandle(writeEnd);
   if (input != INVALID_HANDLE_VALUE) CloseHandle(input);
   if (!started) {

@@ -16,7 +16,7 @@ std::string oneLine(std::string text) {
 }
 }  // namespace
 
-HeadlessInstaller::HeadlessInstaller(InstallServer& server, const Clock& clock, HeadlessOptions options,
+HeadlessInstaller::HeadlessInstaller(InstallServer& server, const app::Clock& clock, HeadlessOptions options,
                                      packages::PackageSets& sets, RememberedChoices& remembered, std::ostream& out,
                                      std::ostream& err)
     : server_(server),
@@ -38,7 +38,7 @@ HeadlessInstaller::HeadlessInstaller(InstallServer& server, const Clock& clock, 
 
 void HeadlessInstaller::showMessage(const std::string& text, const std::string& title, bool) {
   refusal_ = oneLine(text);
-  logLine() << "message (" << title << "): " << refusal_;
+  app::logLine() << "message (" << title << "): " << refusal_;
 }
 
 bool HeadlessInstaller::askYesNo(const std::string& text) {
@@ -51,9 +51,9 @@ void HeadlessInstaller::tick() {
   InstallDesk::TickResult result = desk_.tick();
   for (const MacAddress& mac : result.added) {
     RouterRow* row = desk_.table().find(mac);
-    logLine() << "router found: " << row->labelCell << " " << row->macCell << " " << row->architectureCell;
+    app::logLine() << "router found: " << row->labelCell << " " << row->macCell << " " << row->architectureCell;
     if (options_.json) {
-      out_ << JsonObjectWriter()
+      out_ << app::JsonObjectWriter()
                   .text("event", "seen")
                   .text("mac", macText(mac))
                   .text("label", row->record.label)
@@ -95,7 +95,8 @@ bool HeadlessInstaller::mayInstall(const MacAddress& mac) {
   bool named = options_.macs.count(mac) != 0;
   if (options_.onlyKnown) {
     if (named || options_.inventory.contains(mac)) return true;
-    if (ignored_.insert(mac).second) logLine() << "unknown router " << macText(mac) << " left alone (--only-known)";
+    if (ignored_.insert(mac).second)
+      app::logLine() << "unknown router " << macText(mac) << " left alone (--only-known)";
     return false;
   }
   return options_.macs.empty() || named;
@@ -111,7 +112,8 @@ void HeadlessInstaller::install(RouterRow& row) {
   std::vector<std::string> select = options_.select;
   const InventoryEntry* listed = options_.inventory.find(record.mac);
   if (listed != nullptr) {
-    if (listed->label) logLine() << "router " << macText(record.mac) << " is \"" << *listed->label << "\" in the inventory";
+    if (listed->label)
+      app::logLine() << "router " << macText(record.mac) << " is \"" << *listed->label << "\" in the inventory";
     applyInventoryEntry(*listed, choices, setName, select);
   }
   if (options_.pool && !(listed && listed->choices.gives(GivenChoices::kAddress))) {
@@ -122,8 +124,8 @@ void HeadlessInstaller::install(RouterRow& row) {
     }
     choices.address = net::networkOrder(address);
     choices.netmaskBits = options_.pool->netmaskBits();
-    logLine() << "router " << macText(record.mac) << " gets " << net::formatHostOrderIpv4(address) << "/"
-              << choices.netmaskBits << " from the address pool";
+    app::logLine() << "router " << macText(record.mac) << " gets " << net::formatHostOrderIpv4(address) << "/"
+                   << choices.netmaskBits << " from the address pool";
   }
   if (setName.empty() && select.empty()) {
     // Not what an earlier run or the window remembered ("Previous Install"):
@@ -133,8 +135,8 @@ void HeadlessInstaller::install(RouterRow& row) {
     catalogue_.setFolder(choice.folder, record.architecture);
     catalogue_.applySelection(choice.files);
     packages::PackageSets::selectAll(catalogue_, &choice);
-    logLine() << "router " << macText(record.mac) << " gets the package folder's default selection ("
-              << choice.files.size() << " packages)";
+    app::logLine() << "router " << macText(record.mac) << " gets the package folder's default selection ("
+                   << choice.files.size() << " packages)";
   } else if (!setName.empty()) {
     if (!sets_.chooseSet(choice, setName)) {
       showMessage("no package set named " + setName, "Error", true);
@@ -209,7 +211,7 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
     result.success = success;
     result.confirmed = confirmed;
     result.text = text;
-    if (options_.json) out_ << resultJsonLine(result, JsonObjectWriter().text("event", "ended")) << std::endl;
+    if (options_.json) out_ << resultJsonLine(result, app::JsonObjectWriter().text("event", "ended")) << std::endl;
     if (options_.onEnded) options_.onEnded(result);
   }
 }
@@ -217,7 +219,7 @@ void HeadlessInstaller::finish(const RouterRecord& record, bool success, const s
 void HeadlessInstaller::progress(const RouterRow& row) {
   const RouterRecord& r = row.record;
   if (options_.json) {
-    out_ << JsonObjectWriter()
+    out_ << app::JsonObjectWriter()
                 .text("event", "progress")
                 .text("mac", macText(r.mac))
                 .text("status", statusRowText(r.status))

@@ -60,8 +60,8 @@ struct HeadlessOptions {
 
 class HeadlessInstaller : public InstallPrompter {
  public:
-  HeadlessInstaller(InstallServer& server, const Clock& clock, HeadlessOptions options, packages::PackageSets& sets,
-                    RememberedChoices& remembered, std::ostream& out, std::ostream& err);
+  HeadlessInstaller(InstallServer& server, const app::Clock& clock, HeadlessOptions options,
+                    packages::PackageSets& sets, RememberedChoices& remembered, std::ostream& out, std::ostream& err);
 
   // One round of the window's timer: drain discovered routers and install
   // them, expire silent ones, poll the sessions and act on their news.
@@ -107,7 +107,7 @@ class HeadlessInstaller : public InstallPrompter {
   size_t failed_ = 0;
   std::string refusal_;
   std::set<MacAddress> ignored_;
-  const Clock& clock_;
+  const app::Clock& clock_;
   // What the results need of an install that started.
   struct Started {
     uint64_t micros = 0;

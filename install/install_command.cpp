@@ -7,7 +7,7 @@
 
 namespace tarnlift {
 
-void RememberedChoices::load(Registry& settings) {
+void RememberedChoices::load(app::Registry& settings) {
   keepConfig = settings.readBool("Previous KeepConfig", false);
   address = settings.readInt("Previous Address", 0);
   netmaskBits = settings.readInt("Previous Netmask", 0);
@@ -20,7 +20,7 @@ void RememberedChoices::load(Registry& settings) {
   modeScriptPath = settings.readString("Previous ModeScriptFile", "");
 }
 
-void RememberedChoices::save(Registry& settings) const {
+void RememberedChoices::save(app::Registry& settings) const {
   settings.writeBool("Previous KeepConfig", keepConfig);
   settings.writeInt("Previous Address", address);
   settings.writeInt("Previous NetMask", netmaskBits);

@@ -14,9 +14,11 @@
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift {
-
+namespace tarnlift::app {
 class Registry;
+}
+
+namespace tarnlift {
 
 inline constexpr const char* kAddressQuestion =
     "No address will be set unless both address and netmask is specified. Proceed?";
@@ -39,8 +41,8 @@ class InstallPrompter {
 // afterwards, and persisted as the "Previous ..." settings. Its keepBranding
 // is never read, saved or applied: each router starts with its own.
 struct RememberedChoices : InstallChoices {
-  void load(Registry& settings);
-  void save(Registry& settings) const;
+  void load(app::Registry& settings);
+  void save(app::Registry& settings) const;
   // A newly discovered router starts from these. Apply default config is on
   // for a router that has a default configuration and off for one that has
   // none (hasDefaultConfiguration), whatever was remembered.

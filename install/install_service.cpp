@@ -10,7 +10,7 @@ InstallService::InstallService(uint16_t port, InstallTransport::Options options)
   // The datagrams carry the MAC of the interface they leave from; opening
   // the transport chooses that interface (and its MAC) again.
   transport_.init(netboot::servedInterface().mac, std::nullopt, port);
-  server_ = std::make_unique<InstallServer>(transport_, SteadyClock::instance());
+  server_ = std::make_unique<InstallServer>(transport_, app::SteadyClock::instance());
   server_->start();
 }
 
@@ -27,7 +27,7 @@ InstallService& InstallServices::forPort(uint16_t port) {
 }
 
 void InstallServices::setBeacon(bool on) {
-  logLine() << "beacon: " << (on ? 1 : 0);
+  app::logLine() << "beacon: " << (on ? 1 : 0);
   if (on) {
     if (!beacon_) {
       beacon_ = std::make_unique<InstallBeacon>();

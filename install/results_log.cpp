@@ -8,7 +8,7 @@
 
 namespace tarnlift {
 
-std::string resultJsonLine(const RouterResult& r, JsonObjectWriter start) {
+std::string resultJsonLine(const RouterResult& r, app::JsonObjectWriter start) {
   return start.text("time", r.time)
       .text("mac", r.mac)
       .text("label", r.label)
@@ -24,7 +24,7 @@ std::string resultJsonLine(const RouterResult& r, JsonObjectWriter start) {
       .str();
 }
 
-std::string utcTimestamp() { return utcTextNow(UtcLayout::Iso); }
+std::string utcTimestamp() { return app::utcTextNow(app::UtcLayout::Iso); }
 
 ResultsLog::~ResultsLog() {
   if (file_ != nullptr) std::fclose(file_);

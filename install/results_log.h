@@ -32,7 +32,7 @@ struct RouterResult {
 
 // One results line; `start` holds the fields that come before the result's
 // own (serve's event name on its standard output).
-std::string resultJsonLine(const RouterResult& result, JsonObjectWriter start = JsonObjectWriter());
+std::string resultJsonLine(const RouterResult& result, app::JsonObjectWriter start = app::JsonObjectWriter());
 
 class ResultsLog {
  public:

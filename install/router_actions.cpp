@@ -74,7 +74,7 @@ InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalog
   // A drive that must not be erased is refused before anything starts.
   std::string reason;
   if (drive && !desk.drives().mayErase(r, reason)) {
-    logLine() << "refused: " << reason;
+    app::logLine() << "refused: " << reason;
     prompter.showMessage(reason, "Error", true);
     return InstallOutcome::Refused;
   }

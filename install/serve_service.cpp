@@ -5,7 +5,7 @@
 
 namespace tarnlift {
 
-ServeService::ServeService(HeadlessOptions& options, packages::PackageSets& sets, Registry& settings,
+ServeService::ServeService(HeadlessOptions& options, packages::PackageSets& sets, app::Registry& settings,
                            ServeRunOptions run)
     : options_(options), sets_(sets), settings_(settings), run_(std::move(run)) {}
 
@@ -18,7 +18,7 @@ bool ServeService::prepare(std::string& error, bool& usage) {
   usage = true;
   if (!run_.inventoryFile.empty()) {
     if (!loadInventory(options_.inventory, error)) return false;
-    logLine() << "serve: inventory " << run_.inventoryFile << " lists " << options_.inventory.size() << " routers";
+    app::logLine() << "serve: inventory " << run_.inventoryFile << " lists " << options_.inventory.size() << " routers";
   }
   if (options_.onlyKnown && options_.inventory.size() == 0 && options_.macs.empty()) {
     error = "--only-known needs --inventory FILE or --mac MAC";
@@ -73,7 +73,7 @@ bool ServeService::knows(const MacAddress& mac) const {
   return known_.count(mac) != 0;
 }
 
-HeadlessInstaller& ServeService::startInstaller(InstallServer& server, const Clock& clock, std::ostream& out,
+HeadlessInstaller& ServeService::startInstaller(InstallServer& server, const app::Clock& clock, std::ostream& out,
                                                 std::ostream& err) {
   remembered_.load(settings_);
   installer_ = std::make_unique<HeadlessInstaller>(server, clock, options_, sets_, remembered_, out, err);
@@ -81,19 +81,21 @@ HeadlessInstaller& ServeService::startInstaller(InstallServer& server, const Clo
 }
 
 void ServeService::reload(DeskCompanion* companion) {
-  logLine() << "serve: hang-up: re-reading the package folder " << options_.packageDir;
+  app::logLine() << "serve: hang-up: re-reading the package folder " << options_.packageDir;
   if (!run_.inventoryFile.empty()) {
     // Checked whole, as at the start: a bad line keeps the inventory that
     // was in force, so nothing is half-applied.
     Inventory fresh;
     std::string error;
     if (!loadInventory(fresh, error)) {
-      logLine(LogPriority::Warning) << "serve: hang-up: inventory not re-read, the previous one stays: " << error;
+      app::logLine(app::LogPriority::Warning)
+          << "serve: hang-up: inventory not re-read, the previous one stays: " << error;
     } else {
       std::unique_lock<std::mutex> lock;
       if (companion) lock = std::unique_lock<std::mutex>(companion->deskLock());
       reservePoolAddresses(fresh);
-      logLine() << "serve: hang-up: inventory " << run_.inventoryFile << " re-read: " << fresh.size() << " routers";
+      app::logLine() << "serve: hang-up: inventory " << run_.inventoryFile << " re-read: " << fresh.size()
+                     << " routers";
       options_.inventory = fresh;
       installer_->setInventory(std::move(fresh));
       if (options_.onlyKnown) rememberKnown();
@@ -128,7 +130,7 @@ bool ServeService::finish(bool stoppedByRequest) {
     remembered_.save(settings_);
     sets_.saveSets(settings_);
   }
-  logLine() << "serve: " << installer_->succeeded() << " installed, " << installer_->failed() << " failed";
+  app::logLine() << "serve: " << installer_->succeeded() << " installed, " << installer_->failed() << " failed";
   // Told to stop, the server did what it was told: a clean end. A counted
   // run reports whether its routers succeeded.
   return stoppedByRequest || installer_->failed() == 0;

@@ -61,7 +61,7 @@ class ServeService {
   // The settings key of the pool's remembered addresses.
   static constexpr const char* kPoolSettingsValue = "Address Pool";
 
-  ServeService(HeadlessOptions& options, packages::PackageSets& sets, Registry& settings, ServeRunOptions run);
+  ServeService(HeadlessOptions& options, packages::PackageSets& sets, app::Registry& settings, ServeRunOptions run);
   ServeService(const ServeService&) = delete;
   ServeService& operator=(const ServeService&) = delete;
 
@@ -78,7 +78,8 @@ class ServeService {
 
   // The installer on `server`, with the remembered choices read from the
   // settings. The options' afterFor and sendBeacon are set before this.
-  HeadlessInstaller& startInstaller(InstallServer& server, const Clock& clock, std::ostream& out, std::ostream& err);
+  HeadlessInstaller& startInstaller(InstallServer& server, const app::Clock& clock, std::ostream& out,
+                                    std::ostream& err);
   HeadlessInstaller& installer() { return *installer_; }
   RememberedChoices& remembered() { return remembered_; }
 
@@ -104,7 +105,7 @@ class ServeService {
 
   HeadlessOptions& options_;
   packages::PackageSets& sets_;
-  Registry& settings_;
+  app::Registry& settings_;
   ServeRunOptions run_;
   RememberedChoices remembered_;
   std::shared_ptr<ResultsLog> results_;

@@ -20,7 +20,7 @@ uint8_t* ChunkRoom::datagram(size_t i) {
 PackageSender::PackageSender(const std::string& path, const std::string& remoteName, DatagramTransport& transport,
                              InstallConnection& connection, uint8_t* datagram, ChunkRoom& room, SentDatagram& last)
     : transport_(transport), connection_(connection), datagram_(datagram), room_(room), last_(last) {
-  if (!file_.open(path)) fatalFailure("_open() package failed");
+  if (!file_.open(path)) app::fatalFailure("_open() package failed");
   size_t slash = remoteName.find_last_of('\\');
   remoteName_ = slash == std::string::npos ? remoteName : remoteName.substr(slash + 1);
   length_ = static_cast<int32_t>(file_.length());
@@ -29,7 +29,7 @@ PackageSender::PackageSender(const std::string& path, const std::string& remoteN
                               remoteName_.c_str(), static_cast<int>(length_));
   size_t payload = std::min(static_cast<size_t>(std::max(written, 0)), kMaxPayload - 1);
   send(datagram_, payload);
-  logLine() << "sending " << remoteName_ << ", size: " << length_;
+  app::logLine() << "sending " << remoteName_ << ", size: " << length_;
 }
 
 void PackageSender::send(uint8_t* datagram, size_t payloadLength) {
@@ -45,7 +45,7 @@ void PackageSender::readAhead() {
   uint8_t* pieces[ChunkRoom::kChunks];
   for (size_t i = 0; i < wanted; ++i) pieces[i] = room_.datagram(i) + kHeaderSize;
   roomBytes_ = file_.readPieces(pieces, wanted, kChunkSize);
-  if (roomBytes_ < 0) fatalFailure("_read() package failed");
+  if (roomBytes_ < 0) app::fatalFailure("_read() package failed");
   chunksRead_ = static_cast<size_t>((roomBytes_ + static_cast<int64_t>(kChunkSize) - 1) / kChunkSize);
   nextChunk_ = 0;
 }
@@ -76,8 +76,8 @@ bool endsWith(const std::string& text, const char* tail) {
 
 }  // namespace
 
-Installator::Installator(const RouterRecord& request, bool install, DatagramTransport& transport, const Clock& clock,
-                         const AutorunScriptMaker& makeScript)
+Installator::Installator(const RouterRecord& request, bool install, DatagramTransport& transport,
+                         const app::Clock& clock, const AutorunScriptMaker& makeScript)
     : request_(request), transport_(transport), clock_(clock) {
   connection_.reset();
   std::memset(datagram_, 0, sizeof datagram_);
@@ -91,10 +91,10 @@ Installator::Installator(const RouterRecord& request, bool install, DatagramTran
   }
   state_ = InstallState::AwaitAccept;
   if (request_.modeScriptEnabled && !request_.modeScriptPath.empty()) {
-    logLine() << "mode script: " << request_.modeScriptPath;
+    app::logLine() << "mode script: " << request_.modeScriptPath;
     request_.files.push_back(request_.modeScriptPath);
   }
-  logLine() << "script: " << request_.scriptPath;
+  app::logLine() << "script: " << request_.scriptPath;
   std::string failure;
   std::string path = makeScript ? makeScript(request_, failure) : makeAutorunScript(request_, failure);
   if (!failure.empty()) {
@@ -119,7 +119,7 @@ Installator::Installator(const RouterRecord& request, bool install, DatagramTran
 Installator::~Installator() {
   sender_.reset();
   if (!autorunPath_.empty()) std::remove(autorunPath_.c_str());
-  logLine() << "~Installator()";
+  app::logLine() << "~Installator()";
 }
 
 void Installator::sendPayload(size_t payloadLength) {
@@ -141,14 +141,14 @@ void Installator::onDatagram(const uint8_t* datagram, size_t length) {
 void Installator::onDatagram(const uint8_t* datagram, size_t length, uint64_t nowUs) {
   int result = connection_.accept(datagram, length);
   if (result < 0) {
-    logLine() << "bad packet received: ";
+    app::logLine() << "bad packet received: ";
     if (length < kHeaderSize) return;
     uint16_t payload = payloadLengthOf(datagram);
-    logLine() << "Src: " << macText(sourceMacOf(datagram)) << "\tDst: " << macText(destinationMacOf(datagram));
-    logLine() << "Payload: " << payload;
-    logLine() << "SeqNum: " << sequenceOf(datagram) << "\tAckNum: " << acknowledgementOf(datagram);
+    app::logLine() << "Src: " << macText(sourceMacOf(datagram)) << "\tDst: " << macText(destinationMacOf(datagram));
+    app::logLine() << "Payload: " << payload;
+    app::logLine() << "SeqNum: " << sequenceOf(datagram) << "\tAckNum: " << acknowledgementOf(datagram);
     if (payload != 0 && length == kHeaderSize + payload) {
-      logLine() << "Data: " << std::string(reinterpret_cast<const char*>(datagram + kHeaderSize), payload);
+      app::logLine() << "Data: " << std::string(reinterpret_cast<const char*>(datagram + kHeaderSize), payload);
     }
     return;
   }
@@ -165,7 +165,7 @@ void Installator::onDatagram(const uint8_t* datagram, size_t length, uint64_t no
           request_.statusText = "Formatting harddrive...";
           timeout_ = kFormatTimeoutUs;
           sendPayload(0);
-          logLine() << "prepare ok";
+          app::logLine() << "prepare ok";
         } else if (payloadHasTag(payload, payloadLength, "NACK")) {
           fail("router refused installation");
         } else {
@@ -174,7 +174,7 @@ void Installator::onDatagram(const uint8_t* datagram, size_t length, uint64_t no
         break;
       case InstallState::AwaitStart:
         if (payloadHasTag(payload, payloadLength, "STRT")) {
-          logLine() << "format ok";
+          app::logLine() << "format ok";
           state_ = InstallState::Transfer;
           timeout_ = kTransferTimeoutUs;
           sendPayload(0);
@@ -199,7 +199,7 @@ void Installator::onDatagram(const uint8_t* datagram, size_t length, uint64_t no
         }
         break;
       case InstallState::Finished:
-        logLine() << "finished";
+        app::logLine() << "finished";
         break;
     }
   }
@@ -262,7 +262,7 @@ void Installator::onTimeout() {
 }
 
 void Installator::fail(const std::string& reason) {
-  logLine(LogPriority::Warning) << "fail: " << reason;
+  app::logLine(app::LogPriority::Warning) << "fail: " << reason;
   request_.status = kStatusFailed;
   request_.progress = 0;
   request_.statusText = "Installation failed: " + reason;
@@ -273,24 +273,24 @@ void Installator::fail(const std::string& reason) {
 
 void Installator::reboot() {
   request_.statusText = "Sending reboot command...";
-  logLine() << "rebooting";
+  app::logLine() << "rebooting";
   std::string payload = "TERM\nInstallation successful\n";
-  logLine() << "sending: " << payload;
+  app::logLine() << "sending: " << payload;
   sendText(payload);
 }
 
 void Installator::shutdown() {
   request_.statusText = "Sending shutdown command...";
-  logLine() << "shutting down";
+  app::logLine() << "shutting down";
   std::string payload = "TERM\nshutdown\n";
-  logLine() << "sending: " << payload;
+  app::logLine() << "sending: " << payload;
   sendText(payload);
 }
 
 // ---- InstallServer ----------------------------------------------------------
 
-InstallServer::InstallServer(DatagramTransport& transport, const Clock& clock, AutorunScriptMaker makeScript)
-    : Thread("Router installer"),
+InstallServer::InstallServer(DatagramTransport& transport, const app::Clock& clock, AutorunScriptMaker makeScript)
+    : app::Thread("Router installer"),
       transport_(transport),
       clock_(clock),
       makeScript_(std::move(makeScript)),
@@ -301,12 +301,12 @@ InstallServer::InstallServer(DatagramTransport& transport, const Clock& clock, A
 
 InstallServer::~InstallServer() {
   destroy();
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   sessions_.clear();
 }
 
 void InstallServer::start(const RouterRecord& request, bool install) {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   sessions_.erase(request.mac);
   auto session = std::make_unique<Installator>(request, install, transport_, clock_, makeScript_);
   noteDeadline(session->deadline());
@@ -314,31 +314,31 @@ void InstallServer::start(const RouterRecord& request, bool install) {
 }
 
 SessionStatus InstallServer::status(const MacAddress& mac) {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   auto it = sessions_.find(mac);
   if (it == sessions_.end()) return {};
   return it->second->status();
 }
 
 void InstallServer::reboot(const MacAddress& mac) {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   auto it = sessions_.find(mac);
   if (it != sessions_.end()) it->second->reboot();
 }
 
 void InstallServer::shutdown(const MacAddress& mac) {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   auto it = sessions_.find(mac);
   if (it != sessions_.end()) it->second->shutdown();
 }
 
 void InstallServer::remove(const MacAddress& mac) {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   sessions_.erase(mac);
 }
 
 void InstallServer::requestRemoval(const MacAddress& mac) {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   auto it = sessions_.find(mac);
   if (it == sessions_.end()) return;
   it->second->removalRequested = true;
@@ -351,7 +351,7 @@ Installator* InstallServer::session(const MacAddress& mac) {
 }
 
 size_t InstallServer::sessionCount() {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   return sessions_.size();
 }
 
@@ -360,7 +360,7 @@ void InstallServer::noteDeadline(uint64_t deadline) {
 }
 
 uint64_t InstallServer::scanSessions() {
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   uint64_t now = clock_.nowMicros();
   // Deadlines only move when a session is started, hears a datagram or
   // times out, and each of those tells noteDeadline. So until the earliest
@@ -400,7 +400,7 @@ bool InstallServer::pollOnce() {
   if (!arrived) return false;
   // One time for the whole batch: the datagrams arrived together.
   uint64_t now = clock_.nowMicros();
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   // The answers go out together after the batch (where the transport can);
   // until then each stays in its session's buffer.
   inBatch_ = true;
@@ -445,7 +445,7 @@ void InstallServer::onAnnouncement(const MacAddress& source, const uint8_t* payl
   int64_t now = static_cast<int64_t>(clock_.nowMicros());
   AnnouncementKind kind = parseAnnouncement(source, payload, length, now, record);
   if (kind == AnnouncementKind::Dropped) return;
-  MutexLock hold(sessionLock_, 10000);
+  app::MutexLock hold(sessionLock_, 10000);
   // A session may go below, and with it the buffers of answers held back.
   flushBatch();
   auto it = sessions_.find(source);

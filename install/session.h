@@ -109,7 +109,7 @@ struct SessionStatus {
 
 class Installator {
  public:
-  Installator(const RouterRecord& request, bool install, DatagramTransport& transport, const Clock& clock,
+  Installator(const RouterRecord& request, bool install, DatagramTransport& transport, const app::Clock& clock,
               const AutorunScriptMaker& makeScript);
   ~Installator();
   Installator(const Installator&) = delete;
@@ -147,7 +147,7 @@ class Installator {
   RouterRecord request_;
   InstallConnection connection_;
   DatagramTransport& transport_;
-  const Clock& clock_;
+  const app::Clock& clock_;
   uint8_t datagram_[kDatagramBufferSize];
   SentDatagram last_;
   ChunkRoom room_;
@@ -161,12 +161,12 @@ class Installator {
 
 // The "Router installer": owns the sessions and runs the receiving loop on
 // its own thread. Every call from another thread takes the session lock.
-class InstallServer : public Thread {
+class InstallServer : public app::Thread {
  public:
-  InstallServer(DatagramTransport& transport, const Clock& clock, AutorunScriptMaker makeScript = nullptr);
+  InstallServer(DatagramTransport& transport, const app::Clock& clock, AutorunScriptMaker makeScript = nullptr);
   ~InstallServer() override;
 
-  using Thread::start;
+  using app::Thread::start;
   void start(const RouterRecord& request, bool install);
   SessionStatus status(const MacAddress& mac);
   void reboot(const MacAddress& mac);
@@ -183,7 +183,7 @@ class InstallServer : public Thread {
   void onAnnouncement(const MacAddress& source, const uint8_t* payload, size_t length);
 
   DiscoveredRouterQueue& discovered() { return queue_; }
-  Mutex& sessionLock() { return sessionLock_; }
+  app::Mutex& sessionLock() { return sessionLock_; }
   // For tests and diagnosis; call with the session lock held.
   Installator* session(const MacAddress& mac);
   size_t sessionCount();
@@ -204,12 +204,12 @@ class InstallServer : public Thread {
   void flushBatch();
 
   DatagramTransport& transport_;
-  const Clock& clock_;
+  const app::Clock& clock_;
   AutorunScriptMaker makeScript_;
-  Event stopEvent_;
+  app::Event stopEvent_;
   DiscoveredRouterQueue queue_;
   uint8_t receiveBuffer_[kDatagramBufferSize];
-  Mutex sessionLock_;
+  app::Mutex sessionLock_;
   std::map<MacAddress, std::unique_ptr<Installator>> sessions_;
   uint64_t maxWaitUs_ = 1'000'000;
   // No session's deadline is before this (0: scan at the next pass).

@@ -14,7 +14,7 @@ InstallTransport::InstallTransport() : InstallTransport(Options{}) {}
 
 InstallTransport::InstallTransport(Options options) : options_(std::move(options)) {
   if (!options_.resolver) options_.resolver = defaultInstallInterfaceResolver();
-  if (!options_.sleep) options_.sleep = [](uint32_t ms) { sleepMilliseconds(ms); };
+  if (!options_.sleep) options_.sleep = [](uint32_t ms) { app::sleepMilliseconds(ms); };
 }
 
 InstallTransport::~InstallTransport() { close(); }
@@ -30,8 +30,8 @@ void InstallTransport::init(const MacAddress& localMac, std::optional<std::strin
 void InstallTransport::open() {
   socket_.close();
   {
-    Registry settings;
-    settings.openRoot(kSettingsKeyPath, kFullAccess, options_.store);
+    app::Registry settings;
+    settings.openRoot(app::kSettingsKeyPath, app::kFullAccess, options_.store);
     clientAddress_ = settings.readInt("PXE Client Address", 0);
   }
   served_ = options_.resolver(clientAddress_);
@@ -40,19 +40,19 @@ void InstallTransport::open() {
   // already address us by it. Only a caller that knew none (all zero) gets
   // the served interface's, since routers cannot answer an all-zero MAC.
   if (isZeroMac(localMac_)) localMac_ = served_.mac;
-  if (label_) logLine() << "socket(): " << *label_;
+  if (label_) app::logLine() << "socket(): " << *label_;
 
   if (!socket_.open()) {
     std::string message = "socket() failed";
-    reportSocketFailure(message, true);
+    app::reportSocketFailure(message, true);
   }
   if (!socket_.setBroadcast()) {
     std::string message = "setsockopt() SO_BROADCAST failed";
-    reportSocketFailure(message, true);
+    app::reportSocketFailure(message, true);
   }
   if (!socket_.setReuseAddress()) {
     std::string message = "setsockopt() SO_REUSEADDR failed";
-    reportSocketFailure(message, true);
+    app::reportSocketFailure(message, true);
   }
   socket_.ignoreConnectionResets();
   if (!isZeroMac(localMac_)) socket_.dropDatagramsFrom(localMac_.data());
@@ -62,7 +62,7 @@ void InstallTransport::open() {
   joined_ = net::UdpSocket::batchesAvailable() && socket_.receiveJoined();
   if (!socket_.bindOnInterface(served_.address, port_, served_.name)) {
     if (socket_.bindOnInterface(served_.address, options_.backupPort, served_.name)) {
-      logLine() << "bound to backup port";
+      app::logLine() << "bound to backup port";
       port_ = options_.backupPort;
     } else {
       // Deliberately quiet: the socket stays open and unbound and the
@@ -109,7 +109,7 @@ int InstallTransport::receive(uint8_t* buffer) {
   int count = socket_.receiveFrom(buffer, kDatagramBufferSize, &sourceAddress_, &sourcePort_);
   if (count < 0) {
     std::string message = "recvfrom() failed";
-    reportSocketFailure(message, true);
+    app::reportSocketFailure(message, true);
   }
   if (sourcePort_ != port_) return -1;
   return count;
@@ -130,7 +130,7 @@ int InstallTransport::waitReceive(uint8_t* buffer, uint64_t timeoutUs) {
 void InstallTransport::afterSilence(int result) {
   if (result != net::UdpSocket::kTimedOut && result != net::UdpSocket::kWaitFailed) {
     std::string message = "recvfrom() failed";
-    reportSocketFailure(message, true);
+    app::reportSocketFailure(message, true);
   }
   // Nothing came, or the wait itself failed (a socket that the system no
   // longer knows): check that the interface is still there by sending one
@@ -190,16 +190,16 @@ void InstallTransport::close() { socket_.close(); }
 
 bool InstallBeacon::create() {
   if (!socket_.open()) {
-    logLine() << "UDP: socket: " << net::UdpSocket::lastError();
+    app::logLine() << "UDP: socket: " << net::UdpSocket::lastError();
     return false;
   }
   if (!socket_.setBroadcast()) {
-    logLine() << "UDP: setsockopt() SO_BROADCAST: " << net::UdpSocket::lastError();
+    app::logLine() << "UDP: setsockopt() SO_BROADCAST: " << net::UdpSocket::lastError();
     socket_.close();
     return false;
   }
   if (!socket_.setReuseAddress()) {
-    logLine() << "UDP: setsockopt() SO_REUSEADDR: " << net::UdpSocket::lastError();
+    app::logLine() << "UDP: setsockopt() SO_REUSEADDR: " << net::UdpSocket::lastError();
     socket_.close();
     return false;
   }
@@ -210,7 +210,7 @@ void InstallBeacon::send(uint32_t address, uint16_t port) {
   if (!socket_.isOpen()) return;
   static const char kText[] = "you have to etherboot";
   int sent = socket_.sendTo(kText, 21, address, port);
-  if (sent < 21) logLine() << "UDP: sendto: " << net::UdpSocket::lastError();
+  if (sent < 21) app::logLine() << "UDP: sendto: " << net::UdpSocket::lastError();
 }
 
 void InstallBeacon::destroy() { socket_.close(); }

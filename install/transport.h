@@ -70,7 +70,7 @@ InstallInterfaceResolver defaultInstallInterfaceResolver();
 class InstallTransport : public DatagramTransport {
  public:
   struct Options {
-    std::shared_ptr<SettingsStore> store;  // null: the default store
+    std::shared_ptr<app::SettingsStore> store;  // null: the default store
     InstallInterfaceResolver resolver;     // null: the program's own
     uint16_t backupPort = kInstallBackupPort;
     uint32_t broadcastAddress = 0xFFFFFFFFu;  // network order

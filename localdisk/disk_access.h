@@ -133,7 +133,7 @@ struct DiskServices {
   VolumeFiles* files = nullptr;
   SourceFiles* sources = nullptr;
   // Makes the runner for the boot loader's installer (record 134).
-  std::function<std::unique_ptr<ProgramRunner>()> makeBootLoaderRunner;
+  std::function<std::unique_ptr<app::ProgramRunner>()> makeBootLoaderRunner;
 };
 
 // The platform's services, made once and kept for the life of the process.
@@ -141,6 +141,6 @@ DiskServices& platformDiskServices();
 
 // A program source over the boot image store (the records the local disk
 // uses live there on every platform).
-ProgramSource& bootImageProgramSource();
+app::ProgramSource& bootImageProgramSource();
 
 }  // namespace tarnlift::localdisk

@@ -34,14 +34,14 @@ class LinuxDiskAccess : public DiskAccess {
 void logToolOutput(const std::string& output) {
   std::istringstream lines(output);
   for (std::string line; std::getline(lines, line);) {
-    if (!line.empty()) logLine() << line;
+    if (!line.empty()) app::logLine() << line;
   }
 }
 
 bool mtools(const std::vector<std::string>& arguments, bool logFailure = true) {
   std::string program = findProgram(arguments[0]);
   if (program.empty()) {
-    logLine() << "cannot find " << arguments[0];
+    app::logLine() << "cannot find " << arguments[0];
     return false;
   }
   std::vector<std::string> argv = arguments;

@@ -43,18 +43,18 @@ std::string sectorDumpText(const uint8_t* sector, size_t size) {
 bool printSector(Device& device) {
   uint8_t sector[kSectorSize];
   if (device.read(sector, kSectorSize) != static_cast<int>(kSectorSize)) return false;
-  logStream() << sectorDumpText(sector, kSectorSize) << std::endl;
+  app::logStream() << sectorDumpText(sector, kSectorSize) << std::endl;
   return true;
 }
 
 DiskInstallation::DiskInstallation(const RouterRecord& row, DiskServices* services)
-    : Thread("Unnamed"), row_(row), services_(services != nullptr ? *services : platformDiskServices()) {
+    : app::Thread("Unnamed"), row_(row), services_(services != nullptr ? *services : platformDiskServices()) {
   drive_ = driveIdOf(row_);
   setStopSignal(&stopEvent_);
   // Never left running: a stop ends the children and then the thread, so
   // ending it waits as long as that takes instead of killing it.
-  setStopTimeout(kWaitInfinite);
-  MutexLock lock(mutex_);
+  setStopTimeout(app::kWaitInfinite);
+  app::MutexLock lock(mutex_);
   status_.state = kStatusInstalling;
   status_.statusText = "Preparing for installation...";
   status_.total = row_.totalSize;
@@ -66,16 +66,16 @@ DiskInstallation::~DiskInstallation() { destroy(); }
 
 void DiskInstallation::cancel() {
   stopEvent_.set();
-  waitFor(kWaitInfinite);
+  waitFor(app::kWaitInfinite);
 }
 
 DiskStatus DiskInstallation::status() {
-  MutexLock lock(mutex_);
+  app::MutexLock lock(mutex_);
   return status_;
 }
 
 bool DiskInstallation::nextNotification(DiskStatus& status) {
-  MutexLock lock(mutex_);
+  app::MutexLock lock(mutex_);
   if (notifications_.empty()) return false;
   status = notifications_.front();
   notifications_.pop_front();
@@ -83,26 +83,26 @@ bool DiskInstallation::nextNotification(DiskStatus& status) {
 }
 
 void DiskInstallation::post() {
-  MutexLock lock(mutex_);
+  app::MutexLock lock(mutex_);
   notifications_.push_back(status_);
   notificationEvent_.set();
 }
 
 void DiskInstallation::update(const std::string& text, uint32_t amount) {
-  MutexLock lock(mutex_);
+  app::MutexLock lock(mutex_);
   status_.statusText = text;
   status_.progress += amount;
   post();
 }
 
 bool DiskInstallation::fail(const std::string& text) {
-  MutexLock lock(mutex_);
+  app::MutexLock lock(mutex_);
   status_.errorText = text;
   return false;
 }
 
 bool DiskInstallation::refuse(const std::string& reason, const std::string& text) {
-  logLine() << "refused: " << reason;
+  app::logLine() << "refused: " << reason;
   return fail(text);
 }
 
@@ -116,14 +116,14 @@ uint32_t DiskInstallation::run() {
   if (!install()) {
     std::string errorText;
     {
-      MutexLock lock(mutex_);
+      app::MutexLock lock(mutex_);
       errorText = status_.errorText;
       status_.state = kStatusFailed;
       post();
     }
-    logLine() << "failed: " << errorText;
+    app::logLine() << "failed: " << errorText;
   }
-  stopEvent_.waitFor(kWaitInfinite);
+  stopEvent_.waitFor(app::kWaitInfinite);
   return 0;
 }
 
@@ -141,7 +141,7 @@ bool DiskInstallation::writeBootImageFile(const std::string& name, int number) {
 bool DiskInstallation::writeMbrFile(const uint8_t* sector) {
   std::unique_ptr<OutputFile> file = services_.files->createNew(target_, "mbr");
   if (file == nullptr) {
-    logLine() << "Cannot create file";
+    app::logLine() << "Cannot create file";
     return false;
   }
   bool written = file->write(sector, kSectorSize);
@@ -151,14 +151,14 @@ bool DiskInstallation::writeMbrFile(const uint8_t* sector) {
 bool DiskInstallation::writeAutorun() {
   std::unique_ptr<OutputFile> file = services_.files->createNew(target_, "autorun.scr");
   if (file == nullptr) {
-    logLine() << "Cannot create file";
+    app::logLine() << "Cannot create file";
     return false;
   }
   bool ok = true;
   if (row_.scriptEnabled) {
     std::FILE* script = std::fopen(row_.scriptPath.c_str(), "rb");
     if (script == nullptr) {
-      logLine() << "Cannot open script";
+      app::logLine() << "Cannot open script";
       ok = false;
     } else {
       std::vector<uint8_t> piece(kScriptPiece);
@@ -183,7 +183,7 @@ bool DiskInstallation::install() {
   // The drive is let go before anyone hears of the end.
   held_.reset();
   if (completed) {
-    MutexLock lock(mutex_);
+    app::MutexLock lock(mutex_);
     status_.statusText = "Installation completed";
     status_.state = kStatusDone;
     status_.progress = row_.totalSize;
@@ -207,9 +207,9 @@ bool DiskInstallation::installSteps() {
   std::unique_ptr<Device> volume = held_->openVolume();
   if (volume == nullptr) return fail("Cannot open device");
   StorageDeviceNumber number;
-  if (volume->deviceNumber(number) < kStorageDeviceNumberSize) fatalFailure("IOCTL_GET_DEVICE_NUMBER failed");
-  logLine() << "device number: " << number.deviceNumber;
-  logLine() << "partition number: " << number.partitionNumber;
+  if (volume->deviceNumber(number) < kStorageDeviceNumberSize) app::fatalFailure("IOCTL_GET_DEVICE_NUMBER failed");
+  app::logLine() << "device number: " << number.deviceNumber;
+  app::logLine() << "partition number: " << number.partitionNumber;
   volume->close();
   volume.reset();
 
@@ -254,7 +254,7 @@ bool DiskInstallation::installSteps() {
   // or started fails the step.
   pauseForTest("bootloader");
   if (!stillHeld("Cannot copy system files")) return false;
-  std::unique_ptr<ProgramRunner> bootLoader = services_.makeBootLoaderRunner();
+  std::unique_ptr<app::ProgramRunner> bootLoader = services_.makeBootLoaderRunner();
   // From here on every failure releases the installer's process and file.
   auto failAfterBootLoader = [&](const std::string& text) {
     bootLoader->cleanUp();
@@ -267,7 +267,7 @@ bool DiskInstallation::installSteps() {
   };
   if (!bootLoader->run({"-s", held_->bootLoaderTarget()})) return failAfterBootLoader("Cannot copy system files");
   while (bootLoader->isRunning()) {
-    logLine() << "still syslinux";
+    app::logLine() << "still syslinux";
     if (stopEvent_.waitFor(100)) return failAfterBootLoader(kInstallationCancelled);
   }
 
@@ -282,7 +282,7 @@ bool DiskInstallation::installSteps() {
     uint64_t size = 0;
     int sized = sources.size(source, size);
     if (sized != 0) {
-      logLine() << (sized == 1 ? "Cannot open file" : "Cannot get file size");
+      app::logLine() << (sized == 1 ? "Cannot open file" : "Cannot get file size");
       return failAfterBootLoader("Cannot get package size");
     }
     if (!services_.files->copyInto(target_, source, name)) return failAfterBootLoader("Cannot copy packages");
@@ -315,7 +315,7 @@ void pauseForTest(const char* point) {
   if (colon == std::string::npos || text.compare(0, colon, point) != 0) return;
   std::string file = text.substr(colon + 1);
   std::ofstream(file + ".reached") << point << '\n';
-  for (int i = 0; i < 1200 && !std::filesystem::exists(file + ".go"); ++i) sleepMilliseconds(50);
+  for (int i = 0; i < 1200 && !std::filesystem::exists(file + ".go"); ++i) app::sleepMilliseconds(50);
 }
 
 LocalDiskInstaller::~LocalDiskInstaller() {

@@ -34,7 +34,7 @@ struct DiskStatus {
   }
 };
 
-class DiskInstallation : public Thread {
+class DiskInstallation : public app::Thread {
  public:
   // Copies the row, sets state 4 and "Preparing for installation...", and
   // posts a notification. services null: the platform's.
@@ -46,7 +46,7 @@ class DiskInstallation : public Thread {
   // while it runs, it ends the installation at the next step; the formatter
   // and the boot loader's installer are ended at once, with all they
   // started, and waited for.
-  Event& stopEvent() { return stopEvent_; }
+  app::Event& stopEvent() { return stopEvent_; }
   // Sets the stop event and waits until the thread has ended: afterwards
   // nothing of this installation runs on the drive any more.
   void cancel();
@@ -61,7 +61,7 @@ class DiskInstallation : public Thread {
   // Takes the oldest notification waiting; false when none is.
   bool nextNotification(DiskStatus& status);
   // Set whenever a notification is posted.
-  Event& notificationEvent() { return notificationEvent_; }
+  app::Event& notificationEvent() { return notificationEvent_; }
 
   // Performs the installation on the calling thread: true when completed.
   // The thread body calls it; tests may call it directly.
@@ -93,9 +93,9 @@ class DiskInstallation : public Thread {
   DriveId drive_;
   std::unique_ptr<HeldDrive> held_;
   DriveId target_;  // how the formatter and the files reach the held drive
-  Event stopEvent_{true};
-  Mutex mutex_;
-  Event notificationEvent_{false};
+  app::Event stopEvent_{true};
+  app::Mutex mutex_;
+  app::Event notificationEvent_{false};
   std::deque<DiskStatus> notifications_;
   DiskStatus status_;
 };

@@ -7,7 +7,7 @@
 namespace tarnlift::localdisk {
 namespace {
 
-class BootImageProgramSource : public ProgramSource {
+class BootImageProgramSource : public app::ProgramSource {
  public:
   bool findRecord(uint32_t id, const uint8_t*& record, size_t& storedSize) override {
     return netboot::currentBootImageStore().findRecord(static_cast<int>(id), record, storedSize);
@@ -40,8 +40,8 @@ struct PlatformServices {
     services.files = files.get();
     services.sources = sources.get();
     services.makeBootLoaderRunner = [] {
-      return std::make_unique<ProgramRunner>(kImageDiskSyslinuxInstaller, bootLoaderInstallerName(),
-                                             &bootImageProgramSource());
+      return std::make_unique<app::ProgramRunner>(kImageDiskSyslinuxInstaller, bootLoaderInstallerName(),
+                                                  &bootImageProgramSource());
     };
   }
 };
@@ -50,7 +50,7 @@ struct PlatformServices {
 
 std::unique_ptr<SourceFiles> makeSourceFiles() { return std::make_unique<HostSourceFiles>(); }
 
-ProgramSource& bootImageProgramSource() {
+app::ProgramSource& bootImageProgramSource() {
   static BootImageProgramSource source;
   return source;
 }

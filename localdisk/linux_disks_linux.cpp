@@ -239,7 +239,7 @@ class LinuxDevice : public Device {
   int read(uint8_t* buffer, uint32_t size) override {
     ssize_t count = ::read(fd_, buffer, size);
     if (count < 0) {
-      logLine() << "Read from device failed";
+      app::logLine() << "Read from device failed";
       return -1;
     }
     return static_cast<int>(count);
@@ -247,21 +247,21 @@ class LinuxDevice : public Device {
   int write(const uint8_t* buffer, uint32_t size) override {
     ssize_t count = ::write(fd_, buffer, size);
     if (count < 0) {
-      logLine() << "Write from device failed";
+      app::logLine() << "Write from device failed";
       return -1;
     }
     return static_cast<int>(count);
   }
   bool seek(uint64_t offset) override {
     if (lseek(fd_, static_cast<off_t>(offset), SEEK_SET) < 0) {
-      logLine() << "Seeking device failed";
+      app::logLine() << "Seeking device failed";
       return false;
     }
     return true;
   }
   int deviceNumber(StorageDeviceNumber& number) override {
     if (number_ < 0 || fd_ < 0) {
-      logLine() << "I/O Operation failed";
+      app::logLine() << "I/O Operation failed";
       return -1;
     }
     number.deviceType = kDiskDeviceType;
@@ -274,7 +274,7 @@ class LinuxDevice : public Device {
     bool ok = fsync(fd_) == 0 || errno == EINVAL;
     ok = ::close(fd_) == 0 && ok;
     fd_ = -1;
-    if (!ok) logLine() << "Closing handle failed";
+    if (!ok) app::logLine() << "Closing handle failed";
     return ok;
   }
 

@@ -90,7 +90,7 @@ int32_t fileSize(const std::string& path) {
   return static_cast<int32_t>(size);
 }
 
-std::string FormatterCommand::commandLine() const { return commandLineOf(program, arguments); }
+std::string FormatterCommand::commandLine() const { return app::commandLineOf(program, arguments); }
 
 FormatterCommand windowsFormatterCommand(bool ntFamily, const std::string& systemDirectory,
                                          const std::string& windowsDirectory, char letter, const std::string& label,
@@ -143,14 +143,14 @@ class OutputLines {
 
  private:
   static void emit(const std::string& line) {
-    if (!line.empty()) logLine() << line;
+    if (!line.empty()) app::logLine() << line;
   }
   std::string pending_;
 };
 
 // Ends the formatter after a time-out or a stop: false for the caller.
 bool endFormatter(FormatterProcess& process, OutputLines& lines) {
-  if (!process.terminate()) logLine() << "even TerminateProcess failed";
+  if (!process.terminate()) app::logLine() << "even TerminateProcess failed";
   lines.add(process.takeOutput());
   lines.finish();
   process.close();
@@ -159,18 +159,18 @@ bool endFormatter(FormatterProcess& process, OutputLines& lines) {
 
 }  // namespace
 
-bool runFormatter(FormatterProcess& process, const FormatterCommand& command, const Clock& clock,
-                  uint32_t timeoutMs, Waitable* stop) {
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command, const app::Clock& clock,
+                  uint32_t timeoutMs, app::Waitable* stop) {
   if (!process.createPipes()) {
-    logLine() << "Cannot create pipe";
+    app::logLine() << "Cannot create pipe";
     return false;
   }
-  logLine() << "app: " << command.program;
-  logLine() << "cmd: " << command.commandLine();
+  app::logLine() << "app: " << command.program;
+  app::logLine() << "cmd: " << command.commandLine();
   bool started = process.start(command.program, command.arguments);
-  logLine() << "format before";
+  app::logLine() << "format before";
   if (!started) {
-    logLine() << "Cannot start format";
+    app::logLine() << "Cannot start format";
     process.close();
     return false;
   }
@@ -181,27 +181,27 @@ bool runFormatter(FormatterProcess& process, const FormatterCommand& command, co
   while (true) {
     uint64_t elapsedMs = (clock.nowMicros() - startedAt) / 1000;
     if (stop != nullptr && stop->waitFor(0)) {
-      logLine() << "format stopped";
+      app::logLine() << "format stopped";
       return endFormatter(process, lines);
     }
     if (elapsedMs >= timeoutMs) {
-      logLine() << "format timeout";
+      app::logLine() << "format timeout";
       return endFormatter(process, lines);
     }
     uint64_t left = timeoutMs - elapsedMs;
     FormatterProcess::Wait wait = process.waitFor(static_cast<uint32_t>(left < kFormatPollMs ? left : kFormatPollMs));
     lines.add(process.takeOutput());
-    if (wait == FormatterProcess::Wait::Failed) fatalFailure("Format failed");
+    if (wait == FormatterProcess::Wait::Failed) app::fatalFailure("Format failed");
     if (wait == FormatterProcess::Wait::Ended) break;
   }
   lines.finish();
-  logLine() << "format done";
+  app::logLine() << "format done";
   process.close();
   return true;
 }
 
-bool runFormatter(FormatterProcess& process, const FormatterCommand& command, uint32_t timeoutMs, Waitable* stop) {
-  return runFormatter(process, command, SteadyClock::instance(), timeoutMs, stop);
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command, uint32_t timeoutMs, app::Waitable* stop) {
+  return runFormatter(process, command, app::SteadyClock::instance(), timeoutMs, stop);
 }
 
 bool formatDrive(const DriveId& drive, const std::string& label, bool fat32) {

@@ -133,16 +133,16 @@ FormatterCommand linuxFormatterCommand(const std::string& mkfsProgram, const std
 // is not examined). The time limit counts from the start, on the clock
 // given; each line of its output is logged as it comes. A stop set
 // meanwhile ends the formatter (and what it started) at once: false.
-bool runFormatter(FormatterProcess& process, const FormatterCommand& command, const Clock& clock,
-                  uint32_t timeoutMs = kFormatTimeoutMs, Waitable* stop = nullptr);
-bool runFormatter(FormatterProcess& process, const FormatterCommand& command,
-                  uint32_t timeoutMs = kFormatTimeoutMs, Waitable* stop = nullptr);
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command, const app::Clock& clock,
+                  uint32_t timeoutMs = kFormatTimeoutMs, app::Waitable* stop = nullptr);
+bool runFormatter(FormatterProcess& process, const FormatterCommand& command, uint32_t timeoutMs = kFormatTimeoutMs,
+                  app::Waitable* stop = nullptr);
 
 class DriveFormatter {
  public:
   virtual ~DriveFormatter() = default;
   // stop: set by the owner to end the format early (null: never).
-  virtual bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) = 0;
+  virtual bool format(const DriveId& drive, const std::string& label, bool fat32, app::Waitable* stop) = 0;
   // Whether the system needs the format twice (Windows 5.1 and 5.2).
   virtual bool formatsTwice() = 0;
 };

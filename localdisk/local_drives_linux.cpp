@@ -62,7 +62,7 @@ class LinuxFormatterProcess : public FormatterProcess {
 
 class LinuxFormatter : public DriveFormatter {
  public:
-  bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) override {
+  bool format(const DriveId& drive, const std::string& label, bool fat32, app::Waitable* stop) override {
     LinuxFormatterProcess process;
     // The drive as the installation holds it: the whole disk or image file.
     return runFormatter(process, linuxFormatterCommand(findProgram("mkfs.fat"), drive.path, label, fat32),

@@ -27,9 +27,9 @@ class PipeFormatterProcess : public FormatterProcess {
   }
   bool start(const std::string& program, const std::vector<std::string>& arguments) override {
     // Its pipe ends alone: not the web console's sockets or another child's pipe.
-    ChildStart how;
+    app::ChildStart how;
     how.application = program.c_str();
-    how.commandLine = commandLineOf(program, arguments);
+    how.commandLine = app::commandLineOf(program, arguments);
     how.input = inputRead_;
     how.output = outputWrite_;
     how.error = outputWrite_;
@@ -37,11 +37,11 @@ class PipeFormatterProcess : public FormatterProcess {
     // In a job from its first instruction: a stop or a time-out ends the
     // formatter and whatever it started, and so does the end of this program.
     how.creationFlags = CREATE_SUSPENDED;
-    job_ = processjob::create(true);
-    StartedChild info;
+    job_ = app::processjob::create(true);
+    app::StartedChild info;
     uint32_t error = 0;
-    if (!startChildWithHandles(how, info, error)) return false;
-    processjob::adoptAndResume(job_, info.process, info.thread);
+    if (!app::startChildWithHandles(how, info, error)) return false;
+    app::processjob::adoptAndResume(job_, info.process, info.thread);
     process_ = info.process;
     CloseHandle(info.thread);
     // The child holds its own ends now; with ours closed, reading its
@@ -79,13 +79,13 @@ class PipeFormatterProcess : public FormatterProcess {
         return Wait::Failed;
     }
   }
-  bool terminate() override { return process_ != nullptr && processjob::endAll(job_, process_, kTerminateWaitMs); }
+  bool terminate() override { return process_ != nullptr && app::processjob::endAll(job_, process_, kTerminateWaitMs); }
   void close() override {
     for (HANDLE* handle : {&inputRead_, &inputWrite_, &outputRead_, &outputWrite_, &process_}) {
       if (*handle != nullptr) CloseHandle(*handle);
       *handle = nullptr;
     }
-    processjob::close(job_);
+    app::processjob::close(job_);
     job_ = nullptr;
   }
 
@@ -111,7 +111,7 @@ OSVERSIONINFOA versionInfo() {
 
 class FormatComFormatter : public DriveFormatter {
  public:
-  bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) override {
+  bool format(const DriveId& drive, const std::string& label, bool fat32, app::Waitable* stop) override {
     OSVERSIONINFOA version = versionInfo();
     bool nt = version.dwPlatformId == VER_PLATFORM_WIN32_NT;
     char system[MAX_PATH + 1] = {};
@@ -119,7 +119,7 @@ class FormatComFormatter : public DriveFormatter {
     std::string windows;
     if (!nt) {
       char buffer[MAX_PATH + 1] = {};
-      if (GetWindowsDirectoryA(buffer, MAX_PATH) == 0) fatalFailure("GetWindowsDirectory");
+      if (GetWindowsDirectoryA(buffer, MAX_PATH) == 0) app::fatalFailure("GetWindowsDirectory");
       windows = buffer;
     }
     PipeFormatterProcess process;

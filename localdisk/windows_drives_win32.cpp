@@ -18,7 +18,7 @@ namespace {
 int readDevice(HANDLE handle, uint8_t* buffer, uint32_t size) {
   DWORD count = 0;
   if (!ReadFile(handle, buffer, size, &count, nullptr)) {
-    logLine() << "Read from device failed";
+    app::logLine() << "Read from device failed";
     return -1;
   }
   return static_cast<int>(count);
@@ -27,7 +27,7 @@ int readDevice(HANDLE handle, uint8_t* buffer, uint32_t size) {
 int writeDevice(HANDLE handle, const uint8_t* buffer, uint32_t size) {
   DWORD count = 0;
   if (!WriteFile(handle, buffer, size, &count, nullptr)) {
-    logLine() << "Write from device failed";
+    app::logLine() << "Write from device failed";
     return -1;
   }
   return static_cast<int>(count);
@@ -37,7 +37,7 @@ bool seekDevice(HANDLE handle, uint64_t offset) {
   LONG high = static_cast<LONG>(offset >> 32);
   DWORD low = SetFilePointer(handle, static_cast<LONG>(offset & 0xFFFFFFFFu), &high, FILE_BEGIN);
   if (low == INVALID_SET_FILE_POINTER && GetLastError() != NO_ERROR) {
-    logLine() << "Seeking device failed";
+    app::logLine() << "Seeking device failed";
     return false;
   }
   return true;
@@ -46,7 +46,7 @@ bool seekDevice(HANDLE handle, uint64_t offset) {
 int controlDevice(HANDLE handle, DWORD code, void* out, DWORD outSize) {
   DWORD returned = 0;
   if (!DeviceIoControl(handle, code, nullptr, 0, out, outSize, &returned, nullptr)) {
-    logLine() << "I/O Operation failed";
+    app::logLine() << "I/O Operation failed";
     return -1;
   }
   return static_cast<int>(returned);
@@ -54,7 +54,7 @@ int controlDevice(HANDLE handle, DWORD code, void* out, DWORD outSize) {
 
 bool closeDevice(HANDLE handle) {
   if (!CloseHandle(handle)) {
-    logLine() << "Closing handle failed";
+    app::logLine() << "Closing handle failed";
     return false;
   }
   return true;
@@ -126,13 +126,13 @@ class RealWindowsStorage : public WindowsStorage {
  public:
   std::vector<std::string> driveRoots() override {
     char roots[512] = {};
-    if (GetLogicalDriveStringsA(sizeof roots, roots) == 0) fatalFailure("GetLogicalDriveStrings");
+    if (GetLogicalDriveStringsA(sizeof roots, roots) == 0) app::fatalFailure("GetLogicalDriveStrings");
     return splitMulti(roots, sizeof roots);
   }
   uint32_t driveType(const std::string& root) override { return GetDriveTypeA(root.c_str()); }
   std::string systemDirectory() override {
     char system[512] = {};
-    if (GetSystemDirectoryA(system, sizeof system) == 0) fatalFailure("GetSystemDirectory");
+    if (GetSystemDirectoryA(system, sizeof system) == 0) app::fatalFailure("GetSystemDirectory");
     return system;
   }
   std::string windowsDirectory() override {

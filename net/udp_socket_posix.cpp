@@ -81,8 +81,8 @@ bool UdpSocket::bindOnInterface(uint32_t address, uint16_t port, const std::stri
                    static_cast<socklen_t>(device.size())) == 0) {
       return bind(0, port);
     }
-    logLine() << "bind to device " << device << " failed (errno " << errno << "), binding " << formatIpv4(address)
-              << " only: broadcasts will not be heard";
+    app::logLine() << "bind to device " << device << " failed (errno " << errno << "), binding " << formatIpv4(address)
+                   << " only: broadcasts will not be heard";
   }
   return bind(address, port);
 }

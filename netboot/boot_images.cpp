@@ -212,10 +212,10 @@ BootImage loadBootImage(int number) {
   if (!currentBootImageStore().findRecord(number, record, storedSize)) {
     std::printf("ResourceID=%d\n", number);
     std::fflush(stdout);
-    fatalFailure("FindResource");
+    app::fatalFailure("FindResource");
   }
   BootImage image;
-  if (!parseBootImageRecord(record, storedSize, image)) fatalFailure("LoadResource");
+  if (!parseBootImageRecord(record, storedSize, image)) app::fatalFailure("LoadResource");
   return image;
 }
 

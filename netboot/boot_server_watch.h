@@ -36,7 +36,7 @@ std::string foreignReplyText(const ForeignReply& reply);
 
 class BootServerWatch {
  public:
-  explicit BootServerWatch(const Clock& clock) : clock_(clock) {}
+  explicit BootServerWatch(const app::Clock& clock) : clock_(clock) {}
 
   // The address this server answers from (a new server cycle may change it);
   // replies from it are our own.
@@ -56,7 +56,7 @@ class BootServerWatch {
                  ForeignReply& reply);
 
  private:
-  const Clock& clock_;
+  const app::Clock& clock_;
   uint32_t ownAddress_ = 0;
   std::deque<MacAddress> clients_;         // most recent last
   std::map<uint32_t, uint64_t> reported_;  // server address -> when reported

@@ -85,7 +85,7 @@ bool BootpClassifier::classify(const uint8_t* request, size_t length) {
     if (pos + 2 + optionLength > length) break;
     if (code == kOptionClientArch && optionLength >= 2) {
       architecture = data[0] << 8 | data[1];
-      logLine() << "client system arch: " << architecture;
+      app::logLine() << "client system arch: " << architecture;
     } else if (code == kOptionVendorClass) {
       clientClass_ = kClassNone;
       // The comparison looks at 9 bytes even when the option is shorter, as
@@ -102,7 +102,7 @@ bool BootpClassifier::classify(const uint8_t* request, size_t length) {
 
   if (recognised) {
     std::memcpy(clientMac_.data(), request + kBootpChaddrOffset, 6);
-    logLine() << "client: " << formatMac(clientMac_);
+    app::logLine() << "client: " << formatMac(clientMac_);
     return true;
   }
   return std::memcmp(clientMac_.data(), request + kBootpChaddrOffset, 6) == 0;
@@ -182,7 +182,7 @@ std::vector<uint8_t> makeBootpRequest(const MacAddress& mac, const std::string& 
 
 void printBootpMessage(const uint8_t* message, size_t length) {
   if (length < kBootpOptionsOffset) {
-    logLine() << "bootp message too short: " << length;
+    app::logLine() << "bootp message too short: " << length;
     return;
   }
   auto hexBytes = [](const uint8_t* p, size_t n) {
@@ -200,26 +200,26 @@ void printBootpMessage(const uint8_t* message, size_t length) {
     return std::string(reinterpret_cast<const char*>(p), end);
   };
   uint32_t address;
-  logLine() << "opcode: " << int(message[0]);
-  logLine() << "htype: " << int(message[1]);
-  logLine() << "hlen: " << int(message[2]);
-  logLine() << "hops: " << int(message[3]);
-  logLine() << "xid: " << readBig32(message + 4);
-  logLine() << "secs: " << (message[8] << 8 | message[9]);
-  logLine() << "unused: " << (message[10] << 8 | message[11]);
+  app::logLine() << "opcode: " << int(message[0]);
+  app::logLine() << "htype: " << int(message[1]);
+  app::logLine() << "hlen: " << int(message[2]);
+  app::logLine() << "hops: " << int(message[3]);
+  app::logLine() << "xid: " << readBig32(message + 4);
+  app::logLine() << "secs: " << (message[8] << 8 | message[9]);
+  app::logLine() << "unused: " << (message[10] << 8 | message[11]);
   std::memcpy(&address, message + 12, 4);
-  logLine() << "ciaddr: " << formatIpv4(address);
+  app::logLine() << "ciaddr: " << formatIpv4(address);
   std::memcpy(&address, message + 16, 4);
-  logLine() << "yiaddr: " << formatIpv4(address);
+  app::logLine() << "yiaddr: " << formatIpv4(address);
   std::memcpy(&address, message + 20, 4);
-  logLine() << "siaddr: " << formatIpv4(address);
+  app::logLine() << "siaddr: " << formatIpv4(address);
   std::memcpy(&address, message + 24, 4);
-  logLine() << "giaddr: " << formatIpv4(address);
-  logLine() << "chaddr: " << hexBytes(message + kBootpChaddrOffset, 16);
-  logLine() << "sname: " << boundedText(message + 44, 64);
-  logLine() << "file: " << boundedText(message + kFileOffset, kFileSize);
-  logLine() << "cookie: " << hexBytes(message + 236, 4);
-  logLine() << "vend: " << hexBytes(message + kBootpOptionsOffset, length - kBootpOptionsOffset);
+  app::logLine() << "giaddr: " << formatIpv4(address);
+  app::logLine() << "chaddr: " << hexBytes(message + kBootpChaddrOffset, 16);
+  app::logLine() << "sname: " << boundedText(message + 44, 64);
+  app::logLine() << "file: " << boundedText(message + kFileOffset, kFileSize);
+  app::logLine() << "cookie: " << hexBytes(message + 236, 4);
+  app::logLine() << "vend: " << hexBytes(message + kBootpOptionsOffset, length - kBootpOptionsOffset);
 }
 
 void BootpResponder::open(const std::string& bootFileName) {

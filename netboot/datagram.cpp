@@ -26,8 +26,8 @@ class SystemSocket : public DatagramSocket {
 
 [[noreturn]] void socketFatal(const char* message) {
   std::string text = message;
-  reportSocketFailure(text, true);
-  fatalFailure(message);  // not reached
+  app::reportSocketFailure(text, true);
+  app::fatalFailure(message);  // not reached
 }
 
 class SystemNetwork : public DatagramNetwork {

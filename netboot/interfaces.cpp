@@ -112,8 +112,8 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
       if (address == 0 && mask == 0) continue;
       bool found = ((clientAddress ^ address) & mask) == 0;
       while (true) {
-        logLine() << "iface: " << adapter.description << " ip-addr: " << entry.address << "/" << entry.mask
-                  << " found: " << (found ? "true" : "false");
+        app::logLine() << "iface: " << adapter.description << " ip-addr: " << entry.address << "/" << entry.mask
+                       << " found: " << (found ? "true" : "false");
         if (!found) break;
         if (source.bindTest(address)) {
           served().publishDetails(adapter.mac, adapter.name);
@@ -122,7 +122,7 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
           chosen = &adapter;
           break;
         }
-        logLine() << "bind test failed";
+        app::logLine() << "bind test failed";
       }
       if (chosen != nullptr) break;
     }
@@ -135,7 +135,7 @@ void findInterface(uint32_t clientAddress, InterfaceSource& source) {
   }
   uint32_t gateway = 0;
   for (const std::string& text : chosen->gateways) {
-    logLine() << "iface: " << chosen->description << " gw: " << text;
+    app::logLine() << "iface: " << chosen->description << " gw: " << text;
     uint32_t value = parseIpv4(text);
     if (gateway == 0 && value != 0) gateway = value;
   }
@@ -162,7 +162,7 @@ bool hasInterfaceFor(uint32_t clientAddress, InterfaceSource& source) {
 
 std::vector<MacAddress> localMacAddresses(InterfaceSource& source) {
   std::vector<MacAddress> macs = source.adapterMacs();
-  for (size_t i = 0; i < macs.size(); ++i) logLine() << "iface " << i << ": " << formatMac(macs[i]);
+  for (size_t i = 0; i < macs.size(); ++i) app::logLine() << "iface " << i << ": " << formatMac(macs[i]);
   if (macs.empty()) macs.emplace_back();
   if (macs[0] == MacAddress{}) {
     for (uint8_t& byte : macs[0]) byte = static_cast<uint8_t>(std::rand());

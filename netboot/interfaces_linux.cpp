@@ -58,7 +58,7 @@ class LinuxInterfaceSource : public InterfaceSource {
   bool listAdapters(std::vector<AdapterInfo>& adapters) override {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
-      logLine() << "getifaddrs failed with error: " << errno;
+      app::logLine() << "getifaddrs failed with error: " << errno;
       return false;
     }
     auto adapterFor = [&adapters](const std::string& name) -> AdapterInfo& {
@@ -100,7 +100,7 @@ class LinuxInterfaceSource : public InterfaceSource {
   bool listPrefixes(std::vector<AdapterPrefixes>& adapters) override {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
-      logLine() << "getifaddrs failed with error: " << errno;
+      app::logLine() << "getifaddrs failed with error: " << errno;
       return false;
     }
     std::vector<std::string> names;

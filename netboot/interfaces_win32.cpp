@@ -30,7 +30,7 @@ class WindowsInterfaceSource : public InterfaceSource {
     ULONG size = kFirstAdapterInfoSize;
     auto* info = static_cast<IP_ADAPTER_INFO*>(std::malloc(size));
     if (info == nullptr) {
-      logLine() << "Error allocating memory";
+      app::logLine() << "Error allocating memory";
       return false;
     }
     DWORD result = GetAdaptersInfo(info, &size);
@@ -38,13 +38,13 @@ class WindowsInterfaceSource : public InterfaceSource {
       std::free(info);
       info = static_cast<IP_ADAPTER_INFO*>(std::malloc(size));
       if (info == nullptr) {
-        logLine() << "Error allocating memory";
+        app::logLine() << "Error allocating memory";
         return false;
       }
       result = GetAdaptersInfo(info, &size);
     }
     if (result != NO_ERROR) {
-      logLine() << "GetAdaptersInfo failed with error: " << result;
+      app::logLine() << "GetAdaptersInfo failed with error: " << result;
       std::free(info);
       return false;
     }
@@ -76,7 +76,7 @@ class WindowsInterfaceSource : public InterfaceSource {
     ULONG size = kAddressesScratchSize;
     auto* addresses = static_cast<IP_ADAPTER_ADDRESSES*>(std::malloc(size));
     if (addresses == nullptr) {
-      logLine() << "Error allocating memory for adapter addresses";
+      app::logLine() << "Error allocating memory for adapter addresses";
       return false;
     }
     ULONG result = GetAdaptersAddresses(AF_INET, kIncludePrefix, nullptr, addresses, &size);
@@ -84,13 +84,13 @@ class WindowsInterfaceSource : public InterfaceSource {
       std::free(addresses);
       addresses = static_cast<IP_ADAPTER_ADDRESSES*>(std::malloc(size));
       if (addresses == nullptr) {
-        logLine() << "Error reallocating memory for adapter addresses";
+        app::logLine() << "Error reallocating memory for adapter addresses";
         return false;
       }
       result = GetAdaptersAddresses(AF_INET, kIncludePrefix, nullptr, addresses, &size);
     }
     if (result != NO_ERROR) {
-      logLine() << "GetAdaptersAddresses failed with error: " << result;
+      app::logLine() << "GetAdaptersAddresses failed with error: " << result;
       std::free(addresses);
       return false;
     }

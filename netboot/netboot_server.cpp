@@ -16,7 +16,7 @@ NetbootEnvironment NetbootEnvironment::system() {
   NetbootEnvironment environment;
   environment.network = &systemDatagramNetwork();
   environment.interfaces = &platformInterfaceSource();
-  environment.sleep = [](uint32_t milliseconds) { sleepMilliseconds(milliseconds); };
+  environment.sleep = [](uint32_t milliseconds) { app::sleepMilliseconds(milliseconds); };
   return environment;
 }
 
@@ -25,8 +25,8 @@ NetbootServer::NetbootServer(std::string kernelOverridePath, NetbootEnvironment 
       kernelOverridePath_(std::move(kernelOverridePath)),
       responder_(*environment_.network),
       watch_(*environment_.clock) {
-  Registry registry;
-  registry.openRoot(kSettingsKeyPath);
+  app::Registry registry;
+  registry.openRoot(app::kSettingsKeyPath);
   enabled_ = registry.readInt(kPxeEnabledValue, 0) != 0;
   clientAddress_ = registry.readInt(kPxeClientAddressValue, 0);
 }
@@ -39,13 +39,13 @@ void NetbootServer::run() {
 }
 
 void NetbootServer::queueSettings(bool enabled, uint32_t clientAddress) {
-  MutexLock lock(queueMutex_);
+  app::MutexLock lock(queueMutex_);
   if (settingsQueue_.empty()) queueEvent_.set();
   settingsQueue_.emplace_back(enabled, clientAddress);
 }
 
 size_t NetbootServer::queuedSettings() {
-  MutexLock lock(queueMutex_);
+  app::MutexLock lock(queueMutex_);
   return settingsQueue_.size();
 }
 
@@ -60,7 +60,7 @@ NetbootServer::CycleResult NetbootServer::cycle() {
   if (queueEvent_.waitFor(0)) {
     std::pair<bool, uint32_t> change;
     {
-      MutexLock lock(queueMutex_);
+      app::MutexLock lock(queueMutex_);
       if (settingsQueue_.size() == 1) queueEvent_.reset();
       change = settingsQueue_.front();
       settingsQueue_.pop_front();
@@ -103,7 +103,7 @@ NetbootServer::CycleResult NetbootServer::cycle() {
     int ready = environment_.network->waitReadable(sockets, count, 1000, readable);
     if (ready < 0) {
       std::string message = "select failed";
-      reportSocketFailure(message, true);
+      app::reportSocketFailure(message, true);
     }
     if (ready == 0) continue;
     // A request and another server's answer to it may wake us together: the
@@ -120,30 +120,30 @@ bool NetbootServer::handleBootp() {
   int received = responder_.socket()->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
   if (received < 0) {
     std::string message = "recv failed";
-    reportSocketFailure(message, true);
+    app::reportSocketFailure(message, true);
   }
-  logLine() << "bootp recv bytes: " << received << " mac=" << formatMac(buffer + 28);
+  app::logLine() << "bootp recv bytes: " << received << " mac=" << formatMac(buffer + 28);
   // Every client that asks is one we serve, answered or not, unless the
   // front end said it is not ours.
   if (!environment_.mayAnswer || environment_.mayAnswer(buffer + 28)) {
     watch_.noteRequest(buffer, static_cast<size_t>(received));
   }
   if (!responder_.classify(buffer, static_cast<size_t>(received))) {
-    logLine() << "\tinvalid request";
+    app::logLine() << "\tinvalid request";
     return false;
   }
-  logLine() << "bootp req received";
+  app::logLine() << "bootp req received";
   if (environment_.mayAnswer && !environment_.mayAnswer(buffer + 28)) {
     // Not one of ours: another machine network-booting on the segment.
     std::string mac = formatMac(buffer + 28);
-    if (refusedClients_.insert(mac).second) logLine() << "netboot: unknown client " << mac << " not answered";
+    if (refusedClients_.insert(mac).second) app::logLine() << "netboot: unknown client " << mac << " not answered";
     return true;
   }
   if (responder_.reply(buffer, clientAddress_)) {
     currentClass_ = responder_.clientClass();
     recordBootpReply(formatMac(buffer + 28), currentClass_);
   } else {
-    logLine() << "FAILED TO REPLY";
+    app::logLine() << "FAILED TO REPLY";
   }
   return true;
 }
@@ -159,7 +159,7 @@ void NetbootServer::openWatch() {
   // Said once, not at every restart of the cycle.
   if (why == watchOffLogged_) return;
   watchOffLogged_ = why;
-  logLine(LogPriority::Warning) << "netboot: not watching for other boot servers: " << why;
+  app::logLine(app::LogPriority::Warning) << "netboot: not watching for other boot servers: " << why;
 }
 
 void NetbootServer::handleWatch() {
@@ -174,7 +174,7 @@ void NetbootServer::handleWatch() {
     ForeignReply reply;
     if (watch_.hearReply(buffer, static_cast<size_t>(received), address, port, reply)) {
       std::string line = foreignReplyText(reply);
-      logLine(LogPriority::Warning) << line;
+      app::logLine(app::LogPriority::Warning) << line;
       // The window shows it where its status lines go.
       recordOtherServer(line);
     }
@@ -189,15 +189,15 @@ void NetbootServer::handleReadRequest() {
   if (!isTftpReadRequest(request_, requestLength_)) return;
   clientPort_ = port;
   std::string fileName = tftpFileName(request_, requestLength_);
-  logLine() << "onTftp " << currentClass_ << " " << fileName;
+  app::logLine() << "onTftp " << currentClass_ << " " << fileName;
 
   if (!kernelOverridePath_.empty()) {
-    logLine() << "send kernel override";
+    app::logLine() << "send kernel override";
     std::ifstream file(kernelOverridePath_, std::ios::binary | std::ios::ate);
     if (!file) return;
     std::streamoff size = file.tellg();
     if (size < 0) return;
-    logLine() << "override len: " << size;
+    app::logLine() << "override len: " << size;
     std::vector<uint8_t> content(static_cast<size_t>(size));
     file.seekg(0);
     file.read(reinterpret_cast<char*>(content.data()), size);
@@ -216,14 +216,14 @@ void NetbootServer::handleReadRequest() {
     } else if (fileName.find("pxelinux.cfg") != std::string::npos) {
       number = kImagePxelinuxConfig;
     } else {
-      logLine() << "unknown file name=" << fileName;
+      app::logLine() << "unknown file name=" << fileName;
       return;
     }
   } else {
     number = currentClass_;
   }
   BootImage image = loadBootImage(number);
-  logLine() << "sendRes=" << number;
+  app::logLine() << "sendRes=" << number;
   sendContent(image.data, image.length, clientPort_);
 }
 
@@ -233,7 +233,9 @@ void NetbootServer::sendContent(const uint8_t* content, uint32_t length, uint16_
 }
 
 NetbootThread::NetbootThread(std::string kernelOverridePath, NetbootEnvironment environment)
-    : Thread("PXE Booter"), kernelOverridePath_(std::move(kernelOverridePath)), environment_(std::move(environment)) {}
+    : app::Thread("PXE Booter"),
+      kernelOverridePath_(std::move(kernelOverridePath)),
+      environment_(std::move(environment)) {}
 
 NetbootThread::~NetbootThread() { destroy(); }
 
@@ -252,7 +254,7 @@ uint32_t NetbootThread::run() {
 void NetbootThread::changeSettings(bool enabled, uint32_t clientAddress) {
   started_.waitFor(5000);
   NetbootServer* server = server_.load();
-  if (server == nullptr) fatalFailure("no code!!!");
+  if (server == nullptr) app::fatalFailure("no code!!!");
   server->queueSettings(enabled, clientAddress);
 }
 
@@ -260,7 +262,7 @@ void NetbootThread::stopServer() {
   if (!running()) return;
   started_.waitFor(5000);
   if (NetbootServer* server = server_.load()) server->stopEvent().set();
-  waitFor(kWaitInfinite);
+  waitFor(app::kWaitInfinite);
 }
 
 }  // namespace tarnlift::netboot

@@ -39,7 +39,7 @@ struct NetbootEnvironment {
   // answered; unset: every client. A refused client is logged once.
   std::function<bool(const uint8_t* mac)> mayAnswer;
   // Times the watch for other boot servers (once per server per minute).
-  const Clock* clock = &SteadyClock::instance();
+  const app::Clock* clock = &app::SteadyClock::instance();
   static NetbootEnvironment system();
 };
 
@@ -59,7 +59,7 @@ class NetbootServer {
 
   // Queues a settings change; it is applied at the top of a later cycle.
   void queueSettings(bool enabled, uint32_t clientAddress);
-  Event& stopEvent() { return stopEvent_; }
+  app::Event& stopEvent() { return stopEvent_; }
 
   bool enabled() const { return enabled_; }
   uint32_t clientAddress() const { return clientAddress_; }
@@ -77,9 +77,9 @@ class NetbootServer {
 
   NetbootEnvironment environment_;
   std::string kernelOverridePath_;
-  Event stopEvent_{true};
-  Mutex queueMutex_;
-  Event queueEvent_{true};
+  app::Event stopEvent_{true};
+  app::Mutex queueMutex_;
+  app::Event queueEvent_{true};
   std::deque<std::pair<bool, uint32_t>> settingsQueue_;
   bool enabled_ = false;
   uint32_t clientAddress_ = 0;
@@ -96,7 +96,7 @@ class NetbootServer {
 };
 
 // The "PXE Booter" thread that owns the server for the life of the program.
-class NetbootThread : public Thread {
+class NetbootThread : public app::Thread {
  public:
   explicit NetbootThread(std::string kernelOverridePath, NetbootEnvironment environment = NetbootEnvironment::system());
   ~NetbootThread() override;
@@ -114,7 +114,7 @@ class NetbootThread : public Thread {
  private:
   std::string kernelOverridePath_;
   NetbootEnvironment environment_;
-  Event started_{true};
+  app::Event started_{true};
   std::atomic<NetbootServer*> server_{nullptr};
 };
 

@@ -28,12 +28,12 @@ bool NetbootService::start(uint32_t clientAddress, const NetbootServeOptions& op
     return false;
   }
   {
-    Registry registry;
-    registry.openRoot(kSettingsKeyPath);
+    app::Registry registry;
+    registry.openRoot(app::kSettingsKeyPath);
     writeNetbootSettings(registry, {true, clientAddress});
   }
-  logLine() << "netboot: client " << formatIpv4(clientAddress) << ", boot images from " << bootImageSearchText()
-            << (options.kernelFile.empty() ? std::string() : ", kernel " + options.kernelFile);
+  app::logLine() << "netboot: client " << formatIpv4(clientAddress) << ", boot images from " << bootImageSearchText()
+                 << (options.kernelFile.empty() ? std::string() : ", kernel " + options.kernelFile);
   NetbootEnvironment environment = NetbootEnvironment::system();
   environment.mayAnswer = options.mayAnswer;
   thread_ = std::make_unique<NetbootThread>(options.kernelFile, environment);

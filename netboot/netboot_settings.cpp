@@ -61,14 +61,14 @@ void startupInterfaceCheck(uint32_t clientAddress, ShowMessage show, void* conte
   }
 }
 
-NetbootSettings readNetbootSettings(Registry& registry) {
+NetbootSettings readNetbootSettings(app::Registry& registry) {
   NetbootSettings settings;
   settings.enabled = registry.readInt(kPxeEnabledValue, 0) != 0;
   settings.clientAddress = registry.readInt(kPxeClientAddressValue, 0);
   return settings;
 }
 
-void writeNetbootSettings(Registry& registry, const NetbootSettings& settings) {
+void writeNetbootSettings(app::Registry& registry, const NetbootSettings& settings) {
   registry.writeInt(kPxeEnabledValue, settings.enabled ? 1 : 0);
   registry.writeInt(kPxeClientAddressValue, settings.clientAddress);
 }

@@ -8,7 +8,7 @@
 
 #include "netboot/interfaces.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 class Registry;
 }
 
@@ -80,7 +80,7 @@ struct NetbootSettings {
   bool enabled = false;
   uint32_t clientAddress = 0;
 };
-NetbootSettings readNetbootSettings(Registry& registry);
-void writeNetbootSettings(Registry& registry, const NetbootSettings& settings);
+NetbootSettings readNetbootSettings(app::Registry& registry);
+void writeNetbootSettings(app::Registry& registry, const NetbootSettings& settings);
 
 }  // namespace tarnlift::netboot

@@ -8,9 +8,9 @@ bool lookUpResourceRecord(const ResourceLookup& lookup, int number, const uint8_
   void* found = lookup.find(number);
   if (found == nullptr) return false;
   void* loaded = lookup.load(found);
-  if (loaded == nullptr) fatalFailure("LoadResource");
+  if (loaded == nullptr) app::fatalFailure("LoadResource");
   const void* locked = lookup.lock(loaded);
-  if (locked == nullptr) fatalFailure("LockResource");
+  if (locked == nullptr) app::fatalFailure("LockResource");
   record = static_cast<const uint8_t*>(locked);
   storedSize = lookup.size(found);
   return true;

@@ -79,7 +79,7 @@ TftpOptions parseTftpOptions(const uint8_t* data, size_t length) {
     } else if (equalsIgnoringCase(name, "blksize")) {
       long long asked = readDecimal(value);
       options.blockSize = (asked < 0 || asked > kTftpMaxBlockSize) ? kTftpMaxBlockSize : static_cast<uint32_t>(asked);
-      logLine() << "blksize " << value;
+      app::logLine() << "blksize " << value;
       options.wantsBlksize = true;
       options.needsOack = true;
     } else if (equalsIgnoringCase(name, "windowsize")) {
@@ -91,8 +91,8 @@ TftpOptions parseTftpOptions(const uint8_t* data, size_t length) {
         options.wantsWindowsize = true;
         options.needsOack = true;
       }
-      logLine() << "windowsize " << value << (options.wantsWindowsize ? " granted " : " ignored")
-                << (options.wantsWindowsize ? std::to_string(options.windowSize) : std::string());
+      app::logLine() << "windowsize " << value << (options.wantsWindowsize ? " granted " : " ignored")
+                     << (options.wantsWindowsize ? std::to_string(options.windowSize) : std::string());
     }
   }
   return options;
@@ -151,7 +151,7 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
     lastPacket_ = makeTftpOack(options_, length);
     sendPacket(lastPacket_);
   }
-  logLine() << "sendFile " << length;
+  app::logLine() << "sendFile " << length;
 
   bool done = options_.windowSize > 1 ? sendWindowed(content, length) : sendLockStep(content, length);
   if (!done) {
@@ -166,7 +166,7 @@ bool TftpTransfer::send(const uint8_t* request, size_t requestLength, const uint
     while (true) {
       int flushed = tftpSocket->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
       if (flushed < 0) break;
-      logLine() << "flush tftpSk: " << flushed;
+      app::logLine() << "flush tftpSk: " << flushed;
     }
   }
   socket_.reset();
@@ -177,13 +177,13 @@ int TftpTransfer::awaitAck(uint32_t waitMs, uint16_t& acked) {
   DatagramSocket* socket = socket_.get();
   bool readable = false;
   int ready = network_.waitReadable(&socket, 1, waitMs, &readable);
-  if (ready < 0) fatalFailure("select failed");
+  if (ready < 0) app::fatalFailure("select failed");
   if (ready == 0 || !readable) return -1;
   uint8_t buffer[kTftpRequestSize];
   int received = socket_->receiveFrom(buffer, sizeof buffer, nullptr, nullptr);
   if (received < 0) {
     std::string message = "recvfrom failed";
-    reportSocketFailure(message, true);
+    app::reportSocketFailure(message, true);
   }
   if (received != 4 || buffer[0] != 0 || buffer[1] != kTftpOpAck) return 0;
   acked = static_cast<uint16_t>(buffer[2] << 8 | buffer[3]);
@@ -212,7 +212,7 @@ bool TftpTransfer::sendLockStep(const uint8_t* content, uint32_t length) {
     int got = awaitAck(kTftpWaitMs, acked);
     if (got == -1) {
       if (budget == 1) {
-        logLine() << "TFTP timeout";
+        app::logLine() << "TFTP timeout";
         return false;
       }
       --budget;
@@ -233,7 +233,7 @@ bool TftpTransfer::sendLockStep(const uint8_t* content, uint32_t length) {
       // keeps acknowledging: give up as a transfer that ran out of time, so
       // that no client can hold the boot server's only thread.
       if (options_.blockSize == 0) {
-        logLine() << "TFTP timeout";
+        app::logLine() << "TFTP timeout";
         return false;
       }
       sendNextBlock();
@@ -282,7 +282,7 @@ bool TftpTransfer::sendWindowed(const uint8_t* content, uint32_t length) {
     if (got == -1) {
       silence += thisWait;
       if (silence >= silenceLimit) {
-        logLine() << "TFTP timeout";
+        app::logLine() << "TFTP timeout";
         return false;
       }
       wait = wait * 2 < kTftpWindowMaxWaitMs ? wait * 2 : kTftpWindowMaxWaitMs;
@@ -314,7 +314,7 @@ bool TftpTransfer::sendWindowed(const uint8_t* content, uint32_t length) {
     }
     if (acked >= total) return true;
     if (blockSize == 0) {
-      logLine() << "TFTP timeout";
+      app::logLine() << "TFTP timeout";
       return false;
     }
     sendWindow();

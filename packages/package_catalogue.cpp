@@ -34,7 +34,7 @@ bool PackageCatalogue::browseFolder(FolderBrowser& browser) {
   FolderBrowser::Request request;
   request.title = "Select package directory:";
   request.startFolder = folder_;
-  request.onInit = [this] { logLine() << "init path: " << folder_; };
+  request.onInit = [this] { app::logLine() << "init path: " << folder_; };
   request.statusFor = [](const std::string& folder) { return folderStatusText(folder); };
   std::string chosen;
   if (!browser.browse(request, chosen)) return false;
@@ -53,20 +53,20 @@ void PackageCatalogue::reload() {
   constraintIds_.clear();
   dependencyIds_.clear();
   if (view_) view_->rowsCleared();
-  logLine() << "Looking for packages in " << folder_;
+  app::logLine() << "Looking for packages in " << folder_;
 
   std::vector<std::string> names = listFolderFiles(folder_, kNpk);
   std::vector<std::string> dpk = listFolderFiles(folder_, kDpk);
   names.insert(names.end(), dpk.begin(), dpk.end());
   if (names.empty()) {
-    logLine() << "No packages in this directory";
+    app::logLine() << "No packages in this directory";
     return;
   }
   // Ascending by character code: this order decides every tie-break of the
   // selection logic.
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
-    logLine() << "Loading " << name;
+    app::logLine() << "Loading " << name;
     addPackage(name);
   }
 
@@ -110,7 +110,7 @@ void PackageCatalogue::reload() {
       notifyChanged(i);
     }
   }
-  logLine() << "Loaded " << records_.size() << " package(s)";
+  app::logLine() << "Loaded " << records_.size() << " package(s)";
 }
 
 bool PackageCatalogue::addPackage(const std::string& fileName) {
@@ -150,7 +150,7 @@ bool PackageCatalogue::addPackage(const std::string& fileName) {
 void PackageCatalogue::addConstraint(size_t index, const PackageDependency& entry) {
   std::vector<PackageDependency>& constraints = records_[index].constraints;
   if (std::find(constraints.begin(), constraints.end(), entry) != constraints.end()) return;
-  logLine() << "add con for " << records_[index].name << ": " << entry.name;
+  app::logLine() << "add con for " << records_[index].name << ": " << entry.name;
   constraints.push_back(entry);
   constraintIds_[index].push_back(internName(entry.name));
 }
@@ -206,7 +206,7 @@ bool PackageCatalogue::toggleFile(const std::string& fileName, std::vector<std::
 
 void PackageCatalogue::toggle(size_t index, std::vector<std::string>& selection) {
   if (index >= records_.size()) return;
-  logLine() << "change state " << index;
+  app::logLine() << "change state " << index;
   select(index, !records_[index].selected);
   selection.clear();
   for (const PackageRecord& record : records_) {
@@ -219,13 +219,13 @@ void PackageCatalogue::select(size_t index, bool on) {
   PackageRecord& record = records_[index];
   if (record.selected == on) return;
   record.selected = on;
-  logLine() << "select " << record.name << " " << (on ? 1 : 0);
+  app::logLine() << "select " << record.name << " " << (on ? 1 : 0);
 
   if (!on) {
     setRowState(index, kRowUnchecked);
     for (size_t j = 0; j < records_.size(); ++j) {
       if (!records_[j].selected) continue;
-      logLine() << "try desel " << records_[j].name;
+      app::logLine() << "try desel " << records_[j].name;
       // The first of j's dependencies that the cleared record satisfied.
       const PackageDependency* needed = nullptr;
       for (const PackageDependency& d : records_[j].dependencies) {
@@ -344,7 +344,7 @@ std::vector<std::string> PackageCatalogue::installOrder(const std::vector<std::s
   for (const std::string& fileName : selection) {
     const int index = findByFileName(fileName);
     if (index < 0) {
-      logLine() << "not in package folder: " << fileName;
+      app::logLine() << "not in package folder: " << fileName;
       continue;
     }
     visit(static_cast<size_t>(index), order);

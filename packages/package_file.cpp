@@ -69,7 +69,7 @@ bool readPackageContents(ByteSource& source, const std::string& fileName, uint32
                          PackageFileContents& out) {
   PackageRecord& record = out.record;
   PartReader reader(source);
-  logLine() << "add pack " << fileName;
+  app::logLine() << "add pack " << fileName;
 
   bool groupSeen = false;
   uint8_t entry[kEntrySize];
@@ -83,7 +83,7 @@ bool readPackageContents(ByteSource& source, const std::string& fileName, uint32
         record.name = entryName(entry);
         record.version = le32(entry + 16);
         groupSeen = true;
-        logLine() << record.name << ": " << formatVersion(record.version);
+        app::logLine() << record.name << ": " << formatVersion(record.version);
         break;
       }
       case kPartPackageHeader: {
@@ -96,7 +96,7 @@ bool readPackageContents(ByteSource& source, const std::string& fileName, uint32
           record.name = name;
           record.version = version;
         }
-        logLine() << "\t" << name << ": " << formatVersion(groupSeen ? record.version : version);
+        app::logLine() << "\t" << name << ": " << formatVersion(groupSeen ? record.version : version);
         break;
       }
       case kPartDescription: {
@@ -133,11 +133,11 @@ bool readPackageContents(ByteSource& source, const std::string& fileName, uint32
         if (groupSeen) break;
         uint8_t count[2];
         if (!readExactly(reader, count, sizeof count)) {
-          logLine() << "bad deps";
+          app::logLine() << "bad deps";
           break;
         }
         if (!readEntries(reader, size_t(count[0] | count[1] << 8), record.dependencies)) {
-          logLine() << "bad deps2";
+          app::logLine() << "bad deps2";
           return false;
         }
         break;

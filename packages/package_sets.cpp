@@ -20,14 +20,14 @@ std::string currentDirectory() {
 
 }  // namespace
 
-void PackageSets::loadSets(Registry& settingsKey) {
+void PackageSets::loadSets(app::Registry& settingsKey) {
   sets_.clear();
-  Registry key;
+  app::Registry key;
   key.openSubKey(settingsKey, kPackageSetsKey);
-  ValueType type = ValueType::None;
+  app::ValueType type = app::ValueType::None;
   std::string name;
   for (uint32_t index = 0; key.enumValue(index, type, name); ++index) {
-    if (type != ValueType::MultiString) continue;
+    if (type != app::ValueType::MultiString) continue;
     std::list<std::string> strings;
     key.readMultiString(name, strings);
     // A set without even its folder (or too large to be read whole) cannot
@@ -38,8 +38,8 @@ void PackageSets::loadSets(Registry& settingsKey) {
   key.close();
 }
 
-void PackageSets::saveSets(Registry& settingsKey) {
-  Registry key;
+void PackageSets::saveSets(app::Registry& settingsKey) {
+  app::Registry key;
   key.openSubKey(settingsKey, kPackageSetsKey);
   for (const auto& [name, strings] : sets_)
     key.writeMultiString(name, std::list<std::string>(strings.begin(), strings.end()));
@@ -82,13 +82,13 @@ bool PackageSets::saveSet(PackageChoice& choice, PackageSetPrompts& prompts) {
   return true;
 }
 
-bool PackageSets::deleteSet(const std::string& setName, Registry* settingsKey) {
+bool PackageSets::deleteSet(const std::string& setName, app::Registry* settingsKey) {
   if (setName.empty() || sets_.count(setName) == 0) return false;
   const std::string name = setName;
   sets_.erase(name);
   if (settingsKey != nullptr) {
     // A failure here is not reported: the set is already gone from the list.
-    Registry key;
+    app::Registry key;
     key.openSubKey(*settingsKey, kPackageSetsKey);
     key.deleteValue(name);
   }

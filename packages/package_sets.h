@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace tarnlift {
+namespace tarnlift::app {
 class Registry;
 }
 
@@ -53,9 +53,9 @@ class PackageSets {
   // Reads every multi-string value of "Package Sets" under settingsKey (the
   // opened settings key); values of other types, and values that read back
   // empty, are skipped. Replaces the map.
-  void loadSets(Registry& settingsKey);
+  void loadSets(app::Registry& settingsKey);
   // Writes every set of the map as a multi-string value.
-  void saveSets(Registry& settingsKey);
+  void saveSets(app::Registry& settingsKey);
 
   // The user picked setName in the combo box. A known set moves the choice
   // to the set's folder and files and names the set; an unknown name only
@@ -73,7 +73,7 @@ class PackageSets {
   // The "Delete set" button with the combo box's entry: removes the set
   // named setName (if any) from the map and from "Package Sets" under
   // settingsKey (nullptr: memory only). Returns whether a set was deleted.
-  bool deleteSet(const std::string& setName, Registry* settingsKey);
+  bool deleteSet(const std::string& setName, app::Registry* settingsKey);
 
   // One package of the choice changed by hand: adds (if missing) or removes
   // the row's file; the choice no longer comes from a set.

@@ -32,8 +32,8 @@ void showStartupMessage(const std::string& text, const std::string& caption, voi
 
 }  // namespace
 
-MainPresenter::MainPresenter(MainView& view, MainWorkers& workers, StartupOptions options,
-                             std::shared_ptr<SettingsStore> store)
+MainPresenter::MainPresenter(MainView& view, MainWorkers& workers, app::StartupOptions options,
+                             std::shared_ptr<app::SettingsStore> store)
     : view_(view), workers_(workers), options_(std::move(options)), store_(std::move(store)) {}
 
 MainPresenter::~MainPresenter() { catalogue_.setView(nullptr); }
@@ -60,7 +60,7 @@ void MainPresenter::construct() {
   netboot::setRunningUnderWine(underWineApplication_);
 
   // 3. Title and icon.
-  view_.setTitle(std::string(kTitlePrefix) + "v" + kVersionWords);
+  view_.setTitle(std::string(kTitlePrefix) + "v" + app::kVersionWords);
   view_.setIcon();
 
   // 4. Timer, progress range, status bar; the router table is the desk's.
@@ -77,7 +77,7 @@ void MainPresenter::construct() {
   view_.clipPackagesGroup();
 
   // 6. Placement.
-  settings_.openRoot(kSettingsKeyPath, kFullAccess, store_);
+  settings_.openRoot(app::kSettingsKeyPath, app::kFullAccess, store_);
   readPlacement();
 
   // 7. The two drop-down lists.
@@ -149,9 +149,9 @@ void MainPresenter::readPlacement() {
 // ---- settings --------------------------------------------------------------
 
 void MainPresenter::saveSettings() {
-  if (!settings_.isOpen()) settings_.openRoot(kSettingsKeyPath, kFullAccess, store_);
+  if (!settings_.isOpen()) settings_.openRoot(app::kSettingsKeyPath, app::kFullAccess, store_);
   WindowRect rect = view_.windowRect();
-  logLine() << "l: " << rect.left << ", t: " << rect.top;
+  app::logLine() << "l: " << rect.left << ", t: " << rect.top;
   if (rect.left != kMinimisedPosition && rect.top != kMinimisedPosition) {
     settings_.writeInt("Rect X", static_cast<uint32_t>(rect.left));
     settings_.writeInt("Rect Y", static_cast<uint32_t>(rect.top));
@@ -168,7 +168,7 @@ void MainPresenter::saveSettings() {
 }
 
 void MainPresenter::onClose() {
-  logLine() << "wm_close";
+  app::logLine() << "wm_close";
   saveSettings();
   view_.stopTimer();
   view_.quitProcess(0);
@@ -470,7 +470,7 @@ void MainPresenter::handDirectoryToTable(const std::string& dir) {
 
 void MainPresenter::onFilesDropped(const std::vector<std::string>& paths) {
   for (const std::string& path : paths) {
-    logLine() << "drop file: " << path;
+    app::logLine() << "drop file: " << path;
     if (!workers_.isDirectory(path)) continue;
     view_.setText(kIdPackageDir, path);
     packageDirChanged();
@@ -533,7 +533,7 @@ void MainPresenter::baudChanged() {
   RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
   r->baudRate = baudFromText(view_.selectedText(kIdBaud));
-  logLine() << "baud: " << r->baudRate;
+  app::logLine() << "baud: " << r->baudRate;
 }
 
 void MainPresenter::selectAll(bool all) {
@@ -598,7 +598,7 @@ void MainPresenter::chooseScript(bool mode) {
   if (r == nullptr) return;
   std::string path;
   if (!view_.chooseScriptFile(path)) return;
-  logLine() << "selected: " << path;
+  app::logLine() << "selected: " << path;
   if (mode) {
     r->modeScriptPath = path;
   } else {
@@ -613,11 +613,11 @@ void MainPresenter::loadInventory() {
   std::string error;
   if (!inventory_.load(path, sets_, error)) {
     // The whole file is refused: no router takes anything from it.
-    logLine() << "inventory refused: " << error;
+    app::logLine() << "inventory refused: " << error;
     view_.showMessage(error, "Error", MessageIcon::Error);
     return;
   }
-  logLine() << "inventory " << path << " lists " << inventory_.size() << " routers";
+  app::logLine() << "inventory " << path << " lists " << inventory_.size() << " routers";
   // The routers listed already take their sections now, the others when
   // they appear.
   for (const MacAddress& mac : routerOrder_) applyInventory(mac);
@@ -632,10 +632,10 @@ void MainPresenter::applyInventory(const MacAddress& mac) {
   std::vector<std::string> notListed;
   if (!inventory_.applyTo(row->record, desk_->packageDir(), sets_, notListed)) return;
   const InventoryEntry* entry = inventory_.find(mac);
-  logLine() << "router " << macText(mac) << " takes its options from the inventory"
-            << (entry->label ? " (\"" + *entry->label + "\")" : std::string());
+  app::logLine() << "router " << macText(mac) << " takes its options from the inventory"
+                 << (entry->label ? " (\"" + *entry->label + "\")" : std::string());
   for (const std::string& name : notListed) {
-    logLine() << "inventory: " << name << " is not listed for " << architectureText(row->record.architecture);
+    app::logLine() << "inventory: " << name << " is not listed for " << architectureText(row->record.architecture);
   }
 }
 
@@ -651,7 +651,7 @@ void MainPresenter::onRouterItemChanging() {
   view_.postPrivate(kRefreshCode);
   RouterRecord* r = selectedRouter();
   if (r == nullptr || !haveShownRouter_ || r->mac != shownRouter_) return;
-  logLine() << "changing " << r->label;
+  app::logLine() << "changing " << r->label;
   takeFieldsInto(*r);
   r->scriptPath = view_.text(kIdScriptPath);
   r->modeScriptPath = view_.text(kIdModeScriptPath);
@@ -678,7 +678,7 @@ void MainPresenter::togglePackage(int index) {
 void MainPresenter::showPackageDescription(int index) {
   if (index < 0 || static_cast<size_t>(index) >= catalogue_.size()) return;
   std::string text = catalogue_.describeDependencies(static_cast<size_t>(index));
-  logLine() << text;
+  app::logLine() << text;
   view_.setStatusText(text);
 }
 

@@ -74,7 +74,7 @@ class MainWorkers {
   // Creates and starts the "PXE Booter" with the start-up text.
   virtual NetbootWorker& startNetbootServer(const std::string& kernelOverride) = 0;
   virtual BeaconWorker& beacon() = 0;
-  virtual const Clock& clock() = 0;
+  virtual const app::Clock& clock() = 0;
   virtual netboot::InterfaceSource& interfaces() = 0;
   // An environment variable; false when it does not exist.
   virtual bool environment(const std::string& name, std::string& value) = 0;
@@ -96,8 +96,8 @@ class MainPresenter : private packages::PackageListView,
                       private InstallPrompter {
  public:
   // store: the settings store to read and write (nullptr: the default one).
-  MainPresenter(MainView& view, MainWorkers& workers, StartupOptions options,
-                std::shared_ptr<SettingsStore> store = nullptr);
+  MainPresenter(MainView& view, MainWorkers& workers, app::StartupOptions options,
+                std::shared_ptr<app::SettingsStore> store = nullptr);
   ~MainPresenter() override;
   MainPresenter(const MainPresenter&) = delete;
   MainPresenter& operator=(const MainPresenter&) = delete;
@@ -189,9 +189,9 @@ class MainPresenter : private packages::PackageListView,
 
   MainView& view_;
   MainWorkers& workers_;
-  StartupOptions options_;
-  std::shared_ptr<SettingsStore> store_;
-  Registry settings_;
+  app::StartupOptions options_;
+  std::shared_ptr<app::SettingsStore> store_;
+  app::Registry settings_;
   RouterInstaller* routers_ = nullptr;
   DriveInstaller* drives_ = nullptr;
   NetbootWorker* netboot_ = nullptr;

@@ -9,9 +9,9 @@
 namespace tarnlift {
 
 // Builds the main window; returns its native window handle.
-void* buildMainWindow(const StartupOptions& options);
+void* buildMainWindow(const app::StartupOptions& options);
 // The same with another local-drive installer (tests give a fake one).
-void* buildMainWindow(const StartupOptions& options, std::unique_ptr<DriveInstaller> drives);
+void* buildMainWindow(const app::StartupOptions& options, std::unique_ptr<DriveInstaller> drives);
 // Saves the settings and frees the window's resources.
 void tearDownMainWindow();
 

@@ -40,7 +40,7 @@ class SystemMainWorkers::Beacon : public BeaconWorker {
 
 std::unique_ptr<DriveInstaller> SystemMainWorkers::defaultDriveInstaller(bool underWine) {
   if (underWine) {
-    logLine() << "local drives: none under Wine";
+    app::logLine() << "local drives: none under Wine";
     return std::make_unique<NoDriveInstaller>();
   }
   return std::make_unique<LocalDriveInstaller>();
@@ -68,7 +68,7 @@ NetbootWorker& SystemMainWorkers::startNetbootServer(const std::string& kernelOv
 
 BeaconWorker& SystemMainWorkers::beacon() { return *beacon_; }
 
-const Clock& SystemMainWorkers::clock() { return SteadyClock::instance(); }
+const app::Clock& SystemMainWorkers::clock() { return app::SteadyClock::instance(); }
 
 netboot::InterfaceSource& SystemMainWorkers::interfaces() { return netboot::platformInterfaceSource(); }
 

@@ -30,7 +30,7 @@ class SystemMainWorkers : public MainWorkers {
   DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) override;
   NetbootWorker& startNetbootServer(const std::string& kernelOverride) override;
   BeaconWorker& beacon() override;
-  const Clock& clock() override;
+  const app::Clock& clock() override;
   netboot::InterfaceSource& interfaces() override;
   bool environment(const std::string& name, std::string& value) override;
   std::string currentDirectory() override;

@@ -46,28 +46,28 @@ WPARAM runMessageLoop(HWND mainWindow) {
 int WINAPI WinMain(HINSTANCE instance, HINSTANCE /*previous*/, LPSTR commandLine, int /*show*/) {
   using namespace tarnlift;
   gInstance = instance;
-  logLine() << "Version: " << kVersionText;
+  app::logLine() << "Version: " << app::kVersionText;
   SetUnhandledExceptionFilter(&endWithoutDialog);
 
-  if (acquireSingleInstance() == InstanceGuard::AlreadyRunning) {
-    MessageBoxA(nullptr, kAlreadyRunningText, "Error", MB_OK);
+  if (app::acquireSingleInstance() == app::InstanceGuard::AlreadyRunning) {
+    MessageBoxA(nullptr, app::kAlreadyRunningText, "Error", MB_OK);
     return 0;
   }
 
   WSADATA socketData;
-  if (WSAStartup(0x0102, &socketData) != 0) fatalFailure("WSA start failed");
+  if (WSAStartup(0x0102, &socketData) != 0) app::fatalFailure("WSA start failed");
   InitCommonControls();
 
   std::string line = commandLine != nullptr ? commandLine : "";
-  StartupOptions options = parseStartupCommandLine(line);
-  logStartupOptions(line, options);
+  app::StartupOptions options = app::parseStartupCommandLine(line);
+  app::logStartupOptions(line, options);
 
   HWND mainWindow = static_cast<HWND>(buildMainWindow(options));
   WPARAM result = runMessageLoop(mainWindow);
 
-  logLine() << "run out";
+  app::logLine() << "run out";
   tearDownMainWindow();
-  logLine() << "exit";
+  app::logLine() << "exit";
   WSACleanup();
   return static_cast<int>(result);
 }

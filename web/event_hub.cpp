@@ -111,7 +111,7 @@ std::string EventHub::format(const WebEvent& event) {
   return text;
 }
 
-EventStream::EventStream(const EventHub& hub, const Clock& clock, std::function<bool()> allowed, Options options)
+EventStream::EventStream(const EventHub& hub, const app::Clock& clock, std::function<bool()> allowed, Options options)
     : hub_(hub), clock_(clock), allowed_(std::move(allowed)), options_(options) {}
 
 void EventStream::appendPresent(std::string& out) {

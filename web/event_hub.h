@@ -101,7 +101,7 @@ class EventStream : public ResponseStream {
     size_t budgetBytes = 1024 * 1024;
   };
   // allowed: asked before each piece (the session still exists); null: always.
-  EventStream(const EventHub& hub, const Clock& clock, std::function<bool()> allowed, Options options);
+  EventStream(const EventHub& hub, const app::Clock& clock, std::function<bool()> allowed, Options options);
 
   bool pull(std::string& out, size_t room) override;
   // From any thread: the stream ends at its next pull.
@@ -112,7 +112,7 @@ class EventStream : public ResponseStream {
   void appendPresent(std::string& out);
 
   const EventHub& hub_;
-  const Clock& clock_;
+  const app::Clock& clock_;
   std::function<bool()> allowed_;
   Options options_;
   std::atomic<bool> ended_{false};

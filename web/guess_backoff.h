@@ -18,7 +18,8 @@ namespace tarnlift::web {
 
 class GuessBackoff {
  public:
-  explicit GuessBackoff(const Clock& clock, size_t maxAddresses = 4096) : clock_(clock), maxAddresses_(maxAddresses) {}
+  explicit GuessBackoff(const app::Clock& clock, size_t maxAddresses = 4096)
+      : clock_(clock), maxAddresses_(maxAddresses) {}
 
   // The wait imposed after this many wrong tokens in a row, in seconds.
   static uint32_t delayAfter(uint32_t failures);
@@ -37,7 +38,7 @@ class GuessBackoff {
   };
   void forgetOld(uint64_t now);
 
-  const Clock& clock_;
+  const app::Clock& clock_;
   size_t maxAddresses_;
   mutable std::mutex mutex_;
   std::map<std::string, Entry> entries_;

@@ -58,7 +58,7 @@ class OverloadNote {
     Clock::time_point now = Clock::now();
     if (now < next_) return;
     next_ = now + std::chrono::seconds(10);
-    LogLine line(LogPriority::Warning);
+    app::LogLine line(app::LogPriority::Warning);
     line << "web:";
     const char* separator = " ";
     for (const auto& [text, n] : counts_) {
@@ -514,8 +514,8 @@ void HttpServer::State::guard(uint64_t id, const char* where, void (State::*step
   } catch (const std::exception& e) {
     auto again = connections.find(id);
     if (again != connections.end()) {
-      logLine(LogPriority::Warning) << "web: " << where << " for " << again->second.socket->peer()
-                                    << " failed: " << e.what();
+      app::logLine(app::LogPriority::Warning)
+          << "web: " << where << " for " << again->second.socket->peer() << " failed: " << e.what();
       close(id);
     }
   }
@@ -567,7 +567,7 @@ void HttpServer::State::networkLoop() {
     } catch (const std::exception& e) {
       // Nothing a client sends may end the server; a surprise here costs a turn.
       try {
-        logLine(LogPriority::Warning) << "web: " << e.what();
+        app::logLine(app::LogPriority::Warning) << "web: " << e.what();
       } catch (const std::exception&) {
       }
       std::this_thread::sleep_for(milliseconds(10));

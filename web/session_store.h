@@ -20,7 +20,7 @@ inline constexpr size_t kMaxSessions = 256;
 
 class SessionStore {
  public:
-  explicit SessionStore(const Clock& clock, size_t capacity = kMaxSessions) : clock_(clock), capacity_(capacity) {}
+  explicit SessionStore(const app::Clock& clock, size_t capacity = kMaxSessions) : clock_(clock), capacity_(capacity) {}
 
   // A new session's id (256 random bits as hex).
   std::string create();
@@ -39,7 +39,7 @@ class SessionStore {
   };
   bool live(const Session& session, uint64_t now) const;
 
-  const Clock& clock_;
+  const app::Clock& clock_;
   size_t capacity_;
   mutable std::mutex mutex_;
   std::map<std::string, Session> sessions_;

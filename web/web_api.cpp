@@ -93,7 +93,7 @@ bool pathSegments(const std::string& target, std::vector<std::string>& segments)
   }
 }
 
-WebApi::WebApi(WebDesk& desk, EventHub& hub, WebAccess access, const Clock& clock)
+WebApi::WebApi(WebDesk& desk, EventHub& hub, WebAccess access, const app::Clock& clock)
     : desk_(desk), hub_(hub), access_(std::move(access)), clock_(clock), sessions_(clock), backoff_(clock) {}
 
 WebApi::Caller WebApi::identify(const HttpRequest& request) {
@@ -126,8 +126,9 @@ HttpResponse WebApi::tooManyTries(const HttpRequest& request, uint32_t seconds) 
 HttpResponse WebApi::wrongToken(const HttpRequest& request, const char* where) {
   const std::string& address = addressOf(request);
   uint32_t failures = backoff_.failed(address);
-  logLine(LogPriority::Warning) << "web: wrong token from " << address << " (" << where << ", " << failures
-                                << " in a row; its next try in " << GuessBackoff::delayAfter(failures) << " s)";
+  app::logLine(app::LogPriority::Warning)
+      << "web: wrong token from " << address << " (" << where << ", " << failures << " in a row; its next try in "
+      << GuessBackoff::delayAfter(failures) << " s)";
   HttpResponse r = jsonError(401, "wrong token");
   r.headers.emplace_back("WWW-Authenticate", "Bearer");
   r.close = true;

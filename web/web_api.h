@@ -35,7 +35,7 @@ inline constexpr size_t kMaxStreams = 64;
 
 class WebApi {
  public:
-  WebApi(WebDesk& desk, EventHub& hub, WebAccess access, const Clock& clock);
+  WebApi(WebDesk& desk, EventHub& hub, WebAccess access, const app::Clock& clock);
 
   // A whole request: admit() and respond() in one.
   HttpResponse handle(const HttpRequest& request);
@@ -69,7 +69,7 @@ class WebApi {
   WebDesk& desk_;
   EventHub& hub_;
   WebAccess access_;
-  const Clock& clock_;
+  const app::Clock& clock_;
   SessionStore sessions_;
   GuessBackoff backoff_;
   EventStream::Options streamOptions_;

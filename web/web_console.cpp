@@ -86,12 +86,12 @@ void fillNetbootActivity(NetbootSnapshot& snapshot) {
   snapshot.tftpBytesSent = activity.tftpBytesSent;
   snapshot.clients.clear();
   for (const netboot::AnsweredClient& c : activity.lastClients) {
-    snapshot.clients.push_back({c.mac, c.clientClass, utcText(c.when)});
+    snapshot.clients.push_back({c.mac, c.clientClass, app::utcText(c.when)});
   }
 }
 
 WebConsole::WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered,
-                       Registry* settings, const Clock& clock, WebAccess access)
+                       app::Registry* settings, const app::Clock& clock, WebAccess access)
     : desk_(desk, sets, remembered, settings, hub_, clock), api_(desk_, hub_, std::move(access), clock) {}
 
 WebConsole::~WebConsole() { stop(); }
@@ -117,13 +117,13 @@ bool WebConsole::start(uint32_t address, uint16_t port, std::string& error) {
     server_.reset();
     return false;
   }
-  setLogListener(&WebConsole::onLogLine, &hub_);
+  app::setLogListener(&WebConsole::onLogLine, &hub_);
   listening_ = true;
   return true;
 }
 
 void WebConsole::stop() {
-  if (listening_) setLogListener(nullptr, nullptr);
+  if (listening_) app::setLogListener(nullptr, nullptr);
   listening_ = false;
   if (server_) server_->stop();
   server_.reset();

@@ -11,8 +11,8 @@ namespace tarnlift::web {
 
 using nlohmann::json;
 
-WebDesk::WebDesk(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, Registry* settings,
-                 EventHub& hub, const Clock& clock)
+WebDesk::WebDesk(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, app::Registry* settings,
+                 EventHub& hub, const app::Clock& clock)
     : desk_(desk), sets_(sets), remembered_(remembered), settings_(settings), hub_(hub), clock_(clock) {
   startedAtSeconds_ = static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count());

@@ -28,7 +28,7 @@
 #include "packages/package_sets.h"
 #include "web/event_hub.h"
 
-namespace tarnlift {
+namespace tarnlift::app {
 class Registry;
 }
 
@@ -74,8 +74,8 @@ struct NetbootSnapshot {
 
 class WebDesk : private InstallPrompter {
  public:
-  WebDesk(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, Registry* settings,
-          EventHub& hub, const Clock& clock);
+  WebDesk(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, app::Registry* settings,
+          EventHub& hub, const app::Clock& clock);
 
   std::mutex& lock() { return lock_; }
 
@@ -140,9 +140,9 @@ class WebDesk : private InstallPrompter {
   InstallDesk& desk_;
   packages::PackageSets& sets_;
   RememberedChoices& remembered_;
-  Registry* settings_;
+  app::Registry* settings_;
   EventHub& hub_;
-  const Clock& clock_;
+  const app::Clock& clock_;
   packages::PackageCatalogue catalogue_;
   AfterInstall defaultAfter_ = AfterInstall::Reboot;
   std::map<MacAddress, AfterInstall> after_;

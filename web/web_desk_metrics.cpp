@@ -50,7 +50,7 @@ std::string WebDesk::metrics() {
   out += "# TYPE process_start_time_seconds gauge\n";
   out += "process_start_time_seconds " + std::to_string(startedAtSeconds_) + "\n";
   out += "# HELP tarnlift_info The program's version.\n# TYPE tarnlift_info gauge\n";
-  out += "tarnlift_info{version=\"" + std::string(kVersionWords) + "\"} 1\n";
+  out += "tarnlift_info{version=\"" + std::string(app::kVersionWords) + "\"} 1\n";
   return out;
 }
 

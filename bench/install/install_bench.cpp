@@ -28,7 +28,7 @@ class NullBuffer : public std::streambuf {
 void silence() {
   static NullBuffer buffer;
   static std::ostream sink(&buffer);
-  setLogStream(sink);
+  app::setLogStream(sink);
 }
 
 const MacAddress kRouter = {0x02, 0, 0, 0, 0, 1};
@@ -79,7 +79,7 @@ void BM_ServerAnswersRetr(benchmark::State& state) {
   const size_t size = 16 << 20;
   std::string path = packageFile(size);
   Sink sink;
-  ManualClock clock;
+  app::ManualClock clock;
   uint64_t bytes = 0;
   while (state.KeepRunning()) {
     state.PauseTiming();
@@ -156,7 +156,7 @@ void BM_InMemoryInstall(benchmark::State& state) {
       }
       MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
     } segment;
-    ManualClock clock;
+    app::ManualClock clock;
     InstallServer server(segment, clock, [](const RouterRecord&, std::string&) { return std::string(); });
     std::vector<std::unique_ptr<routersim::SimRouter>> sims;
     for (int i = 0; i < routers; ++i) {

@@ -46,7 +46,7 @@ class OneRecordStore : public BootImageStore {
 };
 
 void BM_ClassifyAndBuildReply(benchmark::State& state) {
-  setLogStream(nullStream());
+  app::setLogStream(nullStream());
   OneRecordStore store(300000);
   setBootImageStore(&store);
   std::vector<uint8_t> request = makeBootpRequest({0, 0x0C, 0x42, 1, 2, 3}, "PXEClient:Arch:00007:UNDI:003016", 7, 9);
@@ -61,14 +61,14 @@ void BM_ClassifyAndBuildReply(benchmark::State& state) {
     benchmark::DoNotOptimize(length);
   }
   setBootImageStore(nullptr);
-  setLogStream(std::cout);
+  app::setLogStream(std::cout);
 }
 BENCHMARK(BM_ClassifyAndBuildReply);
 
 // Request to reply through the loopback interface: one client socket, one
 // responder socket doing what the server does with a BOOTP datagram.
 void BM_BootpRequestToReplyLoopback(benchmark::State& state) {
-  setLogStream(nullStream());
+  app::setLogStream(nullStream());
   OneRecordStore store(300000);
   setBootImageStore(&store);
   net::startSocketLibrary();
@@ -105,7 +105,7 @@ void BM_BootpRequestToReplyLoopback(benchmark::State& state) {
   done = true;
   responder.join();
   setBootImageStore(nullptr);
-  setLogStream(std::cout);
+  app::setLogStream(std::cout);
 }
 BENCHMARK(BM_BootpRequestToReplyLoopback)->UseRealTime();
 
@@ -149,7 +149,7 @@ class InstantNetwork : public DatagramNetwork {
 };
 
 void BM_TftpTransfer32MiBInMemory(benchmark::State& state) {
-  setLogStream(nullStream());
+  app::setLogStream(nullStream());
   std::vector<uint8_t> content(32u << 20, 0xA5);
   const char request[] =
       "\0\1image\0octet\0blksize\0"
@@ -163,7 +163,7 @@ void BM_TftpTransfer32MiBInMemory(benchmark::State& state) {
     benchmark::DoNotOptimize(done);
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(content.size()));
-  setLogStream(std::cout);
+  app::setLogStream(std::cout);
 }
 BENCHMARK(BM_TftpTransfer32MiBInMemory)->Unit(benchmark::kMillisecond);
 

@@ -111,7 +111,7 @@ uint64_t processReadBytes() {
 }
 
 void BM_ScanFolder1000(benchmark::State& state) {
-  tarnlift::setLogStream(nullStream);
+  tarnlift::app::setLogStream(nullStream);
   const fs::path folder = makeReleaseFolder(1000);
   PackageCatalogue catalogue;
   catalogue.setFolder(folder.string(), 0);  // warms the cache
@@ -131,13 +131,13 @@ void BM_ScanFolder1000(benchmark::State& state) {
       static_cast<double>(kernelBytes) / static_cast<double>(scans) / static_cast<double>(catalogue.size());
   state.counters["avg_file_MB"] = static_cast<double>(logicalSize) / catalogue.size() / (1 << 20);
   fs::remove_all(folder);
-  tarnlift::setLogStream(std::cout);
+  tarnlift::app::setLogStream(std::cout);
 }
 BENCHMARK(BM_ScanFolder1000)->Unit(benchmark::kMillisecond);
 
 // Large sparse files: 1 GiB of data part in front of the dependency list.
 void BM_ScanLargeSparseFiles(benchmark::State& state) {
-  tarnlift::setLogStream(nullStream);
+  tarnlift::app::setLogStream(nullStream);
   const fs::path folder = scratch("sparse");
   for (int i = 0; i < 16; ++i) {
     PackageWriter writer;
@@ -161,14 +161,14 @@ void BM_ScanLargeSparseFiles(benchmark::State& state) {
   state.counters["bytes_read_per_file"] = bytesReadPerFile(folder, &largest);
   state.counters["file_size_MiB"] = static_cast<double>(largest) / (1 << 20);
   fs::remove_all(folder);
-  tarnlift::setLogStream(std::cout);
+  tarnlift::app::setLogStream(std::cout);
 }
 BENCHMARK(BM_ScanLargeSparseFiles)->Unit(benchmark::kMillisecond);
 
 // Ticking the top of a chain of `depth` packages, each needing the next:
 // the tick pulls in the whole chain; then the install order is worked out.
 void BM_TickDeepChain(benchmark::State& state) {
-  tarnlift::setLogStream(nullStream);
+  tarnlift::app::setLogStream(nullStream);
   const size_t depth = static_cast<size_t>(state.range(0));
   const fs::path folder = scratch("chain");
   for (size_t i = 0; i < depth; ++i) {
@@ -194,7 +194,7 @@ void BM_TickDeepChain(benchmark::State& state) {
   }
   state.counters["selected"] = static_cast<double>(orderLength);
   fs::remove_all(folder);
-  tarnlift::setLogStream(std::cout);
+  tarnlift::app::setLogStream(std::cout);
 }
 BENCHMARK(BM_TickDeepChain)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond);
 

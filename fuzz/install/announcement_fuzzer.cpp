@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (record.mac != mac) __builtin_trap();
 
   fuzzing::SinkTransport transport;
-  ManualClock clock;
+  app::ManualClock clock;
   InstallServer server(transport, clock, [](const RouterRecord&, std::string&) { return std::string(); });
   server.onAnnouncement(mac, payload.data(), payload.size());
   RouterRecord queued;

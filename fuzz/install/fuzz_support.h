@@ -18,7 +18,7 @@ class NullBuffer : public std::streambuf {
 inline void silenceLog() {
   static NullBuffer buffer;
   static std::ostream sink(&buffer);
-  setLogStream(sink);
+  app::setLogStream(sink);
 }
 
 class SinkTransport : public DatagramTransport {

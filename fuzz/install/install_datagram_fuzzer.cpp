@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The same bytes as a stream of datagrams for one session: each one is
   // 2 bytes of length and that many bytes, sent with the router's MAC.
   fuzzing::SinkTransport transport;
-  ManualClock clock;
+  app::ManualClock clock;
   RouterRecord request;
   request.mac = peer;
   request.defaultConfig = true;

@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static std::ostream nullStream(&nullBuffer);
   static SmallStore store;
   static bool once = [] {
-    tarnlift::setLogStream(nullStream);
+    tarnlift::app::setLogStream(nullStream);
     setBootImageStore(&store);
     return true;
   }();

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static NullBuffer nullBuffer;
   static std::ostream nullStream(&nullBuffer);
   static bool once = [] {
-    tarnlift::setLogStream(nullStream);
+    tarnlift::app::setLogStream(nullStream);
     return true;
   }();
   (void)once;

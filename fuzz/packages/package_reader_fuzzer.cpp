@@ -28,7 +28,7 @@ void check(bool condition) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static NullBuffer buffer;
   static std::ostream quiet(&buffer);
-  tarnlift::setLogStream(quiet);
+  tarnlift::app::setLogStream(quiet);
   using namespace tarnlift::packages;
 
   // The first byte picks the architecture code (including codes above 9).

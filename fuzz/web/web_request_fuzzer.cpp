@@ -44,7 +44,7 @@ class OneRouter : public RouterInstaller {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static std::ostringstream sink;
-  setLogStream(sink);
+  app::setLogStream(sink);
   sink.str("");
   std::string input(reinterpret_cast<const char*>(data), size);
   size_t end = input.find("\r\n\r\n");
@@ -56,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   NoDriveInstaller drives;
   packages::PackageSets sets;
   RememberedChoices remembered;
-  ManualClock clock(50'000'000);
+  app::ManualClock clock(50'000'000);
   InstallDesk desk(routers, drives, sets, remembered, clock);
   desk.setPackageDir("/nonexistent/tarnlift-fuzz");
   RouterRecord r;

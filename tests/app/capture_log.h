@@ -12,8 +12,8 @@ namespace tarnlift::testing {
 
 class CapturedLog {
  public:
-  CapturedLog() { setLogStream(stream_); }
-  ~CapturedLog() { setLogStream(std::cout); }
+  CapturedLog() { app::setLogStream(stream_); }
+  ~CapturedLog() { app::setLogStream(std::cout); }
   std::string text() const { return stream_.str(); }
   bool contains(const std::string& part) const { return text().find(part) != std::string::npos; }
 
@@ -24,8 +24,8 @@ class CapturedLog {
 // For death tests: log lines and the fatal box both go to standard error,
 // where the death test matches them, and no window is shown.
 inline void fatalToStderr() {
-  setLogStream(std::cerr);
-  setFatalPresenter([](const std::string& text) { std::cerr << "BOX[" << text << "]" << std::endl; });
+  app::setLogStream(std::cerr);
+  app::setFatalPresenter([](const std::string& text) { std::cerr << "BOX[" << text << "]" << std::endl; });
 }
 
 }  // namespace tarnlift::testing

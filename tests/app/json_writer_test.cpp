@@ -8,6 +8,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 TEST(JsonObjectWriter, EveryKindOfFieldInTheOrderGiven) {
   EXPECT_EQ(JsonObjectWriter()
                 .text("name", "a\"b")

@@ -11,6 +11,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 using testing::CapturedLog;
 
 TEST(LogLine, WritesOneFlushedLineWithStreamBooleans) {

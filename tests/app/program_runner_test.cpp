@@ -34,6 +34,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 namespace fs = std::filesystem;
 
 std::vector<uint8_t> readWhole(const std::string& path) {

@@ -13,6 +13,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 namespace fs = std::filesystem;
 
 std::string uniqueSuffix() { return std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()); }

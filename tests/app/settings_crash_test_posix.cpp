@@ -25,6 +25,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 constexpr int kKills = 1000;
 const char kKeyPath[] = "SOFTWARE\\Tarnlift\\CrashTest";
 

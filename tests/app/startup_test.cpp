@@ -7,6 +7,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 TEST(StartupCommandLine, FlagAnywhereSetsCurrentDirectory) {
   for (const char* line : {"--current-directory", "a b --current-directory c", "x--current-directoryy",
                            "\"C:\\dir --current-directory\\k\""}) {

@@ -10,6 +10,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 TEST(Event, ManualResetStaysSetUntilReset) {
   Event event(true);
   EXPECT_FALSE(event.waitFor(0));

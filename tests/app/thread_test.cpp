@@ -10,6 +10,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 using testing::CapturedLog;
 using Steady = std::chrono::steady_clock;
 

@@ -8,6 +8,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace app;
+
 TEST(UtcText, TheEpochInBothLayouts) {
   EXPECT_EQ(utcText(0), "1970-01-01T00:00:00Z");
   EXPECT_EQ(utcText(0, UtcLayout::FileStamp), "19700101-000000");

@@ -115,7 +115,7 @@ class ScriptedSegment : public ProbeChannel {
     int delayMillis;
     bool macInFrame;
   };
-  ScriptedSegment(ManualClock& clock, net::MacAddress mac, uint32_t xid, std::vector<Server> servers)
+  ScriptedSegment(app::ManualClock& clock, net::MacAddress mac, uint32_t xid, std::vector<Server> servers)
       : clock_(clock), start_(clock.nowMicros()), mac_(mac), xid_(xid), servers_(std::move(servers)) {}
 
   bool send(const std::vector<uint8_t>& discover, std::string& why) override {
@@ -163,7 +163,7 @@ class ScriptedSegment : public ProbeChannel {
     int at;
     const Server* server;
   };
-  ManualClock& clock_;
+  app::ManualClock& clock_;
   uint64_t start_;
   net::MacAddress mac_;
   uint32_t xid_;
@@ -184,7 +184,7 @@ TEST(ProbeTest, DiscoversGoOutAt0And4SecondsThenAsDhcpClientsRetransmit) {
 // the probe hears it (once), and every other server that answers before the
 // end, and none after.
 TEST(ProbeTest, ListensUntilFourSecondsAfterTheSecondDiscover) {
-  ManualClock clock;
+  app::ManualClock clock;
   net::MacAddress mac{0x02, 0, 0x5E, 1, 2, 3};
   ScriptedSegment segment(clock, mac, 42,
                           {{"192.168.88.1", "192.168.88.100", 3030, true},
@@ -218,7 +218,7 @@ TEST(ProbeTest, ListensUntilFourSecondsAfterTheSecondDiscover) {
 }
 
 TEST(ProbeTest, AShorterProbeSendsOnceAndMissesTheLateServer) {
-  ManualClock clock;
+  app::ManualClock clock;
   net::MacAddress mac{0x02, 0, 0x5E, 1, 2, 3};
   ScriptedSegment segment(clock, mac, 5, {{"192.168.88.1", "192.168.88.100", 3030, true}});
   std::vector<ProbeAnswer> answers;

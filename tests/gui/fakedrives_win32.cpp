@@ -33,7 +33,7 @@ class LoggingVolumeFiles : public FakeVolumeFiles {
  public:
   using FakeVolumeFiles::FakeVolumeFiles;
   bool copyInto(const DriveId& drive, const std::string& source, const std::string& name) override {
-    logLine() << "fake copy: " << name;
+    app::logLine() << "fake copy: " << name;
     return FakeVolumeFiles::copyInto(drive, source, name);
   }
 };
@@ -78,7 +78,7 @@ int WINAPI WinMain(HINSTANCE, HINSTANCE, LPSTR commandLine, int) {
   WSAStartup(0x0102, &data);
   InitCommonControls();
   static FakeMachine machine;
-  StartupOptions options = parseStartupCommandLine(commandLine != nullptr ? commandLine : "");
+  app::StartupOptions options = app::parseStartupCommandLine(commandLine != nullptr ? commandLine : "");
   HWND window = static_cast<HWND>(
       buildMainWindow(options, std::make_unique<ui::LocalDriveInstaller>(machine.drives.get(), &machine.services)));
   MSG message{};

@@ -8,6 +8,6 @@
 
 int WINAPI WinMain(HINSTANCE, HINSTANCE, LPSTR, int) {
   std::string message = "CreateThread";
-  tarnlift::reportFailure(message, ERROR_FILE_NOT_FOUND, true);
+  tarnlift::app::reportFailure(message, ERROR_FILE_NOT_FOUND, true);
   return 0;  // not reached: the fatal report ends the process with 1
 }

@@ -18,7 +18,7 @@ class DeskTest : public ::testing::Test {
   FakeDriveInstaller drives;
   packages::PackageSets sets;
   RememberedChoices remembered;
-  ManualClock clock{50'000'000};
+  app::ManualClock clock{50'000'000};
   InstallDesk desk{routers, drives, sets, remembered, clock};
 
   RouterRecord router(uint8_t last) {

@@ -203,7 +203,7 @@ TEST(RouterTableModel, SelectedRow) {
 class DiscoveryTest : public ::testing::Test {
  protected:
   FakeTransport transport;
-  ManualClock clock{10'000'000};
+  app::ManualClock clock{10'000'000};
   InstallServer server{transport, clock, [](const RouterRecord&, std::string&) { return std::string(); }};
   testing::ScriptedRouter router;
 

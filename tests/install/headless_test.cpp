@@ -27,7 +27,7 @@ class HeadlessTest : public ::testing::Test {
  protected:
   testing::CapturedLog log;
   testing::TempDir dir;
-  ManualClock clock{1'000'000};
+  app::ManualClock clock{1'000'000};
   Segment segment{clock};
   InstallServer server{segment, clock};
   packages::PackageSets sets;
@@ -222,9 +222,9 @@ TEST_F(HeadlessTest, AddressQuestionIsAnsweredYesAndSaid) {
 
 TEST_F(HeadlessTest, SavedPackageSetIsUsed) {
   addRouter(router(1));
-  Registry settings;
-  settings.openRoot(kSettingsKeyPath, kFullAccess, makeMemorySettingsStore());
-  Registry setsKey;
+  app::Registry settings;
+  settings.openRoot(app::kSettingsKeyPath, app::kFullAccess, app::makeMemorySettingsStore());
+  app::Registry setsKey;
   setsKey.openSubKey(settings, packages::kPackageSetsKey);
   setsKey.writeMultiString("Lab", {dir.path(), "system-6.41.npk"});
   sets.loadSets(settings);

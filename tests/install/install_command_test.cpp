@@ -200,8 +200,8 @@ TEST_F(InstallCommandTest, ChoicesAreRememberedAndApplied) {
   EXPECT_TRUE(remembered.defaultConfig);
   EXPECT_EQ(remembered.modeScriptPath, "m.rsc");
 
-  Registry settings;
-  settings.openRoot(kSettingsKeyPath, kFullAccess, makeMemorySettingsStore());
+  app::Registry settings;
+  settings.openRoot(app::kSettingsKeyPath, app::kFullAccess, app::makeMemorySettingsStore());
   remembered.save(settings);
   RememberedChoices loaded;
   loaded.load(settings);
@@ -244,7 +244,7 @@ TEST_F(InstallCommandTest, DefaultConfigRememberedOnlyFromARouterThatHasOne) {
 // The request goes on into a session: "keep" in the offer, an empty autorun.
 TEST_F(InstallCommandTest, KeepConfigSendsKeepAndEmptyAutorun) {
   testing::FakeTransport transport;
-  ManualClock clock;
+  app::ManualClock clock;
   InstallServer server(transport, clock);
   context.startSession = [&](const RouterRecord& r) { server.start(r, true); };
   choices.keepConfig = true;
@@ -252,7 +252,7 @@ TEST_F(InstallCommandTest, KeepConfigSendsKeepAndEmptyAutorun) {
   choices.netmaskBits = netmaskBitsFromText("24");
   ASSERT_EQ(runInstallCommand(&router, choices, context), InstallOutcome::Started);
   EXPECT_EQ(transport.lastPayload(), "OFFR\nkeep\n");
-  MutexLock hold(server.sessionLock());
+  app::MutexLock hold(server.sessionLock());
   std::string autorun = server.session(testing::kRouterMac)->autorunPath();
   ASSERT_FALSE(autorun.empty());
   EXPECT_EQ(testing::readFile(autorun), "");

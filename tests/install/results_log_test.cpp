@@ -10,13 +10,13 @@ namespace tarnlift {
 namespace {
 
 TEST(ResultsLogTest, StringsAreEscapedAsPlainAscii) {
-  EXPECT_EQ(jsonString("a\"b\\c\td\ne"), "\"a\\\"b\\\\c\\td\\ne\"");
-  EXPECT_EQ(jsonString(std::string("\x01\x7f", 2)), "\"\\u0001\\u007f\"");
-  EXPECT_EQ(jsonString("caf\xC3\xA9"), "\"caf\\u00e9\"");
-  EXPECT_EQ(jsonString("\xF0\x9F\x98\x80"), "\"\\ud83d\\ude00\"");
+  EXPECT_EQ(app::jsonString("a\"b\\c\td\ne"), "\"a\\\"b\\\\c\\td\\ne\"");
+  EXPECT_EQ(app::jsonString(std::string("\x01\x7f", 2)), "\"\\u0001\\u007f\"");
+  EXPECT_EQ(app::jsonString("caf\xC3\xA9"), "\"caf\\u00e9\"");
+  EXPECT_EQ(app::jsonString("\xF0\x9F\x98\x80"), "\"\\ud83d\\ude00\"");
   // Bytes that are not UTF-8: a lone continuation, a cut sequence, an overlong form.
-  EXPECT_EQ(jsonString("\x80x\xE2\x82"), "\"\\ufffdx\\ufffd\\ufffd\"");
-  EXPECT_EQ(jsonString("\xC0\xAF"), "\"\\ufffd\\ufffd\"");
+  EXPECT_EQ(app::jsonString("\x80x\xE2\x82"), "\"\\ufffdx\\ufffd\\ufffd\"");
+  EXPECT_EQ(app::jsonString("\xC0\xAF"), "\"\\ufffd\\ufffd\"");
 }
 
 TEST(ResultsLogTest, EachLineIsOnDiskAtOnce) {

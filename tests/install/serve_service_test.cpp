@@ -52,11 +52,11 @@ class ServeServiceTest : public ::testing::Test {
  protected:
   testing::CapturedLog log;
   testing::TempDir dir;
-  ManualClock clock{1'000'000};
+  app::ManualClock clock{1'000'000};
   testing::Segment segment{clock};
   InstallServer server{segment, clock};
   packages::PackageSets sets;
-  Registry settings;
+  app::Registry settings;
   std::ostringstream out, err;
   std::vector<std::unique_ptr<SimRouter>> sims;
   HeadlessOptions options;
@@ -66,7 +66,7 @@ class ServeServiceTest : public ::testing::Test {
 
   void SetUp() override {
     testing::writeSystemAndExtra(dir, 5000);
-    settings.openRoot(kSettingsKeyPath, kFullAccess, makeMemorySettingsStore());
+    settings.openRoot(app::kSettingsKeyPath, app::kFullAccess, app::makeMemorySettingsStore());
     options.packageDir = dir.path();
     options.select = {"system-6.41.npk"};
   }

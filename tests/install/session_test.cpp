@@ -20,7 +20,7 @@ using testing::ScriptedRouter;
 class SessionTest : public ::testing::Test {
  protected:
   FakeTransport transport;
-  ManualClock clock{5'000'000};
+  app::ManualClock clock{5'000'000};
   testing::TempDir dir;
   InstallServer server{transport, clock, [this](const RouterRecord& r, std::string& failure) {
                          scriptRequests.push_back(r);
@@ -476,7 +476,7 @@ TEST(SessionBatchTest, AnswersHeldInABatchLeaveBeforeTheSessionWritesAgain) {
   // "YACK" and "STRT" in one batch: both answers are empty datagrams built
   // in the session's one buffer. The first must leave as it was built.
   BatchingTransport transport;
-  ManualClock clock;
+  app::ManualClock clock;
   InstallServer server(transport, clock, [](const RouterRecord&, std::string&) { return std::string(); });
   RouterRecord r;
   r.mac = kRouterMac;
@@ -518,7 +518,7 @@ TEST_F(SessionTest, ThreadRunsLoopUntilStopped) {
   server.start();
   dir.write("a.npk", "abc");
   server.start(request({"a.npk"}), true);
-  for (int i = 0; i < 2000 && transport.waitCalls.load() == 0; ++i) sleepMilliseconds(1);
+  for (int i = 0; i < 2000 && transport.waitCalls.load() == 0; ++i) app::sleepMilliseconds(1);
   server.destroy();
   EXPECT_FALSE(server.running());
   EXPECT_GT(transport.waitCalls.load(), 0);

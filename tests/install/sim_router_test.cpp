@@ -135,7 +135,7 @@ struct Rig {
   }
 
   MemorySegment segment;
-  ManualClock clock{1'000'000};
+  app::ManualClock clock{1'000'000};
   InstallServer server{segment, clock, [](const RouterRecord&, std::string&) { return std::string(); }};
   std::vector<std::unique_ptr<SimRouter>> sims;
   std::set<MacAddress> rebooted;

@@ -27,7 +27,7 @@ struct Passed {
 
 class Segment : public DatagramTransport {
  public:
-  explicit Segment(const Clock& clock) : clock_(clock) {}
+  explicit Segment(const app::Clock& clock) : clock_(clock) {}
   int send(const uint8_t* b, size_t n) override {
     if (note("I ", b, n, dropToRouters)) toRouters.emplace_back(b, b + n);
     return static_cast<int>(n);
@@ -68,7 +68,7 @@ class Segment : public DatagramTransport {
     passed.push_back({static_cast<int64_t>(clock_.nowMicros() / 1000), who + what + (lost ? " lost" : "")});
     return !lost;
   }
-  const Clock& clock_;
+  const app::Clock& clock_;
 };
 
 // One millisecond (now, in ms) on the segment: the routers' timers, the

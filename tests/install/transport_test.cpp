@@ -22,7 +22,7 @@ uint16_t randomPort() {
 }
 
 struct TransportRig {
-  std::shared_ptr<SettingsStore> store = makeMemorySettingsStore();
+  std::shared_ptr<app::SettingsStore> store = app::makeMemorySettingsStore();
   std::vector<uint32_t> resolved;
   std::vector<uint32_t> sleeps;
   InstallInterface served;
@@ -40,8 +40,8 @@ struct TransportRig {
     return o;
   }
   void setClient(uint32_t address) {
-    Registry settings;
-    settings.openRoot(kSettingsKeyPath, kFullAccess, store);
+    app::Registry settings;
+    settings.openRoot(app::kSettingsKeyPath, app::kFullAccess, store);
     settings.writeInt("PXE Client Address", address);
   }
 };
@@ -227,7 +227,7 @@ TEST(InstallBeaconTest, TwentyOneBytesToPort5010) {
   bool bound = false;
   for (int attempt = 0; attempt < 50 && !bound; ++attempt) {
     bound = receiver.bind(loopback(), kBeaconPort);
-    if (!bound) sleepMilliseconds(100);
+    if (!bound) app::sleepMilliseconds(100);
   }
   ASSERT_TRUE(bound);
   InstallBeacon beacon;

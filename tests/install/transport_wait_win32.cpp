@@ -18,7 +18,7 @@ TEST(InstallTransportWindows, FailedSelectProbesAndReopens) {
   net::startSocketLibrary();
   testing::CapturedLog log;
   InstallTransport::Options options;
-  options.store = makeMemorySettingsStore();
+  options.store = app::makeMemorySettingsStore();
   uint32_t loopback = parseDottedAddress("127.0.0.1");
   int resolved = 0;
   options.resolver = [&](uint32_t) {

@@ -419,7 +419,7 @@ TEST_F(DiskInstallationTest, TheThreadFailsLogsAndWaitsForItsStopEvent) {
   DiskInstallation installation(row_, &services_);
   installation.start();
   DiskStatus status;
-  for (int i = 0; i < 400 && installation.status().state == 4; ++i) sleepMilliseconds(10);
+  for (int i = 0; i < 400 && installation.status().state == 4; ++i) app::sleepMilliseconds(10);
   status = installation.status();
   EXPECT_EQ(status.state, 3u);
   EXPECT_EQ(status.errorText, "Cannot open device");
@@ -441,7 +441,7 @@ TEST_F(DiskInstallationTest, TheWindowsHolderStartsPollsAndCancels) {
   for (int i = 0; i < 500; ++i) {
     ASSERT_TRUE(installer.news(row_.mac, status));
     if (status.state != 4) break;
-    sleepMilliseconds(10);
+    app::sleepMilliseconds(10);
   }
   EXPECT_EQ(status.state, 2u);
   EXPECT_EQ(status.statusText, "Installation completed");
@@ -549,7 +549,7 @@ TEST_F(DiskInstallationTest, CancelWhileTheBootLoaderRunsKillsIt) {
   tarnlift::testing::CapturedLog log;
   auto installation = std::make_unique<DiskInstallation>(row_, &services_);
   installation->start();
-  for (int i = 0; i < 500 && runner_.polls == 0; ++i) sleepMilliseconds(10);
+  for (int i = 0; i < 500 && runner_.polls == 0; ++i) app::sleepMilliseconds(10);
   ASSERT_GT(runner_.polls, 0);
   installation->cancel();
   EXPECT_TRUE(installation->isFinished());

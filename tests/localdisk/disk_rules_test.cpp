@@ -124,7 +124,7 @@ class WindowsInstallation : public ::testing::Test {
   class JournalFormatter : public FakeFormatter {
    public:
     JournalFormatter(FakeVolume& volume, FakeWindowsStorage& storage) : FakeFormatter(volume), storage_(storage) {}
-    bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) override {
+    bool format(const DriveId& drive, const std::string& label, bool fat32, app::Waitable* stop) override {
       storage_.note(std::string("format ") + drive.letter);
       return FakeFormatter::format(drive, label, fat32, stop);
     }

@@ -197,7 +197,7 @@ class FakeVolumeFiles : public VolumeFiles {
 class FakeFormatter : public DriveFormatter {
  public:
   explicit FakeFormatter(FakeVolume& volume) : volume_(volume) {}
-  bool format(const DriveId& drive, const std::string& label, bool fat32, Waitable* stop) override {
+  bool format(const DriveId& drive, const std::string& label, bool fat32, app::Waitable* stop) override {
     calls.push_back(std::string(1, drive.letter) + " " + label + (fat32 ? " FAT32" : " FAT"));
     if (runsMs > 0) {
       // Like a formatter at work: only a stop ends it early.
@@ -217,7 +217,7 @@ class FakeFormatter : public DriveFormatter {
   bool twice = false;
   bool empties = true;
   uint32_t runsMs = 0;  // how long a format takes
-  Event started{true};
+  app::Event started{true};
   std::atomic<bool> stopped{false};
 
  private:
@@ -245,9 +245,9 @@ struct FakeRunnerLog {
   std::atomic<int> cleanUps{0};
 };
 
-class FakeRunner : public ProgramRunner {
+class FakeRunner : public app::ProgramRunner {
  public:
-  explicit FakeRunner(FakeRunnerLog& log) : ProgramRunner(134, "syslinux.exe"), log_(log) {}
+  explicit FakeRunner(FakeRunnerLog& log) : app::ProgramRunner(134, "syslinux.exe"), log_(log) {}
   bool run(const std::vector<std::string>& arguments) override {
     std::string words;
     for (const std::string& word : arguments) words += (words.empty() ? "" : " ") + word;

@@ -69,11 +69,11 @@ TEST(FormatterProcess, AFormatterThatTakesTooLongIsKilledWithWhatItStarted) {
 TEST(FormatterProcess, AStopEndsTheFormatterAndWhatItStartedAtOnce) {
   tarnlift::testing::CapturedLog log;
   std::unique_ptr<FormatterProcess> process = makePlatformFormatterProcess();
-  Event stop(true);
+  app::Event stop(true);
   // Time enough for the stand-in to start its child (the log is not read
   // while the formatter's run writes it).
   std::thread stopper([&] {
-    sleepMilliseconds(3000);
+    app::sleepMilliseconds(3000);
     stop.set();
   });
   auto started = std::chrono::steady_clock::now();

@@ -159,10 +159,10 @@ TEST(FormatterCommand, ATargetWithBlanksStaysOneArgument) {
 }
 
 TEST(CommandLine, QuotesOnlyWhatNeedsItAsTheRuntimeReadsIt) {
-  EXPECT_EQ(commandLineOf("C:\\a\\p.exe", {"-s", "E:"}), "C:\\a\\p.exe -s E:");
-  EXPECT_EQ(commandLineOf("C:\\Program Files\\p.exe", {""}), "\"C:\\Program Files\\p.exe\" \"\"");
-  EXPECT_EQ(commandLineOf("p", {"say \"hi\""}), "p \"say \\\"hi\\\"\"");
-  EXPECT_EQ(commandLineOf("p", {"dir with blank\\"}), "p \"dir with blank\\\\\"");
+  EXPECT_EQ(app::commandLineOf("C:\\a\\p.exe", {"-s", "E:"}), "C:\\a\\p.exe -s E:");
+  EXPECT_EQ(app::commandLineOf("C:\\Program Files\\p.exe", {""}), "\"C:\\Program Files\\p.exe\" \"\"");
+  EXPECT_EQ(app::commandLineOf("p", {"say \"hi\""}), "p \"say \\\"hi\\\"\"");
+  EXPECT_EQ(app::commandLineOf("p", {"dir with blank\\"}), "p \"dir with blank\\\\\"");
 }
 
 // A formatter over a clock that moves only while it is waited for: each wait
@@ -170,7 +170,7 @@ TEST(CommandLine, QuotesOnlyWhatNeedsItAsTheRuntimeReadsIt) {
 // poll's output comes from `outputs` in turn.
 class FakeProcess : public FormatterProcess {
  public:
-  explicit FakeProcess(ManualClock& clock) : clock_(clock) {}
+  explicit FakeProcess(app::ManualClock& clock) : clock_(clock) {}
   bool createPipes() override { return pipes; }
   bool start(const std::string& program, const std::vector<std::string>& arguments) override {
     started = program;
@@ -220,7 +220,7 @@ class FakeProcess : public FormatterProcess {
   int closes = 0;
 
  private:
-  ManualClock& clock_;
+  app::ManualClock& clock_;
   uint64_t waited_ = 0;
 };
 
@@ -229,7 +229,7 @@ FormatterCommand exampleCommand() {
 }
 
 TEST(RunFormatter, AnswersTheQuestionsLogsTheOutputLineByLineAndWaitsForTheEnd) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   tarnlift::testing::CapturedLog log;
   EXPECT_TRUE(runFormatter(process, exampleCommand(), clock));
@@ -247,7 +247,7 @@ TEST(RunFormatter, AnswersTheQuestionsLogsTheOutputLineByLineAndWaitsForTheEnd) 
 }
 
 TEST(RunFormatter, EachLineIsLoggedAsItComesNotAtTheEnd) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.endsAfterMs = 1000;
   process.outputs = {"mkfs.fat 4.2\nhalf a ", "line\r\n", "", "last line without end"};
@@ -264,14 +264,14 @@ TEST(RunFormatter, EachLineIsLoggedAsItComesNotAtTheEnd) {
 }
 
 TEST(RunFormatter, AFormatterThatEndsWithAnErrorStillCounts) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.outputs = {"Invalid media or Track 0 bad - disk unusable."};
   EXPECT_TRUE(runFormatter(process, exampleCommand(), clock));
 }
 
 TEST(RunFormatter, PipesThatCannotBeMadeFail) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.pipes = false;
   tarnlift::testing::CapturedLog log;
@@ -281,7 +281,7 @@ TEST(RunFormatter, PipesThatCannotBeMadeFail) {
 }
 
 TEST(RunFormatter, AFormatterThatCannotStartFails) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.starts = false;
   tarnlift::testing::CapturedLog log;
@@ -295,7 +295,7 @@ TEST(RunFormatter, AFormatterThatCannotStartFails) {
 // a word is ended when they are over, not five minutes after its first
 // word (which never comes).
 TEST(RunFormatter, FiveMinutesInAllFromTheStartThenTheFormatterIsEnded) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.endsAfterMs = -1;
   process.outputs.clear();
@@ -313,7 +313,7 @@ TEST(RunFormatter, FiveMinutesInAllFromTheStartThenTheFormatterIsEnded) {
 }
 
 TEST(RunFormatter, TheLimitIsTheOneGiven) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.endsAfterMs = -1;
   EXPECT_FALSE(runFormatter(process, exampleCommand(), clock, 1234));
@@ -321,7 +321,7 @@ TEST(RunFormatter, TheLimitIsTheOneGiven) {
 }
 
 TEST(RunFormatter, AFormatterThatCannotEvenBeTerminatedIsLogged) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.endsAfterMs = -1;
   process.terminates = false;
@@ -331,10 +331,10 @@ TEST(RunFormatter, AFormatterThatCannotEvenBeTerminatedIsLogged) {
 }
 
 TEST(RunFormatter, AStopEndsTheFormatterAtOnce) {
-  ManualClock clock;
+  app::ManualClock clock;
   FakeProcess process(clock);
   process.endsAfterMs = -1;
-  Event stop(true);
+  app::Event stop(true);
   stop.set();
   tarnlift::testing::CapturedLog log;
   EXPECT_FALSE(runFormatter(process, exampleCommand(), clock, kFormatTimeoutMs, &stop));
@@ -348,7 +348,7 @@ TEST(RunFormatterDeathTest, AFailedWaitIsFatal) {
   EXPECT_EXIT(
       {
         tarnlift::testing::fatalToStderr();
-        ManualClock clock;
+        app::ManualClock clock;
         FakeProcess process(clock);
         process.failWait = true;
         runFormatter(process, exampleCommand(), clock);

@@ -45,9 +45,9 @@ std::vector<uint8_t> readRequest(const std::string& file, bool tsize = true) {
 class ServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setDefaultSettingsStore(makeMemorySettingsStore());
-    Registry registry;
-    registry.openRoot(kSettingsKeyPath);
+    app::setDefaultSettingsStore(app::makeMemorySettingsStore());
+    app::Registry registry;
+    registry.openRoot(app::kSettingsKeyPath);
     registry.writeInt(kPxeEnabledValue, 1);
     registry.writeInt(kPxeClientAddressValue, kClient);
     interfaces.addAdapter("lan", "192.168.88.2", "255.255.255.0");
@@ -81,7 +81,7 @@ class ServerTest : public ::testing::Test {
     };
   }
   void TearDown() override {
-    setDefaultSettingsStore(nullptr);
+    app::setDefaultSettingsStore(nullptr);
     setServedInterface({});
   }
 
@@ -102,7 +102,7 @@ class ServerTest : public ::testing::Test {
 
   const uint32_t kClient = parseIpv4("192.168.88.1");
   const uint32_t kServer = parseIpv4("192.168.88.2");
-  ManualClock clock;
+  app::ManualClock clock;
   FakeNetwork network;
   FakeInterfaceSource interfaces;
   FakeBootImageStore store;
@@ -122,7 +122,7 @@ TEST_F(ServerTest, ReadsItsSettingsAtConstruction) {
   EXPECT_TRUE(s->enabled());
   EXPECT_EQ(s->clientAddress(), kClient);
   EXPECT_EQ(s->currentClass(), kClassNone);
-  setDefaultSettingsStore(makeMemorySettingsStore());
+  app::setDefaultSettingsStore(app::makeMemorySettingsStore());
   auto blank = makeServer();
   EXPECT_FALSE(blank->enabled());
   EXPECT_EQ(blank->clientAddress(), 0u);
@@ -408,8 +408,8 @@ TEST_F(ServerTest, ARestartForgetsTheClientButNotTheCurrentClass) {
 }
 
 TEST_F(ServerTest, DisabledServerOnlySleepsAndWatchesTheStopEvent) {
-  Registry registry;
-  registry.openRoot(kSettingsKeyPath);
+  app::Registry registry;
+  registry.openRoot(app::kSettingsKeyPath);
   registry.writeInt(kPxeEnabledValue, 0);
   auto s = makeServer();
   onSleep = [&] {
@@ -459,7 +459,7 @@ TEST_F(ServerTest, SelectErrorIsFatal) {
 
 TEST_F(ServerTest, ThreadRunsTheServerAndTakesSettings) {
   network.onIdle = nullptr;
-  environment.sleep = [](uint32_t) { sleepMilliseconds(1); };
+  environment.sleep = [](uint32_t) { app::sleepMilliseconds(1); };
   NetbootThread thread("", environment);
   EXPECT_EQ(thread.name(), "PXE Booter");
   thread.start();

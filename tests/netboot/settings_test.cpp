@@ -191,19 +191,19 @@ TEST_F(SettingsTest, StartupCheck) {
 }
 
 TEST_F(SettingsTest, SettingsPersistUnderTheirNames) {
-  setDefaultSettingsStore(makeMemorySettingsStore());
+  app::setDefaultSettingsStore(app::makeMemorySettingsStore());
   {
-    Registry registry;
-    registry.openRoot(kSettingsKeyPath);
+    app::Registry registry;
+    registry.openRoot(app::kSettingsKeyPath);
     EXPECT_FALSE(readNetbootSettings(registry).enabled);
     EXPECT_EQ(readNetbootSettings(registry).clientAddress, 0u);
     writeNetbootSettings(registry, {true, parseIpv4("192.168.88.1")});
   }
-  Registry registry;
-  registry.openRoot(kSettingsKeyPath);
+  app::Registry registry;
+  registry.openRoot(app::kSettingsKeyPath);
   EXPECT_EQ(registry.readInt("PXE Enabled", 7), 1u);
   EXPECT_EQ(registry.readInt("PXE Client Address", 7), parseIpv4("192.168.88.1"));
-  setDefaultSettingsStore(nullptr);
+  app::setDefaultSettingsStore(nullptr);
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ class WatchTest : public ::testing::Test {
     return watch.hearReply(bytes.data(), bytes.size(), from, port, found);
   }
 
-  ManualClock clock;
+  app::ManualClock clock;
   BootServerWatch watch{clock};
   ForeignReply found;
 };

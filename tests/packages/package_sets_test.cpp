@@ -36,11 +36,11 @@ class ScriptedPrompts : public PackageSetPrompts {
 
 class PackageSetsTest : public ::testing::Test {
  protected:
-  void SetUp() override { settings.openRoot(kSettingsKeyPath, kFullAccess, store); }
+  void SetUp() override { settings.openRoot(app::kSettingsKeyPath, app::kFullAccess, store); }
 
   tarnlift::testing::CapturedLog log;
-  std::shared_ptr<SettingsStore> store = makeMemorySettingsStore();
-  Registry settings;
+  std::shared_ptr<app::SettingsStore> store = app::makeMemorySettingsStore();
+  app::Registry settings;
   PackageSets sets;
   ScriptedPrompts prompts;
   PackageChoice router{"", "/packages", {"system.npk", "ppp.npk"}};
@@ -141,7 +141,7 @@ TEST_F(PackageSetsTest, DeleteRemovesTheCurrentSetFromMapAndStore) {
   sets.saveSets(settings);
   {
     // Other values of the sub-key are not touched by a deletion.
-    Registry sub;
+    app::Registry sub;
     sub.openSubKey(settings, "Package Sets");
     sub.writeInt("Unrelated", 5);
   }
@@ -149,7 +149,7 @@ TEST_F(PackageSetsTest, DeleteRemovesTheCurrentSetFromMapAndStore) {
   PackageChoice office{"office", "/packages", {"system.npk"}};
   EXPECT_TRUE(sets.deleteSet("office", &settings));
   {
-    Registry sub;
+    app::Registry sub;
     sub.openSubKey(settings, "Package Sets");
     EXPECT_EQ(sub.readInt("Unrelated", 0), 5u);
   }
@@ -200,16 +200,16 @@ TEST_F(PackageSetsTest, SetsSurviveSaveAndLoadInOrder) {
   EXPECT_EQ(reloaded.sets().at("Previous Install"), (Names{"/packages", "system.npk", "ppp.npk"}));
 
   // The stored form: one multi-string value per set, folder first.
-  Registry key;
+  app::Registry key;
   key.openSubKey(settings, "Package Sets");
-  EXPECT_EQ(key.valueType("a-set"), ValueType::MultiString);
+  EXPECT_EQ(key.valueType("a-set"), app::ValueType::MultiString);
   std::list<std::string> raw;
   key.readMultiString("b-set", raw);
   EXPECT_EQ(raw, (std::list<std::string>{"/packages", "system.npk", "ppp.npk"}));
 }
 
 TEST_F(PackageSetsTest, ValuesOfOtherTypesAreNotSets) {
-  Registry key;
+  app::Registry key;
   key.openSubKey(settings, "Package Sets");
   key.writeString("a string", "/packages");
   key.writeInt("a number", 7);
@@ -259,10 +259,10 @@ TEST(PackageSetsRegistry, RoundTripThroughTheWindowsRegistry) {
   tarnlift::testing::CapturedLog log;
   const std::string name =
       "TarnliftPackagesTest" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
-  std::shared_ptr<SettingsStore> store = platformSettingsStore();
+  std::shared_ptr<app::SettingsStore> store = app::platformSettingsStore();
   {
-    Registry settings;
-    settings.openRoot(std::string("SOFTWARE\\Quenlark\\") + name, kFullAccess, store);
+    app::Registry settings;
+    settings.openRoot(std::string("SOFTWARE\\Quenlark\\") + name, app::kFullAccess, store);
     PackageSets sets;
     ScriptedPrompts prompts;
     prompts.answers = {"office"};
@@ -280,8 +280,8 @@ TEST(PackageSetsRegistry, RoundTripThroughTheWindowsRegistry) {
     EXPECT_EQ(again.names(), Names{"Previous Install"});
     settings.deleteSubKey("Package Sets");
   }
-  Registry parent;
-  parent.openRoot("SOFTWARE\\Quenlark", kFullAccess, store);
+  app::Registry parent;
+  parent.openRoot("SOFTWARE\\Quenlark", app::kFullAccess, store);
   parent.deleteSubKey(name);
 }
 #endif

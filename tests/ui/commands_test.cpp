@@ -137,7 +137,7 @@ TEST_F(CommandsTest, ChoosingASetMovesTheRouterToItsFolderAndFiles) {
   ScratchFolder other;
   writeFolder(other);
   {
-    Registry sets;
+    app::Registry sets;
     sets.openSubKey(settings(), "Package Sets");
   }
   presenter->sets().rememberPreviousInstall({"", other.path(), {"system-6.41.npk"}});

@@ -286,7 +286,7 @@ class FakeWorkers : public MainWorkers {
   FakeDriveInstaller drives;
   FakeNetboot netboot;
   FakeBeacon beaconWorker;
-  ManualClock manualClock{100'000'000};
+  app::ManualClock manualClock{100'000'000};
   netboot::testing::FakeInterfaceSource fakeInterfaces;
   std::map<std::string, std::string> env;
   std::string cwd = "/work/cwd";
@@ -312,7 +312,7 @@ class FakeWorkers : public MainWorkers {
     return netboot;
   }
   BeaconWorker& beacon() override { return beaconWorker; }
-  const Clock& clock() override { return manualClock; }
+  const app::Clock& clock() override { return manualClock; }
   netboot::InterfaceSource& interfaces() override { return fakeInterfaces; }
   bool environment(const std::string& name, std::string& value) override {
     auto it = env.find(name);
@@ -328,10 +328,10 @@ class FakeWorkers : public MainWorkers {
 
 // A settings store in memory that logs "read NAME" and "write NAME" for
 // every value of every key, and "delete NAME" for removed values.
-class RecordingStore : public SettingsStore {
+class RecordingStore : public app::SettingsStore {
  public:
-  RecordingStore() : inner_(makeMemorySettingsStore()), log_(std::make_shared<std::vector<std::string>>()) {}
-  std::unique_ptr<SettingsKey> openRoot(const std::string& path, uint32_t& error) override {
+  RecordingStore() : inner_(app::makeMemorySettingsStore()), log_(std::make_shared<std::vector<std::string>>()) {}
+  std::unique_ptr<app::SettingsKey> openRoot(const std::string& path, uint32_t& error) override {
     auto key = inner_->openRoot(path, error);
     if (!key) return nullptr;
     return std::make_unique<Key>(std::move(key), log_);
@@ -339,20 +339,20 @@ class RecordingStore : public SettingsStore {
   std::vector<std::string>& log() { return *log_; }
 
  private:
-  class Key : public SettingsKey {
+  class Key : public app::SettingsKey {
    public:
-    Key(std::unique_ptr<SettingsKey> inner, std::shared_ptr<std::vector<std::string>> log)
+    Key(std::unique_ptr<app::SettingsKey> inner, std::shared_ptr<std::vector<std::string>> log)
         : inner_(std::move(inner)), log_(std::move(log)) {}
-    std::unique_ptr<SettingsKey> createSubKey(const std::string& name, uint32_t& error) override {
+    std::unique_ptr<app::SettingsKey> createSubKey(const std::string& name, uint32_t& error) override {
       auto key = inner_->createSubKey(name, error);
       if (!key) return nullptr;
       return std::make_unique<Key>(std::move(key), log_);
     }
-    bool query(const std::string& name, ValueType& type, std::vector<uint8_t>& data) override {
+    bool query(const std::string& name, app::ValueType& type, std::vector<uint8_t>& data) override {
       log_->push_back("read " + name);
       return inner_->query(name, type, data);
     }
-    uint32_t set(const std::string& name, ValueType type, const uint8_t* data, size_t size) override {
+    uint32_t set(const std::string& name, app::ValueType type, const uint8_t* data, size_t size) override {
       log_->push_back("write " + name);
       return inner_->set(name, type, data, size);
     }
@@ -362,17 +362,17 @@ class RecordingStore : public SettingsStore {
       return inner_->deleteValue(name);
     }
     uint32_t enumSubKey(uint32_t index, std::string& name) override { return inner_->enumSubKey(index, name); }
-    bool enumValue(uint32_t index, ValueType& type, std::string& name) override {
+    bool enumValue(uint32_t index, app::ValueType& type, std::string& name) override {
       return inner_->enumValue(index, type, name);
     }
     uint32_t close() override { return inner_->close(); }
 
    private:
-    std::unique_ptr<SettingsKey> inner_;
+    std::unique_ptr<app::SettingsKey> inner_;
     std::shared_ptr<std::vector<std::string>> log_;
   };
 
-  std::shared_ptr<SettingsStore> inner_;
+  std::shared_ptr<app::SettingsStore> inner_;
   std::shared_ptr<std::vector<std::string>> log_;
 };
 

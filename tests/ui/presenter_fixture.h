@@ -46,12 +46,12 @@ class PresenterTest : public ::testing::Test {
   void TearDown() override { netboot::setRunningUnderWine(false); }
 
   // A value stored before the window starts.
-  Registry& settings() {
-    if (!settings_.isOpen()) settings_.openRoot(kSettingsKeyPath, kFullAccess, store);
+  app::Registry& settings() {
+    if (!settings_.isOpen()) settings_.openRoot(app::kSettingsKeyPath, app::kFullAccess, store);
     return settings_;
   }
 
-  MainPresenter& start(StartupOptions options = {}) {
+  MainPresenter& start(app::StartupOptions options = {}) {
     presenter = std::make_unique<MainPresenter>(view, workers, options, store);
     presenter->construct();
     return *presenter;
@@ -118,7 +118,7 @@ class PresenterTest : public ::testing::Test {
 
   tarnlift::testing::CapturedLog log;
   std::shared_ptr<RecordingStore> store = std::make_shared<RecordingStore>();
-  Registry settings_;
+  app::Registry settings_;
   FakeView view;
   FakeWorkers workers;
   std::unique_ptr<MainPresenter> presenter;

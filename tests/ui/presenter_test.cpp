@@ -23,7 +23,7 @@ using Names = std::vector<std::string>;
 // ---- construction ----------------------------------------------------------
 
 TEST_F(PresenterTest, ConstructionCreatesTheWorkersFirstInTheirOrder) {
-  StartupOptions options;
+  app::StartupOptions options;
   options.kernelOverride = "C:\\kernel.bin";
   start(options);
   EXPECT_EQ(workers.order, (Names{"Router installer", "local-drive installer", "PXE Booter"}));
@@ -33,7 +33,7 @@ TEST_F(PresenterTest, ConstructionCreatesTheWorkersFirstInTheirOrder) {
 TEST_F(PresenterTest, ConstructionStepsRunInOrder) {
   start();
   EXPECT_EQ(view.calls, (Names{"title", "icon", "timer", "status bar", "clip", "move", "show"}));
-  EXPECT_EQ(view.title, std::string("Quenlark Tarnlift for Brisvane v") + kVersionWords);
+  EXPECT_EQ(view.title, std::string("Quenlark Tarnlift for Brisvane v") + app::kVersionWords);
   EXPECT_EQ(view.timerMillis, 250u);
   EXPECT_EQ(view.progressMax, 100);
   EXPECT_EQ(view.items[kIdBaud], (Names{"don't set", "110", "300", "1200", "2400", "4800", "9600", "19200", "38400",
@@ -96,7 +96,7 @@ TEST_F(PresenterTest, PlacementOnTheSameScreenIsKeptAndTheWidthIsAlwaysTheInitia
 TEST_F(PresenterTest, SettingsAreReadInTheirOrder) {
   settings().writeMultiString("x", {});  // no effect; the key exists
   {
-    Registry sets;
+    app::Registry sets;
     sets.openSubKey(settings(), "Package Sets");
     sets.writeMultiString("Lab", {"C:\\pk", "a.npk"});
   }
@@ -112,12 +112,12 @@ TEST_F(PresenterTest, SettingsAreReadInTheirOrder) {
 TEST_F(PresenterTest, CurrentDirectoryFlagSkipsTheSetsAndThePackagePath) {
   settings().writeString("Package Path", "/saved");
   {
-    Registry sets;
+    app::Registry sets;
     sets.openSubKey(settings(), "Package Sets");
     sets.writeMultiString("Lab", {"C:\\pk", "a.npk"});
   }
   store->log().clear();
-  StartupOptions options;
+  app::StartupOptions options;
   options.currentDirectory = true;
   start(options);
   Names r = reads();
@@ -410,7 +410,7 @@ TEST_F(PresenterTest, ANewRouterGetsPreviousInstallAndTheRememberedDefaults) {
   settings().writeInt("Previous ModeScript", 1);
   settings().writeString("Previous ModeScriptFile", "C:\\mode.rsc");
   {
-    Registry sets;
+    app::Registry sets;
     sets.openSubKey(settings(), "Package Sets");
     sets.writeMultiString("Previous Install", {"/prev", "system.npk", "ppp.npk"});
   }
@@ -598,7 +598,7 @@ TEST_F(PresenterTest, ASessionThatIsGoneHandsStatusZeroToTheTableAndTheRowStays)
 TEST_F(PresenterTest, DrivesAreRowsWithPreviousInstallAndTheRememberedBaud) {
   settings().writeInt("Previous Baud", 115200);
   {
-    Registry sets;
+    app::Registry sets;
     sets.openSubKey(settings(), "Package Sets");
     sets.writeMultiString("Previous Install", {"/prev", "system.npk"});
   }

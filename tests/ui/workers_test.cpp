@@ -39,7 +39,7 @@ TEST(SystemMainWorkersTest, AnswersAboutEnvironmentFilesAndFolders) {
 
   EXPECT_EQ(workers.currentDirectory(), std::filesystem::current_path().string());
   // The window's tick and time-outs run on the process's steady clock.
-  EXPECT_EQ(&workers.clock(), &SteadyClock::instance());
+  EXPECT_EQ(&workers.clock(), &app::SteadyClock::instance());
 }
 
 TEST(SystemMainWorkersTest, UnderWineNoLocalDrivesAreOffered) {

@@ -91,7 +91,7 @@ TEST(EventHub, FormatsServerSentEvents) {
 class EventStreamTest : public ::testing::Test {
  protected:
   EventHub hub{2048, 1024 * 1024};
-  ManualClock clock{1'000'000};
+  app::ManualClock clock{1'000'000};
 
   static size_t count(const std::string& text, const std::string& what) {
     size_t n = 0;

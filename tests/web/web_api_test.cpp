@@ -365,7 +365,7 @@ TEST(GuessBackoff, TheScheduleDoublesUpToThirtySeconds) {
   std::vector<uint32_t> schedule;
   for (uint32_t n = 1; n <= 9; ++n) schedule.push_back(GuessBackoff::delayAfter(n));
   EXPECT_EQ(schedule, (std::vector<uint32_t>{1, 2, 4, 8, 16, 30, 30, 30, 30}));
-  ManualClock clock;
+  app::ManualClock clock;
   GuessBackoff backoff(clock, 3);
   EXPECT_EQ(backoff.waitSeconds("a"), 0u);
   backoff.failed("a");
@@ -385,7 +385,7 @@ TEST(GuessBackoff, TheScheduleDoublesUpToThirtySeconds) {
 }
 
 TEST(SessionStore, SessionsEndAfterTwelveIdleHoursOrSevenDays) {
-  ManualClock clock;
+  app::ManualClock clock;
   SessionStore sessions(clock);
   std::string id = sessions.create();
   EXPECT_EQ(id.size(), 64u);
@@ -410,7 +410,7 @@ TEST(SessionStore, SessionsEndAfterTwelveIdleHoursOrSevenDays) {
 }
 
 TEST(SessionStore, AtTheCapTheOldestGoes) {
-  ManualClock clock;
+  app::ManualClock clock;
   SessionStore sessions(clock, 3);
   std::string first = sessions.create();
   clock.advanceMillis(1);

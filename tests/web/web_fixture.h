@@ -26,7 +26,7 @@ class WebFixture : public ::testing::Test {
   tarnlift::testing::FakeDriveInstaller drives;
   packages::PackageSets sets;
   RememberedChoices remembered;
-  ManualClock clock{50'000'000};
+  app::ManualClock clock{50'000'000};
   InstallDesk desk{routers, drives, sets, remembered, clock};
   EventHub hub;
   WebDesk webDesk{desk, sets, remembered, nullptr, hub, clock};
