@@ -5,7 +5,7 @@
 
 namespace tarnlift::cli {
 
-ChoiceOptions addChoiceOptions(CLI::App& app, HeadlessOptions& options) {
+ChoiceOptions addChoiceOptions(CLI::App& app, install::HeadlessOptions& options) {
   ChoiceOptions given;
   const char* group = "Packages and scripts";
   given.packages = addValue(app, "--packages", options.packageDir, "DIR",
@@ -27,7 +27,7 @@ ChoiceOptions addChoiceOptions(CLI::App& app, HeadlessOptions& options) {
   return given;
 }
 
-int checkChoiceOptions(const ChoiceOptions& given, HeadlessOptions& options) {
+int checkChoiceOptions(const ChoiceOptions& given, install::HeadlessOptions& options) {
   if (!options.setName.empty() && !options.select.empty()) return usageError("--set and --select exclude each other");
   uint64_t baud = 0;
   if (!given.baudText->empty() && !parseUnsigned(*given.baudText, baud, 0xFFFFFFFFu)) {

@@ -22,12 +22,12 @@ struct ChoiceOptions {
 
 // Declares --packages, --select, --set, --script, --mode-script and --baud on
 // `app`, bound to `options`.
-ChoiceOptions addChoiceOptions(CLI::App& app, HeadlessOptions& options);
+ChoiceOptions addChoiceOptions(CLI::App& app, install::HeadlessOptions& options);
 
 // What is checked once all options are read: --set and --select exclude
 // each other, the baud rate is a number (read into the choices), the
 // scripts are switched on when named. kExitOk or the usage error's exit
 // code.
-int checkChoiceOptions(const ChoiceOptions& given, HeadlessOptions& options);
+int checkChoiceOptions(const ChoiceOptions& given, install::HeadlessOptions& options);
 
 }  // namespace tarnlift::cli

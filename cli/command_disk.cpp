@@ -33,13 +33,13 @@ struct DiskOptions {
   uint64_t imageMiB = 256;
   std::string bootImages;
   bool havePackages = false;
-  HeadlessOptions choice;  // the packages, scripts and baud rate
+  install::HeadlessOptions choice;  // the packages, scripts and baud rate
   ChoiceOptions given;
   bool yes = false;
 };
 
 // The Install command's messages, printed; every question is answered yes.
-class PrintingPrompter : public InstallPrompter {
+class PrintingPrompter : public install::InstallPrompter {
  public:
   void showMessage(const std::string& text, const std::string& title, bool) override {
     refusal = text;
@@ -87,8 +87,8 @@ bool confirm(const std::string& target) {
 
 // Runs the installation on its thread, through the drive held since the
 // check, and shows its progress.
-int runInstallation(const RouterRecord& request, std::unique_ptr<localdisk::HeldDrive> held) {
-  bool live = terminalShowsLiveProgress();
+int runInstallation(const install::RouterRecord& request, std::unique_ptr<localdisk::HeldDrive> held) {
+  bool live = install::terminalShowsLiveProgress();
   localdisk::DiskInstallation installation(request);
   installation.useHeldDrive(std::move(held));
   installation.start();
@@ -100,14 +100,15 @@ int runInstallation(const RouterRecord& request, std::unique_ptr<localdisk::Held
     bool any = false;
     while (installation.nextNotification(status)) {
       any = true;
-      if (!live && (status.statusText != lastText || status.state != lastState) && status.state == kStatusInstalling) {
+      if (!live && (status.statusText != lastText || status.state != lastState) &&
+          status.state == install::kStatusInstalling) {
         std::cout << request.label << '\t' << status.statusText << '\t' << status.percentDone() << "%" << std::endl;
       }
       lastText = status.statusText;
       lastState = status.state;
     }
     status = installation.status();
-    if (stopRequested() && status.state == kStatusInstalling) {
+    if (stopRequested() && status.state == install::kStatusInstalling) {
       // The formatter and the boot loader's installer end first, then the
       // installation: nothing writes on the target once this is said.
       installation.cancel();
@@ -120,15 +121,15 @@ int runInstallation(const RouterRecord& request, std::unique_ptr<localdisk::Held
                 << " is not a bootable disk now; run the same command again to make it one" << std::endl;
       return kExitFailed;
     }
-    if (live && any && status.state == kStatusInstalling) {
+    if (live && any && status.state == install::kStatusInstalling) {
       std::cout << "\r\x1b[K" << status.statusText << "  " << status.percentDone() << "%" << std::flush;
     }
-    if (status.state != kStatusInstalling) break;
+    if (status.state != install::kStatusInstalling) break;
   }
   installation.stopEvent().set();
   installation.waitFor(5000);
   if (live) std::cout << "\r\x1b[K";
-  if (status.state == kStatusDone) {
+  if (status.state == install::kStatusDone) {
     std::cout << request.label << '\t' << status.statusText << std::endl;
     return kExitOk;
   }
@@ -206,22 +207,23 @@ int runDisk(DiskOptions& options) {
     }
   }
 
-  RouterRecord& row = target.row;
+  install::RouterRecord& row = target.row;
   row.scriptEnabled = options.choice.choices.scriptEnabled;
   row.scriptPath = options.choice.choices.scriptPath;
   row.modeScriptEnabled = options.choice.choices.modeScriptEnabled;
   row.modeScriptPath = options.choice.choices.modeScriptPath;
-  RememberedChoices remembered;
+  install::RememberedChoices remembered;
   remembered.load(settings);
   PrintingPrompter prompter;
-  RouterRecord request;
+  install::RouterRecord request;
   bool started = false;
-  InstallContext context{catalogue, choice, sets, remembered, prompter, [&](const RouterRecord& filled) {
-                           request = filled;
-                           started = true;
-                         }};
-  InstallOutcome outcome = runInstallCommand(&row, options.choice.choices, context);
-  if (outcome != InstallOutcome::Started || !started) {
+  install::InstallContext context{
+      catalogue, choice, sets, remembered, prompter, [&](const install::RouterRecord& filled) {
+        request = filled;
+        started = true;
+      }};
+  install::InstallOutcome outcome = install::runInstallCommand(&row, options.choice.choices, context);
+  if (outcome != install::InstallOutcome::Started || !started) {
     std::cerr << "tarnlift: " << prompter.refusal << std::endl;
     if (target.createdFile) std::remove(options.target.c_str());
     return kExitFailed;

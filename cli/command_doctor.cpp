@@ -46,7 +46,7 @@ nlohmann::json findingJson(const Finding& f) {
 int runDoctor(const DoctorArguments& a) {
   uint32_t client = 0;
   if (!a.clientText.empty()) {
-    client = addressFromText(a.clientText);
+    client = install::addressFromText(a.clientText);
     if (client == 0) return usageError("--client-address needs A.B.C.D, not " + a.clientText);
   }
   int probeMillis = doctor::kProbeMillis;
@@ -82,7 +82,7 @@ int runDoctor(const DoctorArguments& a) {
       std::vector<doctor::ProbeAnswer> answers;
       std::string why;
       // A terminal shows where the wait is (it is long enough to wonder).
-      bool live = !a.json && terminalShowsLiveProgress();
+      bool live = !a.json && install::terminalShowsLiveProgress();
       doctor::ProbeProgressShown progress;
       std::string shown;
       if (live) {

@@ -15,15 +15,15 @@ namespace {
 
 int runDrives(bool json) {
   nlohmann::json rows = nlohmann::json::array();
-  for (const RouterRecord& row : localdisk::listLocalDrives()) {
+  for (const install::RouterRecord& row : localdisk::listLocalDrives()) {
     if (json) {
       rows.push_back({{"label", row.label},
-                      {"mac", macText(row.mac)},
+                      {"mac", install::macText(row.mac)},
                       {"type", localdisk::driveTypeText(row.driveType)},
                       {"description", row.driveDescription}});
     } else {
-      std::cout << row.label << '\t' << macText(row.mac) << '\t' << localdisk::driveTypeText(row.driveType) << '\t'
-                << row.driveDescription << '\n';
+      std::cout << row.label << '\t' << install::macText(row.mac) << '\t' << localdisk::driveTypeText(row.driveType)
+                << '\t' << row.driveDescription << '\n';
     }
   }
   if (json) std::cout << jsonText(rows) << '\n';

@@ -40,7 +40,7 @@ namespace tarnlift::cli {
 namespace {
 
 struct ServeArguments {
-  HeadlessOptions options;
+  install::HeadlessOptions options;
   ChoiceOptions given;
   netboot::NetbootServeOptions netbootOptions;
   std::string clientText;
@@ -60,7 +60,7 @@ struct ServeArguments {
   std::string onFinish;
   bool onFinishGiven = false;
   std::string onFinishJobsText;
-  uint32_t onFinishJobs = FinishCommand::kDefaultMaxRunning;
+  uint32_t onFinishJobs = install::FinishCommand::kDefaultMaxRunning;
   bool noSave = false;
 };
 
@@ -74,34 +74,34 @@ bool parseCount(const std::string& text, uint32_t& value) {
 // The option values that need more than CLI11's reading, checked as the
 // window's controls check them. kExitOk or the usage error's exit code.
 int checkServeArguments(ServeArguments& arguments, uint32_t& count) {
-  HeadlessOptions& options = arguments.options;
+  install::HeadlessOptions& options = arguments.options;
   if (int code = checkNetbootOptions(arguments.netbootOptions, true); code != kExitOk) return code;
   // Read as the window's address fields read their text.
   if (!arguments.addressText.empty()) {
     const std::string& text = arguments.addressText;
     const size_t slash = text.find('/');
-    options.choices.address = addressFromText(text.substr(0, slash));
-    if (slash != std::string::npos) options.choices.netmaskBits = netmaskBitsFromText(text.substr(slash + 1));
+    options.choices.address = install::addressFromText(text.substr(0, slash));
+    if (slash != std::string::npos) options.choices.netmaskBits = install::netmaskBitsFromText(text.substr(slash + 1));
     if (options.choices.address == 0) return usageError("bad address '" + text + "'");
   }
   if (!arguments.gatewayText.empty()) {
-    options.choices.gateway = addressFromText(arguments.gatewayText);
+    options.choices.gateway = install::addressFromText(arguments.gatewayText);
     if (options.choices.gateway == 0) return usageError("bad gateway address");
   }
   if (!arguments.afterText.empty()) {
     if (arguments.afterText == "reboot") {
-      options.after = AfterInstall::Reboot;
+      options.after = install::AfterInstall::Reboot;
     } else if (arguments.afterText == "shutdown") {
-      options.after = AfterInstall::Shutdown;
+      options.after = install::AfterInstall::Shutdown;
     } else if (arguments.afterText == "none") {
-      options.after = AfterInstall::None;
+      options.after = install::AfterInstall::None;
     } else {
       return usageError("--after needs reboot, shutdown or none");
     }
   }
   for (const std::string& text : arguments.macTexts) {
-    MacAddress mac{};
-    if (!parseMac(text, mac)) return usageError("--mac needs a MAC such as 4C:5E:0C:01:02:03");
+    net::MacAddress mac{};
+    if (!net::parseMac(text, mac)) return usageError("--mac needs a MAC such as 4C:5E:0C:01:02:03");
     options.macs.insert(mac);
   }
   if (arguments.onFinishGiven && arguments.onFinish.empty()) return usageError("--on-finish needs a command");
@@ -125,7 +125,7 @@ int checkWebArguments(const ServeArguments& arguments, uint32_t& webAddress, uin
                       web::WebAccess& access) {
   const std::string& webText = arguments.webText;
   const std::string& webTokenFile = arguments.webTokenFile;
-  const HeadlessOptions& options = arguments.options;
+  const install::HeadlessOptions& options = arguments.options;
   if (!webText.empty()) {
     std::string error;
     if (!web::parseListenAddress(webText, webAddress, webPort, error)) return usageError(error);
@@ -156,8 +156,8 @@ int checkWebArguments(const ServeArguments& arguments, uint32_t& webAddress, uin
 }
 
 // What the run itself takes of the arguments.
-ServeRunOptions runOptionsOf(const ServeArguments& arguments, uint32_t count) {
-  ServeRunOptions run;
+install::ServeRunOptions runOptionsOf(const ServeArguments& arguments, uint32_t count) {
+  install::ServeRunOptions run;
   run.inventoryFile = arguments.inventoryFile;
   run.poolText = arguments.poolText;
   run.addressGiven = !arguments.addressText.empty();
@@ -172,7 +172,7 @@ ServeRunOptions runOptionsOf(const ServeArguments& arguments, uint32_t count) {
 // The web console on the installer's desk: it reads the packages again with
 // the installer, publishes each tick's changes and shows the network boot
 // panel as it stands.
-class ConsoleCompanion : public DeskCompanion {
+class ConsoleCompanion : public install::DeskCompanion {
  public:
   ConsoleCompanion(web::WebConsole& console, web::NetbootSnapshot& panel) : console_(console), panel_(panel) {}
   std::mutex& deskLock() override { return console_.desk().lock(); }
@@ -191,7 +191,7 @@ class ConsoleCompanion : public DeskCompanion {
 };
 
 int runServe(ServeArguments& arguments) {
-  HeadlessOptions& options = arguments.options;
+  install::HeadlessOptions& options = arguments.options;
   netboot::NetbootServeOptions& netbootOptions = arguments.netbootOptions;
   const std::string& clientText = arguments.clientText;
   const std::string& webText = arguments.webText;
@@ -201,7 +201,7 @@ int runServe(ServeArguments& arguments) {
   uint32_t count = 0;
   if (int code = checkServeArguments(arguments, count); code != kExitOk) return code;
   installStopSignals();
-  uint32_t client = addressFromText(clientText);
+  uint32_t client = install::addressFromText(clientText);
   if (client == 0) return usageError("serve needs --client-address A.B.C.D");
   uint32_t webAddress = 0;
   uint16_t webPort = 0;
@@ -215,7 +215,7 @@ int runServe(ServeArguments& arguments) {
   settings.openRoot(app::kSettingsKeyPath);
   packages::PackageSets sets;
   sets.loadSets(settings);
-  ServeService serve(options, sets, settings, runOptionsOf(arguments, count));
+  install::ServeService serve(options, sets, settings, runOptionsOf(arguments, count));
   {
     std::string error;
     bool usage = false;
@@ -224,7 +224,7 @@ int runServe(ServeArguments& arguments) {
   if (options.onlyKnown) {
     // Network booting answers the same routers the installer takes.
     netbootOptions.mayAnswer = [&serve](const uint8_t* bytes) {
-      MacAddress mac{};
+      net::MacAddress mac{};
       std::copy(bytes, bytes + mac.size(), mac.begin());
       return serve.knows(mac);
     };
@@ -254,26 +254,27 @@ int runServe(ServeArguments& arguments) {
     return kExitFailed;
   }
 
-  options.liveProgress = !options.json && terminalShowsLiveProgress();
+  options.liveProgress = !options.json && install::terminalShowsLiveProgress();
   if (beacon) {
-    setBeacon(true);
+    install::setBeacon(true);
     options.sendBeacon = [] {
-      if (InstallBeacon* b = processBeacon()) b->send();
+      if (install::InstallBeacon* b = install::processBeacon()) b->send();
     };
   }
 
   // The same "Router installer" the window takes, on port 5000.
-  InstallService service(kInstallPort);
-  InstallServer& server = service.server();
+  install::InstallService service(install::kInstallPort);
+  install::InstallServer& server = service.server();
   app::logLine() << "serve: installing on " << netboot::formatIpv4(netboot::serverAddress()) << " port "
-                 << service.transport().port() << " as " << macText(service.transport().localMac());
+                 << service.transport().port() << " as " << install::macText(service.transport().localMac());
 
   std::unique_ptr<web::WebConsole> console;
   web::NetbootSnapshot netbootPanel;
   if (!webText.empty()) {
-    options.afterFor = [&console](const MacAddress& mac) { return console->desk().afterFor(mac); };
+    options.afterFor = [&console](const net::MacAddress& mac) { return console->desk().afterFor(mac); };
   }
-  HeadlessInstaller& installer = serve.startInstaller(server, app::SteadyClock::instance(), std::cout, std::cerr);
+  install::HeadlessInstaller& installer =
+      serve.startInstaller(server, app::SteadyClock::instance(), std::cout, std::cerr);
   std::optional<ConsoleCompanion> companion;
   if (!webText.empty()) {
     console = std::make_unique<web::WebConsole>(installer.desk(), sets, serve.remembered(), &settings,
@@ -282,7 +283,7 @@ int runServe(ServeArguments& arguments) {
     netbootPanel.enabled = netbootOptions.netboot;
     netbootPanel.clientAddress = clientText;
     netbootPanel.interfaceAddress = netboot::formatIpv4(netboot::serverAddress());
-    netbootPanel.interfaceMac = macText(service.transport().localMac());
+    netbootPanel.interfaceMac = install::macText(service.transport().localMac());
     if (netbootOptions.netboot) web::fillBootImages(netbootPanel);
     console->desk().setNetboot(netbootPanel);
     std::string error;
@@ -304,14 +305,14 @@ int runServe(ServeArguments& arguments) {
   // the routers time out and can be installed again.
   server.destroy();
   service.transport().close();
-  if (beacon) setBeacon(false);
+  if (beacon) install::setBeacon(false);
   netbootService.stop();
   return serve.finish(stoppedBySignal) ? kExitOk : kExitFailed;
 }
 
 CommandRun defineServe(CLI::App& app) {
   auto arguments = std::make_shared<ServeArguments>();
-  HeadlessOptions& options = arguments->options;
+  install::HeadlessOptions& options = arguments->options;
   addValue(app, "--client-address", arguments->clientText, "A.B.C.D",
            "The address handed to booting routers; the interface that reaches it is served (required).");
   arguments->given = addChoiceOptions(app, options);

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 namespace {
 
@@ -85,4 +85,4 @@ uint32_t AddressPool::addressFor(const MacAddress& mac) {
   return 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -12,7 +12,7 @@
 
 #include "install/install_datagram.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 class AddressPool {
  public:
@@ -43,4 +43,4 @@ class AddressPool {
   std::map<MacAddress, uint32_t> assigned_;  // remembered across runs
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -1,6 +1,6 @@
 #include "install/after_install.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 AfterInstall chooseAfterInstall(std::optional<AfterInstall> fromInventory, std::optional<AfterInstall> forThisRouter,
                                 AfterInstall byDefault) {
@@ -9,4 +9,4 @@ AfterInstall chooseAfterInstall(std::optional<AfterInstall> fromInventory, std::
   return byDefault;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -9,9 +9,9 @@
 
 #include "install/desk.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 AfterInstall chooseAfterInstall(std::optional<AfterInstall> fromInventory, std::optional<AfterInstall> forThisRouter,
                                 AfterInstall byDefault);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 std::string generatedScriptText(const RouterRecord& request) {
   std::string text;
@@ -63,4 +63,4 @@ std::string makeAutorunScript(const RouterRecord& request, std::string& failure)
   return path;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -8,7 +8,7 @@
 
 #include "install/router_record.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // The generated lines alone (no user script), for the request's options.
 std::string generatedScriptText(const RouterRecord& request);
@@ -24,4 +24,4 @@ std::string makeAutorunScript(const RouterRecord& request, std::string& failure)
 // failure.
 std::string makeUniqueTempFile(const std::string& prefix);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

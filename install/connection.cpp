@@ -4,7 +4,7 @@
 
 #include "app/log.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 void InstallConnection::reset() {
   seq = 0;
@@ -65,4 +65,4 @@ int InstallConnection::accept(const uint8_t* datagram, size_t length) {
   return 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

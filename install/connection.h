@@ -7,7 +7,7 @@
 
 #include "install/install_datagram.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 class InstallConnection {
  public:
@@ -27,4 +27,4 @@ class InstallConnection {
   int accept(const uint8_t* datagram, size_t length);
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -1,6 +1,6 @@
 #include "install/control_rules.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool packagesChangeable(const RouterRecord* r) {
   return r != nullptr && r->status != kStatusNone && r->status != kStatusInstalling &&
@@ -42,4 +42,4 @@ ControlRules controlRulesFor(const RouterRecord* r, bool setShown) {
   return c;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -7,7 +7,7 @@
 
 #include "install/router_record.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 struct ControlRules {
   bool sets = false;             // a saved package set may be chosen
@@ -39,4 +39,4 @@ ControlRules controlRulesFor(const RouterRecord* r, bool setShown);
 // neither installing nor waiting for reboot.
 bool packagesChangeable(const RouterRecord* r);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 InstallDesk::InstallDesk(RouterInstaller& routers, DriveInstaller& drives, packages::PackageSets& sets,
                          RememberedChoices& remembered, const app::Clock& clock)
@@ -124,4 +124,4 @@ InstallDesk::TickResult InstallDesk::tick() {
   return result;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

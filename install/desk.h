@@ -23,7 +23,7 @@
 #include "install/session.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // The "Router installer" thread as the front ends use it.
 class RouterInstaller {
@@ -202,4 +202,4 @@ class InstallDesk {
   AfterInstallMoment afterInstallMoment_ = AfterInstallMoment::WaitingReboot;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -4,7 +4,7 @@
 
 #include "packages/version.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 AnnouncementKind parseAnnouncement(const MacAddress& mac, const uint8_t* payload, size_t length, int64_t nowUs,
                                    RouterRecord& record) {
@@ -152,4 +152,4 @@ RouterRow* RouterTable::find(const MacAddress& mac) {
 
 RouterRow* RouterTable::selected() { return find(selected_); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -13,7 +13,7 @@
 #include "app/sync.h"
 #include "install/router_record.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 enum class AnnouncementKind {
   Discover,  // a "DSCV" with a known architecture: the record is filled
@@ -83,4 +83,4 @@ class RouterTable {
   MacAddress selected_{};
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

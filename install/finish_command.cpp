@@ -10,7 +10,7 @@
 
 #include "app/log.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 namespace {
 // A command that writes without line ends still reaches the log in pieces.
@@ -207,4 +207,4 @@ size_t FinishCommand::completed() const {
   return state_->completed;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

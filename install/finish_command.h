@@ -17,7 +17,7 @@
 
 #include "install/results_log.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 using EnvironmentList = std::vector<std::pair<std::string, std::string>>;
 
@@ -78,4 +78,4 @@ int wait(Child& child);
 void kill(Child& child);
 }  // namespace finishprocess
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -17,7 +17,7 @@
 
 extern char** environ;
 
-namespace tarnlift::finishprocess {
+namespace tarnlift::install::finishprocess {
 
 struct Child {
   pid_t pid = -1;
@@ -120,4 +120,4 @@ void kill(Child& child) {
   if (!child.reaped) ::killpg(child.pid, SIGKILL);
 }
 
-}  // namespace tarnlift::finishprocess
+}  // namespace tarnlift::install::finishprocess

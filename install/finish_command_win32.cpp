@@ -17,7 +17,7 @@
 #include "app/child_handles.h"
 #include "install/finish_command.h"
 
-namespace tarnlift::finishprocess {
+namespace tarnlift::install::finishprocess {
 
 struct Child {
   HANDLE process = nullptr;
@@ -133,4 +133,4 @@ void kill(Child& child) {
   if (child.job == nullptr || !TerminateJobObject(child.job, 1)) TerminateProcess(child.process, 1);
 }
 
-}  // namespace tarnlift::finishprocess
+}  // namespace tarnlift::install::finishprocess

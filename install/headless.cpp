@@ -7,7 +7,7 @@
 #include "install/after_install.h"
 #include "net/address.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 namespace {
 std::string oneLine(std::string text) {
@@ -250,4 +250,4 @@ void HeadlessInstaller::redraw() {
 
 void HeadlessInstaller::rereadPackages() { catalogue_.setFolder(options_.packageDir, 0); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

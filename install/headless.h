@@ -27,7 +27,7 @@
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 struct HeadlessOptions {
   std::string packageDir;
@@ -124,4 +124,4 @@ class HeadlessInstaller : public InstallPrompter {
 // mode is switched on here, and a console that refuses it gets plain lines.
 bool terminalShowsLiveProgress();
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

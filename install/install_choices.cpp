@@ -4,7 +4,7 @@
 
 #include "net/address.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 uint32_t addressFromText(const std::string& text) { return net::parseIpv4OrZero(text); }
 
@@ -43,4 +43,4 @@ void GivenChoices::layOver(InstallChoices& choices) const {
   if (gives(kKeepBranding)) choices.keepBranding = values.keepBranding;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

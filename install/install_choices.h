@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 struct InstallChoices {
   bool keepConfig = false;
@@ -66,4 +66,4 @@ struct GivenChoices {
   void layOver(InstallChoices& choices) const;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

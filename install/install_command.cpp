@@ -5,7 +5,7 @@
 #include "app/registry.h"
 #include "packages/version.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 void RememberedChoices::load(app::Registry& settings) {
   keepConfig = settings.readBool("Previous KeepConfig", false);
@@ -140,4 +140,4 @@ InstallOutcome runInstallCommand(RouterRecord* record, const InstallChoices& cho
   return InstallOutcome::Started;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -18,7 +18,7 @@ namespace tarnlift::app {
 class Registry;
 }
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 inline constexpr const char* kAddressQuestion =
     "No address will be set unless both address and netmask is specified. Proceed?";
@@ -74,4 +74,4 @@ struct InstallContext {
 // choices, the order of files and the total size.
 InstallOutcome runInstallCommand(RouterRecord* record, const InstallChoices& choices, InstallContext& context);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

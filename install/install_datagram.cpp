@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool isZeroMac(const uint8_t* mac) {
   static const uint8_t zero[6] = {0, 0, 0, 0, 0, 0};
@@ -13,4 +13,4 @@ std::string dottedAddress(uint32_t networkOrder) { return net::formatIpv4(networ
 
 uint32_t parseDottedAddress(const std::string& text) { return net::parseIpv4(text); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -13,7 +13,7 @@
 
 #include "net/address.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 using MacAddress = net::MacAddress;
 
@@ -74,4 +74,4 @@ inline bool payloadHasTag(const uint8_t* payload, size_t length, const char* tag
   return length >= 4 && std::memcmp(payload, tag, 4) == 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

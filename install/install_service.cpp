@@ -4,7 +4,7 @@
 #include "app/log.h"
 #include "netboot/interfaces.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 InstallService::InstallService(uint16_t port, InstallTransport::Options options) : transport_(std::move(options)) {
   // The datagrams carry the MAC of the interface they leave from; opening
@@ -47,4 +47,4 @@ InstallService& installServiceForPort(uint16_t port) { return processInstallServ
 void setBeacon(bool on) { processInstallServices().setBeacon(on); }
 InstallBeacon* processBeacon() { return processInstallServices().beacon(); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

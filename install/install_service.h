@@ -12,7 +12,7 @@
 #include "install/session.h"
 #include "install/transport.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 class InstallService {
  public:
@@ -61,4 +61,4 @@ InstallService& installServiceForPort(uint16_t port = kInstallPort);
 void setBeacon(bool on);
 InstallBeacon* processBeacon();
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -5,7 +5,7 @@
 
 #include "install/install_choices.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 namespace {
 
@@ -208,4 +208,4 @@ std::vector<std::string> tickFiles(packages::PackageCatalogue& catalogue, const 
   return notListed;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -17,7 +17,7 @@
 #include "install/install_choices.h"
 #include "packages/package_catalogue.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 struct InventoryEntry {
   MacAddress mac{};
@@ -67,4 +67,4 @@ void applyInventoryEntry(const InventoryEntry& entry, InstallChoices& choices, s
 std::vector<std::string> tickFiles(packages::PackageCatalogue& catalogue, const std::vector<std::string>& names,
                                    std::vector<std::string>& files);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

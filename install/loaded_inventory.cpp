@@ -1,6 +1,6 @@
 #include "install/loaded_inventory.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool LoadedInventory::load(const std::string& path, const packages::PackageSets& sets, std::string& error) {
   Inventory read;
@@ -51,4 +51,4 @@ std::optional<AfterInstall> LoadedInventory::afterFor(const MacAddress& mac) con
   return entry->after;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

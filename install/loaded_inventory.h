@@ -16,7 +16,7 @@
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 class LoadedInventory {
  public:
@@ -49,4 +49,4 @@ class LoadedInventory {
   packages::PackageCatalogue resolver_;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

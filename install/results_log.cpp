@@ -6,7 +6,7 @@
 #include "app/json_writer.h"
 #include "app/utc_time.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 std::string resultJsonLine(const RouterResult& r, app::JsonObjectWriter start) {
   return start.text("time", r.time)
@@ -47,4 +47,4 @@ void ResultsLog::write(const RouterResult& result) {
   std::fflush(file_);
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

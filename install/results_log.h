@@ -11,7 +11,7 @@
 
 #include "app/json_writer.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 struct RouterResult {
   std::string time;  // UTC, 2026-01-02T03:04:05Z
@@ -50,4 +50,4 @@ class ResultsLog {
 // The current time as resultJsonLine's "time".
 std::string utcTimestamp();
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

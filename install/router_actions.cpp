@@ -5,7 +5,7 @@
 #include "app/log.h"
 #include "install/control_rules.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool showRouterPackages(packages::PackageCatalogue& catalogue, RouterRecord& r) {
   if (r.packageDir.empty()) r.packageDir = catalogue.folder();
@@ -92,4 +92,4 @@ InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalog
   return outcome;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

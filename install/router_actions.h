@@ -14,7 +14,7 @@
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // Shows r's package folder and architecture in the catalogue (an empty
 // folder takes the catalogue's). True when the catalogue was switched.
@@ -47,4 +47,4 @@ InstallOutcome installRow(InstallDesk& desk, packages::PackageCatalogue& catalog
                           RememberedChoices& remembered, InstallPrompter& prompter, RouterRecord& r,
                           const InstallChoices& choices);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

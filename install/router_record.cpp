@@ -1,6 +1,6 @@
 #include "install/router_record.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 namespace {
 struct ArchitectureName {
   const char* announced;
@@ -42,4 +42,4 @@ const char* statusRowText(uint32_t status) {
   }
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

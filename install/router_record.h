@@ -9,7 +9,7 @@
 #include "install/install_choices.h"
 #include "install/install_datagram.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 enum RouterStatus : uint32_t {
   kStatusNone = 0,
@@ -71,4 +71,4 @@ const char* architectureColumnText(uint32_t code);
 // The row text of a status value ("" for 0 and unknown values).
 const char* statusRowText(uint32_t status);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

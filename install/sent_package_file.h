@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 class PackageFile {
  public:
@@ -34,4 +34,4 @@ class PackageFile {
   int64_t length_ = 0;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -4,7 +4,7 @@
 
 #include "install/sent_package_file.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool PackageFile::open(const std::string& path) {
   close();
@@ -38,4 +38,4 @@ int64_t PackageFile::readPieces(uint8_t* const* pieces, size_t count, size_t pie
   return total;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

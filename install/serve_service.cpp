@@ -3,7 +3,7 @@
 #include "app/log.h"
 #include "net/address.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 ServeService::ServeService(HeadlessOptions& options, packages::PackageSets& sets, app::Registry& settings,
                            ServeRunOptions run)
@@ -136,4 +136,4 @@ bool ServeService::finish(bool stoppedByRequest) {
   return stoppedByRequest || installer_->failed() == 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -24,7 +24,7 @@
 #include "install/session.h"
 #include "packages/package_sets.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // What serve's options ask of the run beyond HeadlessOptions.
 struct ServeRunOptions {
@@ -116,4 +116,4 @@ class ServeService {
   std::set<MacAddress> known_;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

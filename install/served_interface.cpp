@@ -1,7 +1,7 @@
 #include "install/transport.h"
 #include "netboot/interfaces.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // The transport serves whatever interface discovery publishes for the
 // client address, and takes that interface's MAC as its own.
@@ -21,4 +21,4 @@ InstallInterfaceResolver defaultInstallInterfaceResolver() {
   };
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -8,7 +8,7 @@
 #include "install/autorun_script.h"
 #include "install/session_paths.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // ---- PackageSender ----------------------------------------------------------
 
@@ -477,4 +477,4 @@ uint32_t InstallServer::run() {
   return 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -20,7 +20,7 @@
 #include "install/sent_package_file.h"
 #include "install/transport.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 enum class InstallState : uint32_t {
   AwaitAccept = 0,
@@ -219,4 +219,4 @@ class InstallServer : public app::Thread {
   bool inBatch_ = false;
 };
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // True when path is read from the package folder rather than as given.
 bool isRelativePackagePath(const std::string& path);
@@ -16,4 +16,4 @@ std::string packageFilePath(const std::string& folder, const std::string& path);
 // The name the router is given for path.
 std::string remoteFileName(const std::string& path);
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

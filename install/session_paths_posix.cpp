@@ -1,6 +1,6 @@
 #include "install/session_paths.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool isRelativePackagePath(const std::string& path) { return path.empty() || path[0] != '/'; }
 
@@ -15,4 +15,4 @@ std::string remoteFileName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

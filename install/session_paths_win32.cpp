@@ -1,6 +1,6 @@
 #include "install/session_paths.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 // Anything without a drive letter is relative, a leading '\' included: the
 // rule of the design, kept exactly.
@@ -13,4 +13,4 @@ std::string remoteFileName(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

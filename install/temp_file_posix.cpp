@@ -6,7 +6,7 @@
 
 #include "install/autorun_script.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 std::string makeUniqueTempFile(const std::string& prefix) {
   const char* folder = std::getenv("TMPDIR");
@@ -17,4 +17,4 @@ std::string makeUniqueTempFile(const std::string& prefix) {
   return pattern;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -4,7 +4,7 @@
 
 #include "install/autorun_script.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 std::string makeUniqueTempFile(const std::string& prefix) {
   char folder[MAX_PATH + 1];
@@ -15,4 +15,4 @@ std::string makeUniqueTempFile(const std::string& prefix) {
   return name;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

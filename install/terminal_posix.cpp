@@ -5,7 +5,7 @@
 
 #include "install/headless.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool terminalShowsLiveProgress() {
   if (::isatty(STDOUT_FILENO) == 0) return false;
@@ -15,4 +15,4 @@ bool terminalShowsLiveProgress() {
   return term != nullptr && term[0] != 0 && std::strcmp(term, "dumb") != 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -5,7 +5,7 @@
 
 #include "install/headless.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 bool terminalShowsLiveProgress() {
   if (_isatty(_fileno(stdout)) == 0) return false;
@@ -18,4 +18,4 @@ bool terminalShowsLiveProgress() {
   return SetConsoleMode(out, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

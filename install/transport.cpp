@@ -8,7 +8,7 @@
 #include "app/registry.h"
 #include "app/sync.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 InstallTransport::InstallTransport() : InstallTransport(Options{}) {}
 
@@ -215,4 +215,4 @@ void InstallBeacon::send(uint32_t address, uint16_t port) {
 
 void InstallBeacon::destroy() { socket_.close(); }
 
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -14,7 +14,7 @@
 #include "install/install_datagram.h"
 #include "net/udp_socket.h"
 
-namespace tarnlift {
+namespace tarnlift::install {
 
 class DatagramTransport {
  public:
@@ -148,5 +148,4 @@ class InstallBeacon {
   net::UdpSocket socket_;
 };
 
-
-}  // namespace tarnlift
+}  // namespace tarnlift::install

@@ -47,7 +47,7 @@ bool printSector(Device& device) {
   return true;
 }
 
-DiskInstallation::DiskInstallation(const RouterRecord& row, DiskServices* services)
+DiskInstallation::DiskInstallation(const install::RouterRecord& row, DiskServices* services)
     : app::Thread("Unnamed"), row_(row), services_(services != nullptr ? *services : platformDiskServices()) {
   drive_ = driveIdOf(row_);
   setStopSignal(&stopEvent_);
@@ -55,7 +55,7 @@ DiskInstallation::DiskInstallation(const RouterRecord& row, DiskServices* servic
   // ending it waits as long as that takes instead of killing it.
   setStopTimeout(app::kWaitInfinite);
   app::MutexLock lock(mutex_);
-  status_.state = kStatusInstalling;
+  status_.state = install::kStatusInstalling;
   status_.statusText = "Preparing for installation...";
   status_.total = row_.totalSize;
   status_.progress = 0;
@@ -118,7 +118,7 @@ uint32_t DiskInstallation::run() {
     {
       app::MutexLock lock(mutex_);
       errorText = status_.errorText;
-      status_.state = kStatusFailed;
+      status_.state = install::kStatusFailed;
       post();
     }
     app::logLine() << "failed: " << errorText;
@@ -185,7 +185,7 @@ bool DiskInstallation::install() {
   if (completed) {
     app::MutexLock lock(mutex_);
     status_.statusText = "Installation completed";
-    status_.state = kStatusDone;
+    status_.state = install::kStatusDone;
     status_.progress = row_.totalSize;
     post();
   }
@@ -323,14 +323,14 @@ LocalDiskInstaller::~LocalDiskInstaller() {
   installations_.clear();
 }
 
-void LocalDiskInstaller::start(const RouterRecord& row) {
+void LocalDiskInstaller::start(const install::RouterRecord& row) {
   cancel(row.mac);
   auto installation = std::make_unique<DiskInstallation>(row, services_);
   installation->start();
   installations_[row.mac] = std::move(installation);
 }
 
-bool LocalDiskInstaller::news(const MacAddress& mac, DiskStatus& status) {
+bool LocalDiskInstaller::news(const net::MacAddress& mac, DiskStatus& status) {
   auto it = installations_.find(mac);
   if (it == installations_.end()) return false;
   DiskStatus waiting;
@@ -340,12 +340,12 @@ bool LocalDiskInstaller::news(const MacAddress& mac, DiskStatus& status) {
   return true;
 }
 
-bool LocalDiskInstaller::hasNews(const MacAddress& mac) {
+bool LocalDiskInstaller::hasNews(const net::MacAddress& mac) {
   auto it = installations_.find(mac);
   return it != installations_.end() && it->second->notificationEvent().waitFor(0);
 }
 
-void LocalDiskInstaller::cancel(const MacAddress& mac) {
+void LocalDiskInstaller::cancel(const net::MacAddress& mac) {
   auto it = installations_.find(mac);
   if (it == installations_.end()) return;
   it->second->cancel();

@@ -20,7 +20,7 @@ namespace tarnlift::localdisk {
 // text, the error text when failed, and the progress counter against the
 // row's total.
 struct DiskStatus {
-  uint32_t state = kStatusInstalling;
+  uint32_t state = install::kStatusInstalling;
   std::string statusText;
   std::string errorText;
   uint32_t progress = 0;
@@ -28,7 +28,7 @@ struct DiskStatus {
 
   // progress against total, 0 to 100; a completed row without a total is 100.
   uint32_t percentDone() const {
-    if (total == 0) return state == kStatusDone ? 100 : 0;
+    if (total == 0) return state == install::kStatusDone ? 100 : 0;
     uint64_t percent = static_cast<uint64_t>(progress) * 100 / total;
     return static_cast<uint32_t>(percent > 100 ? 100 : percent);
   }
@@ -38,7 +38,7 @@ class DiskInstallation : public app::Thread {
  public:
   // Copies the row, sets state 4 and "Preparing for installation...", and
   // posts a notification. services null: the platform's.
-  explicit DiskInstallation(const RouterRecord& row, DiskServices* services = nullptr);
+  explicit DiskInstallation(const install::RouterRecord& row, DiskServices* services = nullptr);
   // Cancels a running installation first (see cancel).
   ~DiskInstallation() override;
 
@@ -67,7 +67,7 @@ class DiskInstallation : public app::Thread {
   // The thread body calls it; tests may call it directly.
   bool install();
 
-  const RouterRecord& row() const { return row_; }
+  const install::RouterRecord& row() const { return row_; }
 
  protected:
   uint32_t run() override;
@@ -88,7 +88,7 @@ class DiskInstallation : public app::Thread {
   bool writeMbrFile(const uint8_t* sector);
   bool writeAutorun();
 
-  RouterRecord row_;
+  install::RouterRecord row_;
   DiskServices services_;
   DriveId drive_;
   std::unique_ptr<HeldDrive> held_;
@@ -109,20 +109,20 @@ class LocalDiskInstaller {
 
   // Starts the installation of the drive row (one already held for the row
   // is cancelled first).
-  void start(const RouterRecord& row);
+  void start(const install::RouterRecord& row);
   // The row's current status, taking the notifications waiting; false when
   // no installation is held for the address.
-  bool news(const MacAddress& mac, DiskStatus& status);
+  bool news(const net::MacAddress& mac, DiskStatus& status);
   // Whether notifications were posted since the last call to news.
-  bool hasNews(const MacAddress& mac);
+  bool hasNews(const net::MacAddress& mac);
   // Ends the installation of the row (its children are ended and waited
   // for, then its thread) and forgets it.
-  void cancel(const MacAddress& mac);
-  bool holds(const MacAddress& mac) const { return installations_.count(mac) != 0; }
+  void cancel(const net::MacAddress& mac);
+  bool holds(const net::MacAddress& mac) const { return installations_.count(mac) != 0; }
 
  private:
   DiskServices* services_;
-  std::map<MacAddress, std::unique_ptr<DiskInstallation>> installations_;
+  std::map<net::MacAddress, std::unique_ptr<DiskInstallation>> installations_;
 };
 
 // A diagnostic, not used by the installation: one sector as eight 16-bit

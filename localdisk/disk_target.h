@@ -12,7 +12,7 @@
 namespace tarnlift::localdisk {
 
 struct DiskTarget {
-  RouterRecord row;            // the drive row to install
+  install::RouterRecord row;        // the drive row to install
   std::unique_ptr<HeldDrive> held;  // checked and opened once, for the installation
   bool isDevice = false;       // a real device: erasing it needs a confirmation
   bool createdFile = false;    // an image file made just now

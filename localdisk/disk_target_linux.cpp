@@ -53,7 +53,7 @@ TargetResult resolveDiskTarget(const std::string& target, uint64_t imageMiB, Dis
   }
   // A device keeps the letter, type and description of its row in the
   // drive list.
-  for (const RouterRecord& row : listLocalDrives()) {
+  for (const install::RouterRecord& row : listLocalDrives()) {
     if (row.label == "/dev/" + checked.disk) {
       result.row = row;
       result.row.label = target;

@@ -23,7 +23,7 @@ bool diskTargetNameValid(const std::string& target, std::string& error) {
 TargetResult resolveDiskTarget(const std::string& target, uint64_t, DiskTarget& result, std::string& error) {
   if (!diskTargetNameValid(target, error)) return TargetResult::BadUsage;
   char letter = static_cast<char>(std::toupper(static_cast<unsigned char>(target[0])));
-  for (const RouterRecord& row : listLocalDrives()) {
+  for (const install::RouterRecord& row : listLocalDrives()) {
     if (std::toupper(row.mac[5]) != letter) continue;
     // Checked by what is on its disk, and held from now on.
     DiskServices& services = platformDiskServices();

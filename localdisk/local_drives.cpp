@@ -10,23 +10,23 @@
 
 namespace tarnlift::localdisk {
 
-RouterRecord makeDriveRow(const std::string& label, uint8_t letter, uint32_t driveType) {
-  RouterRecord row;
-  row.kind = kKindDrive;
+install::RouterRecord makeDriveRow(const std::string& label, uint8_t letter, uint32_t driveType) {
+  install::RouterRecord row;
+  row.kind = install::kKindDrive;
   row.label = label;
-  row.mac = MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, letter};
+  row.mac = net::MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, letter};
   row.driveType = driveType;
   return row;
 }
 
-bool isDriveRow(const RouterRecord& row) {
+bool isDriveRow(const install::RouterRecord& row) {
   for (size_t i = 0; i < 5; ++i) {
     if (row.mac[i] != 0xFF) return false;
   }
   return true;
 }
 
-DriveId driveIdOf(const RouterRecord& row) {
+DriveId driveIdOf(const install::RouterRecord& row) {
   DriveId drive;
   drive.letter = static_cast<char>(row.mac[5]);
   drive.path = row.label;
@@ -44,8 +44,8 @@ std::string driveTypeText(uint32_t driveType) {
   }
 }
 
-std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator) {
-  std::vector<RouterRecord> rows;
+std::vector<install::RouterRecord> listLocalDrives(DriveEnumerator& enumerator) {
+  std::vector<install::RouterRecord> rows;
   for (const DriveCandidate& candidate : enumerator.candidates()) {
     if (candidate.type != kDriveRemovable && candidate.type != kDriveFixed) continue;
     if (candidate.system) continue;
@@ -57,7 +57,7 @@ std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator) {
   return rows;
 }
 
-std::vector<RouterRecord> listLocalDrives() {
+std::vector<install::RouterRecord> listLocalDrives() {
   std::unique_ptr<DriveEnumerator> enumerator = makePlatformDriveEnumerator();
   return listLocalDrives(*enumerator);
 }

@@ -38,9 +38,9 @@ struct DriveId {
 
 // A fresh row for a drive: kind drive, the label, FF:FF:FF:FF:FF:letter,
 // the drive type, counters zero and no packages.
-RouterRecord makeDriveRow(const std::string& label, uint8_t letter, uint32_t driveType);
-bool isDriveRow(const RouterRecord& row);
-DriveId driveIdOf(const RouterRecord& row);
+install::RouterRecord makeDriveRow(const std::string& label, uint8_t letter, uint32_t driveType);
+bool isDriveRow(const install::RouterRecord& row);
+DriveId driveIdOf(const install::RouterRecord& row);
 // "removable", "fixed" or the number, for listings.
 std::string driveTypeText(uint32_t driveType);
 
@@ -66,8 +66,8 @@ std::unique_ptr<DriveEnumerator> makePlatformDriveEnumerator();
 
 // The drive rows in the platform's order: removable and fixed drives other
 // than the system's and other than drive A.
-std::vector<RouterRecord> listLocalDrives(DriveEnumerator& enumerator);
-std::vector<RouterRecord> listLocalDrives();
+std::vector<install::RouterRecord> listLocalDrives(DriveEnumerator& enumerator);
+std::vector<install::RouterRecord> listLocalDrives();
 
 // "16.0 GB, Maker Model" for a drive row: the size as makers count it
 // (10^9 bytes a GB); empty when nothing is known.

@@ -71,7 +71,7 @@ class WindowsDriveEnumerator : public DriveEnumerator {
 
 bool listedDrive(WindowsStorage& storage, char letter, std::string& reason) {
   WindowsDriveEnumerator enumerator(storage);
-  for (const RouterRecord& row : listLocalDrives(enumerator)) {
+  for (const install::RouterRecord& row : listLocalDrives(enumerator)) {
     if (upper(static_cast<char>(row.mac[5])) == upper(letter)) return true;
   }
   reason = std::string("drive ") + upper(letter) + ": is not a removable or fixed drive other than the system's";

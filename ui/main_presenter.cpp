@@ -50,7 +50,7 @@ void MainPresenter::construct() {
   routers_ = &workers_.startRouterInstaller();
   drives_ = &workers_.makeDriveInstaller(underCompatibilityLayer);
   netboot_ = &workers_.startNetbootServer(options_.kernelOverride);
-  desk_ = std::make_unique<InstallDesk>(*routers_, *drives_, sets_, remembered_, workers_.clock());
+  desk_ = std::make_unique<install::InstallDesk>(*routers_, *drives_, sets_, remembered_, workers_.clock());
   desk_->setBeacon([this] {
     if (beaconOn_) workers_.beacon().send();
   });
@@ -184,21 +184,21 @@ void MainPresenter::tearDown() {
 
 // ---- selection -------------------------------------------------------------
 
-RouterRecord* MainPresenter::selectedRouter() {
+install::RouterRecord* MainPresenter::selectedRouter() {
   if (!desk_) return nullptr;
   // Reads the list's selection only: asking which router is shown must not
   // change the table.
   int row = view_.selectedRouterRow();
   if (row < 0 || static_cast<size_t>(row) >= routerOrder_.size()) return nullptr;
-  RouterRow* found = desk_->table().find(routerOrder_[static_cast<size_t>(row)]);
+  install::RouterRow* found = desk_->table().find(routerOrder_[static_cast<size_t>(row)]);
   return found != nullptr ? &found->record : nullptr;
 }
 
-packages::PackageChoice MainPresenter::choiceOf(const RouterRecord& record) const {
+packages::PackageChoice MainPresenter::choiceOf(const install::RouterRecord& record) const {
   return {record.setName, record.packageDir, record.files};
 }
 
-void MainPresenter::storeChoice(RouterRecord& record, const packages::PackageChoice& choice) {
+void MainPresenter::storeChoice(install::RouterRecord& record, const packages::PackageChoice& choice) {
   record.setName = choice.setName;
   record.packageDir = choice.folder;
   record.files = choice.files;
@@ -208,7 +208,7 @@ void MainPresenter::storeChoice(RouterRecord& record, const packages::PackageCho
 
 void MainPresenter::refreshRouterList() {
   if (!desk_) return;
-  MacAddress keep{};
+  net::MacAddress keep{};
   bool haveKeep = false;
   int row = view_.selectedRouterRow();
   if (row >= 0 && static_cast<size_t>(row) < routerOrder_.size()) {
@@ -234,12 +234,12 @@ void MainPresenter::rowAdded(size_t index, const packages::PackageRow& row) { vi
 void MainPresenter::rowChanged(size_t index, const packages::PackageRow& row) { view_.updatePackageRow(index, row); }
 
 void MainPresenter::refreshPackageMarks() {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) {
     catalogue_.clearSelectionView();
     return;
   }
-  if (r->status == kStatusReady) {
+  if (r->status == install::kStatusReady) {
     catalogue_.applySelection(r->files);
   } else {
     catalogue_.applyBusySelection(r->files);
@@ -249,8 +249,8 @@ void MainPresenter::refreshPackageMarks() {
 // ---- control state -----------------------------------------------------------
 
 void MainPresenter::refreshControlState() {
-  RouterRecord* r = selectedRouter();
-  if (r != nullptr && showRouterPackages(catalogue_, *r)) view_.setText(kIdPackageDir, r->packageDir);
+  install::RouterRecord* r = selectedRouter();
+  if (r != nullptr && install::showRouterPackages(catalogue_, *r)) view_.setText(kIdPackageDir, r->packageDir);
   if (r != nullptr) {
     shownRouter_ = r->mac;
     haveShownRouter_ = true;
@@ -258,7 +258,7 @@ void MainPresenter::refreshControlState() {
     haveShownRouter_ = false;
   }
   std::string setName = r != nullptr && sets_.contains(r->setName) ? r->setName : std::string();
-  const ControlRules c = controlRulesFor(r, !setName.empty());
+  const install::ControlRules c = install::controlRulesFor(r, !setName.empty());
 
   // The set list shows the router's own set, when it still exists.
   view_.setEnabled(kIdSets, c.sets);
@@ -309,10 +309,10 @@ void MainPresenter::refreshControlState() {
 void MainPresenter::updateCaptionAndProgress() {
   // The router whose values the controls show (the selected one as of the
   // last refresh).
-  RouterRow* shown = desk_ && haveShownRouter_ ? desk_->table().find(shownRouter_) : nullptr;
-  RouterRecord* r = shown != nullptr ? &shown->record : nullptr;
+  install::RouterRow* shown = desk_ && haveShownRouter_ ? desk_->table().find(shownRouter_) : nullptr;
+  install::RouterRecord* r = shown != nullptr ? &shown->record : nullptr;
   std::string caption;
-  if (r != nullptr) caption = r->status == kStatusReady ? selectedText(r->files.size()) : r->statusText;
+  if (r != nullptr) caption = r->status == install::kStatusReady ? selectedText(r->files.size()) : r->statusText;
   view_.setText(kIdCaption, caption);
   // The bar moves by the difference to what it shows.
   int percent = r != nullptr ? static_cast<int>(r->percentDone()) : 0;
@@ -368,7 +368,7 @@ void MainPresenter::command(int id) {
     default:
       break;
   }
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
   switch (id) {
     case kIdReboot:
@@ -415,24 +415,24 @@ void MainPresenter::command(int id) {
 
 // The controls' text becomes the install choices here, once, by the
 // controls' own readings.
-InstallChoices MainPresenter::choicesShown() {
-  InstallChoices c;
+install::InstallChoices MainPresenter::choicesShown() {
+  install::InstallChoices c;
   c.keepConfig = view_.isChecked(kIdKeepConfig);
-  c.address = addressFromText(view_.text(kIdAddress));
-  c.netmaskBits = netmaskBitsFromText(view_.text(kIdNetmask));
-  c.gateway = addressFromText(view_.text(kIdGateway));
+  c.address = install::addressFromText(view_.text(kIdAddress));
+  c.netmaskBits = install::netmaskBitsFromText(view_.text(kIdNetmask));
+  c.gateway = install::addressFromText(view_.text(kIdGateway));
   c.defaultConfig = view_.isChecked(kIdDefaultConfig);
   c.keepBranding = view_.isChecked(kIdKeepBranding);
   c.scriptEnabled = view_.isChecked(kIdScript);
   c.scriptPath = view_.text(kIdScriptPath);
   c.modeScriptEnabled = view_.isChecked(kIdModeScript);
   c.modeScriptPath = view_.text(kIdModeScriptPath);
-  c.baudRate = baudFromText(view_.selectedText(kIdBaud));
+  c.baudRate = install::baudFromText(view_.selectedText(kIdBaud));
   return c;
 }
 
-void MainPresenter::takeFieldsInto(RouterRecord& record) {
-  const InstallChoices shown = choicesShown();
+void MainPresenter::takeFieldsInto(install::RouterRecord& record) {
+  const install::InstallChoices shown = choicesShown();
   record.address = shown.address;
   record.netmaskBits = shown.netmaskBits;
   record.gateway = shown.gateway;
@@ -449,7 +449,7 @@ void MainPresenter::browsePackageDir() {
 void MainPresenter::packageDirChanged() {
   std::string text = view_.text(kIdPackageDir);
   if (text == catalogue_.folder()) return;
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   catalogue_.setFolder(text, r != nullptr ? r->architecture : 0);
   handDirectoryToTable(text);
   refreshPackageMarks();
@@ -461,8 +461,8 @@ void MainPresenter::handDirectoryToTable(const std::string& dir) {
   // selected router (when it can still change) moves to it, and a choice
   // made in another folder does not carry over.
   desk_->setPackageDir(dir);
-  RouterRecord* r = selectedRouter();
-  if (r == nullptr || r->status != kStatusReady || r->packageDir == dir) return;
+  install::RouterRecord* r = selectedRouter();
+  if (r == nullptr || r->status != install::kStatusReady || r->packageDir == dir) return;
   r->packageDir = dir;
   r->files.clear();
   r->setName.clear();
@@ -488,7 +488,7 @@ void MainPresenter::showMessage(const std::string& text, const std::string& titl
 bool MainPresenter::askYesNo(const std::string& text) { return view_.askYesNo(text); }
 
 void MainPresenter::saveSet() {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   packages::PackageChoice choice;
   if (r != nullptr) choice = choiceOf(*r);
   if (!sets_.saveSet(choice, *this)) return;
@@ -510,17 +510,17 @@ void MainPresenter::deleteSet() {
   view_.selectItem(kIdSets, "");
   view_.removeItem(kIdSets, name);
   listedSets_.erase(name);
-  std::vector<MacAddress> macs;
+  std::vector<net::MacAddress> macs;
   for (const auto& entry : desk_->table().rows()) macs.push_back(entry.first);
-  for (const MacAddress& mac : macs) {
-    RouterRow* row = desk_->table().find(mac);
+  for (const net::MacAddress& mac : macs) {
+    install::RouterRow* row = desk_->table().find(mac);
     if (row->record.setName == name) row->record.setName.clear();
   }
   refreshControlState();
 }
 
 void MainPresenter::chooseSet() {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
   packages::PackageChoice choice = choiceOf(*r);
   sets_.chooseSet(choice, view_.selectedText(kIdSets));
@@ -530,30 +530,30 @@ void MainPresenter::chooseSet() {
 }
 
 void MainPresenter::baudChanged() {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
-  r->baudRate = baudFromText(view_.selectedText(kIdBaud));
+  r->baudRate = install::baudFromText(view_.selectedText(kIdBaud));
   app::logLine() << "baud: " << r->baudRate;
 }
 
 void MainPresenter::selectAll(bool all) {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
-  selectAllOf(catalogue_, *r, all);
+  install::selectAllOf(catalogue_, *r, all);
   refreshControlState();
 }
 
 void MainPresenter::rebootOrShutdown(bool reboot) {
-  RouterRecord* r = selectedRouter();
-  if (r == nullptr || r->kind != kKindRouter) return;
-  rebootOrShutdownRow(*desk_, *r, reboot);
+  install::RouterRecord* r = selectedRouter();
+  if (r == nullptr || r->kind != install::kKindRouter) return;
+  install::rebootOrShutdownRow(*desk_, *r, reboot);
   refreshRouterList();
   refreshControlState();
   refreshPackageMarks();
 }
 
 void MainPresenter::install() {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
   if (view_.isChecked(kIdScript) && !workers_.fileExists(view_.text(kIdScriptPath))) {
     view_.showMessage(kNoConfigScriptText, "Error", MessageIcon::Error);
@@ -563,19 +563,20 @@ void MainPresenter::install() {
     view_.showMessage(kNoModeScriptText, "Error", MessageIcon::Error);
     return;
   }
-  if (r->status != kStatusReady) return;
-  InstallOutcome outcome = installRow(*desk_, catalogue_, sets_, remembered_, *this, *r, choicesShown());
+  if (r->status != install::kStatusReady) return;
+  install::InstallOutcome outcome =
+      install::installRow(*desk_, catalogue_, sets_, remembered_, *this, *r, choicesShown());
   // The install may have made "Previous Install".
   listSets();
-  if (outcome == InstallOutcome::Started) refreshRouterList();
+  if (outcome == install::InstallOutcome::Started) refreshRouterList();
   refreshControlState();
   refreshPackageMarks();
 }
 
 void MainPresenter::cancel() {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
-  cancelRow(*desk_, remembered_, *r);
+  install::cancelRow(*desk_, remembered_, *r);
   refreshRouterList();
   refreshControlState();
   refreshPackageMarks();
@@ -594,7 +595,7 @@ void MainPresenter::netBooting() {
 }
 
 void MainPresenter::chooseScript(bool mode) {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr) return;
   std::string path;
   if (!view_.chooseScriptFile(path)) return;
@@ -620,36 +621,37 @@ void MainPresenter::loadInventory() {
   app::logLine() << "inventory " << path << " lists " << inventory_.size() << " routers";
   // The routers listed already take their sections now, the others when
   // they appear.
-  for (const MacAddress& mac : routerOrder_) applyInventory(mac);
+  for (const net::MacAddress& mac : routerOrder_) applyInventory(mac);
   refreshControlState();
   refreshPackageMarks();
 }
 
-void MainPresenter::applyInventory(const MacAddress& mac) {
+void MainPresenter::applyInventory(const net::MacAddress& mac) {
   if (!inventory_.loaded()) return;
-  RouterRow* row = desk_->table().find(mac);
+  install::RouterRow* row = desk_->table().find(mac);
   if (row == nullptr) return;
   std::vector<std::string> notListed;
   if (!inventory_.applyTo(row->record, desk_->packageDir(), sets_, notListed)) return;
-  const InventoryEntry* entry = inventory_.find(mac);
-  app::logLine() << "router " << macText(mac) << " takes its options from the inventory"
+  const install::InventoryEntry* entry = inventory_.find(mac);
+  app::logLine() << "router " << install::macText(mac) << " takes its options from the inventory"
                  << (entry->label ? " (\"" + *entry->label + "\")" : std::string());
   for (const std::string& name : notListed) {
-    app::logLine() << "inventory: " << name << " is not listed for " << architectureText(row->record.architecture);
+    app::logLine() << "inventory: " << name << " is not listed for "
+                   << install::architectureText(row->record.architecture);
   }
 }
 
 // The inventory's `after` for its routers, the "Auto reboot" list for the
 // others.
-AfterInstall MainPresenter::afterInstallFor(const MacAddress& mac) {
-  return chooseAfterInstall(inventory_.afterFor(mac), std::nullopt, autoRebootChoice());
+install::AfterInstall MainPresenter::afterInstallFor(const net::MacAddress& mac) {
+  return install::chooseAfterInstall(inventory_.afterFor(mac), std::nullopt, autoRebootChoice());
 }
 
 // ---- notifications ---------------------------------------------------------
 
 void MainPresenter::onRouterItemChanging() {
   view_.postPrivate(kRefreshCode);
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr || !haveShownRouter_ || r->mac != shownRouter_) return;
   app::logLine() << "changing " << r->label;
   takeFieldsInto(*r);
@@ -669,9 +671,9 @@ void MainPresenter::onPackageClick(int index) {
 }
 
 void MainPresenter::togglePackage(int index) {
-  RouterRecord* r = selectedRouter();
+  install::RouterRecord* r = selectedRouter();
   if (r == nullptr || index < 0 || static_cast<size_t>(index) >= catalogue_.size()) return;
-  if (!togglePackageOf(catalogue_, *r, static_cast<size_t>(index))) return;
+  if (!install::togglePackageOf(catalogue_, *r, static_cast<size_t>(index))) return;
   refreshControlState();
 }
 
@@ -683,8 +685,8 @@ void MainPresenter::showPackageDescription(int index) {
 }
 
 void MainPresenter::describeSelectedDrive() {
-  RouterRecord* r = selectedRouter();
-  if (r == nullptr || r->kind != kKindDrive || r->driveDescription.empty()) {
+  install::RouterRecord* r = selectedRouter();
+  if (r == nullptr || r->kind != install::kKindDrive || r->driveDescription.empty()) {
     haveDescribedDrive_ = false;
     return;
   }
@@ -707,38 +709,38 @@ void MainPresenter::onPrivateMessage(uint32_t code) {
 
 // ---- the tick --------------------------------------------------------------
 
-AfterInstall MainPresenter::autoRebootChoice() {
+install::AfterInstall MainPresenter::autoRebootChoice() {
   switch (view_.selectedIndex(kIdAutoReboot)) {
     case 0:
-      return AfterInstall::Reboot;
+      return install::AfterInstall::Reboot;
     case 1:
-      return AfterInstall::Shutdown;
+      return install::AfterInstall::Shutdown;
     default:
-      return AfterInstall::None;
+      return install::AfterInstall::None;
   }
 }
 
 void MainPresenter::onTimer() {
   if (!desk_) return;
-  InstallDesk::TickResult tick = desk_->tick();
+  install::InstallDesk::TickResult tick = desk_->tick();
   // Another boot server answering our clients is the commonest reason a
   // router does not boot from us: say so where the window's status lines go.
   std::string notice;
   if (netboot_->otherServerNotice(otherServerNoticesSeen_, notice)) view_.setStatusText(notice);
-  for (const MacAddress& mac : tick.added) applyInventory(mac);
+  for (const net::MacAddress& mac : tick.added) applyInventory(mac);
   if (tick.tableChanged) {
     refreshRouterList();
     refreshControlState();
     refreshPackageMarks();
   }
 
-  const std::vector<DeskNews>& news = tick.news;
+  const std::vector<install::DeskNews>& news = tick.news;
   if (news.empty()) return;
-  RouterRecord* selected = selectedRouter();
-  MacAddress selectedMac = selected != nullptr ? selected->mac : MacAddress{};
+  install::RouterRecord* selected = selectedRouter();
+  net::MacAddress selectedMac = selected != nullptr ? selected->mac : net::MacAddress{};
   bool gone = false;
   bool selectedChanged = false;
-  for (const DeskNews& n : news) {
+  for (const install::DeskNews& n : news) {
     if (!n.hadNews) gone = true;
     if (n.hadNews && selected != nullptr && n.mac == selectedMac && n.status.status != n.previousStatus) {
       selectedChanged = true;
@@ -749,22 +751,22 @@ void MainPresenter::onTimer() {
     refreshControlState();
     refreshPackageMarks();
   }
-  for (const DeskNews& n : news) {
+  for (const install::DeskNews& n : news) {
     if (!n.hadNews) continue;
     if (selected == nullptr || n.mac != selectedMac) {
       // A router the inventory gives an `after` is rebooted (or shut down)
       // as it says, selected or not.
-      std::optional<AfterInstall> listed = inventory_.afterFor(n.mac);
+      std::optional<install::AfterInstall> listed = inventory_.afterFor(n.mac);
       if (listed) desk_->actAfterInstallOnce(n, *listed);
       continue;
     }
     uint32_t status = n.status.status;
-    if (status == kStatusDone || status == kStatusFailed) continue;
+    if (status == install::kStatusDone || status == install::kStatusFailed) continue;
     updateCaptionAndProgress();
     view_.setEnabled(kIdInstall, false);
-    if (status != kStatusWaitingReboot) continue;
-    AfterInstall after = afterInstallFor(n.mac);
-    if (after == AfterInstall::None) {
+    if (status != install::kStatusWaitingReboot) continue;
+    install::AfterInstall after = afterInstallFor(n.mac);
+    if (after == install::AfterInstall::None) {
       view_.setEnabled(kIdShutdown, true);
       view_.setEnabled(kIdReboot, true);
     } else {

@@ -67,10 +67,10 @@ class MainWorkers {
  public:
   virtual ~MainWorkers() = default;
   // Creates and starts the "Router installer" thread.
-  virtual RouterInstaller& startRouterInstaller() = 0;
+  virtual install::RouterInstaller& startRouterInstaller() = 0;
   // Creates the local-drive installer holder; under a compatibility layer
   // (the environment has WINELOADER) it offers no drives.
-  virtual DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) = 0;
+  virtual install::DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) = 0;
   // Creates and starts the "PXE Booter" with the start-up text.
   virtual NetbootWorker& startNetbootServer(const std::string& kernelOverride) = 0;
   virtual BeaconWorker& beacon() = 0;
@@ -93,7 +93,7 @@ struct TrackingLimits {
 
 class MainPresenter : private packages::PackageListView,
                       private packages::PackageSetPrompts,
-                      private InstallPrompter {
+                      private install::InstallPrompter {
  public:
   // store: the settings store to read and write (nullptr: the default one).
   MainPresenter(MainView& view, MainWorkers& workers, app::StartupOptions options,
@@ -130,19 +130,19 @@ class MainPresenter : private packages::PackageListView,
   void saveSettings();
 
   // For tests and the view.
-  RouterTable& table() { return desk_->table(); }
-  InstallDesk& desk() { return *desk_; }
+  install::RouterTable& table() { return desk_->table(); }
+  install::InstallDesk& desk() { return *desk_; }
   packages::PackageCatalogue& catalogue() { return catalogue_; }
   packages::PackageSets& sets() { return sets_; }
-  RememberedChoices& remembered() { return remembered_; }
-  const LoadedInventory& inventory() const { return inventory_; }
-  RouterRecord* selectedRouter();
+  install::RememberedChoices& remembered() { return remembered_; }
+  const install::LoadedInventory& inventory() const { return inventory_; }
+  install::RouterRecord* selectedRouter();
   bool netbootEnabled() const { return netbootEnabled_; }
   uint32_t clientAddress() const { return clientAddress_; }
   bool beaconOn() const { return beaconOn_; }
   int lastPercent() const { return lastPercent_; }
   // The rows as last shown, in display order (their MACs).
-  const std::vector<MacAddress>& routerOrder() const { return routerOrder_; }
+  const std::vector<net::MacAddress>& routerOrder() const { return routerOrder_; }
 
  private:
   // packages::PackageListView
@@ -169,12 +169,12 @@ class MainPresenter : private packages::PackageListView,
   void install();
   void cancel();
   void netBooting();
-  void takeFieldsInto(RouterRecord& record);
-  InstallChoices choicesShown();
+  void takeFieldsInto(install::RouterRecord& record);
+  install::InstallChoices choicesShown();
   void chooseScript(bool mode);
   void loadInventory();
-  void applyInventory(const MacAddress& mac);
-  AfterInstall afterInstallFor(const MacAddress& mac);
+  void applyInventory(const net::MacAddress& mac);
+  install::AfterInstall afterInstallFor(const net::MacAddress& mac);
   void togglePackage(int index);
   void showPackageDescription(int index);
   // A newly selected drive's disk (number, size, model) in the status bar:
@@ -183,35 +183,35 @@ class MainPresenter : private packages::PackageListView,
   void updateCaptionAndProgress();
   void tick();
   void readPlacement();
-  packages::PackageChoice choiceOf(const RouterRecord& record) const;
-  void storeChoice(RouterRecord& record, const packages::PackageChoice& choice);
-  AfterInstall autoRebootChoice();
+  packages::PackageChoice choiceOf(const install::RouterRecord& record) const;
+  void storeChoice(install::RouterRecord& record, const packages::PackageChoice& choice);
+  install::AfterInstall autoRebootChoice();
 
   MainView& view_;
   MainWorkers& workers_;
   app::StartupOptions options_;
   std::shared_ptr<app::SettingsStore> store_;
   app::Registry settings_;
-  RouterInstaller* routers_ = nullptr;
-  DriveInstaller* drives_ = nullptr;
+  install::RouterInstaller* routers_ = nullptr;
+  install::DriveInstaller* drives_ = nullptr;
   NetbootWorker* netboot_ = nullptr;
-  std::unique_ptr<InstallDesk> desk_;
+  std::unique_ptr<install::InstallDesk> desk_;
   packages::PackageCatalogue catalogue_;
   packages::PackageSets sets_;
-  RememberedChoices remembered_;
+  install::RememberedChoices remembered_;
   bool netbootEnabled_ = false;
   uint32_t clientAddress_ = 0;
   bool beaconOn_ = false;
   bool underWineApplication_ = false;
   uint64_t otherServerNoticesSeen_ = 0;
   int lastPercent_ = 0;
-  MacAddress shownRouter_{};
+  net::MacAddress shownRouter_{};
   bool haveShownRouter_ = false;
   // The drive whose disk the status bar names, so that it is named once per
   // selection.
-  MacAddress describedDrive_{};
+  net::MacAddress describedDrive_{};
   bool haveDescribedDrive_ = false;
-  std::vector<MacAddress> routerOrder_;
+  std::vector<net::MacAddress> routerOrder_;
   TrackingLimits limits_;
   int initialWidth_ = 0;
   int initialHeight_ = 0;
@@ -219,7 +219,7 @@ class MainPresenter : private packages::PackageListView,
   int placeTop_ = 20;
   int placeHeight_ = 0;
   std::set<std::string> listedSets_;
-  LoadedInventory inventory_;
+  install::LoadedInventory inventory_;
 };
 
 }  // namespace tarnlift::ui

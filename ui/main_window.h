@@ -11,7 +11,7 @@ namespace tarnlift {
 // Builds the main window; returns its native window handle.
 void* buildMainWindow(const app::StartupOptions& options);
 // The same with another local-drive installer (tests give a fake one).
-void* buildMainWindow(const app::StartupOptions& options, std::unique_ptr<DriveInstaller> drives);
+void* buildMainWindow(const app::StartupOptions& options, std::unique_ptr<install::DriveInstaller> drives);
 // Saves the settings and frees the window's resources.
 void tearDownMainWindow();
 

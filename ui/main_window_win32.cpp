@@ -553,7 +553,7 @@ INT_PTR CALLBACK mainProc(HWND window, UINT message, WPARAM wParam, LPARAM lPara
 
 void* buildMainWindow(const app::StartupOptions& options) { return buildMainWindow(options, nullptr); }
 
-void* buildMainWindow(const app::StartupOptions& options, std::unique_ptr<DriveInstaller> drives) {
+void* buildMainWindow(const app::StartupOptions& options, std::unique_ptr<install::DriveInstaller> drives) {
   // A boot server that cannot bind its ports names the program holding them
   // in the fatal box.
   doctor::explainFatalFailures();

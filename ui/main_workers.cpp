@@ -32,31 +32,33 @@ class SystemMainWorkers::Netboot : public NetbootWorker {
 
 class SystemMainWorkers::Beacon : public BeaconWorker {
  public:
-  void setOn(bool on) override { setBeacon(on); }
+  void setOn(bool on) override { install::setBeacon(on); }
   void send() override {
-    if (InstallBeacon* beacon = processBeacon()) beacon->send();
+    if (install::InstallBeacon* beacon = install::processBeacon()) beacon->send();
   }
 };
 
-std::unique_ptr<DriveInstaller> SystemMainWorkers::defaultDriveInstaller(bool underWine) {
+std::unique_ptr<install::DriveInstaller> SystemMainWorkers::defaultDriveInstaller(bool underWine) {
   if (underWine) {
     app::logLine() << "local drives: none under Wine";
-    return std::make_unique<NoDriveInstaller>();
+    return std::make_unique<install::NoDriveInstaller>();
   }
   return std::make_unique<LocalDriveInstaller>();
 }
 
-SystemMainWorkers::SystemMainWorkers(std::unique_ptr<DriveInstaller> drives)
+SystemMainWorkers::SystemMainWorkers(std::unique_ptr<install::DriveInstaller> drives)
     : drives_(std::move(drives)), beacon_(std::make_unique<Beacon>()) {}
 
 SystemMainWorkers::~SystemMainWorkers() = default;
 
-RouterInstaller& SystemMainWorkers::startRouterInstaller() {
-  if (!routers_) routers_ = std::make_unique<ServerRouterInstaller>(installServiceForPort(kInstallPort).server());
+install::RouterInstaller& SystemMainWorkers::startRouterInstaller() {
+  if (!routers_)
+    routers_ = std::make_unique<install::ServerRouterInstaller>(
+        install::installServiceForPort(install::kInstallPort).server());
   return *routers_;
 }
 
-DriveInstaller& SystemMainWorkers::makeDriveInstaller(bool underCompatibilityLayer) {
+install::DriveInstaller& SystemMainWorkers::makeDriveInstaller(bool underCompatibilityLayer) {
   if (!drives_) drives_ = defaultDriveInstaller(underCompatibilityLayer);
   return *drives_;
 }

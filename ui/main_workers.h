@@ -18,16 +18,16 @@ class SystemMainWorkers : public MainWorkers {
  public:
   // drives: the local-drive installer to hand out (nullptr: the default one
   // below, made when the presenter asks for it; tests give a fake).
-  explicit SystemMainWorkers(std::unique_ptr<DriveInstaller> drives = nullptr);
+  explicit SystemMainWorkers(std::unique_ptr<install::DriveInstaller> drives = nullptr);
 
   // The local disk installer of this machine's drives; under Wine none at
   // all, since Wine's drive letters are folders of the host's file system,
   // and raw access through them could reach the host's own disks.
-  static std::unique_ptr<DriveInstaller> defaultDriveInstaller(bool underWine);
+  static std::unique_ptr<install::DriveInstaller> defaultDriveInstaller(bool underWine);
   ~SystemMainWorkers() override;
 
-  RouterInstaller& startRouterInstaller() override;
-  DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) override;
+  install::RouterInstaller& startRouterInstaller() override;
+  install::DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) override;
   NetbootWorker& startNetbootServer(const std::string& kernelOverride) override;
   BeaconWorker& beacon() override;
   const app::Clock& clock() override;
@@ -41,8 +41,8 @@ class SystemMainWorkers : public MainWorkers {
  private:
   class Netboot;
   class Beacon;
-  std::unique_ptr<ServerRouterInstaller> routers_;
-  std::unique_ptr<DriveInstaller> drives_;
+  std::unique_ptr<install::ServerRouterInstaller> routers_;
+  std::unique_ptr<install::DriveInstaller> drives_;
   std::unique_ptr<Netboot> netboot_;
   std::unique_ptr<Beacon> beacon_;
 };

@@ -90,7 +90,7 @@ void fillNetbootActivity(NetbootSnapshot& snapshot) {
   }
 }
 
-WebConsole::WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered,
+WebConsole::WebConsole(install::InstallDesk& desk, packages::PackageSets& sets, install::RememberedChoices& remembered,
                        app::Registry* settings, const app::Clock& clock, WebAccess access)
     : desk_(desk, sets, remembered, settings, hub_, clock), api_(desk_, hub_, std::move(access), clock) {}
 

@@ -37,8 +37,8 @@ void fillNetbootActivity(NetbootSnapshot& snapshot);
 
 class WebConsole {
  public:
-  WebConsole(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, app::Registry* settings,
-             const app::Clock& clock, WebAccess access);
+  WebConsole(install::InstallDesk& desk, packages::PackageSets& sets, install::RememberedChoices& remembered,
+             app::Registry* settings, const app::Clock& clock, WebAccess access);
   ~WebConsole();
   WebConsole(const WebConsole&) = delete;
   WebConsole& operator=(const WebConsole&) = delete;

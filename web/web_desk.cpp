@@ -11,14 +11,14 @@ namespace tarnlift::web {
 
 using nlohmann::json;
 
-WebDesk::WebDesk(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, app::Registry* settings,
-                 EventHub& hub, const app::Clock& clock)
+WebDesk::WebDesk(install::InstallDesk& desk, packages::PackageSets& sets, install::RememberedChoices& remembered,
+                 app::Registry* settings, EventHub& hub, const app::Clock& clock)
     : desk_(desk), sets_(sets), remembered_(remembered), settings_(settings), hub_(hub), clock_(clock) {
   startedAtSeconds_ = static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count());
 }
 
-AfterInstall WebDesk::afterFor(const MacAddress& mac) const {
+install::AfterInstall WebDesk::afterFor(const net::MacAddress& mac) const {
   auto it = after_.find(mac);
   return it == after_.end() ? defaultAfter_ : it->second;
 }
@@ -39,20 +39,20 @@ json WebDesk::routers() {
   return list;
 }
 
-RouterRow* WebDesk::findRow(const std::string& text, WebResult& error) {
-  MacAddress mac{};
-  if (!parseMac(text, mac)) {
+install::RouterRow* WebDesk::findRow(const std::string& text, WebResult& error) {
+  net::MacAddress mac{};
+  if (!net::parseMac(text, mac)) {
     error = WebResult::error(404, "no router " + text);
     return nullptr;
   }
-  RouterRow* row = desk_.table().find(mac);
-  if (row == nullptr) error = WebResult::error(404, "no router " + macText(mac));
+  install::RouterRow* row = desk_.table().find(mac);
+  if (row == nullptr) error = WebResult::error(404, "no router " + install::macText(mac));
   return row;
 }
 
 WebResult WebDesk::router(const std::string& text) {
   WebResult result;
-  RouterRow* row = findRow(text, result);
+  install::RouterRow* row = findRow(text, result);
   if (row == nullptr) return result;
   return {200, routerJson(row->record)};
 }
@@ -61,9 +61,9 @@ void WebDesk::rereadPackages() {
   if (!catalogue_.folder().empty()) catalogue_.reload();
 }
 
-void WebDesk::showPackagesOf(RouterRecord& r) {
-  showRouterPackages(catalogue_, r);
-  if (r.status == kStatusReady) {
+void WebDesk::showPackagesOf(install::RouterRecord& r) {
+  install::showRouterPackages(catalogue_, r);
+  if (r.status == install::kStatusReady) {
     catalogue_.applySelection(r.files);
   } else {
     catalogue_.applyBusySelection(r.files);
@@ -72,7 +72,7 @@ void WebDesk::showPackagesOf(RouterRecord& r) {
 
 WebResult WebDesk::packages(const std::string& text) {
   WebResult result;
-  RouterRow* row = findRow(text, result);
+  install::RouterRow* row = findRow(text, result);
   if (row == nullptr) return result;
   showPackagesOf(row->record);
   json list = json::array();
@@ -89,18 +89,18 @@ WebResult WebDesk::packages(const std::string& text) {
                     {"available", state != packages::kRowMissing},
                     {"state", state}});
   }
-  return {200, {{"mac", macText(row->record.mac)}, {"folder", catalogue_.folder()}, {"packages", list}}};
+  return {200, {{"mac", install::macText(row->record.mac)}, {"folder", catalogue_.folder()}, {"packages", list}}};
 }
 
 WebResult WebDesk::putSelection(const std::string& text, const json& body) {
   WebResult result;
-  RouterRow* row = findRow(text, result);
+  install::RouterRow* row = findRow(text, result);
   if (row == nullptr) return result;
-  RouterRecord& r = row->record;
+  install::RouterRecord& r = row->record;
   if (!body.is_object()) return WebResult::error(400, "the body must be a JSON object");
-  if (!packagesChangeable(&r)) {
-    return WebResult::error(409, std::string("the packages of a router that is ") + statusRowText(r.status) +
-                                     " cannot change");
+  if (!install::packagesChangeable(&r)) {
+    return WebResult::error(
+        409, std::string("the packages of a router that is ") + install::statusRowText(r.status) + " cannot change");
   }
   if (body.contains("set")) {
     if (!body["set"].is_string()) return WebResult::error(400, "set: must be a set name");
@@ -120,11 +120,11 @@ WebResult WebDesk::putSelection(const std::string& text, const json& body) {
     if (!v.is_string() || (v.get<std::string>() != "all" && v.get<std::string>() != "none")) {
       return WebResult::error(400, "select: must be \"all\" or \"none\"");
     }
-    if (!controlRulesFor(&r, sets_.contains(r.setName)).selectAll) {
-      return WebResult::error(409, std::string("select: not while the router is ") + statusRowText(r.status));
+    if (!install::controlRulesFor(&r, sets_.contains(r.setName)).selectAll) {
+      return WebResult::error(409, std::string("select: not while the router is ") + install::statusRowText(r.status));
     }
     showPackagesOf(r);
-    selectAllOf(catalogue_, r, v.get<std::string>() == "all");
+    install::selectAllOf(catalogue_, r, v.get<std::string>() == "all");
     publishChanges();
     return {200, routerJson(r)};
   }
@@ -150,11 +150,11 @@ WebResult WebDesk::putSelection(const std::string& text, const json& body) {
   std::set<std::string> wantedSet(wanted.begin(), wanted.end());
   for (size_t i = 0; i < catalogue_.size(); ++i) {
     if (catalogue_.record(i).selected && wantedSet.count(catalogue_.record(i).fileName) == 0) {
-      togglePackageOf(catalogue_, r, i);
+      install::togglePackageOf(catalogue_, r, i);
     }
   }
   for (size_t index : toTick) {
-    if (!catalogue_.record(index).selected) togglePackageOf(catalogue_, r, index);
+    if (!catalogue_.record(index).selected) install::togglePackageOf(catalogue_, r, index);
   }
   publishChanges();
   return {200, routerJson(r)};
@@ -162,44 +162,44 @@ WebResult WebDesk::putSelection(const std::string& text, const json& body) {
 
 WebResult WebDesk::command(const std::string& text, const std::string& verb) {
   WebResult result;
-  RouterRow* row = findRow(text, result);
+  install::RouterRow* row = findRow(text, result);
   if (row == nullptr) return result;
-  RouterRecord& r = row->record;
-  MacAddress mac = r.mac;
-  ControlRules rules = controlRulesFor(&r, sets_.contains(r.setName));
+  install::RouterRecord& r = row->record;
+  net::MacAddress mac = r.mac;
+  install::ControlRules rules = install::controlRulesFor(&r, sets_.contains(r.setName));
   auto refused = [&](const char* what) {
     return WebResult::error(409, std::string(what) + " is not possible while the router is " +
-                                     (r.status == kStatusNone ? "gone" : statusRowText(r.status)));
+                                     (r.status == install::kStatusNone ? "gone" : install::statusRowText(r.status)));
   };
   if (verb == "install") {
     if (!rules.install) return refused("Install");
-    if (r.status != kStatusReady) return refused("Install");
+    if (r.status != install::kStatusReady) return refused("Install");
     refusal_.clear();
     warnings_.clear();
-    showRouterPackages(catalogue_, r);
+    install::showRouterPackages(catalogue_, r);
     catalogue_.applySelection(r.files);
     // The router's own choices, as the API shows and changes them, read
     // as the window's option controls would read them.
-    InstallOutcome outcome =
-        installRow(desk_, catalogue_, sets_, remembered_, *this, r, asTheControlsReadThem(r));
-    if (outcome == InstallOutcome::NoSelection) return WebResult::error(409, kNoPackagesText);
-    if (outcome == InstallOutcome::Refused) {
+    install::InstallOutcome outcome =
+        install::installRow(desk_, catalogue_, sets_, remembered_, *this, r, install::asTheControlsReadThem(r));
+    if (outcome == install::InstallOutcome::NoSelection) return WebResult::error(409, install::kNoPackagesText);
+    if (outcome == install::InstallOutcome::Refused) {
       return WebResult::error(409, refusal_.empty() ? std::string("the install was refused") : refusal_);
     }
     saveSets();
   } else if (verb == "reboot" || verb == "shutdown") {
     if (!(verb == "reboot" ? rules.reboot : rules.shutdown)) return refused(verb == "reboot" ? "Reboot" : "Shutdown");
-    if (r.kind != kKindRouter) return WebResult::error(409, "a drive cannot be rebooted or shut down");
-    rebootOrShutdownRow(desk_, r, verb == "reboot");
+    if (r.kind != install::kKindRouter) return WebResult::error(409, "a drive cannot be rebooted or shut down");
+    install::rebootOrShutdownRow(desk_, r, verb == "reboot");
   } else if (verb == "cancel") {
     if (!rules.cancel) return refused("Cancel");
-    cancelRow(desk_, remembered_, r);
+    install::cancelRow(desk_, remembered_, r);
   } else {
     return WebResult::error(404, "no such command: " + verb);
   }
   publishChanges();
-  RouterRow* after = desk_.table().find(mac);
-  json body = after != nullptr ? routerJson(after->record) : json{{"mac", macText(mac)}, {"removed", true}};
+  install::RouterRow* after = desk_.table().find(mac);
+  json body = after != nullptr ? routerJson(after->record) : json{{"mac", install::macText(mac)}, {"removed", true}};
   if (!warnings_.empty()) body["warnings"] = warnings_;
   warnings_.clear();
   return {202, body};

@@ -72,17 +72,17 @@ struct NetbootSnapshot {
   uint64_t tftpBytesSent = 0;
 };
 
-class WebDesk : private InstallPrompter {
+class WebDesk : private install::InstallPrompter {
  public:
-  WebDesk(InstallDesk& desk, packages::PackageSets& sets, RememberedChoices& remembered, app::Registry* settings,
-          EventHub& hub, const app::Clock& clock);
+  WebDesk(install::InstallDesk& desk, packages::PackageSets& sets, install::RememberedChoices& remembered,
+          app::Registry* settings, EventHub& hub, const app::Clock& clock);
 
   std::mutex& lock() { return lock_; }
 
   // What to do after installing, per router (the auto reboot list); routers
   // the console did not set use defaultAfter.
-  void setDefaultAfter(AfterInstall after) { defaultAfter_ = after; }
-  AfterInstall afterFor(const MacAddress& mac) const;
+  void setDefaultAfter(install::AfterInstall after) { defaultAfter_ = after; }
+  install::AfterInstall afterFor(const net::MacAddress& mac) const;
 
   // Where scripts given as text are written (a private folder of the
   // process); empty: scripts as text are refused.
@@ -117,7 +117,7 @@ class WebDesk : private InstallPrompter {
   std::string metrics();
   // A router as the API shows it. Events and the list name the scripts and
   // their sizes; the texts (up to 256 KiB each) only come with one router.
-  nlohmann::json routerJson(const RouterRecord& record, bool withTexts = true);
+  nlohmann::json routerJson(const install::RouterRecord& record, bool withTexts = true);
 
   uint64_t installsDone() const { return installsDone_; }
   uint64_t installsFailed() const { return installsFailed_; }
@@ -128,26 +128,26 @@ class WebDesk : private InstallPrompter {
   void showMessage(const std::string& text, const std::string& title, bool errorIcon) override;
   bool askYesNo(const std::string& text) override;
 
-  RouterRow* findRow(const std::string& macText, WebResult& error);
-  void showPackagesOf(RouterRecord& record);
+  install::RouterRow* findRow(const std::string& macText, WebResult& error);
+  void showPackagesOf(install::RouterRecord& record);
   bool saveSets();
-  bool writeScript(const MacAddress& mac, const char* name, const std::string& text, std::string& path);
-  uint64_t scriptSize(const std::map<MacAddress, std::string>& texts, const MacAddress& mac,
+  bool writeScript(const net::MacAddress& mac, const char* name, const std::string& text, std::string& path);
+  uint64_t scriptSize(const std::map<net::MacAddress, std::string>& texts, const net::MacAddress& mac,
                       const std::string& path) const;
   bool folderOffered(const std::string& folder) const;
 
   std::mutex lock_;
-  InstallDesk& desk_;
+  install::InstallDesk& desk_;
   packages::PackageSets& sets_;
-  RememberedChoices& remembered_;
+  install::RememberedChoices& remembered_;
   app::Registry* settings_;
   EventHub& hub_;
   const app::Clock& clock_;
   packages::PackageCatalogue catalogue_;
-  AfterInstall defaultAfter_ = AfterInstall::Reboot;
-  std::map<MacAddress, AfterInstall> after_;
-  std::map<MacAddress, std::string> scriptTexts_;
-  std::map<MacAddress, std::string> modeScriptTexts_;
+  install::AfterInstall defaultAfter_ = install::AfterInstall::Reboot;
+  std::map<net::MacAddress, install::AfterInstall> after_;
+  std::map<net::MacAddress, std::string> scriptTexts_;
+  std::map<net::MacAddress, std::string> modeScriptTexts_;
   NetbootSnapshot netboot_;
   std::string scriptFolder_;
 
@@ -157,7 +157,7 @@ class WebDesk : private InstallPrompter {
     uint32_t status = 0;
     uint32_t progress = 0;
   };
-  std::map<MacAddress, Sent> sent_;
+  std::map<net::MacAddress, Sent> sent_;
   uint64_t installsDone_ = 0;
   uint64_t installsFailed_ = 0;
   uint64_t bytesSent_ = 0;

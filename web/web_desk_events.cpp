@@ -16,21 +16,22 @@ constexpr uint64_t kEventSpacingMicros = 250000;  // four a second per router
 
 void WebDesk::publishChanges() {
   uint64_t now = clock_.nowMicros();
-  std::set<MacAddress> present;
+  std::set<net::MacAddress> present;
   for (const auto& [mac, row] : desk_.table().rows()) {
     present.insert(mac);
-    const RouterRecord& r = row.record;
+    const install::RouterRecord& r = row.record;
     auto it = sent_.find(mac);
     bool known = it != sent_.end();
     Sent& sent = sent_[mac];
     // Bytes and results count once, as the rows show them.
     if (known && r.progress > sent.progress &&
-        (r.status == kStatusInstalling || r.status == kStatusWaitingReboot || r.status == kStatusDone)) {
+        (r.status == install::kStatusInstalling || r.status == install::kStatusWaitingReboot ||
+         r.status == install::kStatusDone)) {
       bytesSent_ += r.progress - sent.progress;
     }
     if (known && r.status != sent.status) {
-      if (r.status == kStatusDone && sent.status != kStatusReady) ++installsDone_;
-      if (r.status == kStatusFailed) ++installsFailed_;
+      if (r.status == install::kStatusDone && sent.status != install::kStatusReady) ++installsDone_;
+      if (r.status == install::kStatusFailed) ++installsFailed_;
     }
     bool statusChanged = !known || r.status != sent.status;
     sent.status = r.status;
@@ -42,14 +43,14 @@ void WebDesk::publishChanges() {
     if (text == sent.json) continue;
     sent.json = std::move(text);
     sent.at = now;
-    hub_.publishState("router", macText(mac), sent.json);
+    hub_.publishState("router", install::macText(mac), sent.json);
   }
   for (auto it = sent_.begin(); it != sent_.end();) {
     if (present.count(it->first) != 0) {
       ++it;
       continue;
     }
-    hub_.publishRemoval("removed", macText(it->first), jsonText(json{{"mac", macText(it->first)}}));
+    hub_.publishRemoval("removed", install::macText(it->first), jsonText(json{{"mac", install::macText(it->first)}}));
     after_.erase(it->first);
     it = sent_.erase(it);
   }

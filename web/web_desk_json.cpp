@@ -14,15 +14,17 @@ using nlohmann::json;
 
 namespace {
 
-const char* afterText(AfterInstall after) {
+const char* afterText(install::AfterInstall after) {
   switch (after) {
-    case AfterInstall::Reboot: return "reboot";
-    case AfterInstall::Shutdown: return "shutdown";
+    case install::AfterInstall::Reboot:
+      return "reboot";
+    case install::AfterInstall::Shutdown:
+      return "shutdown";
     default: return "none";
   }
 }
 
-json controlsJson(const ControlRules& c) {
+json controlsJson(const install::ControlRules& c) {
   return {{"sets", c.sets},
           {"address", c.addressFields},
           {"keepConfig", c.keepConfig},
@@ -44,9 +46,9 @@ json controlsJson(const ControlRules& c) {
 
 }  // namespace
 
-json WebDesk::routerJson(const RouterRecord& r, bool withTexts) {
+json WebDesk::routerJson(const install::RouterRecord& r, bool withTexts) {
   bool setShown = sets_.contains(r.setName);
-  ControlRules rules = controlRulesFor(&r, setShown);
+  install::ControlRules rules = install::controlRulesFor(&r, setShown);
   std::string address;
   if (r.address != 0) address = netboot::formatIpv4(r.address) + "/" + std::to_string(r.netmaskBits);
   json options = {{"keepConfig", r.keepConfig},
@@ -68,15 +70,15 @@ json WebDesk::routerJson(const RouterRecord& r, bool withTexts) {
     auto mode = modeScriptTexts_.find(r.mac);
     if (mode != modeScriptTexts_.end()) options["modeScriptText"] = mode->second;
   }
-  json record = {{"mac", macText(r.mac)},
-                 {"kind", r.kind == kKindDrive ? "drive" : "router"},
+  json record = {{"mac", install::macText(r.mac)},
+                 {"kind", r.kind == install::kKindDrive ? "drive" : "router"},
                  {"label", r.label},
-                 {"architecture", architectureColumnText(r.architecture)},
-                 {"architectureName", architectureText(r.architecture)},
+                 {"architecture", install::architectureColumnText(r.architecture)},
+                 {"architectureName", install::architectureText(r.architecture)},
                  {"versions",
                   {{"installer", r.version != 0 ? packages::formatVersion(r.version) : ""},
                    {"minimum", r.minVersion != 0 ? packages::formatVersion(r.minVersion) : ""}}},
-                 {"status", statusRowText(r.status)},
+                 {"status", install::statusRowText(r.status)},
                  {"statusCode", r.status},
                  {"progress", r.percentDone()},
                  {"bytesSent", r.progress},

@@ -25,14 +25,16 @@ json WebDesk::netboot() const {
 
 std::string WebDesk::metrics() {
   std::map<uint32_t, uint64_t> byStatus;
-  for (uint32_t s = kStatusReady; s <= kStatusWaitingReboot; ++s) byStatus[s] = 0;
+  for (uint32_t s = install::kStatusReady; s <= install::kStatusWaitingReboot; ++s) byStatus[s] = 0;
   for (const auto& [mac, row] : desk_.table().rows()) {
-    if (row.record.status >= kStatusReady && row.record.status <= kStatusWaitingReboot) ++byStatus[row.record.status];
+    if (row.record.status >= install::kStatusReady && row.record.status <= install::kStatusWaitingReboot)
+      ++byStatus[row.record.status];
   }
   std::string out;
   out += "# HELP tarnlift_routers Rows of the router table by status.\n# TYPE tarnlift_routers gauge\n";
   for (const auto& [status, count] : byStatus) {
-    out += "tarnlift_routers{status=\"" + std::string(statusRowText(status)) + "\"} " + std::to_string(count) + "\n";
+    out += "tarnlift_routers{status=\"" + std::string(install::statusRowText(status)) + "\"} " + std::to_string(count) +
+           "\n";
   }
   out += "# HELP tarnlift_installs_total Installations finished, by result.\n# TYPE tarnlift_installs_total counter\n";
   out += "tarnlift_installs_total{result=\"done\"} " + std::to_string(installsDone_) + "\n";

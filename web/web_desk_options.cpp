@@ -25,7 +25,7 @@ bool isBaudItem(uint32_t baud) {
 
 WebResult WebDesk::putOptions(const std::string& text, const json& body) {
   WebResult result;
-  RouterRow* row = findRow(text, result);
+  install::RouterRow* row = findRow(text, result);
   if (row == nullptr) return result;
   if (!body.is_object()) return WebResult::error(400, "the body must be a JSON object");
   static const std::set<std::string> kKnown = {"keepConfig",     "address",    "gateway",          "baudRate",
@@ -35,12 +35,12 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
     if (kKnown.count(item.key()) == 0) return WebResult::error(400, item.key() + ": not an option");
   }
   // Work on a copy; only a request that passes every check changes the row.
-  RouterRecord r = row->record;
-  AfterInstall after = afterFor(r.mac);
+  install::RouterRecord r = row->record;
+  install::AfterInstall after = afterFor(r.mac);
   std::string scriptText, modeText;
   bool newScriptText = false, newModeText = false;
-  auto rules = [&] { return controlRulesFor(&r, sets_.contains(r.setName)); };
-  auto flag = [&](const char* name, bool& field, bool ControlRules::*enabled) -> std::string {
+  auto rules = [&] { return install::controlRulesFor(&r, sets_.contains(r.setName)); };
+  auto flag = [&](const char* name, bool& field, bool install::ControlRules::*enabled) -> std::string {
     if (!body.contains(name)) return {};
     if (!body[name].is_boolean()) return std::string(name) + ": must be true or false";
     bool value = body[name].get<bool>();
@@ -51,11 +51,12 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
   };
   // A script is text (the script itself), or true/false to switch the one
   // the router has.
-  auto script = [&](const char* name, bool& enabledField, bool ControlRules::*enabled, std::string& textOut,
+  auto script = [&](const char* name, bool& enabledField, bool install::ControlRules::*enabled, std::string& textOut,
                     bool& newText) -> std::string {
     if (!body.contains(name)) return {};
     const json& v = body[name];
-    if (!v.is_boolean() && !v.is_string() && !v.is_null()) return std::string(name) + ": must be script text, true, false or null";
+    if (!v.is_boolean() && !v.is_string() && !v.is_null())
+      return std::string(name) + ": must be script text, true, false or null";
     bool on = v.is_string() || (v.is_boolean() && v.get<bool>());
     if (v.is_string()) {
       textOut = v.get<std::string>();
@@ -71,13 +72,14 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
   };
   std::string problem;
   // In the window's order: the check boxes that lock the others first.
-  if (problem.empty()) problem = flag("keepConfig", r.keepConfig, &ControlRules::keepConfig);
-  if (problem.empty()) problem = flag("defaultConfig", r.defaultConfig, &ControlRules::defaultConfig);
-  if (problem.empty()) problem = flag("keepBranding", r.keepBranding, &ControlRules::keepBranding);
+  if (problem.empty()) problem = flag("keepConfig", r.keepConfig, &install::ControlRules::keepConfig);
+  if (problem.empty()) problem = flag("defaultConfig", r.defaultConfig, &install::ControlRules::defaultConfig);
+  if (problem.empty()) problem = flag("keepBranding", r.keepBranding, &install::ControlRules::keepBranding);
   if (problem.empty()) {
-    problem = script("configureScript", r.scriptEnabled, &ControlRules::script, scriptText, newScriptText);
+    problem = script("configureScript", r.scriptEnabled, &install::ControlRules::script, scriptText, newScriptText);
   }
-  if (problem.empty()) problem = script("modeScript", r.modeScriptEnabled, &ControlRules::modeScript, modeText, newModeText);
+  if (problem.empty())
+    problem = script("modeScript", r.modeScriptEnabled, &install::ControlRules::modeScript, modeText, newModeText);
   if (problem.empty() && body.contains("baudRate")) {
     const json& v = body["baudRate"];
     if (!v.is_number_unsigned() && !(v.is_number_integer() && v.get<int64_t>() == 0)) {
@@ -108,7 +110,7 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
       if (slash == std::string::npos || !bitsOk || !net::parseDottedQuad(t.substr(0, slash), address) || address == 0) {
         problem = "address: must be A.B.C.D/BITS or empty";
       } else {
-        bits = netmaskBitsFromText(bitsText);
+        bits = install::netmaskBitsFromText(bitsText);
       }
     }
     if (problem.empty() && (address != r.address || bits != r.netmaskBits)) {
@@ -137,11 +139,11 @@ WebResult WebDesk::putOptions(const std::string& text, const json& body) {
     const json& v = body["after"];
     std::string t = v.is_string() ? v.get<std::string>() : "";
     if (t == "reboot") {
-      after = AfterInstall::Reboot;
+      after = install::AfterInstall::Reboot;
     } else if (t == "shutdown") {
-      after = AfterInstall::Shutdown;
+      after = install::AfterInstall::Shutdown;
     } else if (t == "none") {
-      after = AfterInstall::None;
+      after = install::AfterInstall::None;
     } else {
       problem = "after: must be reboot, shutdown or none";
     }

@@ -10,7 +10,7 @@ namespace tarnlift::web {
 
 using nlohmann::json;
 
-uint64_t WebDesk::scriptSize(const std::map<MacAddress, std::string>& texts, const MacAddress& mac,
+uint64_t WebDesk::scriptSize(const std::map<net::MacAddress, std::string>& texts, const net::MacAddress& mac,
                              const std::string& path) const {
   auto text = texts.find(mac);
   if (text != texts.end()) return text->second.size();
@@ -19,9 +19,9 @@ uint64_t WebDesk::scriptSize(const std::map<MacAddress, std::string>& texts, con
   return ec ? 0 : size;
 }
 
-bool WebDesk::writeScript(const MacAddress& mac, const char* name, const std::string& text, std::string& path) {
+bool WebDesk::writeScript(const net::MacAddress& mac, const char* name, const std::string& text, std::string& path) {
   if (scriptFolder_.empty()) return false;
-  std::string hex = macText(mac);
+  std::string hex = install::macText(mac);
   hex.erase(std::remove(hex.begin(), hex.end(), ':'), hex.end());
   path = scriptFolder_ + "/" + hex + "-" + name;
   std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -86,7 +86,7 @@ WebResult WebDesk::putSet(const std::string& name, const json& body) {
 WebResult WebDesk::deleteSet(const std::string& name) {
   if (!sets_.deleteSet(name, settings_)) return WebResult::error(404, "no package set named " + name);
   for (const auto& [mac, row] : desk_.table().rows()) {
-    RouterRow* r = desk_.table().find(mac);
+    install::RouterRow* r = desk_.table().find(mac);
     if (r->record.setName == name) r->record.setName.clear();
   }
   publishChanges();

@@ -29,7 +29,7 @@ using namespace tarnlift;
 
 namespace {
 struct Peer {
-  InstallConnection connection;
+  install::InstallConnection connection;
   std::vector<uint8_t> last;
   int64_t sent = -1;  // file bytes sent; -1 before the file header
   bool listDone = false;
@@ -72,28 +72,30 @@ int main(int argc, char** argv) {
   to.sin_family = AF_INET;
   to.sin_port = htons(port);
   to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-  const MacAddress self = {0x02, 0xF1, 0x00, 0x00, 0x00, 0x01};
-  std::vector<uint8_t> block(kChunkSize, 0xA5);
-  std::map<MacAddress, Peer> peers;
-  uint8_t in[kDatagramBufferSize];
+  const net::MacAddress self = {0x02, 0xF1, 0x00, 0x00, 0x00, 0x01};
+  std::vector<uint8_t> block(install::kChunkSize, 0xA5);
+  std::map<net::MacAddress, Peer> peers;
+  uint8_t in[install::kDatagramBufferSize];
   std::fprintf(stderr, "floor: ready\n");
 
   auto send = [&](Peer& peer, const void* payload, size_t length) {
-    peer.last.assign(kHeaderSize + length, 0);
-    std::memcpy(peer.last.data() + kHeaderSize, payload, length);
+    peer.last.assign(install::kHeaderSize + length, 0);
+    std::memcpy(peer.last.data() + install::kHeaderSize, payload, length);
     peer.connection.buildHeader(peer.last.data(), static_cast<uint16_t>(length));
     ::sendto(s, peer.last.data(), peer.last.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
   };
 
   while (true) {
     ssize_t n = ::recv(s, in, sizeof in, 0);
-    if (n < static_cast<ssize_t>(kHeaderSize) || payloadLengthOf(in) != n - static_cast<ssize_t>(kHeaderSize)) continue;
-    MacAddress source = toMac(sourceMacOf(in));
+    if (n < static_cast<ssize_t>(install::kHeaderSize) ||
+        install::payloadLengthOf(in) != n - static_cast<ssize_t>(install::kHeaderSize))
+      continue;
+    net::MacAddress source = install::toMac(install::sourceMacOf(in));
     if (source == self) continue;
-    const uint8_t* payload = in + kHeaderSize;
-    size_t length = static_cast<size_t>(n) - kHeaderSize;
-    if (isZeroMac(destinationMacOf(in))) {
-      if (!payloadHasTag(payload, length, "DSCV") || peers.count(source) != 0) continue;
+    const uint8_t* payload = in + install::kHeaderSize;
+    size_t length = static_cast<size_t>(n) - install::kHeaderSize;
+    if (install::isZeroMac(install::destinationMacOf(in))) {
+      if (!install::payloadHasTag(payload, length, "DSCV") || peers.count(source) != 0) continue;
       Peer& peer = peers[source];
       peer.connection.localMac = self;
       peer.connection.peerMac = source;
@@ -104,20 +106,21 @@ int main(int argc, char** argv) {
     if (it == peers.end()) continue;
     Peer& peer = it->second;
     int result = peer.connection.accept(in, static_cast<size_t>(n));
-    if (result == 0 && acknowledgementOf(in) < peer.connection.seq) {
+    if (result == 0 && install::acknowledgementOf(in) < peer.connection.seq) {
       ::sendto(s, peer.last.data(), peer.last.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
     }
     if (result != 1) continue;
-    if (payloadHasTag(payload, length, "YACK") || payloadHasTag(payload, length, "STRT")) {
+    if (install::payloadHasTag(payload, length, "YACK") || install::payloadHasTag(payload, length, "STRT")) {
       send(peer, "", 0);
-    } else if (payloadHasTag(payload, length, "RETR")) {
+    } else if (install::payloadHasTag(payload, length, "RETR")) {
       if (peer.listDone) continue;
       if (peer.sent < 0) {
         std::string header = "FILE\nfloor.npk\n" + std::to_string(size) + "\n";
         send(peer, header.data(), header.size());
         peer.sent = 0;
       } else if (peer.sent < size) {
-        size_t chunk = static_cast<size_t>(std::min<int64_t>(size - peer.sent, static_cast<int64_t>(kChunkSize)));
+        size_t chunk =
+            static_cast<size_t>(std::min<int64_t>(size - peer.sent, static_cast<int64_t>(install::kChunkSize)));
         send(peer, block.data(), chunk);
         peer.sent += static_cast<int64_t>(chunk);
       } else if (peer.sent == size) {
@@ -127,7 +130,7 @@ int main(int argc, char** argv) {
         send(peer, "FILE\n", 5);
         peer.listDone = true;
       }
-    } else if (payloadHasTag(payload, length, "WTRM")) {
+    } else if (install::payloadHasTag(payload, length, "WTRM")) {
       send(peer, "TERM\nInstallation successful\n", 29);
       if (peersToServe > 0 && ++peersServed == peersToServe) break;
     }

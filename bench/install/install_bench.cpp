@@ -31,16 +31,16 @@ void silence() {
   app::setLogStream(sink);
 }
 
-const MacAddress kRouter = {0x02, 0, 0, 0, 0, 1};
+const net::MacAddress kRouter = {0x02, 0, 0, 0, 0, 1};
 
-class Sink : public DatagramTransport {
+class Sink : public install::DatagramTransport {
  public:
   int send(const uint8_t* buffer, size_t length) override {
     last.assign(buffer, buffer + length);
     return static_cast<int>(length);
   }
   int waitReceive(uint8_t*, uint64_t) override { return -1; }
-  MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
+  net::MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
   std::vector<uint8_t> last;
 };
 
@@ -61,14 +61,14 @@ std::string packageFile(size_t size) {
 
 std::vector<uint8_t> routerDatagram(uint16_t seq, uint16_t ack, const char* payload) {
   size_t length = std::strlen(payload);
-  std::vector<uint8_t> d(kHeaderSize + length, 0);
+  std::vector<uint8_t> d(install::kHeaderSize + length, 0);
   std::memcpy(d.data(), kRouter.data(), 6);
-  MacAddress server = {0x02, 0xAA, 0, 0, 0, 1};
+  net::MacAddress server = {0x02, 0xAA, 0, 0, 0, 1};
   std::memcpy(d.data() + 6, server.data(), 6);
-  writeLe16(d.data() + kPayloadLengthOffset, static_cast<uint16_t>(length));
-  writeLe16(d.data() + kSequenceOffset, seq);
-  writeLe16(d.data() + kAcknowledgementOffset, ack);
-  std::memcpy(d.data() + kHeaderSize, payload, length);
+  install::writeLe16(d.data() + install::kPayloadLengthOffset, static_cast<uint16_t>(length));
+  install::writeLe16(d.data() + install::kSequenceOffset, seq);
+  install::writeLe16(d.data() + install::kAcknowledgementOffset, ack);
+  std::memcpy(d.data() + install::kHeaderSize, payload, length);
   return d;
 }
 
@@ -83,23 +83,23 @@ void BM_ServerAnswersRetr(benchmark::State& state) {
   uint64_t bytes = 0;
   while (state.KeepRunning()) {
     state.PauseTiming();
-    RouterRecord request;
+    install::RouterRecord request;
     request.mac = kRouter;
     request.defaultConfig = true;
     request.files = {path};
-    auto session = std::make_unique<Installator>(request, true, sink, clock,
-                                                 [](const RouterRecord&, std::string&) { return std::string(); });
+    auto session = std::make_unique<install::Installator>(
+        request, true, sink, clock, [](const install::RouterRecord&, std::string&) { return std::string(); });
     uint16_t seq = 1;
-    session->onDatagram(routerDatagram(seq, 1, "YACK").data(), kHeaderSize + 4);
+    session->onDatagram(routerDatagram(seq, 1, "YACK").data(), install::kHeaderSize + 4);
     ++seq;
-    session->onDatagram(routerDatagram(seq, 2, "STRT").data(), kHeaderSize + 4);
+    session->onDatagram(routerDatagram(seq, 2, "STRT").data(), install::kHeaderSize + 4);
     state.ResumeTiming();
     // Header, every chunk, the empty chunk.
     while (true) {
       ++seq;
-      std::vector<uint8_t> retr = routerDatagram(seq, sequenceOf(sink.last.data()), "RETR");
+      std::vector<uint8_t> retr = routerDatagram(seq, install::sequenceOf(sink.last.data()), "RETR");
       session->onDatagram(retr.data(), retr.size());
-      size_t payload = sink.last.size() - kHeaderSize;
+      size_t payload = sink.last.size() - install::kHeaderSize;
       bytes += payload;
       if (session->request().progress >= size && payload == 0) break;
     }
@@ -109,24 +109,24 @@ void BM_ServerAnswersRetr(benchmark::State& state) {
   }
   state.SetBytesProcessed(static_cast<int64_t>(bytes));
   state.counters["round_trips"] =
-      benchmark::Counter(static_cast<double>(bytes) / kChunkSize, benchmark::Counter::kIsRate);
+      benchmark::Counter(static_cast<double>(bytes) / install::kChunkSize, benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_ServerAnswersRetr)->Unit(benchmark::kMillisecond);
 
 // The floor: the same datagrams made from a block in memory.
 void BM_FloorAnswersRetr(benchmark::State& state) {
   const size_t size = 16 << 20;
-  std::vector<uint8_t> block(kChunkSize, 0xA5);
+  std::vector<uint8_t> block(install::kChunkSize, 0xA5);
   Sink sink;
-  InstallConnection connection;
-  uint8_t datagram[kDatagramBufferSize] = {};
+  install::InstallConnection connection;
+  uint8_t datagram[install::kDatagramBufferSize] = {};
   uint64_t bytes = 0;
   for (auto _ : state) {
-    for (size_t sent = 0; sent < size; sent += kChunkSize) {
-      size_t n = std::min(kChunkSize, size - sent);
-      std::memcpy(datagram + kHeaderSize, block.data(), n);
+    for (size_t sent = 0; sent < size; sent += install::kChunkSize) {
+      size_t n = std::min(install::kChunkSize, size - sent);
+      std::memcpy(datagram + install::kHeaderSize, block.data(), n);
       connection.buildHeader(datagram, static_cast<uint16_t>(n));
-      sink.send(datagram, kHeaderSize + n);
+      sink.send(datagram, install::kHeaderSize + n);
       bytes += n;
     }
   }
@@ -142,7 +142,7 @@ void BM_InMemoryInstall(benchmark::State& state) {
   std::string path = packageFile(size);
   uint64_t bytes = 0;
   for (auto _ : state) {
-    struct Segment : DatagramTransport {
+    struct Segment : install::DatagramTransport {
       std::vector<std::vector<uint8_t>> toServer, toRouters;
       size_t next = 0;
       int send(const uint8_t* b, size_t n) override {
@@ -154,10 +154,11 @@ void BM_InMemoryInstall(benchmark::State& state) {
         std::memcpy(b, toServer[next].data(), toServer[next].size());
         return static_cast<int>(toServer[next++].size());
       }
-      MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
+      net::MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
     } segment;
     app::ManualClock clock;
-    InstallServer server(segment, clock, [](const RouterRecord&, std::string&) { return std::string(); });
+    install::InstallServer server(segment, clock,
+                                  [](const install::RouterRecord&, std::string&) { return std::string(); });
     std::vector<std::unique_ptr<routersim::SimRouter>> sims;
     for (int i = 0; i < routers; ++i) {
       routersim::SimRouterConfig config;
@@ -172,7 +173,7 @@ void BM_InMemoryInstall(benchmark::State& state) {
       while (segment.next < segment.toServer.size()) server.pollOnce();
       segment.toServer.clear();
       segment.next = 0;
-      RouterRecord record;
+      install::RouterRecord record;
       while (server.discovered().pop(record)) {
         record.defaultConfig = true;
         record.files = {path};

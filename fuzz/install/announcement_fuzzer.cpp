@@ -12,20 +12,22 @@ using namespace tarnlift;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzing::silenceLog();
-  const MacAddress mac = {0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x03};
+  const net::MacAddress mac = {0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x03};
   std::vector<uint8_t> payload(data, data + size);
-  RouterRecord record;
-  AnnouncementKind kind = parseAnnouncement(mac, payload.data(), payload.size(), 7, record);
-  if (kind == AnnouncementKind::Discover && (record.architecture < 1 || record.architecture > 9)) __builtin_trap();
+  install::RouterRecord record;
+  install::AnnouncementKind kind = install::parseAnnouncement(mac, payload.data(), payload.size(), 7, record);
+  if (kind == install::AnnouncementKind::Discover && (record.architecture < 1 || record.architecture > 9))
+    __builtin_trap();
   if (record.mac != mac) __builtin_trap();
 
   fuzzing::SinkTransport transport;
   app::ManualClock clock;
-  InstallServer server(transport, clock, [](const RouterRecord&, std::string&) { return std::string(); });
+  install::InstallServer server(transport, clock,
+                                [](const install::RouterRecord&, std::string&) { return std::string(); });
   server.onAnnouncement(mac, payload.data(), payload.size());
-  RouterRecord queued;
+  install::RouterRecord queued;
   while (server.discovered().pop(queued)) {
-    RouterTable table;
+    install::RouterTable table;
     table.addRouter(queued, 7);
     queued.defaultConfig = true;
     server.start(queued, true);

@@ -21,11 +21,11 @@ inline void silenceLog() {
   app::setLogStream(sink);
 }
 
-class SinkTransport : public DatagramTransport {
+class SinkTransport : public install::DatagramTransport {
  public:
   int send(const uint8_t*, size_t length) override { return static_cast<int>(length); }
   int waitReceive(uint8_t*, uint64_t) override { return -1; }
-  MacAddress localMac() const override { return {0x02, 0x11, 0x22, 0x33, 0x44, 0x55}; }
+  net::MacAddress localMac() const override { return {0x02, 0x11, 0x22, 0x33, 0x44, 0x55}; }
 };
 
 }  // namespace tarnlift::fuzzing

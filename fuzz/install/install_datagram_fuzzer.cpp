@@ -14,22 +14,22 @@ using namespace tarnlift;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzing::silenceLog();
-  const MacAddress local = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
-  const MacAddress peer = {0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x03};
-  size_t length = size > kDatagramBufferSize ? kDatagramBufferSize : size;
+  const net::MacAddress local = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+  const net::MacAddress peer = {0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x03};
+  size_t length = size > install::kDatagramBufferSize ? install::kDatagramBufferSize : size;
   // Copy into a buffer of exactly the datagram's size so that a read past
   // its end is caught.
   std::vector<uint8_t> datagram(data, data + length);
 
-  InstallConnection unbound;
+  install::InstallConnection unbound;
   unbound.localMac = local;
   int r = unbound.accept(datagram.data(), datagram.size());
   if (r < -1 || r > 1) __builtin_trap();
 
-  InstallConnection bound;
+  install::InstallConnection bound;
   bound.localMac = local;
   bound.peerMac = peer;
-  uint8_t scratch[kDatagramBufferSize] = {};
+  uint8_t scratch[install::kDatagramBufferSize] = {};
   for (int i = 0; i < 3; ++i) bound.buildHeader(scratch, 0);
   uint32_t ackBefore = bound.ack;
   r = bound.accept(datagram.data(), datagram.size());
@@ -40,10 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // 2 bytes of length and that many bytes, sent with the router's MAC.
   fuzzing::SinkTransport transport;
   app::ManualClock clock;
-  RouterRecord request;
+  install::RouterRecord request;
   request.mac = peer;
   request.defaultConfig = true;
-  Installator session(request, true, transport, clock, [](const RouterRecord&, std::string&) { return std::string(); });
+  install::Installator session(request, true, transport, clock,
+                               [](const install::RouterRecord&, std::string&) { return std::string(); });
   size_t position = 0;
   while (position + 2 <= size) {
     size_t n = static_cast<size_t>(data[position] | (data[position + 1] << 8)) % 512;

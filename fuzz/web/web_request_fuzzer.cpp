@@ -21,22 +21,22 @@ using namespace tarnlift;
 
 namespace {
 
-class OneRouter : public RouterInstaller {
+class OneRouter : public install::RouterInstaller {
  public:
-  std::deque<RouterRecord> discovered;
-  bool popDiscovered(RouterRecord& record) override {
+  std::deque<install::RouterRecord> discovered;
+  bool popDiscovered(install::RouterRecord& record) override {
     if (discovered.empty()) return false;
     record = discovered.front();
     discovered.pop_front();
     return true;
   }
-  void start(const RouterRecord&, bool) override { started = true; }
-  SessionStatus status(const MacAddress&) override {
-    return started ? SessionStatus{kStatusInstalling, 100, 10, "Sending"} : SessionStatus{};
+  void start(const install::RouterRecord&, bool) override { started = true; }
+  install::SessionStatus status(const net::MacAddress&) override {
+    return started ? install::SessionStatus{install::kStatusInstalling, 100, 10, "Sending"} : install::SessionStatus{};
   }
-  void reboot(const MacAddress&) override {}
-  void shutdown(const MacAddress&) override {}
-  void remove(const MacAddress&) override { started = false; }
+  void reboot(const net::MacAddress&) override {}
+  void shutdown(const net::MacAddress&) override {}
+  void remove(const net::MacAddress&) override { started = false; }
   bool started = false;
 };
 
@@ -53,13 +53,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (end != std::string::npos) request.body = input.substr(end + 4, web::kMaxBodyBytes);
 
   OneRouter routers;
-  NoDriveInstaller drives;
+  install::NoDriveInstaller drives;
   packages::PackageSets sets;
-  RememberedChoices remembered;
+  install::RememberedChoices remembered;
   app::ManualClock clock(50'000'000);
-  InstallDesk desk(routers, drives, sets, remembered, clock);
+  install::InstallDesk desk(routers, drives, sets, remembered, clock);
   desk.setPackageDir("/nonexistent/tarnlift-fuzz");
-  RouterRecord r;
+  install::RouterRecord r;
   r.mac = {0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x03};
   r.architecture = 6;
   r.label = "R";

@@ -10,6 +10,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 MacAddress mac(uint8_t last) { return {0x02, 0, 0, 0, 0, last}; }
 uint32_t at(uint8_t last) { return 10u << 24 | 5u << 8 | last; }  // 10.0.5.last
 

@@ -5,6 +5,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(AfterInstallTest, TheInventoryWinsThenTheRoutersOwnChoiceThenTheDefault) {
   using A = AfterInstall;
   EXPECT_EQ(chooseAfterInstall(A::Shutdown, A::None, A::Reboot), A::Shutdown);

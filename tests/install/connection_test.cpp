@@ -8,6 +8,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using testing::kRouterMac;
 using testing::kServerMac;
 using testing::makeDatagram;

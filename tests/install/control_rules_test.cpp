@@ -7,6 +7,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(ControlRules, NoRouterEnablesNothing) {
   ControlRules c = controlRulesFor(nullptr, false);
   EXPECT_FALSE(c.install || c.reboot || c.shutdown || c.cancel || c.sets || c.packages || c.addressFields);

@@ -9,6 +9,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using tarnlift::testing::FakeDriveInstaller;
 using tarnlift::testing::FakeRouterInstaller;
 

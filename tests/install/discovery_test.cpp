@@ -10,6 +10,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using testing::FakeTransport;
 using testing::kRouterMac;
 

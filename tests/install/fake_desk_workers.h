@@ -13,72 +13,72 @@
 
 namespace tarnlift::testing {
 
-class FakeRouterInstaller : public RouterInstaller {
+class FakeRouterInstaller : public install::RouterInstaller {
  public:
-  std::deque<RouterRecord> discovered;
-  std::vector<std::pair<RouterRecord, bool>> started;
-  std::map<MacAddress, SessionStatus> sessions;
+  std::deque<install::RouterRecord> discovered;
+  std::vector<std::pair<install::RouterRecord, bool>> started;
+  std::map<net::MacAddress, install::SessionStatus> sessions;
   std::vector<std::string> calls;
 
-  bool popDiscovered(RouterRecord& record) override {
+  bool popDiscovered(install::RouterRecord& record) override {
     if (discovered.empty()) return false;
     record = discovered.front();
     discovered.pop_front();
     return true;
   }
-  void start(const RouterRecord& request, bool install) override {
+  void start(const install::RouterRecord& request, bool install) override {
     started.emplace_back(request, install);
     calls.push_back(install ? "start install" : "start command");
-    SessionStatus s;
+    install::SessionStatus s;
     if (install) {
-      s = {kStatusInstalling, request.totalSize, 0, "Sending offer..."};
+      s = {install::kStatusInstalling, request.totalSize, 0, "Sending offer..."};
     } else {
-      s = {kStatusDone, 0, 0, ""};
+      s = {install::kStatusDone, 0, 0, ""};
     }
     sessions[request.mac] = s;
   }
-  SessionStatus status(const MacAddress& mac) override {
+  install::SessionStatus status(const net::MacAddress& mac) override {
     auto it = sessions.find(mac);
-    return it == sessions.end() ? SessionStatus{} : it->second;
+    return it == sessions.end() ? install::SessionStatus{} : it->second;
   }
-  void reboot(const MacAddress&) override { calls.push_back("reboot"); }
-  void shutdown(const MacAddress&) override { calls.push_back("shutdown"); }
-  void remove(const MacAddress& mac) override {
+  void reboot(const net::MacAddress&) override { calls.push_back("reboot"); }
+  void shutdown(const net::MacAddress&) override { calls.push_back("shutdown"); }
+  void remove(const net::MacAddress& mac) override {
     calls.push_back("remove");
     sessions.erase(mac);
   }
 };
 
-class FakeDriveInstaller : public DriveInstaller {
+class FakeDriveInstaller : public install::DriveInstaller {
  public:
-  std::vector<RouterRecord> drives;
-  std::vector<RouterRecord> started;
-  std::map<MacAddress, SessionStatus> installs;
-  std::vector<MacAddress> cancelled;
-  std::map<MacAddress, std::string> refusals;  // drives that may not be erased, and why
+  std::vector<install::RouterRecord> drives;
+  std::vector<install::RouterRecord> started;
+  std::map<net::MacAddress, install::SessionStatus> installs;
+  std::vector<net::MacAddress> cancelled;
+  std::map<net::MacAddress, std::string> refusals;  // drives that may not be erased, and why
   int listed = 0;
 
-  std::vector<RouterRecord> listDrives() override {
+  std::vector<install::RouterRecord> listDrives() override {
     ++listed;
     return drives;
   }
-  bool mayErase(const RouterRecord& row, std::string& reason) override {
+  bool mayErase(const install::RouterRecord& row, std::string& reason) override {
     auto it = refusals.find(row.mac);
     if (it == refusals.end()) return true;
     reason = it->second;
     return false;
   }
-  void start(const RouterRecord& request) override {
+  void start(const install::RouterRecord& request) override {
     started.push_back(request);
-    installs[request.mac] = {kStatusInstalling, request.totalSize, 0, "Preparing for installation..."};
+    installs[request.mac] = {install::kStatusInstalling, request.totalSize, 0, "Preparing for installation..."};
   }
-  bool status(const MacAddress& mac, SessionStatus& s) override {
+  bool status(const net::MacAddress& mac, install::SessionStatus& s) override {
     auto it = installs.find(mac);
     if (it == installs.end()) return false;
     s = it->second;
     return true;
   }
-  void cancel(const MacAddress& mac) override {
+  void cancel(const net::MacAddress& mac) override {
     cancelled.push_back(mac);
     installs.erase(mac);
   }

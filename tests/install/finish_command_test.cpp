@@ -18,6 +18,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using Clock = std::chrono::steady_clock;
 
 RouterResult result(const std::string& mac, bool success) {

@@ -18,6 +18,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using routersim::SimRouter;
 using routersim::SimRouterConfig;
 using testing::Passed;
@@ -324,6 +326,8 @@ TEST_F(HeadlessTest, TheBeaconIsSentOnEveryFourthTick) {
 
 namespace tarnlift {
 namespace {
+
+using namespace install;
 
 TEST_F(HeadlessTest, HeldRoutersStayReadyUntilAnotherFrontEndInstallsThem) {
   addRouter(router(1));

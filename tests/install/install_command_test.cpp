@@ -13,6 +13,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 class RecordingPrompter : public InstallPrompter {
  public:
   std::vector<std::string> messages;

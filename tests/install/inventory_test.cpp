@@ -9,6 +9,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 const MacAddress kFirst{0x4C, 0x5E, 0x0C, 0x01, 0x02, 0x03};
 
 bool onlyOffice(const std::string& name) { return name == "office"; }

@@ -9,6 +9,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(ResultsLogTest, StringsAreEscapedAsPlainAscii) {
   EXPECT_EQ(app::jsonString("a\"b\\c\td\ne"), "\"a\\\"b\\\\c\\td\\ne\"");
   EXPECT_EQ(app::jsonString(std::string("\x01\x7f", 2)), "\"\\u0001\\u007f\"");

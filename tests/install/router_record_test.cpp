@@ -6,6 +6,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(RouterRecordPercent, ProgressAgainstTheTotalRoundedDown) {
   RouterRecord record;
   EXPECT_EQ(record.percentDone(), 0u);  // no size known yet

@@ -8,6 +8,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 RouterRecord optionsRecord() {
   RouterRecord r;
   r.mac = testing::kRouterMac;

@@ -17,6 +17,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using routersim::SimRouter;
 using routersim::SimRouterConfig;
 

@@ -6,6 +6,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(SessionPathsPosix, RelativeUnlessItStartsAtTheRoot) {
   EXPECT_TRUE(isRelativePackagePath("system-7.1.npk"));
   EXPECT_TRUE(isRelativePackagePath("sub/dir/system.npk"));

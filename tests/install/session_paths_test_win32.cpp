@@ -7,6 +7,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(SessionPathsWindows, RelativeUnlessTheSecondCharacterIsAColon) {
   EXPECT_FALSE(isRelativePackagePath("C:\\pkgs\\system.npk"));
   EXPECT_FALSE(isRelativePackagePath("d:system.npk"));

@@ -11,6 +11,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using testing::FakeTransport;
 using testing::kRouterMac;
 using testing::kServerMac;

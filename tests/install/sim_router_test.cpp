@@ -15,6 +15,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 using routersim::SimRouter;
 using routersim::SimRouterConfig;
 

@@ -25,7 +25,7 @@ struct Passed {
   std::string what;
 };
 
-class Segment : public DatagramTransport {
+class Segment : public install::DatagramTransport {
  public:
   explicit Segment(const app::Clock& clock) : clock_(clock) {}
   int send(const uint8_t* b, size_t n) override {
@@ -42,7 +42,7 @@ class Segment : public DatagramTransport {
     std::memcpy(b, next.data(), next.size());
     return static_cast<int>(next.size());
   }
-  MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
+  net::MacAddress localMac() const override { return {0x02, 0xAA, 0, 0, 0, 1}; }
   std::deque<std::vector<uint8_t>> toServer, toRouters;
   // Payloads for which these say true are lost on the way.
   std::function<bool(const std::string& payload)> dropToRouters, dropToServer;
@@ -55,7 +55,7 @@ class Segment : public DatagramTransport {
 
  private:
   bool note(const char* who, const uint8_t* b, size_t n, const std::function<bool(const std::string&)>& drop) {
-    std::string payload(reinterpret_cast<const char*>(b) + kHeaderSize, n - kHeaderSize);
+    std::string payload(reinterpret_cast<const char*>(b) + install::kHeaderSize, n - install::kHeaderSize);
     std::string what = "data";
     if (payload == "FILE\n") {
       what = payload;
@@ -73,7 +73,7 @@ class Segment : public DatagramTransport {
 
 // One millisecond (now, in ms) on the segment: the routers' timers, the
 // server's polls, and what the installer sent handed to every router.
-inline void passMillisecond(Segment& segment, InstallServer& server,
+inline void passMillisecond(Segment& segment, install::InstallServer& server,
                             std::vector<std::unique_ptr<routersim::SimRouter>>& sims, int64_t now) {
   for (auto& sim : sims) sim->tick(now);
   while (!segment.toServer.empty()) server.pollOnce();

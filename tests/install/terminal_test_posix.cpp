@@ -14,6 +14,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 class StandardOutputOnTerminal {
  public:
   StandardOutputOnTerminal() {

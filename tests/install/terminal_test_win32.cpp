@@ -10,6 +10,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(LiveProgress, NotOnAPipeOrFile) {
   if (_isatty(_fileno(stdout)) != 0) GTEST_SKIP() << "standard output is a console";
   EXPECT_FALSE(terminalShowsLiveProgress());

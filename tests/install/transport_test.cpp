@@ -14,6 +14,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 uint32_t loopback() { return parseDottedAddress("127.0.0.1"); }
 
 uint16_t randomPort() {

@@ -14,6 +14,8 @@
 namespace tarnlift {
 namespace {
 
+using namespace install;
+
 TEST(InstallTransportWindows, FailedSelectProbesAndReopens) {
   net::startSocketLibrary();
   testing::CapturedLog log;

@@ -119,7 +119,7 @@ class DiskInstallationTest : public ::testing::Test {
   FakeSourceFiles sources_;
   FakeRunnerLog runner_;
   DiskServices services_;
-  RouterRecord row_;
+  install::RouterRecord row_;
   DiskStatus final_;
 };
 
@@ -602,9 +602,9 @@ namespace {
 TEST(DiskStatusPercent, ProgressAgainstTheTotalAndADoneRowWithoutOne) {
   DiskStatus status;
   EXPECT_EQ(status.percentDone(), 0u);
-  status.state = kStatusDone;
+  status.state = install::kStatusDone;
   EXPECT_EQ(status.percentDone(), 100u);  // finished before any total was known
-  status.state = kStatusInstalling;
+  status.state = install::kStatusInstalling;
   status.total = 0xFFFFFFFFu;
   status.progress = 0x7FFFFFFFu;
   EXPECT_EQ(status.percentDone(), 49u);

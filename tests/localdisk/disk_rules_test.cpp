@@ -31,7 +31,8 @@ std::string refusal(FakeWindowsStorage& storage, char letter) {
 std::vector<std::string> rowTexts(FakeWindowsStorage& storage) {
   std::unique_ptr<DriveEnumerator> enumerator = makeWindowsDriveEnumerator(storage);
   std::vector<std::string> texts;
-  for (const RouterRecord& row : listLocalDrives(*enumerator)) texts.push_back(row.label + "|" + row.driveDescription + "|" + row.driveSize);
+  for (const install::RouterRecord& row : listLocalDrives(*enumerator))
+    texts.push_back(row.label + "|" + row.driveDescription + "|" + row.driveSize);
   return texts;
 }
 
@@ -152,7 +153,7 @@ class WindowsInstallation : public ::testing::Test {
   FakeSourceFiles sources_;
   FakeRunnerLog runner_;
   DiskServices services_;
-  RouterRecord row_;
+  install::RouterRecord row_;
 };
 
 TEST_F(WindowsInstallation, TheVolumeIsLockedAndDismountedAndTheDiskNumberAskedAgainBeforeSectorZero) {

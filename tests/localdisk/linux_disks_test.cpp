@@ -96,7 +96,7 @@ TEST(LinuxTargets, WhatIsNoDiskIsRefused) {
 TEST(LinuxTargets, TheDiskOfTheRootFileSystemHoldsTheSystem) {
   // Whatever disk "/" lives on (none in a container on an overlay), the
   // drive list never shows it.
-  for (const RouterRecord& row : listLocalDrives()) {
+  for (const install::RouterRecord& row : listLocalDrives()) {
     std::string name = row.label.substr(row.label.rfind('/') + 1);
     EXPECT_FALSE(diskUse(realLinuxSystem(), name).holdsSystem()) << row.label;
     EXPECT_TRUE(row.driveType == kDriveRemovable || row.driveType == kDriveFixed);

@@ -31,9 +31,9 @@ DriveCandidate root(char letter, uint32_t type, bool system = false) {
   return candidate;
 }
 
-std::vector<std::string> labels(const std::vector<RouterRecord>& rows) {
+std::vector<std::string> labels(const std::vector<install::RouterRecord>& rows) {
   std::vector<std::string> result;
-  for (const RouterRecord& row : rows) result.push_back(row.label);
+  for (const install::RouterRecord& row : rows) result.push_back(row.label);
   return result;
 }
 
@@ -63,7 +63,7 @@ TEST(LocalDrives, ThePlatformsListKeepsOnlyUsableDrivesAndNeverTheSystems) {
     bool kind = candidate.type == kDriveRemovable || candidate.type == kDriveFixed;
     if (kind && !candidate.system && std::toupper(candidate.letter) != 'A') usable.push_back(candidate.label);
   }
-  std::vector<RouterRecord> rows = listLocalDrives();
+  std::vector<install::RouterRecord> rows = listLocalDrives();
   EXPECT_EQ(labels(rows), usable);
   const char* systemRoot = std::getenv("SystemRoot");
   if (systemRoot == nullptr || systemRoot[0] == 0) return;
@@ -75,22 +75,22 @@ TEST(LocalDrives, ThePlatformsListKeepsOnlyUsableDrivesAndNeverTheSystems) {
     EXPECT_TRUE(candidate.system) << candidate.label;
   }
   EXPECT_TRUE(seen) << "no root for " << systemRoot;
-  for (const RouterRecord& row : rows) EXPECT_NE(std::toupper(row.mac[5]), systemLetter) << row.label;
+  for (const install::RouterRecord& row : rows) EXPECT_NE(std::toupper(row.mac[5]), systemLetter) << row.label;
 }
 
 TEST(LocalDrives, RowsKeepThePlatformsOrderAndLookLikeFreshRows) {
   FakeEnumerator drives;
   drives.list = {root('G', kDriveFixed), root('E', kDriveRemovable)};
-  std::vector<RouterRecord> rows = listLocalDrives(drives);
+  std::vector<install::RouterRecord> rows = listLocalDrives(drives);
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(rows[0].label, "G:\\");
-  EXPECT_EQ(macText(rows[0].mac), "FF:FF:FF:FF:FF:47");
+  EXPECT_EQ(install::macText(rows[0].mac), "FF:FF:FF:FF:FF:47");
   EXPECT_EQ(rows[1].driveType, kDriveRemovable);
-  EXPECT_EQ(rows[1].kind, kKindDrive);
+  EXPECT_EQ(rows[1].kind, install::kKindDrive);
   EXPECT_TRUE(isDriveRow(rows[1]));
   EXPECT_EQ(driveIdOf(rows[1]).letter, 'E');
   EXPECT_EQ(driveIdOf(rows[1]).path, "E:\\");
-  RouterRecord fresh;
+  install::RouterRecord fresh;
   EXPECT_EQ(rows[1].progress, 0u);
   EXPECT_EQ(rows[1].totalSize, 0u);
   EXPECT_TRUE(rows[1].files.empty());
@@ -100,8 +100,8 @@ TEST(LocalDrives, RowsKeepThePlatformsOrderAndLookLikeFreshRows) {
 }
 
 TEST(LocalDrives, ARouterRowIsNoDriveRow) {
-  RouterRecord router;
-  router.mac = MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFE, 0x45};
+  install::RouterRecord router;
+  router.mac = net::MacAddress{0xFF, 0xFF, 0xFF, 0xFF, 0xFE, 0x45};
   EXPECT_FALSE(isDriveRow(router));
 }
 

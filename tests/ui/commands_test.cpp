@@ -45,7 +45,7 @@ class CommandsTest : public PresenterTest {
     discover(announced(1, "R1"));
     selectRow(macOf(1));
   }
-  RouterRecord& r1() { return record(macOf(1)); }
+  install::RouterRecord& r1() { return record(macOf(1)); }
   ScratchFolder folder;
 };
 
@@ -200,7 +200,7 @@ TEST_F(CommandsTest, SelectAllWithoutARouterDoesNothing) {
 TEST_F(CommandsTest, RebootOfAReadyRouterMakesASessionFirstThenEndsItAsDone) {
   click(kIdReboot);
   EXPECT_EQ(workers.routers.calls, (Names{"start command", "reboot", "remove"}));
-  EXPECT_EQ(r1().status, kStatusDone);
+  EXPECT_EQ(r1().status, install::kStatusDone);
   EXPECT_EQ(r1().statusText, "");
   ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "Done");
@@ -209,15 +209,15 @@ TEST_F(CommandsTest, RebootOfAReadyRouterMakesASessionFirstThenEndsItAsDone) {
 TEST_F(CommandsTest, ShutdownOfAReadyRouter) {
   click(kIdShutdown);
   EXPECT_EQ(workers.routers.calls, (Names{"start command", "shutdown", "remove"}));
-  EXPECT_EQ(r1().status, kStatusDone);
+  EXPECT_EQ(r1().status, install::kStatusDone);
 }
 
 TEST_F(CommandsTest, RebootOfARouterWaitingForItUsesItsSession) {
-  presenter->table().setStatus(macOf(1), kStatusWaitingReboot, 10, 10, "Done");
-  workers.routers.sessions[macOf(1)] = {kStatusWaitingReboot, 10, 10, "Done"};
+  presenter->table().setStatus(macOf(1), install::kStatusWaitingReboot, 10, 10, "Done");
+  workers.routers.sessions[macOf(1)] = {install::kStatusWaitingReboot, 10, 10, "Done"};
   click(kIdReboot);
   EXPECT_EQ(workers.routers.calls, Names{"reboot"});
-  EXPECT_EQ(r1().status, kStatusWaitingReboot);
+  EXPECT_EQ(r1().status, install::kStatusWaitingReboot);
 }
 
 // ---- 1023 ----------------------------------------------------------------------
@@ -253,14 +253,14 @@ TEST_F(CommandsTest, InstallStartsTheSessionAndRemembersTheOptions) {
   presenter->onCommand(kIdBaud, kNotifySelChange);
   click(kIdInstall);
   ASSERT_EQ(workers.routers.started.size(), 1u);
-  const RouterRecord& request = workers.routers.started[0].first;
+  const install::RouterRecord& request = workers.routers.started[0].first;
   EXPECT_TRUE(workers.routers.started[0].second);
-  EXPECT_EQ(request.address, parseDottedAddress("10.0.0.5"));
+  EXPECT_EQ(request.address, install::parseDottedAddress("10.0.0.5"));
   EXPECT_EQ(request.netmaskBits, 24u);
   EXPECT_EQ(request.baudRate, 9600u);
   EXPECT_EQ(request.files, (Names{"system-6.41.npk", "ppp-6.41.npk"}));
-  EXPECT_EQ(presenter->remembered().address, parseDottedAddress("10.0.0.5"));
-  EXPECT_EQ(presenter->remembered().gateway, parseDottedAddress("10.0.0.1"));
+  EXPECT_EQ(presenter->remembered().address, install::parseDottedAddress("10.0.0.5"));
+  EXPECT_EQ(presenter->remembered().gateway, install::parseDottedAddress("10.0.0.1"));
   EXPECT_EQ(presenter->remembered().baudRate, 9600u);
   EXPECT_TRUE(presenter->sets().contains("Previous Install"));
   ASSERT_FALSE(view.routerRows.empty());
@@ -306,12 +306,12 @@ TEST_F(CommandsTest, InstallOfADriveGoesToTheDriveInstaller) {
   presenter->refreshRouterList();
   selectRow(drive('E').mac);
   ASSERT_NE(presenter->selectedRouter(), nullptr);
-  ASSERT_EQ(presenter->selectedRouter()->kind, kKindDrive);
+  ASSERT_EQ(presenter->selectedRouter()->kind, install::kKindDrive);
   presenter->onPackageClick(kSystem);
   click(kIdInstall);
   ASSERT_EQ(workers.drives.started.size(), 1u);
   EXPECT_TRUE(workers.routers.started.empty());
-  EXPECT_EQ(record(drive('E').mac).status, kStatusInstalling);
+  EXPECT_EQ(record(drive('E').mac).status, install::kStatusInstalling);
   EXPECT_EQ(record(drive('E').mac).statusText, "Preparing for installation...");
 }
 
@@ -330,7 +330,7 @@ TEST_F(CommandsTest, InstallOfADriveThatMayNotBeErasedIsRefusedWithTheReason) {
   EXPECT_EQ(view.boxes[0].text, "D: cannot be erased: physical disk 0 holds it together with C: (the system volume)");
   EXPECT_EQ(view.boxes[0].caption, "Error");
   EXPECT_TRUE(workers.drives.started.empty());
-  EXPECT_EQ(record(drive('D').mac).status, kStatusReady);
+  EXPECT_EQ(record(drive('D').mac).status, install::kStatusReady);
   EXPECT_TRUE(view.isEnabled(kIdInstall));
 }
 
@@ -348,8 +348,8 @@ TEST_F(CommandsTest, CancelOfADriveResetsItToReadyWithTheRememberedDefaults) {
   workers.drives.drives = {drive('E')};
   presenter->desk().addDrives();
   presenter->refreshRouterList();
-  MacAddress mac = drive('E').mac;
-  presenter->table().setStatus(mac, kStatusInstalling, 100, 40, "Copying file: x");
+  net::MacAddress mac = drive('E').mac;
+  presenter->table().setStatus(mac, install::kStatusInstalling, 100, 40, "Copying file: x");
   presenter->remembered().baudRate = 57600;
   presenter->remembered().scriptEnabled = true;
   presenter->remembered().scriptPath = "C:\\c.rsc";
@@ -358,9 +358,9 @@ TEST_F(CommandsTest, CancelOfADriveResetsItToReadyWithTheRememberedDefaults) {
   presenter->sets().rememberPreviousInstall({"", folder.path(), {"system-6.41.npk"}});
   selectRow(mac);
   click(kIdCancel);
-  EXPECT_EQ(workers.drives.cancelled, std::vector<MacAddress>{mac});
-  const RouterRecord& d = record(mac);
-  EXPECT_EQ(d.status, kStatusReady);
+  EXPECT_EQ(workers.drives.cancelled, std::vector<net::MacAddress>{mac});
+  const install::RouterRecord& d = record(mac);
+  EXPECT_EQ(d.status, install::kStatusReady);
   EXPECT_EQ(d.statusText, "");
   EXPECT_EQ(d.baudRate, 57600u);
   EXPECT_TRUE(d.scriptEnabled);
@@ -389,9 +389,9 @@ TEST_F(CommandsTest, ConfigureScriptTakesTheFieldsFlagAndPath) {
   check(kIdScript, true);
   EXPECT_TRUE(r1().scriptEnabled);
   EXPECT_EQ(r1().scriptPath, "C:\\conf.rsc");
-  EXPECT_EQ(r1().address, parseDottedAddress("192.168.88.2"));
+  EXPECT_EQ(r1().address, install::parseDottedAddress("192.168.88.2"));
   EXPECT_EQ(r1().netmaskBits, 24u);
-  EXPECT_EQ(r1().gateway, parseDottedAddress("192.168.88.1"));
+  EXPECT_EQ(r1().gateway, install::parseDottedAddress("192.168.88.1"));
   EXPECT_TRUE(view.isEnabled(kIdScriptPath));
 }
 
@@ -492,7 +492,7 @@ TEST_F(CommandsTest, ClickingAPackageTogglesItWithItsDependenciesAndDescribesIt)
 TEST_F(CommandsTest, PackagesCannotBeToggledWhileTheRouterIsBusyOrForAMissingDependency) {
   presenter->onPackageClick(kWifi);
   EXPECT_TRUE(r1().files.empty());
-  for (uint32_t status : {kStatusInstalling, kStatusWaitingReboot, kStatusNone}) {
+  for (uint32_t status : {install::kStatusInstalling, install::kStatusWaitingReboot, install::kStatusNone}) {
     presenter->table().setStatus(macOf(1), status, 0, 0, "");
     presenter->onPrivateMessage(kRefreshCode);
     presenter->onPackageClick(kSystem);

@@ -20,7 +20,7 @@ class ControlStateTest : public PresenterTest {
     discover(announced(1, "R1"));
     selectRow(macOf(1));
   }
-  RouterRecord& r() { return record(macOf(1)); }
+  install::RouterRecord& r() { return record(macOf(1)); }
   void refresh() { presenter->onPrivateMessage(kRefreshCode); }
   void setStatus(uint32_t status) {
     presenter->table().setStatus(macOf(1), status, r().totalSize, r().progress, r().statusText);
@@ -31,14 +31,14 @@ class ControlStateTest : public PresenterTest {
 
 TEST_F(ControlStateTest, SetListEnabledOnlyWhenReady) {
   EXPECT_TRUE(on(kIdSets));
-  setStatus(kStatusInstalling);
+  setStatus(install::kStatusInstalling);
   EXPECT_FALSE(on(kIdSets));
 }
 
 TEST_F(ControlStateTest, AddressFieldsWritableWhenNetReadyAndNeitherKeepNorDefault) {
-  r().address = parseDottedAddress("10.1.1.2");
+  r().address = install::parseDottedAddress("10.1.1.2");
   r().netmaskBits = 16;
-  r().gateway = parseDottedAddress("10.1.1.1");
+  r().gateway = install::parseDottedAddress("10.1.1.1");
   refresh();
   EXPECT_EQ(view.texts[kIdAddress], "10.1.1.2");
   EXPECT_EQ(view.texts[kIdNetmask], "16");
@@ -52,7 +52,7 @@ TEST_F(ControlStateTest, AddressFieldsWritableWhenNetReadyAndNeitherKeepNorDefau
   refresh();
   for (int id : {kIdAddress, kIdNetmask, kIdGateway}) EXPECT_TRUE(view.readOnly[id]) << id;
   r().defaultConfig = false;
-  setStatus(kStatusWaitingReboot);
+  setStatus(install::kStatusWaitingReboot);
   for (int id : {kIdAddress, kIdNetmask, kIdGateway}) EXPECT_TRUE(view.readOnly[id]) << id;
 }
 
@@ -65,7 +65,7 @@ TEST_F(ControlStateTest, AddressFieldsAreEmptyForZeroAndReadOnlyForADrive) {
   presenter->refreshRouterList();
   selectRow(drive('E').mac);
   ASSERT_NE(presenter->selectedRouter(), nullptr);
-  ASSERT_EQ(presenter->selectedRouter()->kind, kKindDrive);
+  ASSERT_EQ(presenter->selectedRouter()->kind, install::kKindDrive);
   for (int id : {kIdAddress, kIdNetmask, kIdGateway}) EXPECT_TRUE(view.readOnly[id]) << id;
 }
 
@@ -75,8 +75,9 @@ TEST_F(ControlStateTest, KeepConfigEnabledWhenNetReadyAndNoDefaultScriptOrModeSc
   refresh();
   EXPECT_TRUE(view.checked[kIdKeepConfig]);
   r().keepConfig = false;
-  for (bool RouterRecord::*flag :
-       {&RouterRecord::defaultConfig, &RouterRecord::scriptEnabled, &RouterRecord::modeScriptEnabled}) {
+  for (bool install::RouterRecord::*flag :
+       {&install::RouterRecord::defaultConfig, &install::RouterRecord::scriptEnabled,
+        &install::RouterRecord::modeScriptEnabled}) {
     r().*flag = true;
     refresh();
     EXPECT_FALSE(on(kIdKeepConfig));
@@ -89,7 +90,7 @@ TEST_F(ControlStateTest, KeepConfigEnabledWhenNetReadyAndNoDefaultScriptOrModeSc
   presenter->refreshRouterList();
   selectRow(drive('E').mac);
   ASSERT_NE(presenter->selectedRouter(), nullptr);
-  ASSERT_EQ(presenter->selectedRouter()->kind, kKindDrive);
+  ASSERT_EQ(presenter->selectedRouter()->kind, install::kKindDrive);
   EXPECT_FALSE(on(kIdKeepConfig));
 }
 
@@ -114,7 +115,7 @@ TEST_F(ControlStateTest, KeepBrandingEnabledWhenTheRouterCanKeepBranding) {
   r().hasBranding = true;
   refresh();
   EXPECT_TRUE(on(kIdKeepBranding));
-  setStatus(kStatusInstalling);
+  setStatus(install::kStatusInstalling);
   EXPECT_FALSE(on(kIdKeepBranding));
 }
 
@@ -136,7 +137,7 @@ TEST_F(ControlStateTest, ApplyDefaultConfigNeedsReadyNoKeepNoScriptAndADefault) 
   refresh();
   EXPECT_TRUE(on(kIdDefaultConfig));
   EXPECT_TRUE(view.checked[kIdDefaultConfig]);
-  setStatus(kStatusInstalling);
+  setStatus(install::kStatusInstalling);
   EXPECT_FALSE(on(kIdDefaultConfig));
 }
 
@@ -145,13 +146,13 @@ TEST_F(ControlStateTest, ApplyDefaultConfigNeedsReadyNoKeepNoScriptAndADefault) 
 // address, keep-configuration, baud and script controls wait; cleared, they
 // open up.
 TEST_F(ControlStateTest, ProtectedRouterWholeControlState) {
-  RouterRecord protectedRouter = announced(2, "Branded");
+  install::RouterRecord protectedRouter = announced(2, "Branded");
   protectedRouter.unprotected = false;
   protectedRouter.keepBranding = true;
   protectedRouter.hasBranding = false;
   discover(protectedRouter);
   selectRow(macOf(2));
-  const RouterRecord& p = record(macOf(2));
+  const install::RouterRecord& p = record(macOf(2));
   ASSERT_TRUE(p.defaultConfig);
   EXPECT_TRUE(on(kIdDefaultConfig));
   EXPECT_TRUE(view.checked[kIdDefaultConfig]);
@@ -226,11 +227,11 @@ TEST_F(ControlStateTest, ModeScriptAndItsPathAndButton) {
 }
 
 TEST_F(ControlStateTest, ProgressIsDoneTimes100OverTotalMovedByTheDifference) {
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 300, 100, "Transferring: a");
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 300, 100, "Transferring: a");
   refresh();
   EXPECT_EQ(view.progress, 33);
   EXPECT_EQ(view.moves.back(), 33);
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 300, 200, "Transferring: a");
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 300, 200, "Transferring: a");
   refresh();
   EXPECT_EQ(view.moves.back(), 33);
   EXPECT_EQ(view.progress, 66);
@@ -238,7 +239,7 @@ TEST_F(ControlStateTest, ProgressIsDoneTimes100OverTotalMovedByTheDifference) {
   size_t moves = view.moves.size();
   refresh();  // the same percentage: no move
   EXPECT_EQ(view.moves.size(), moves);
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 200, "x");  // total 0: 0 %
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 200, "x");  // total 0: 0 %
   refresh();
   EXPECT_EQ(view.moves.back(), -66);
   EXPECT_EQ(view.progress, 0);
@@ -248,7 +249,7 @@ TEST_F(ControlStateTest, CaptionIsTheCountWhenReadyTheTextOtherwiseEmptyWithoutR
   r().files = {"a.npk", "b.npk", "c.npk"};
   refresh();
   EXPECT_EQ(view.texts[kIdCaption], "Selected 3 package(s)");
-  presenter->table().setStatus(macOf(1), kStatusFailed, 0, 0, "Installation failed: bad router response");
+  presenter->table().setStatus(macOf(1), install::kStatusFailed, 0, 0, "Installation failed: bad router response");
   refresh();
   EXPECT_EQ(view.texts[kIdCaption], "Installation failed: bad router response");
   selectNone();
@@ -256,10 +257,10 @@ TEST_F(ControlStateTest, CaptionIsTheCountWhenReadyTheTextOtherwiseEmptyWithoutR
 }
 
 TEST_F(ControlStateTest, ShutdownRebootInstallEnabledForReadyOrWaitingReboot) {
-  for (uint32_t status : {kStatusReady, kStatusDone, kStatusFailed, kStatusInstalling, kStatusWaitingReboot,
-                          kStatusNone}) {
+  for (uint32_t status : {install::kStatusReady, install::kStatusDone, install::kStatusFailed,
+                          install::kStatusInstalling, install::kStatusWaitingReboot, install::kStatusNone}) {
     setStatus(status);
-    bool expected = status == kStatusReady || status == kStatusWaitingReboot;
+    bool expected = status == install::kStatusReady || status == install::kStatusWaitingReboot;
     for (int id : {kIdShutdown, kIdReboot, kIdInstall}) EXPECT_EQ(on(id), expected) << id << " " << status;
     EXPECT_TRUE(on(kIdCancel)) << status;
   }
@@ -275,7 +276,7 @@ TEST_F(ControlStateTest, SaveAndDeleteSetFollowTheShownSet) {
   EXPECT_EQ(view.selectedText(kIdSets), "Previous Install");
   EXPECT_FALSE(on(kIdSaveSet));
   EXPECT_TRUE(on(kIdDeleteSet));
-  setStatus(kStatusInstalling);
+  setStatus(install::kStatusInstalling);
   EXPECT_FALSE(on(kIdSaveSet));
   EXPECT_FALSE(on(kIdDeleteSet));
 }
@@ -283,18 +284,18 @@ TEST_F(ControlStateTest, SaveAndDeleteSetFollowTheShownSet) {
 TEST_F(ControlStateTest, SelectAllAndNoneEnabledWhenReady) {
   EXPECT_TRUE(on(kIdSelectAll));
   EXPECT_TRUE(on(kIdSelectNone));
-  setStatus(kStatusDone);
+  setStatus(install::kStatusDone);
   EXPECT_FALSE(on(kIdSelectAll));
   EXPECT_FALSE(on(kIdSelectNone));
 }
 
 TEST_F(ControlStateTest, WithoutARouterEverythingIsEmptiedDisabledAndUnchecked) {
-  r().address = parseDottedAddress("10.0.0.1");
+  r().address = install::parseDottedAddress("10.0.0.1");
   r().netmaskBits = 8;
   r().keepConfig = true;
   r().baudRate = 9600;
   r().scriptPath = "C:\\x.rsc";
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 100, 50, "x");
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 100, 50, "x");
   refresh();
   selectNone();
   for (int id : {kIdAddress, kIdNetmask, kIdGateway, kIdScriptPath, kIdModeScriptPath, kIdCaption}) {

@@ -297,11 +297,11 @@ class FakeWorkers : public MainWorkers {
   bool stopped = false;
   bool drivesUnderCompatibilityLayer = false;
 
-  RouterInstaller& startRouterInstaller() override {
+  install::RouterInstaller& startRouterInstaller() override {
     order.push_back("Router installer");
     return routers;
   }
-  DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) override {
+  install::DriveInstaller& makeDriveInstaller(bool underCompatibilityLayer) override {
     order.push_back("local-drive installer");
     drivesUnderCompatibilityLayer = underCompatibilityLayer;
     return drives;

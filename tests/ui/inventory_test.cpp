@@ -93,7 +93,7 @@ TEST_F(InventoryTest, ARouterListedAlreadyTakesItsSectionAndShowsIt) {
   EXPECT_TRUE(view.checked[kIdKeepConfig]);
   EXPECT_FALSE(view.checked[kIdKeepBranding]);
   // `select` ticks ppp and what it needs, in the folder the window shows.
-  const RouterRecord& r = record(macOf(1));
+  const install::RouterRecord& r = record(macOf(1));
   EXPECT_EQ(r.packageDir, packagesFolder.path());
   EXPECT_EQ(r.files.size(), 2u);
   EXPECT_TRUE(has(r.files, "ppp-6.41.npk"));
@@ -157,7 +157,7 @@ TEST_F(InventoryTest, CancellingTheDialogLoadsNothing) {
 
 TEST_F(InventoryTest, ABusyRouterIsLeftAsItIs) {
   discover(announced(1, "R1"));
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 100, 0, "Installing");
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 100, 0, "Installing");
   load(inventoryPath);
   EXPECT_EQ(record(macOf(1)).address, 0u);
 }
@@ -170,8 +170,8 @@ TEST_F(InventoryTest, TheSectionsAfterWinsOverTheAutoRebootListSelectedOrNot) {
   // R2 (after = shutdown) is not selected; R3 is, and has no section.
   selectRow(macOf(3));
   for (uint8_t last : {2, 3}) {
-    presenter->table().setStatus(macOf(last), kStatusInstalling, 100, 10, "Installing");
-    workers.routers.sessions[macOf(last)] = {kStatusWaitingReboot, 100, 100, "Waiting reboot"};
+    presenter->table().setStatus(macOf(last), install::kStatusInstalling, 100, 10, "Installing");
+    workers.routers.sessions[macOf(last)] = {install::kStatusWaitingReboot, 100, 100, "Waiting reboot"};
   }
   presenter->onTimer();
   auto& calls = workers.routers.calls;
@@ -199,7 +199,7 @@ TEST_F(InventoryTest, ASetChoosesTheWindowsSavedSetAndTheOtherKeysFillTheirContr
   load(path);
   ASSERT_TRUE(view.boxes.empty()) << view.boxes[0].text;
   discover(announced(2, "R2"));
-  RouterRecord protectedBranding = announced(3, "R3");
+  install::RouterRecord protectedBranding = announced(3, "R3");
   protectedBranding.unprotected = false;
   discover(protectedBranding);
 

@@ -19,21 +19,21 @@ namespace tarnlift::ui::testing {
 
 using Names = std::vector<std::string>;
 
-inline MacAddress macOf(uint8_t last) { return {0x02, 0, 0, 0, 0, last}; }
+inline net::MacAddress macOf(uint8_t last) { return {0x02, 0, 0, 0, 0, last}; }
 
-inline RouterRecord announced(uint8_t last, const std::string& label = "Lab", uint32_t architecture = 2) {
-  RouterRecord r;
-  r.kind = kKindRouter;
+inline install::RouterRecord announced(uint8_t last, const std::string& label = "Lab", uint32_t architecture = 2) {
+  install::RouterRecord r;
+  r.kind = install::kKindRouter;
   r.mac = macOf(last);
   r.label = label;
   r.architecture = architecture;
-  r.status = kStatusReady;
+  r.status = install::kStatusReady;
   return r;
 }
 
-inline RouterRecord drive(char letter, uint32_t type = 2) {
-  RouterRecord r;
-  r.kind = kKindDrive;
+inline install::RouterRecord drive(char letter, uint32_t type = 2) {
+  install::RouterRecord r;
+  r.kind = install::kKindDrive;
   r.mac = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, static_cast<uint8_t>(letter)};
   r.label = std::string(1, letter) + ":\\";
   r.driveType = type;
@@ -58,14 +58,14 @@ class PresenterTest : public ::testing::Test {
   }
 
   // Announces a router and lets a tick take it in.
-  void discover(const RouterRecord& record) {
-    RouterRecord r = record;
+  void discover(const install::RouterRecord& record) {
+    install::RouterRecord r = record;
     r.lastSeen = static_cast<int64_t>(workers.manualClock.nowMicros());
     workers.routers.discovered.push_back(r);
     presenter->onTimer();
   }
 
-  int rowOf(const MacAddress& mac) {
+  int rowOf(const net::MacAddress& mac) {
     const auto& order = presenter->routerOrder();
     auto it = std::find(order.begin(), order.end(), mac);
     return it == order.end() ? -1 : static_cast<int>(it - order.begin());
@@ -73,7 +73,7 @@ class PresenterTest : public ::testing::Test {
 
   // The user selects a row: the list reports the change, the private
   // message comes back.
-  void selectRow(const MacAddress& mac) {
+  void selectRow(const net::MacAddress& mac) {
     presenter->onRouterItemChanging();
     EXPECT_GE(rowOf(mac), 0) << "the row is not in the list";
     view.routerSelection = rowOf(mac);
@@ -85,7 +85,7 @@ class PresenterTest : public ::testing::Test {
     presenter->onPrivateMessage(kRefreshCode);
   }
 
-  RouterRecord& record(const MacAddress& mac) { return presenter->table().find(mac)->record; }
+  install::RouterRecord& record(const net::MacAddress& mac) { return presenter->table().find(mac)->record; }
 
   void click(int id) { presenter->onCommand(id, kNotifyClicked); }
   void check(int id, bool on) {

@@ -174,8 +174,8 @@ TEST_F(PresenterTest, ClosingAMinimisedWindowKeepsThePreviousPlacement) {
 TEST_F(PresenterTest, ClosingEndsWithExitCodeZeroEvenWhileAnInstallationRuns) {
   start();
   discover(announced(1));
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
-  workers.routers.sessions[macOf(1)] = {kStatusInstalling, 100, 10, "Transferring: a.npk"};
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {install::kStatusInstalling, 100, 10, "Transferring: a.npk"};
   presenter->onClose();
   EXPECT_EQ(view.quitCode, 0);
   EXPECT_FALSE(view.timerRunning);
@@ -217,11 +217,11 @@ TEST_F(PresenterTest, NetmaskIsReadAndWrittenUnderEitherSpellingAsOneValue) {
 
 TEST_F(PresenterTest, SettingsSurviveARestart) {
   start();
-  presenter->remembered().address = parseDottedAddress("10.1.2.3");
+  presenter->remembered().address = install::parseDottedAddress("10.1.2.3");
   presenter->remembered().scriptPath = "C:\\s.rsc";
   view.netbootAnswer = true;
   view.netbootEnabledAnswer = true;
-  view.netbootAddressAnswer = parseDottedAddress("192.168.88.7");
+  view.netbootAddressAnswer = install::parseDottedAddress("192.168.88.7");
   click(kIdNetBooting);
   presenter->onClose();
   presenter.reset();
@@ -230,8 +230,8 @@ TEST_F(PresenterTest, SettingsSurviveARestart) {
   MainPresenter again(second, secondWorkers, {}, store);
   again.construct();
   EXPECT_TRUE(again.netbootEnabled());
-  EXPECT_EQ(again.clientAddress(), parseDottedAddress("192.168.88.7"));
-  EXPECT_EQ(again.remembered().address, parseDottedAddress("10.1.2.3"));
+  EXPECT_EQ(again.clientAddress(), install::parseDottedAddress("192.168.88.7"));
+  EXPECT_EQ(again.remembered().address, install::parseDottedAddress("10.1.2.3"));
   EXPECT_EQ(again.remembered().scriptPath, "C:\\s.rsc");
   EXPECT_EQ(secondWorkers.netboot.changes.size(), 1u);
 }
@@ -270,25 +270,25 @@ TEST_F(PresenterTest, BeaconOffSendsNothingAndCommand1036SwitchesAndPersists) {
 
 TEST_F(PresenterTest, NetworkBootingEnabledAtStartIsHandedToThePxeBooter) {
   settings().writeInt("PXE Enabled", 1);
-  settings().writeInt("PXE Client Address", parseDottedAddress("192.168.88.1"));
+  settings().writeInt("PXE Client Address", install::parseDottedAddress("192.168.88.1"));
   workers.fakeInterfaces.addAdapter("lan", "192.168.88.2", "255.255.255.0");
-  workers.fakeInterfaces.prefixes.push_back({false, {{parseDottedAddress("192.168.88.2"), 24}}});
+  workers.fakeInterfaces.prefixes.push_back({false, {{install::parseDottedAddress("192.168.88.2"), 24}}});
   start();
   ASSERT_EQ(workers.netboot.changes.size(), 1u);
   EXPECT_TRUE(workers.netboot.changes[0].first);
-  EXPECT_EQ(workers.netboot.changes[0].second, parseDottedAddress("192.168.88.1"));
+  EXPECT_EQ(workers.netboot.changes[0].second, install::parseDottedAddress("192.168.88.1"));
   EXPECT_TRUE(view.boxes.empty());
 }
 
 TEST_F(PresenterTest, NoInterfaceForTheSavedClientAddressIsReported) {
   settings().writeInt("PXE Enabled", 1);
-  settings().writeInt("PXE Client Address", parseDottedAddress("172.16.0.1"));
+  settings().writeInt("PXE Client Address", install::parseDottedAddress("172.16.0.1"));
   start();
   EXPECT_TRUE(boxShown("Could not find network interface", "Error"));
 }
 
 TEST_F(PresenterTest, NetworkBootingOffChecksNothing) {
-  settings().writeInt("PXE Client Address", parseDottedAddress("172.16.0.1"));
+  settings().writeInt("PXE Client Address", install::parseDottedAddress("172.16.0.1"));
   start();
   EXPECT_TRUE(workers.netboot.changes.empty());
   EXPECT_TRUE(view.boxes.empty());
@@ -296,10 +296,10 @@ TEST_F(PresenterTest, NetworkBootingOffChecksNothing) {
 
 TEST_F(PresenterTest, UnderTheCompatibilityLayerTheGatewayTipIsShown) {
   settings().writeInt("PXE Enabled", 1);
-  settings().writeInt("PXE Client Address", parseDottedAddress("192.168.88.1"));
+  settings().writeInt("PXE Client Address", install::parseDottedAddress("192.168.88.1"));
   workers.env["WINELOADER"] = "/opt/wine/Application Support/wine";
   workers.fakeInterfaces.addAdapter("lan", "192.168.88.2", "255.255.255.0").gateways = {"192.168.88.254"};
-  workers.fakeInterfaces.prefixes.push_back({false, {{parseDottedAddress("192.168.88.2"), 24}}});
+  workers.fakeInterfaces.prefixes.push_back({false, {{install::parseDottedAddress("192.168.88.2"), 24}}});
   start();
   ASSERT_EQ(view.boxes.size(), 1u);
   EXPECT_EQ(view.boxes[0].caption, "Tip");
@@ -321,10 +321,10 @@ TEST_F(PresenterTest, WithAWineLoaderTheDriveHolderIsTheCompatibilityLayersWhate
 
 TEST_F(PresenterTest, WineLoaderWithoutApplicationShowsNoTip) {
   settings().writeInt("PXE Enabled", 1);
-  settings().writeInt("PXE Client Address", parseDottedAddress("192.168.88.1"));
+  settings().writeInt("PXE Client Address", install::parseDottedAddress("192.168.88.1"));
   workers.env["WINELOADER"] = "/usr/bin/wine";
   workers.fakeInterfaces.addAdapter("lan", "192.168.88.2", "255.255.255.0").gateways = {"192.168.88.254"};
-  workers.fakeInterfaces.prefixes.push_back({false, {{parseDottedAddress("192.168.88.2"), 24}}});
+  workers.fakeInterfaces.prefixes.push_back({false, {{install::parseDottedAddress("192.168.88.2"), 24}}});
   start();
   EXPECT_TRUE(view.boxes.empty());
 }
@@ -345,28 +345,28 @@ TEST_F(PresenterTest, AnotherBootServerAnsweringShowsInTheStatusBarOnce) {
 }
 
 TEST_F(PresenterTest, Command1026OpensTheDialogWithTheCurrentValuesAndHandsOnTheResult) {
-  settings().writeInt("PXE Client Address", parseDottedAddress("10.0.0.9"));
+  settings().writeInt("PXE Client Address", install::parseDottedAddress("10.0.0.9"));
   start();
   view.netbootAnswer = false;
   click(kIdNetBooting);
   EXPECT_EQ(view.netbootOpened, 1);
   EXPECT_FALSE(view.netbootShownEnabled);
-  EXPECT_EQ(view.netbootShownAddress, parseDottedAddress("10.0.0.9"));
+  EXPECT_EQ(view.netbootShownAddress, install::parseDottedAddress("10.0.0.9"));
   EXPECT_TRUE(workers.netboot.changes.empty());
   view.netbootAnswer = true;
   view.netbootEnabledAnswer = true;
-  view.netbootAddressAnswer = parseDottedAddress("10.0.0.7");
+  view.netbootAddressAnswer = install::parseDottedAddress("10.0.0.7");
   store->log().clear();
   click(kIdNetBooting);
   // Kept at once, before the PXE Booter hears of it.
   EXPECT_EQ(writes(), (Names{"PXE Enabled", "PXE Client Address"}));
-  EXPECT_EQ(settings().readInt("PXE Client Address", 0), parseDottedAddress("10.0.0.7"));
+  EXPECT_EQ(settings().readInt("PXE Client Address", 0), install::parseDottedAddress("10.0.0.7"));
   ASSERT_EQ(workers.netboot.changes.size(), 1u);
-  EXPECT_EQ(workers.netboot.changes[0], std::make_pair(true, parseDottedAddress("10.0.0.7")));
+  EXPECT_EQ(workers.netboot.changes[0], std::make_pair(true, install::parseDottedAddress("10.0.0.7")));
   EXPECT_TRUE(presenter->netbootEnabled());
   presenter->saveSettings();
   EXPECT_EQ(settings().readInt("PXE Enabled", 0), 1u);
-  EXPECT_EQ(settings().readInt("PXE Client Address", 0), parseDottedAddress("10.0.0.7"));
+  EXPECT_EQ(settings().readInt("PXE Client Address", 0), install::parseDottedAddress("10.0.0.7"));
 }
 
 TEST_F(PresenterTest, Command1027ShowsTheHelp) {
@@ -401,9 +401,9 @@ TEST_F(PresenterTest, CommandsThatNeedARouterDoNothingWithoutOne) {
 
 TEST_F(PresenterTest, ANewRouterGetsPreviousInstallAndTheRememberedDefaults) {
   settings().writeInt("Previous KeepConfig", 0);
-  settings().writeInt("Previous Address", parseDottedAddress("10.0.0.5"));
+  settings().writeInt("Previous Address", install::parseDottedAddress("10.0.0.5"));
   settings().writeInt("Previous NetMask", 24);
-  settings().writeInt("Previous Gateway", parseDottedAddress("10.0.0.1"));
+  settings().writeInt("Previous Gateway", install::parseDottedAddress("10.0.0.1"));
   settings().writeInt("Previous Baud", 9600);
   settings().writeInt("Previous Script", 1);
   settings().writeString("Previous ScriptFile", "C:\\conf.rsc");
@@ -421,13 +421,13 @@ TEST_F(PresenterTest, ANewRouterGetsPreviousInstallAndTheRememberedDefaults) {
   EXPECT_EQ(view.routerRows[0].mac, "02:00:00:00:00:01");
   EXPECT_EQ(view.routerRows[0].status, "Ready");
   EXPECT_EQ(view.routerRows[0].architecture, "arm64");
-  const RouterRecord& r = record(macOf(1));
+  const install::RouterRecord& r = record(macOf(1));
   EXPECT_EQ(r.setName, "Previous Install");
   EXPECT_EQ(r.packageDir, "/prev");
   EXPECT_EQ(r.files, (Names{"system.npk", "ppp.npk"}));
-  EXPECT_EQ(r.address, parseDottedAddress("10.0.0.5"));
+  EXPECT_EQ(r.address, install::parseDottedAddress("10.0.0.5"));
   EXPECT_EQ(r.netmaskBits, 24u);
-  EXPECT_EQ(r.gateway, parseDottedAddress("10.0.0.1"));
+  EXPECT_EQ(r.gateway, install::parseDottedAddress("10.0.0.1"));
   EXPECT_EQ(r.baudRate, 9600u);
   EXPECT_TRUE(r.scriptEnabled);
   EXPECT_EQ(r.scriptPath, "C:\\conf.rsc");
@@ -438,7 +438,7 @@ TEST_F(PresenterTest, ANewRouterGetsPreviousInstallAndTheRememberedDefaults) {
 
 TEST_F(PresenterTest, AProtectedRouterAppliesItsDefaultConfigWhenTheRememberedOneIsOff) {
   start();
-  RouterRecord protectedRouter = announced(1);
+  install::RouterRecord protectedRouter = announced(1);
   protectedRouter.unprotected = false;
   discover(protectedRouter);
   discover(announced(2));
@@ -480,8 +480,8 @@ TEST_F(PresenterTest, InstallingNewsUpdatesRowCaptionProgressAndDisablesInstall)
   start();
   discover(announced(1));
   selectRow(macOf(1));
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
-  workers.routers.sessions[macOf(1)] = {kStatusInstalling, 200, 50, "Transferring: system.npk"};
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {install::kStatusInstalling, 200, 50, "Transferring: system.npk"};
   view.enabled[kIdInstall] = true;
   presenter->onTimer();
   EXPECT_EQ(record(macOf(1)).progress, 50u);
@@ -497,8 +497,8 @@ TEST_F(PresenterTest, WaitingRebootWithRebootChoiceRebootsOnce) {
   start();
   discover(announced(1));
   selectRow(macOf(1));
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
-  workers.routers.sessions[macOf(1)] = {kStatusWaitingReboot, 100, 100, "Done"};
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {install::kStatusWaitingReboot, 100, 100, "Done"};
   presenter->onTimer();
   presenter->onTimer();
   EXPECT_EQ(workers.routers.calls, Names{"reboot"});
@@ -513,13 +513,13 @@ TEST_F(PresenterTest, TheWindowRebootsWhenTheWaitBeginsNotOnTheRoutersConfirmati
   start();
   discover(announced(1));
   selectRow(macOf(1));
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
-  workers.routers.sessions[macOf(1)] = {kStatusWaitingReboot, 100, 100, "Done", false};
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {install::kStatusWaitingReboot, 100, 100, "Done", false};
   presenter->onTimer();
   EXPECT_EQ(workers.routers.calls, Names{"reboot"});
   workers.routers.sessions[macOf(1)].confirmed = true;
   presenter->onTimer();
-  workers.routers.sessions[macOf(1)] = {kStatusDone, 100, 100, "Installation finished successfully", true};
+  workers.routers.sessions[macOf(1)] = {install::kStatusDone, 100, 100, "Installation finished successfully", true};
   presenter->onTimer();
   EXPECT_EQ(workers.routers.calls, Names{"reboot"});
   EXPECT_EQ(view.routerRows[0].status, "Done");
@@ -530,8 +530,8 @@ TEST_F(PresenterTest, WaitingRebootWithShutdownChoiceShutsDown) {
   discover(announced(1));
   selectRow(macOf(1));
   view.pick(kIdAutoReboot, "Shutdown after installation");
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
-  workers.routers.sessions[macOf(1)] = {kStatusWaitingReboot, 100, 100, "Done"};
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {install::kStatusWaitingReboot, 100, 100, "Done"};
   presenter->onTimer();
   EXPECT_EQ(workers.routers.calls, Names{"shutdown"});
 }
@@ -541,10 +541,10 @@ TEST_F(PresenterTest, WaitingRebootWithNoneEnablesShutdownAndReboot) {
   discover(announced(1));
   selectRow(macOf(1));
   view.pick(kIdAutoReboot, "None");
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
   view.enabled[kIdReboot] = false;
   view.enabled[kIdShutdown] = false;
-  workers.routers.sessions[macOf(1)] = {kStatusWaitingReboot, 100, 100, "Done"};
+  workers.routers.sessions[macOf(1)] = {install::kStatusWaitingReboot, 100, 100, "Done"};
   presenter->onTimer();
   EXPECT_TRUE(workers.routers.calls.empty());
   EXPECT_TRUE(view.isEnabled(kIdReboot));
@@ -557,21 +557,21 @@ TEST_F(PresenterTest, TheAutoRebootChoiceActsForTheSelectedRouterOnly) {
   discover(announced(1));
   discover(announced(2));
   selectRow(macOf(2));
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
-  workers.routers.sessions[macOf(1)] = {kStatusWaitingReboot, 100, 100, "Done"};
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {install::kStatusWaitingReboot, 100, 100, "Done"};
   presenter->onTimer();
   EXPECT_TRUE(workers.routers.calls.empty());
-  EXPECT_EQ(record(macOf(1)).status, kStatusWaitingReboot);
+  EXPECT_EQ(record(macOf(1)).status, install::kStatusWaitingReboot);
 }
 
 TEST_F(PresenterTest, DoneAndFailedNewsReachTheTableWithTheirImages) {
   start();
   discover(announced(1));
   discover(announced(2));
-  presenter->table().setStatus(macOf(1), kStatusWaitingReboot, 0, 0, "");
-  presenter->table().setStatus(macOf(2), kStatusInstalling, 0, 0, "");
-  workers.routers.sessions[macOf(1)] = {kStatusDone, 100, 100, "Installation finished successfully"};
-  workers.routers.sessions[macOf(2)] = {kStatusFailed, 100, 0, "Installation failed: bad router response"};
+  presenter->table().setStatus(macOf(1), install::kStatusWaitingReboot, 0, 0, "");
+  presenter->table().setStatus(macOf(2), install::kStatusInstalling, 0, 0, "");
+  workers.routers.sessions[macOf(1)] = {install::kStatusDone, 100, 100, "Installation finished successfully"};
+  workers.routers.sessions[macOf(2)] = {install::kStatusFailed, 100, 0, "Installation failed: bad router response"};
   presenter->onTimer();
   EXPECT_EQ(view.routerRows[rowOf(macOf(1))].status, "Done");
   EXPECT_EQ(view.routerRows[rowOf(macOf(1))].image, 1);
@@ -583,15 +583,15 @@ TEST_F(PresenterTest, DoneAndFailedNewsReachTheTableWithTheirImages) {
 TEST_F(PresenterTest, ASessionThatIsGoneHandsStatusZeroToTheTableAndTheRowStays) {
   start();
   discover(announced(1));
-  presenter->table().setStatus(macOf(1), kStatusInstalling, 0, 0, "");
+  presenter->table().setStatus(macOf(1), install::kStatusInstalling, 0, 0, "");
   presenter->onTimer();  // no session for it
   ASSERT_NE(presenter->table().find(macOf(1)), nullptr);
-  EXPECT_EQ(record(macOf(1)).status, kStatusNone);
+  EXPECT_EQ(record(macOf(1)).status, install::kStatusNone);
   ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "");
   // It is no longer polled; a fresh announcement replaces it as "Ready".
   discover(announced(1));
-  EXPECT_EQ(record(macOf(1)).status, kStatusReady);
+  EXPECT_EQ(record(macOf(1)).status, install::kStatusReady);
   EXPECT_EQ(view.routerRows[0].status, "Ready");
 }
 
@@ -610,7 +610,7 @@ TEST_F(PresenterTest, DrivesAreRowsWithPreviousInstallAndTheRememberedBaud) {
   EXPECT_EQ(view.routerRows[0].image, 3);
   EXPECT_EQ(view.routerRows[1].mac, "Removable media");
   EXPECT_EQ(view.routerRows[1].image, 4);
-  const RouterRecord& d = record(drive('D').mac);
+  const install::RouterRecord& d = record(drive('D').mac);
   EXPECT_EQ(d.baudRate, 115200u);
   EXPECT_EQ(d.setName, "Previous Install");
   EXPECT_EQ(d.files, Names{"system.npk"});
@@ -619,7 +619,7 @@ TEST_F(PresenterTest, DrivesAreRowsWithPreviousInstallAndTheRememberedBaud) {
 // The disk that would be erased: its size in the row's last column beside
 // the root path, and whole in the status bar once the row is chosen.
 TEST_F(PresenterTest, ADrivesDiskIsShownInItsRowAndOnceInTheStatusBar) {
-  RouterRecord stick = drive('E', 2);
+  install::RouterRecord stick = drive('E', 2);
   stick.driveDescription = "disk 1, 16.0 GB, SanDisk Cruzer Blade";
   stick.driveSize = "16.0 GB";
   workers.drives.drives = {stick, drive('D', 3)};
@@ -649,16 +649,16 @@ TEST_F(PresenterTest, ADrivesDiskIsShownInItsRowAndOnceInTheStatusBar) {
 TEST_F(PresenterTest, DriveNewsIsPolledAndADriveWithoutInstallationIsRemoved) {
   workers.drives.drives = {drive('E')};
   start();
-  MacAddress mac = drive('E').mac;
-  presenter->table().setStatus(mac, kStatusInstalling, 0, 0, "");
-  workers.drives.installs[mac] = {kStatusInstalling, 1000, 500, "Copying file: system.npk"};
+  net::MacAddress mac = drive('E').mac;
+  presenter->table().setStatus(mac, install::kStatusInstalling, 0, 0, "");
+  workers.drives.installs[mac] = {install::kStatusInstalling, 1000, 500, "Copying file: system.npk"};
   presenter->onTimer();
   EXPECT_EQ(record(mac).progress, 500u);
   ASSERT_FALSE(view.routerRows.empty());
   EXPECT_EQ(view.routerRows[0].status, "Installing");
   workers.drives.installs.erase(mac);
   presenter->onTimer();
-  EXPECT_EQ(workers.drives.cancelled, std::vector<MacAddress>{mac});
+  EXPECT_EQ(workers.drives.cancelled, std::vector<net::MacAddress>{mac});
 }
 
 // ---- edge cases of the fields ----------------------------------------------
@@ -685,7 +685,7 @@ TEST_F(PresenterTest, ANetmaskLengthOf40IsStoredAs32) {
   view.texts[kIdGateway] = "abc";
   check(kIdScript, false);
   EXPECT_EQ(record(macOf(1)).netmaskBits, 32u);
-  EXPECT_EQ(record(macOf(1)).address, parseDottedAddress("10.0.0.5"));
+  EXPECT_EQ(record(macOf(1)).address, install::parseDottedAddress("10.0.0.5"));
   EXPECT_EQ(record(macOf(1)).gateway, 0u);
   EXPECT_EQ(view.texts[kIdNetmask], "32");
 }
@@ -704,10 +704,10 @@ TEST_F(PresenterTest, ChangingTheSelectionTakesTheFieldsIntoTheRouterShown) {
   selectRow(macOf(2));
   EXPECT_EQ(view.posted, std::vector<uint32_t>{kRefreshCode});
   EXPECT_TRUE(log.contains("changing First\n"));
-  const RouterRecord& first = record(macOf(1));
-  EXPECT_EQ(first.address, parseDottedAddress("10.9.9.9"));
+  const install::RouterRecord& first = record(macOf(1));
+  EXPECT_EQ(first.address, install::parseDottedAddress("10.9.9.9"));
   EXPECT_EQ(first.netmaskBits, 32u);
-  EXPECT_EQ(first.gateway, parseDottedAddress("10.9.9.1"));
+  EXPECT_EQ(first.gateway, install::parseDottedAddress("10.9.9.1"));
   EXPECT_EQ(first.scriptPath, "C:\\a.rsc");
   EXPECT_EQ(first.modeScriptPath, "C:\\m.rsc");
   // The second router's own values are shown now.

@@ -44,20 +44,20 @@ TEST(SystemMainWorkersTest, AnswersAboutEnvironmentFilesAndFolders) {
 
 TEST(SystemMainWorkersTest, UnderWineNoLocalDrivesAreOffered) {
   tarnlift::testing::CapturedLog log;
-  std::unique_ptr<DriveInstaller> drives = SystemMainWorkers::defaultDriveInstaller(true);
+  std::unique_ptr<install::DriveInstaller> drives = SystemMainWorkers::defaultDriveInstaller(true);
   EXPECT_TRUE(drives->listDrives().empty());
   EXPECT_TRUE(log.contains("local drives: none under Wine\n"));
-  EXPECT_NE(dynamic_cast<NoDriveInstaller*>(drives.get()), nullptr);
-  std::unique_ptr<DriveInstaller> native = SystemMainWorkers::defaultDriveInstaller(false);
-  EXPECT_EQ(dynamic_cast<NoDriveInstaller*>(native.get()), nullptr);
+  EXPECT_NE(dynamic_cast<install::NoDriveInstaller*>(drives.get()), nullptr);
+  std::unique_ptr<install::DriveInstaller> native = SystemMainWorkers::defaultDriveInstaller(false);
+  EXPECT_EQ(dynamic_cast<install::NoDriveInstaller*>(native.get()), nullptr);
   // Without an injected holder the workers make the default for what the
   // presenter read from the environment, once, and keep it.
   SystemMainWorkers layered;
-  DriveInstaller& first = layered.makeDriveInstaller(true);
-  EXPECT_NE(dynamic_cast<NoDriveInstaller*>(&first), nullptr);
+  install::DriveInstaller& first = layered.makeDriveInstaller(true);
+  EXPECT_NE(dynamic_cast<install::NoDriveInstaller*>(&first), nullptr);
   EXPECT_EQ(&layered.makeDriveInstaller(false), &first);
   SystemMainWorkers plain;
-  EXPECT_EQ(dynamic_cast<NoDriveInstaller*>(&plain.makeDriveInstaller(false)), nullptr);
+  EXPECT_EQ(dynamic_cast<install::NoDriveInstaller*>(&plain.makeDriveInstaller(false)), nullptr);
 }
 
 }  // namespace

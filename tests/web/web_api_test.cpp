@@ -88,7 +88,7 @@ TEST_F(WebApiTest, OptionsAreCheckedAndABadValueNamesItsField) {
   EXPECT_EQ(o["gateway"], "10.0.0.1");
   EXPECT_EQ(o["baudRate"], 115200);
   EXPECT_EQ(o["after"], "none");
-  EXPECT_EQ(webDesk.afterFor(macOf(1)), AfterInstall::None);
+  EXPECT_EQ(webDesk.afterFor(macOf(1)), install::AfterInstall::None);
   struct Bad {
     const char* body;
     const char* field;
@@ -135,10 +135,10 @@ TEST_F(WebApiTest, InstallStartsTheSessionAndThenIsRefusedWhileInstalling) {
   ASSERT_EQ(r.status, 202) << r.body;
   EXPECT_EQ(parse(r)["status"], "Installing");
   ASSERT_EQ(routers.started.size(), 1u);
-  const RouterRecord& request = routers.started[0].first;
+  const install::RouterRecord& request = routers.started[0].first;
   ASSERT_EQ(request.files.size(), 2u);
   EXPECT_NE(request.files[0].find("system-6.41.npk"), std::string::npos) << "dependencies go first";
-  EXPECT_EQ(request.address, parseDottedAddress("10.0.0.9"));
+  EXPECT_EQ(request.address, install::parseDottedAddress("10.0.0.9"));
   EXPECT_EQ(request.netmaskBits, 24u);
   r = call("POST", path(1, "/install"));
   EXPECT_EQ(r.status, 409);
@@ -166,7 +166,7 @@ TEST_F(WebApiTest, InstallReadsTheRowsChoicesAsTheWindowsFieldsDo) {
   EXPECT_EQ(routers.started[0].first.address, 0u);
   EXPECT_EQ(routers.started[0].first.gateway, 0u);
   EXPECT_EQ(routers.started[0].first.netmaskBits, 32u);
-  EXPECT_EQ(parse(r)["warnings"], nlohmann::json::array({kAddressQuestion})) << r.body;
+  EXPECT_EQ(parse(r)["warnings"], nlohmann::json::array({install::kAddressQuestion})) << r.body;
 }
 
 TEST_F(WebApiTest, InstallWithoutPackagesIsRefused) {
@@ -540,11 +540,11 @@ TEST_F(WebApiTest, MetricsCountRowsInstallsAndBytes) {
   ASSERT_EQ(call("PUT", path(1, "/selection"), R"({"files": ["extra-6.41.npk"]})").status, 200);
   ASSERT_EQ(call("POST", path(1, "/install")).status, 202);
   // The session sends everything and the router waits for its reboot.
-  routers.sessions[macOf(1)] = {kStatusWaitingReboot, 3100, 3100, "Installation finished successfully"};
+  routers.sessions[macOf(1)] = {install::kStatusWaitingReboot, 3100, 3100, "Installation finished successfully"};
   clock.advanceMillis(250);
   desk.tick();
   webDesk.publishChanges();
-  routers.sessions[macOf(1)] = {kStatusDone, 3100, 3100, "Done"};
+  routers.sessions[macOf(1)] = {install::kStatusDone, 3100, 3100, "Done"};
   clock.advanceMillis(250);
   desk.tick();
   webDesk.publishChanges();

@@ -16,7 +16,7 @@
 
 namespace tarnlift::web::testing {
 
-inline MacAddress macOf(uint8_t last) { return {0x4C, 0x5E, 0x0C, 0x01, 0x02, last}; }
+inline net::MacAddress macOf(uint8_t last) { return {0x4C, 0x5E, 0x0C, 0x01, 0x02, last}; }
 
 class WebFixture : public ::testing::Test {
  protected:
@@ -25,9 +25,9 @@ class WebFixture : public ::testing::Test {
   tarnlift::testing::FakeRouterInstaller routers;
   tarnlift::testing::FakeDriveInstaller drives;
   packages::PackageSets sets;
-  RememberedChoices remembered;
+  install::RememberedChoices remembered;
   app::ManualClock clock{50'000'000};
-  InstallDesk desk{routers, drives, sets, remembered, clock};
+  install::InstallDesk desk{routers, drives, sets, remembered, clock};
   EventHub hub;
   WebDesk webDesk{desk, sets, remembered, nullptr, hub, clock};
   std::unique_ptr<WebApi> api;
@@ -47,7 +47,7 @@ class WebFixture : public ::testing::Test {
   }
 
   void announce(uint8_t last, const std::string& label = "R1") {
-    RouterRecord r;
+    install::RouterRecord r;
     r.mac = macOf(last);
     r.label = label;
     r.architecture = 6;  // arm
@@ -99,7 +99,7 @@ class WebFixture : public ::testing::Test {
 
   nlohmann::json parse(const HttpResponse& response) { return nlohmann::json::parse(response.body); }
   std::string path(uint8_t last, const std::string& tail = "") {
-    return "/api/v1/routers/" + macText(macOf(last)) + tail;
+    return "/api/v1/routers/" + install::macText(macOf(last)) + tail;
   }
 };
 

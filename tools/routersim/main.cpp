@@ -80,7 +80,7 @@ struct Pending {
 int main(int argc, char** argv) {
   std::string interfaceName;
   int count = 1;
-  MacAddress firstMac = {0x02, 0, 0, 0, 0, 0x01};
+  net::MacAddress firstMac = {0x02, 0, 0, 0, 0, 0x01};
   SimRouterConfig base;
   double loss = 0, dup = 0;
   int64_t delayMs = 0;
@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
     else if (option == "--count")
       count = static_cast<int>(number());
     else if (option == "--mac") {
-      if (!parseMac(value(), firstMac)) {
+      if (!net::parseMac(value(), firstMac)) {
         std::cerr << "routersim: bad MAC\n";
         return 2;
       }
@@ -246,7 +246,7 @@ int main(int argc, char** argv) {
   };
 
   std::vector<std::unique_ptr<SimRouter>> routers;
-  std::map<MacAddress, SimRouter*> byMac;
+  std::map<net::MacAddress, SimRouter*> byMac;
   for (int i = 0; i < count; ++i) {
     SimRouterConfig config = base;
     config.mac = firstMac;
@@ -304,8 +304,8 @@ int main(int argc, char** argv) {
       pending.pop();
       if (next.outgoing) {
         transmit(next.data.data(), next.data.size());
-      } else if (next.data.size() >= kHeaderSize) {
-        auto it = byMac.find(toMac(destinationMacOf(next.data.data())));
+      } else if (next.data.size() >= install::kHeaderSize) {
+        auto it = byMac.find(install::toMac(install::destinationMacOf(next.data.data())));
         if (it != byMac.end()) it->second->onDatagram(next.data.data(), next.data.size(), now);
       }
     }
@@ -328,9 +328,9 @@ int main(int argc, char** argv) {
           for (size_t offset = 0; offset < total; offset += piece) {
             const uint8_t* datagram = message + offset;
             size_t n = std::min(piece, total - offset);
-            if (n < kHeaderSize) continue;
-            if (byMac.count(toMac(sourceMacOf(datagram))) != 0) continue;  // our own broadcasts
-            auto it = byMac.find(toMac(destinationMacOf(datagram)));
+            if (n < install::kHeaderSize) continue;
+            if (byMac.count(install::toMac(install::sourceMacOf(datagram))) != 0) continue;  // our own broadcasts
+            auto it = byMac.find(install::toMac(install::destinationMacOf(datagram)));
             if (it == byMac.end()) continue;
             if (loss == 0 && dup == 0 && delayMs == 0) {
               it->second->onDatagram(datagram, n, at);
@@ -348,9 +348,10 @@ int main(int argc, char** argv) {
   bool unfinished = false;
   for (auto& router : routers) {
     std::cout << router->reportLine() << "\n";
-    for (const std::string& e : router->errors()) std::cerr << macText(router->config().mac) << ": " << e << "\n";
+    for (const std::string& e : router->errors())
+      std::cerr << install::macText(router->config().mac) << ": " << e << "\n";
     for (const ReceivedFile& f : router->files()) {
-      std::cerr << macText(router->config().mac) << ": received " << f.name << " " << f.size << " bytes\n";
+      std::cerr << install::macText(router->config().mac) << ": received " << f.name << " " << f.size << " bytes\n";
     }
     if (!router->errors().empty()) inconsistent = true;
     if (!router->finished()) unfinished = true;
@@ -379,7 +380,8 @@ int main(int argc, char** argv) {
           ++identical;
         } else {
           ++different;
-          std::cerr << macText(router->config().mac) << ": " << f.name << " differs from " << compareDir << "\n";
+          std::cerr << install::macText(router->config().mac) << ": " << f.name << " differs from " << compareDir
+                    << "\n";
         }
       }
     }

@@ -9,21 +9,21 @@ namespace tarnlift::routersim {
 namespace {
 constexpr uint64_t kFnvPrime = 1099511628211ull;
 
-std::vector<uint8_t> makeDatagram(const MacAddress& source, const MacAddress& destination, uint16_t seq, uint16_t ack,
-                                  const std::string& payload) {
-  uint8_t header[kHeaderSize] = {};
+std::vector<uint8_t> makeDatagram(const net::MacAddress& source, const net::MacAddress& destination, uint16_t seq,
+                                  uint16_t ack, const std::string& payload) {
+  uint8_t header[install::kHeaderSize] = {};
   std::memcpy(header, source.data(), 6);
   std::memcpy(header + 6, destination.data(), 6);
-  writeLe16(header + kPayloadLengthOffset, static_cast<uint16_t>(payload.size()));
-  writeLe16(header + kSequenceOffset, seq);
-  writeLe16(header + kAcknowledgementOffset, ack);
-  std::string bytes(reinterpret_cast<const char*>(header), kHeaderSize);
+  install::writeLe16(header + install::kPayloadLengthOffset, static_cast<uint16_t>(payload.size()));
+  install::writeLe16(header + install::kSequenceOffset, seq);
+  install::writeLe16(header + install::kAcknowledgementOffset, ack);
+  std::string bytes(reinterpret_cast<const char*>(header), install::kHeaderSize);
   bytes += payload;
   return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
-std::string dashedMac(const MacAddress& mac) {
-  std::string text = macText(mac);
+std::string dashedMac(const net::MacAddress& mac) {
+  std::string text = install::macText(mac);
   std::replace(text.begin(), text.end(), ':', '-');
   return text;
 }
@@ -52,10 +52,10 @@ void SimRouter::resend(int64_t nowMs) {
 }
 
 void SimRouter::announce(int64_t nowMs) {
-  std::string payload = "DSCV\n" + macText(config_.mac) + "\nsim\n" + config_.label + "\n" + config_.architecture +
-                        "\n" + config_.minVersion + "\n" + config_.version + "\n" + config_.branding + "\n" +
-                        std::to_string(config_.storage) + "\n";
-  std::vector<uint8_t> d = makeDatagram(config_.mac, MacAddress{}, 0, 0, payload);
+  std::string payload = "DSCV\n" + install::macText(config_.mac) + "\nsim\n" + config_.label + "\n" +
+                        config_.architecture + "\n" + config_.minVersion + "\n" + config_.version + "\n" +
+                        config_.branding + "\n" + std::to_string(config_.storage) + "\n";
+  std::vector<uint8_t> d = makeDatagram(config_.mac, net::MacAddress{}, 0, 0, payload);
   send_(d.data(), d.size());
   (void)nowMs;
 }
@@ -76,20 +76,21 @@ void SimRouter::closeFile() {
 
 void SimRouter::onDatagram(const uint8_t* datagram, size_t length, int64_t nowMs) {
   if (state_ == SimState::Finished || silent_) return;
-  if (length < kHeaderSize) return;
-  if (std::memcmp(destinationMacOf(datagram), config_.mac.data(), 6) != 0) return;
-  if (std::memcmp(sourceMacOf(datagram), config_.mac.data(), 6) == 0) return;
-  if (payloadLengthOf(datagram) != length - kHeaderSize) {
-    error("bad header: size " + std::to_string(length) + ", payload " + std::to_string(payloadLengthOf(datagram)));
+  if (length < install::kHeaderSize) return;
+  if (std::memcmp(install::destinationMacOf(datagram), config_.mac.data(), 6) != 0) return;
+  if (std::memcmp(install::sourceMacOf(datagram), config_.mac.data(), 6) == 0) return;
+  if (install::payloadLengthOf(datagram) != length - install::kHeaderSize) {
+    error("bad header: size " + std::to_string(length) + ", payload " +
+          std::to_string(install::payloadLengthOf(datagram)));
     return;
   }
-  const uint8_t* payload = datagram + kHeaderSize;
-  size_t payloadLength = length - kHeaderSize;
+  const uint8_t* payload = datagram + install::kHeaderSize;
+  size_t payloadLength = length - install::kHeaderSize;
   if (state_ == SimState::Announcing) {
-    if (!payloadHasTag(payload, payloadLength, "OFFR")) return;
-    server_ = toMac(sourceMacOf(datagram));
+    if (!install::payloadHasTag(payload, payloadLength, "OFFR")) return;
+    server_ = install::toMac(install::sourceMacOf(datagram));
     seq_ = 0;
-    ack_ = sequenceOf(datagram);
+    ack_ = install::sequenceOf(datagram);
     lastHeardMs_ = nowMs;
     ++offers_;
     offerText_.assign(reinterpret_cast<const char*>(payload), payloadLength);
@@ -109,13 +110,13 @@ void SimRouter::onDatagram(const uint8_t* datagram, size_t length, int64_t nowMs
     }
     return;
   }
-  if (std::memcmp(sourceMacOf(datagram), server_.data(), 6) != 0) return;
+  if (std::memcmp(install::sourceMacOf(datagram), server_.data(), 6) != 0) return;
   // Only the next datagram in order counts. A repeat or a duplicate is
   // dropped, and so is one that comes after a datagram lost on the way (a
   // "TERM" behind a lost "FILE\n"): the router repeats its request until the
   // awaited datagram itself arrives.
-  if (static_cast<uint16_t>(sequenceOf(datagram) - ack_) != 1) return;
-  ack_ = sequenceOf(datagram);
+  if (static_cast<uint16_t>(install::sequenceOf(datagram) - ack_) != 1) return;
+  ack_ = install::sequenceOf(datagram);
   lastHeardMs_ = nowMs;
   handle(payload, payloadLength, nowMs);
 }
@@ -144,7 +145,7 @@ void SimRouter::handle(const uint8_t* payload, size_t length, int64_t nowMs) {
       handleTransferAnswer(payload, length, nowMs);
       return;
     case SimState::AwaitTerm:
-      if (payloadHasTag(payload, length, "TERM")) {
+      if (install::payloadHasTag(payload, length, "TERM")) {
         termText_.assign(reinterpret_cast<const char*>(payload), length);
         finish("installed");
       } else {
@@ -201,7 +202,7 @@ void SimRouter::handleTransferAnswer(const uint8_t* payload, size_t length, int6
     files_.push_back(current_);
     closeFile();
   } else {
-    if (length > kChunkSize) error("chunk of " + std::to_string(length) + " bytes");
+    if (length > install::kChunkSize) error("chunk of " + std::to_string(length) + " bytes");
     if (currentBytes_ + length > current_.size) error("file " + current_.name + " longer than announced");
     currentBytes_ += length;
     bytes_ += length;
@@ -299,7 +300,7 @@ std::string SimRouter::reportLine() const {
   if (termText_.find("shutdown") != std::string::npos) term = "shutdown";
   uint64_t fileBytes = 0;
   for (const ReceivedFile& f : files_) fileBytes += f.size;
-  return macText(config_.mac) + "\t" + outcome_ + "\tfiles=" + std::to_string(files_.size()) +
+  return install::macText(config_.mac) + "\t" + outcome_ + "\tfiles=" + std::to_string(files_.size()) +
          "\tbytes=" + std::to_string(fileBytes) + "\toffers=" + std::to_string(offers_) + "\toffer=" + offerLines +
          "\tterm=" + term + "\terrors=" + std::to_string(errors_.size()) +
          "\ttransfer_ms=" + std::to_string(transferMs());

@@ -21,7 +21,7 @@
 namespace tarnlift::routersim {
 
 struct SimRouterConfig {
-  MacAddress mac{};
+  net::MacAddress mac{};
   std::string label = "SimRouter";
   std::string architecture = "arm";
   std::string minVersion = "6.40";
@@ -104,7 +104,7 @@ class SimRouter {
   SimRouterConfig config_;
   Sender send_;
   SimState state_ = SimState::Announcing;
-  MacAddress server_{};
+  net::MacAddress server_{};
   uint32_t seq_ = 0;
   uint32_t ack_ = 0;
   std::vector<uint8_t> last_;
