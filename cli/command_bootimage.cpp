@@ -11,8 +11,8 @@
 
 #include "cli/cli_options.h"
 #include "cli/command.h"
-#include "cli/json_output.h"
 #include "netboot/boot_images.h"
+#include "web/json_text.h"
 
 namespace tarnlift::cli {
 namespace {
@@ -113,7 +113,9 @@ int listJson() {
                        {"kind", recordKind(location.record, location.storedSize)},
                        {"use", use.use}});
   }
-  std::cout << jsonText({{"searchOrder", order}, {"records", records}, {"missing", missing}}) << std::endl;
+  std::cout << web::jsonText({{"searchOrder", order}, {"records", records}, {"missing", missing}},
+                             web::JsonCharacters::AsciiEscapes)
+            << std::endl;
   return kExitOk;
 }
 
@@ -143,8 +145,7 @@ int list(const BootImageArguments& a) {
     netboot::BootImage image;
     const bool valid = netboot::parseBootImageRecord(location.record, location.storedSize, image);
     std::cout << "  " << use.number << '\t' << (valid ? std::to_string(image.length) : std::string("-")) << " bytes\t"
-              << location.place << '\t' << recordKind(location.record, location.storedSize) << '\t' << use.use
-              << "\n";
+              << location.place << '\t' << recordKind(location.record, location.storedSize) << '\t' << use.use << "\n";
   }
   std::cout << "missing:";
   for (int number : missing) std::cout << ' ' << number;
@@ -155,7 +156,8 @@ int list(const BootImageArguments& a) {
 CommandRun defineBootImage(CLI::App& app) {
   auto arguments = std::make_shared<BootImageArguments>();
   app.require_subcommand(1, 1);
-  CLI::App* listAction = app.add_subcommand("list", "Show the search order, the records found and where, and the missing numbers.");
+  CLI::App* listAction =
+      app.add_subcommand("list", "Show the search order, the records found and where, and the missing numbers.");
   addValue(*listAction, "--boot-images", arguments->bootImages, "DIR",
            "Look in this folder instead of the per-user and system folders.");
   addSwitch(*listAction, "--json", arguments->json,

@@ -9,17 +9,17 @@
 #include <iostream>
 #include <memory>
 
+#include "app/log.h"
 #include "cli/cli_options.h"
 #include "cli/command.h"
-#include "cli/json_output.h"
-#include "app/log.h"
-#include "doctor/checks.h"
 #include "cli/firewall_rules.h"
+#include "doctor/checks.h"
 #include "doctor/probe.h"
 #include "install/headless.h"
-#include "netboot/boot_images.h"
 #include "install/install_command.h"
+#include "netboot/boot_images.h"
 #include "netboot/interfaces.h"
+#include "web/json_text.h"
 
 namespace tarnlift::cli {
 namespace {
@@ -77,7 +77,8 @@ int runDoctor(const DoctorArguments& a) {
   for (Finding& f : doctor::checkLocalDiskRoad()) findings.push_back(f);
   if (a.probe) {
     if (!served.found) {
-      findings.push_back({Level::Warn, "probe", "not sent: no interface for the client address", "fix the interface first"});
+      findings.push_back(
+          {Level::Warn, "probe", "not sent: no interface for the client address", "fix the interface first"});
     } else {
       std::vector<doctor::ProbeAnswer> answers;
       std::string why;
@@ -92,7 +93,8 @@ int runDoctor(const DoctorArguments& a) {
           shown = line;
         };
       }
-      bool sent = doctor::probeBootServers(served.name, served.address, served.mac, probeMillis, answers, why, progress);
+      bool sent =
+          doctor::probeBootServers(served.name, served.address, served.mac, probeMillis, answers, why, progress);
       if (live && !shown.empty()) std::cout << "\r\x1b[K" << std::flush;
       if (!sent) {
         findings.push_back({Level::Warn, "probe", "not sent (" + why + ")", "run doctor --probe as root"});
@@ -109,7 +111,7 @@ int runDoctor(const DoctorArguments& a) {
   if (a.json) {
     nlohmann::json array = nlohmann::json::array();
     for (const Finding& f : findings) array.push_back(findingJson(f));
-    std::cout << jsonText(array) << '\n';
+    std::cout << web::jsonText(array, web::JsonCharacters::AsciiEscapes) << '\n';
   } else {
     for (const Finding& f : findings) std::cout << doctor::findingLine(f) << '\n';
   }
@@ -128,8 +130,7 @@ CommandRun defineDoctor(CLI::App& app) {
   addValue(app, "--interface", a->interfaceName, "NAME",
            "Check only this network interface, as serve --interface NAME serves it (default: the first that "
            "reaches the client address).");
-  addValue(app, "--packages", a->packages, "DIR",
-           "The package folder to check (default: the current folder).");
+  addValue(app, "--packages", a->packages, "DIR", "The package folder to check (default: the current folder).");
   addValue(app, "--boot-images", a->bootImages, "DIR",
            "Check the boot image records of this folder (default: the per-user folder, then the system folder).");
   addSwitch(app, "--probe", a->probe,

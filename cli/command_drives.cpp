@@ -7,8 +7,8 @@
 
 #include "cli/cli_options.h"
 #include "cli/command.h"
-#include "cli/json_output.h"
 #include "localdisk/local_drives.h"
+#include "web/json_text.h"
 
 namespace tarnlift::cli {
 namespace {
@@ -26,7 +26,7 @@ int runDrives(bool json) {
                 << '\t' << row.driveDescription << '\n';
     }
   }
-  if (json) std::cout << jsonText(rows) << '\n';
+  if (json) std::cout << web::jsonText(rows, web::JsonCharacters::AsciiEscapes) << '\n';
   std::cout.flush();
   return kExitOk;
 }

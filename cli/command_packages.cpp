@@ -3,17 +3,17 @@
 // boxes with a router selected, and prints the rows, the selection and the
 // install order.
 #include <cstdlib>
-#include <memory>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "app/log.h"
 #include "cli/cli_options.h"
 #include "cli/command.h"
-#include "cli/json_output.h"
 #include "packages/package_catalogue.h"
 #include "packages/package_folder.h"
+#include "web/json_text.h"
 
 namespace tarnlift::cli {
 namespace {
@@ -38,7 +38,7 @@ void printJson(PackageCatalogue& catalogue, const std::vector<std::string>& sele
     document["selected"] = selection;
     document["order"] = catalogue.installOrder(selection);
   }
-  std::cout << jsonText(document) << std::endl;
+  std::cout << web::jsonText(document, web::JsonCharacters::AsciiEscapes) << std::endl;
 }
 
 void printList(const char* tag, const std::vector<std::string>& names) {
@@ -58,7 +58,8 @@ int runPackages(const PackagesArguments& arguments) {
   uint32_t architecture = 0;
   if (!arguments.arch.empty()) {
     uint64_t code = 0;
-    if (!parseUnsigned(arguments.arch, code, 0xFFFFFFFFu)) return usageError("bad architecture code '" + arguments.arch + "'");
+    if (!parseUnsigned(arguments.arch, code, 0xFFFFFFFFu))
+      return usageError("bad architecture code '" + arguments.arch + "'");
     architecture = static_cast<uint32_t>(code);
   }
   const std::vector<std::string>& ticks = arguments.ticks;
@@ -115,8 +116,9 @@ CommandRun definePackages(CLI::App& app) {
   return [arguments] { return runPackages(*arguments); };
 }
 
-const CliCommandRegistrar packagesCommand(
-    {"packages", "List a package folder, tick files, print the selection and install order.", &definePackages});
+const CliCommandRegistrar packagesCommand({"packages",
+                                           "List a package folder, tick files, print the selection and install order.",
+                                           &definePackages});
 
 }  // namespace
 }  // namespace tarnlift::cli

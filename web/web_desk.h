@@ -27,18 +27,13 @@
 #include "packages/package_catalogue.h"
 #include "packages/package_sets.h"
 #include "web/event_hub.h"
+#include "web/json_text.h"
 
 namespace tarnlift::app {
 class Registry;
 }
 
 namespace tarnlift::web {
-
-// JSON text; bytes that are not UTF-8 (a router's label comes from the
-// network) become U+FFFD instead of throwing.
-inline std::string jsonText(const nlohmann::json& value) {
-  return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
 
 // An answer of the API: the status and the JSON body.
 struct WebResult {
