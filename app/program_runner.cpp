@@ -4,6 +4,7 @@
 
 #include "app/failure.h"
 #include "app/log.h"
+#include "app/new_file.h"
 #include "app/sync.h"
 
 namespace tarnlift::app {
@@ -97,7 +98,11 @@ bool ProgramRunner::writeOut() {
       uint32_t(record[0]) | uint32_t(record[1]) << 8 | uint32_t(record[2]) << 16 | uint32_t(record[3]) << 24;
   if (length > storedSize - 4) fatalFailure("LoadResource");
   if (folder.empty()) return false;
-  if (!runner::writeProgramFile(path, record + 4, length)) {
+  // Created exclusively in our own folder, a link at the path never
+  // followed; a part-written program is never left behind to be run.
+  NewFileResult program = writeNewFile(path, record + 4, length, NewFileUse::Program);
+  if (!program.whole(length)) {
+    if (program.created) runner::deleteFile(path);
     runner::deleteFolder(folder);
     return false;
   }

@@ -91,10 +91,6 @@ std::string temporaryDirectory();
 // the user's temporary folder), with its trailing separator; empty when
 // none can be made. Nobody else can have put anything into it.
 std::string makePrivateFolder();
-// Writes bytes to path as a new executable file (created exclusively, a
-// link at path is never followed); false when it cannot be created or not
-// written whole, and then nothing is left at path.
-bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size);
 // Starts path with the arguments in the current directory, in a process
 // group (Linux) or job (Windows) of its own so that kill ends everything it
 // starts. Null on failure, with the system's error number in error.

@@ -55,22 +55,6 @@ std::string makePrivateFolder() {
   return pattern + "/";
 }
 
-bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0700);
-  if (fd < 0) return false;
-  size_t done = 0;
-  while (done < size) {
-    ssize_t written = ::write(fd, data + done, size - done);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) break;
-    done += static_cast<size_t>(written);
-  }
-  bool closed = ::close(fd) == 0;
-  if (done == size && closed) return true;
-  ::unlink(path.c_str());
-  return false;
-}
-
 ProgramRunner::ProcessPtr startProcess(const std::string& path, const std::string&,
                                        const std::vector<std::string>& arguments, uint32_t& error) {
   std::vector<std::string> words{path};

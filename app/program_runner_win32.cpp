@@ -76,22 +76,6 @@ std::string makePrivateFolder() {
   return {};
 }
 
-bool writeProgramFile(const std::string& path, const uint8_t* data, size_t size) {
-  HANDLE file = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return false;
-  size_t done = 0;
-  while (done < size) {
-    DWORD chunk = static_cast<DWORD>(size - done > 0x10000000 ? 0x10000000 : size - done);
-    DWORD written = 0;
-    if (!WriteFile(file, data + done, chunk, &written, nullptr) || written == 0) break;
-    done += written;
-  }
-  bool closed = CloseHandle(file) != 0;
-  if (done == size && closed) return true;
-  DeleteFileA(path.c_str());
-  return false;
-}
-
 ProgramRunner::ProcessPtr startProcess(const std::string& path, const std::string& commandLine,
                                        const std::vector<std::string>&, uint32_t& error) {
   char directory[MAX_PATH + 1] = {};

@@ -8,6 +8,7 @@
 
 #include "app/failure.h"
 #include "app/log.h"
+#include "app/new_file.h"
 
 namespace tarnlift::netboot {
 namespace {
@@ -221,12 +222,12 @@ BootImage loadBootImage(int number) {
 
 bool writeBootImage(const std::string& path, int number) {
   BootImage image = loadBootImage(number);
-  long long written = writeNewFile(path, image.data, image.length);
-  if (written < 0) {
+  app::NewFileResult written = app::writeNewFile(path, image.data, image.length, app::NewFileUse::Data);
+  if (!written.created) {
     std::cerr << "Cannot create file" << std::endl;
     return false;
   }
-  return written == static_cast<long long>(image.length);
+  return written.written == image.length;
 }
 
 }  // namespace tarnlift::netboot

@@ -106,9 +106,6 @@ class MappedFile {
 // Null when the file cannot be opened or mapped. An empty file maps to a
 // valid object of size 0.
 std::unique_ptr<MappedFile> mapFileReadOnly(const std::string& path);
-// Creates path only if it does not exist yet and writes the bytes. Returns
-// -1 when the file could not be created, else the number of bytes written.
-long long writeNewFile(const std::string& path, const uint8_t* data, size_t size);
 // The platform's own store searched first (Windows: the executable's
 // resources), or null; with its place as listed.
 BootImageStore* platformBootImageStore();

@@ -79,20 +79,6 @@ std::unique_ptr<MappedFile> mapFileReadOnly(const std::string& path) {
   return std::make_unique<PosixMappedFile>(address, size);
 }
 
-long long writeNewFile(const std::string& path, const uint8_t* data, size_t size) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) return -1;
-  size_t done = 0;
-  while (done < size) {
-    ssize_t written = ::write(fd, data + done, size - done);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) break;
-    done += static_cast<size_t>(written);
-  }
-  ::close(fd);
-  return static_cast<long long>(done);
-}
-
 BootImageStore* platformBootImageStore() { return nullptr; }
 std::string platformBootImagePlace() { return {}; }
 BootImageStore* placeholderBootImageStore() {

@@ -102,21 +102,6 @@ std::unique_ptr<MappedFile> mapFileReadOnly(const std::string& path) {
   return std::make_unique<Win32MappedFile>(mapping, view, static_cast<size_t>(size.QuadPart));
 }
 
-long long writeNewFile(const std::string& path, const uint8_t* data, size_t size) {
-  HANDLE file = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW,
-                            FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return -1;
-  size_t done = 0;
-  while (done < size) {
-    DWORD chunk = static_cast<DWORD>(size - done > 0x10000000 ? 0x10000000 : size - done);
-    DWORD written = 0;
-    if (!WriteFile(file, data + done, chunk, &written, nullptr) || written == 0) break;
-    done += written;
-  }
-  CloseHandle(file);
-  return static_cast<long long>(done);
-}
-
 BootImageStore* platformBootImageStore() {
   static ResourceStore store;
   return &store;
