@@ -90,15 +90,20 @@ std::string recordKind(const uint8_t* record, size_t storedSize) {
   return "image";
 }
 
-int listJson() {
-  nlohmann::json order = nlohmann::json::array();
-  for (const netboot::BootImageSource& source : netboot::bootImageSources()) {
-    order.push_back({{"place", source.place},
-                     {"folder", source.isDirectory},
-                     {"present", !source.isDirectory || netboot::directoryExists(source.place)}});
-  }
-  nlohmann::json records = nlohmann::json::array();
-  nlohmann::json missing = nlohmann::json::array();
+// A record found where the servers would find it, as both listings show it.
+struct FoundRecord {
+  int number = 0;
+  bool valid = false;  // its length field fits what is stored
+  uint32_t size = 0;
+  std::string place;
+  std::string kind;
+  std::string use;
+};
+
+// The records of every number the servers hand out, in the search order;
+// the numbers found nowhere go to `missing`.
+std::vector<FoundRecord> findRecords(std::vector<int>& missing) {
+  std::vector<FoundRecord> found;
   for (const netboot::BootImageUse& use : netboot::bootImageUses()) {
     netboot::BootImageLocation location;
     if (!netboot::locateBootImage(use.number, location)) {
@@ -106,12 +111,33 @@ int listJson() {
       continue;
     }
     netboot::BootImage image;
-    const bool valid = netboot::parseBootImageRecord(location.record, location.storedSize, image);
-    records.push_back({{"number", use.number},
-                       {"size", valid ? nlohmann::json(image.length) : nlohmann::json(nullptr)},
-                       {"place", location.place},
-                       {"kind", recordKind(location.record, location.storedSize)},
-                       {"use", use.use}});
+    FoundRecord record;
+    record.number = use.number;
+    record.valid = netboot::parseBootImageRecord(location.record, location.storedSize, image);
+    record.size = record.valid ? image.length : 0;
+    record.place = location.place;
+    record.kind = recordKind(location.record, location.storedSize);
+    record.use = use.use;
+    found.push_back(std::move(record));
+  }
+  return found;
+}
+
+int listJson() {
+  nlohmann::json order = nlohmann::json::array();
+  for (const netboot::BootImageSource& source : netboot::bootImageSources()) {
+    order.push_back({{"place", source.place},
+                     {"folder", source.isDirectory},
+                     {"present", !source.isDirectory || netboot::directoryExists(source.place)}});
+  }
+  std::vector<int> missing;
+  nlohmann::json records = nlohmann::json::array();
+  for (const FoundRecord& record : findRecords(missing)) {
+    records.push_back({{"number", record.number},
+                       {"size", record.valid ? nlohmann::json(record.size) : nlohmann::json(nullptr)},
+                       {"place", record.place},
+                       {"kind", record.kind},
+                       {"use", record.use}});
   }
   std::cout << web::jsonText({{"searchOrder", order}, {"records", records}, {"missing", missing}},
                              web::JsonCharacters::AsciiEscapes)
@@ -136,16 +162,9 @@ int list(const BootImageArguments& a) {
   }
   std::cout << "records:\n";
   std::vector<int> missing;
-  for (const netboot::BootImageUse& use : netboot::bootImageUses()) {
-    netboot::BootImageLocation location;
-    if (!netboot::locateBootImage(use.number, location)) {
-      missing.push_back(use.number);
-      continue;
-    }
-    netboot::BootImage image;
-    const bool valid = netboot::parseBootImageRecord(location.record, location.storedSize, image);
-    std::cout << "  " << use.number << '\t' << (valid ? std::to_string(image.length) : std::string("-")) << " bytes\t"
-              << location.place << '\t' << recordKind(location.record, location.storedSize) << '\t' << use.use << "\n";
+  for (const FoundRecord& record : findRecords(missing)) {
+    std::cout << "  " << record.number << '\t' << (record.valid ? std::to_string(record.size) : std::string("-"))
+              << " bytes\t" << record.place << '\t' << record.kind << '\t' << record.use << "\n";
   }
   std::cout << "missing:";
   for (int number : missing) std::cout << ' ' << number;
